@@ -1,0 +1,43 @@
+# Thin front door: every target is one or two commands that can be typed by hand.
+
+.DEFAULT_GOAL := help
+.PHONY: help setup run build test test-asan test-tsan bench lint format docs-graph clean
+
+ARGS ?=
+
+help: ## Show this list
+	@grep -hE '^[a-z-]+:.*## ' $(MAKEFILE_LIST) | sort | awk -F ':.*## ' '{printf "  make %-12s %s\n", $$1, $$2}'
+
+setup: ## Install what is missing to build (Debian, Ubuntu)
+	@tools/setup
+
+run: build ## Build and open the console; ARGS="..." goes to sonetrix-engine
+	@build/release/bin/sonetrix-engine $(ARGS)
+
+build: setup ## Build the release preset
+	@cmake --preset release --log-level=NOTICE
+	@cmake --build --preset release
+
+test: build ## Build and run all tests
+	@ctest --preset release
+
+test-asan test-tsan: test-%: setup
+	@cmake --preset $* --log-level=NOTICE
+	@cmake --build --preset $*
+	@ctest --preset $*
+test-asan: ## Run all tests with the address, leak and undefined-behaviour sanitizers
+test-tsan: ## Run all tests with the thread sanitizer
+
+bench: build ## Run the benchmarks
+	@cmake --build --preset release --target bench
+
+lint: build ## Check formatting, clang-tidy and the source rules
+	@tools/setup lint
+	@tools/lint
+
+format: ## Format all C and C++ sources in place
+	@tools/setup lint
+	@tools/lint --fix-format
+
+clean: ## Remove all build results
+	rm -rf build

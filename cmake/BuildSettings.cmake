@@ -1,0 +1,29 @@
+# Settings that hold for every target: standard, warnings, sanitizers, where results go.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+
+set(CMAKE_C_FLAGS_RELEASE "-O2 -DNDEBUG")
+set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
+
+add_compile_options(-Wall -Wextra -Wconversion -Wshadow -Werror -fno-plt)
+add_link_options(-Wl,--as-needed)
+
+if(SONETRIX_SANITIZE)
+    add_compile_options(-fsanitize=${SONETRIX_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=${SONETRIX_SANITIZE})
+else()
+    # Modules get their engine symbols from the process that loads them; a shared library must be complete.
+    string(APPEND CMAKE_SHARED_LINKER_FLAGS " -Wl,-z,defs")
+endif()
+
+find_package(Threads REQUIRED)

@@ -1,0 +1,82 @@
+# How tests are registered.
+
+find_package(GTest REQUIRED)
+include(GoogleTest)
+
+set(SONETRIX_TEST_TIMEOUT 120)
+set(_testEnvironment
+    SONETRIX_BUILD=${CMAKE_BINARY_DIR}
+    SONETRIX_SOURCE=${CMAKE_SOURCE_DIR}
+    SONETRIX_SANITIZE=${SONETRIX_SANITIZE}
+    PYTHONDONTWRITEBYTECODE=1)
+set(_pythonEnvironment PYTHONPATH=${CMAKE_SOURCE_DIR}/tests:${CMAKE_BINARY_DIR}/lib)
+if(SONETRIX_SANITIZE MATCHES address)
+    list(APPEND _testEnvironment
+        ASAN_OPTIONS=detect_leaks=1
+        LSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/lsan.supp:print_suppressions=0
+        UBSAN_OPTIONS=print_stacktrace=1)
+    set(_preloadedLibrary libasan.so)
+    math(EXPR SONETRIX_TEST_TIMEOUT "${SONETRIX_TEST_TIMEOUT} * 3")
+elseif(SONETRIX_SANITIZE MATCHES thread)
+    list(APPEND _testEnvironment
+        TSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/tsan.supp:ignore_noninstrumented_modules=1)
+    set(_preloadedLibrary libtsan.so)
+    math(EXPR SONETRIX_TEST_TIMEOUT "${SONETRIX_TEST_TIMEOUT} * 4")
+endif()
+if(_preloadedLibrary)
+    # The interpreter is not built with the sanitizer that our library needs: it has to come in first.
+    execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=${_preloadedLibrary}
+        OUTPUT_VARIABLE _preloadedLibrary OUTPUT_STRIP_TRAILING_WHITESPACE)
+    list(APPEND _pythonEnvironment LD_PRELOAD=${_preloadedLibrary})
+    if(SONETRIX_SANITIZE MATCHES address)
+        list(APPEND _pythonEnvironment PYTHONMALLOC=malloc)
+    endif()
+endif()
+
+# sonetrix_python_test(FILE): runs it with unittest. Lines "# ctest: ..." in the file's head set properties:
+# timeout=SECONDS (of a build without sanitizers), serial, labels=A,B.
+function(sonetrix_python_test file)
+    cmake_path(GET file STEM name)
+    cmake_path(GET file PARENT_PATH directory)
+    cmake_path(GET directory FILENAME folder)
+    set(labels ${folder})
+    set(timeout ${SONETRIX_TEST_TIMEOUT})
+    set(runSerial OFF)
+    file(STRINGS ${file} directives REGEX "^# ctest:")
+    string(REGEX REPLACE "# ctest:" "" directives "${directives}")
+    separate_arguments(directives UNIX_COMMAND "${directives}")
+    foreach(directive IN LISTS directives)
+        if(directive MATCHES "^timeout=([0-9]+)$")
+            math(EXPR timeout "${CMAKE_MATCH_1} * ${SONETRIX_TEST_TIMEOUT} / 120")
+        elseif(directive MATCHES "^labels=(.*)$")
+            string(REPLACE "," ";" extra "${CMAKE_MATCH_1}")
+            list(APPEND labels ${extra})
+        elseif(directive STREQUAL "serial")
+            set(runSerial ON)
+        else()
+            message(FATAL_ERROR "${file}: unknown directive '${directive}'")
+        endif()
+    endforeach()
+    string(REGEX REPLACE "^test_" "" name ${name})
+    add_test(NAME ${folder}.${name}
+        COMMAND ${SONETRIX_PYTHON_EXECUTABLE} -X faulthandler -m unittest ${file}
+        WORKING_DIRECTORY ${CMAKE_SOURCE_DIR})
+    set_tests_properties(${folder}.${name} PROPERTIES
+        TIMEOUT ${timeout} RUN_SERIAL ${runSerial} LABELS "${labels}"
+        ENVIRONMENT "${_testEnvironment};${_pythonEnvironment}")
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${file})
+endfunction()
+
+# sonetrix_cpp_tests(FOLDER LIBRARIES ... INCLUDES ...): one GoogleTest program of all .cpp files in the folder.
+function(sonetrix_cpp_tests folder)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LIBRARIES;INCLUDES")
+    file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${folder}/*.cpp)
+    if(NOT sources)
+        return()
+    endif()
+    add_executable(${folder}_tests ${sources})
+    target_include_directories(${folder}_tests PRIVATE ${arg_INCLUDES})
+    target_link_libraries(${folder}_tests PRIVATE ${arg_LIBRARIES} GTest::gmock GTest::gtest_main Threads::Threads)
+    gtest_discover_tests(${folder}_tests TEST_PREFIX ${folder}. DISCOVERY_TIMEOUT 60
+        PROPERTIES TIMEOUT ${SONETRIX_TEST_TIMEOUT} LABELS ${folder} ENVIRONMENT "${_testEnvironment}")
+endfunction()

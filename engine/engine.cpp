@@ -1,0 +1,210 @@
+#include "engine.h"
+
+#include "clock_driver.h"
+#include "engine_thread.h"
+#include "offline_driver.h"
+
+#include <cstdlib>
+#include <system_error>
+
+namespace sonetrix::dev {
+
+namespace {
+
+constexpr int longestOfflineRun = 10'000'000; // seconds; keeps all frame counts exact
+
+std::atomic<Engine *> currentEngine{nullptr};
+
+std::string objection(const Engine::Options &options) {
+    if (options.rate < 8000 || options.rate > 768000)
+        return "the frame rate must be from 8000 to 768000";
+    if (options.block < 16 || options.block > 8192)
+        return "the block must be from 16 to 8192 frames";
+    if (!(options.offlineSeconds >= 0 && options.offlineSeconds <= longestOfflineRun))
+        return "an offline run must be from 0 to " + std::to_string(longestOfflineRun) + " seconds long";
+    if (Engine::current() != nullptr)
+        return "the process has an engine already";
+    return {};
+}
+
+std::shared_ptr<SystemModule> makeSystem(const Engine::Options &options) {
+    std::unique_ptr<WavInput> input;
+    std::unique_ptr<WavRecorder> recorder;
+    if (!options.input.empty())
+        input = std::make_unique<WavInput>(options.input, options.rate);
+    if (!options.record.empty())
+        recorder = std::make_unique<WavRecorder>(options.record, options.rate);
+    const bool offline = options.offlineSeconds > 0;
+    if (input && !offline)
+        input->startThread();
+    if (recorder && !offline)
+        recorder->startThread();
+    return std::make_shared<SystemModule>(options.block, std::move(input), std::move(recorder), offline);
+}
+
+std::chrono::nanoseconds blockTime(const Engine::Options &options) {
+    return std::chrono::nanoseconds(std::chrono::seconds(options.block)) / options.rate;
+}
+
+template <class T> Parameter readOnly(const char *name, T read) {
+    return {name, [read] { return valueRecord(read()); }, nullptr};
+}
+
+Parameter logLevelParameter() {
+    const auto read = [] { return valueRecord(static_cast<int32_t>(sonetrix_log_GetLogLevel())); };
+    const auto write = [](const sonetrix_value_t &level) {
+        const bool isLevel = level.type == SONETRIX_VALUE_INT32 && level.as.int32 >= SONETRIX_LOG_TRACE &&
+                             level.as.int32 <= SONETRIX_LOG_FATAL;
+        if (isLevel)
+            sonetrix_log_SetLogLevel(static_cast<sonetrix_log_level_t>(level.as.int32));
+        return isLevel;
+    };
+    return {"log.level", read, write};
+}
+
+} // namespace
+
+Engine *Engine::current() noexcept { return currentEngine.load(std::memory_order_acquire); }
+
+std::unique_ptr<Engine> Engine::create(const Options &options, ListKeyValue startParameters, std::string &error) {
+    try {
+        error = objection(options);
+        if (!error.empty())
+            return nullptr;
+        std::unique_ptr<Engine> engine(new Engine(options, std::move(startParameters)));
+        Engine *none = nullptr;
+        if (!currentEngine.compare_exchange_strong(none, engine.get())) {
+            error = "the process has an engine already";
+            return nullptr;
+        }
+        static const int registered = std::atexit(finishAtExit);
+        if (registered != 0) {
+            error = "no room for an exit handler";
+            return nullptr;
+        }
+        return engine;
+    } catch (const std::exception &failure) {
+        error = failure.what();
+        return nullptr;
+    }
+}
+
+Engine::Engine(const Options &options, ListKeyValue startParameters)
+    : startParameters_(std::move(startParameters)),
+      system_(makeSystem(options)),
+      graph_(std::make_unique<Graph>(system_, options.rate, options.block, catalogue_, parameters_, plans_)),
+      audioPath_(std::make_unique<AudioPath>(system_, plans_)),
+      meters_(std::make_unique<Meters>(*graph_, *system_, options.rate, options.block)),
+      notifier_(std::make_unique<Notifier>(parameters_, blockTime(options))) {
+    if (options.offlineSeconds > 0) {
+        auto driver = std::make_unique<OfflineDriver>(options.rate, options.block, *audioPath_, options.offlineSeconds);
+        addOfflineParameters(*driver);
+        driver_ = std::move(driver);
+    } else {
+        driver_ = std::make_unique<ClockDriver>(options.rate, options.block, *audioPath_);
+    }
+    audioPath_->setObserver(meters_.get());
+    parameters_.setListener(notifier_.get());
+    addOwnParameters();
+}
+
+Engine::~Engine() {
+    join();
+    Engine *self = this;
+    currentEngine.compare_exchange_strong(self, nullptr);
+}
+
+void Engine::addOwnParameters() {
+    const Driver &driver = *driver_;
+    std::vector<Parameter> own;
+    own.push_back(readOnly("rate", [&driver] { return driver.rate(); }));
+    own.push_back(readOnly("block", [&driver] { return driver.block(); }));
+    own.push_back(readOnly("xruns", [&driver] { return driver.xruns(); }));
+    own.push_back(readOnly("input.missed", [this] { return system_->framesMissed(); }));
+    own.push_back(readOnly("record.dropped", [this] { return system_->framesDropped(); }));
+    own.push_back(readOnly("meters.dropped", [this] { return meters_->dropped(); }));
+    own.push_back(logLevelParameter());
+    parameters_.add("engine", std::move(own));
+}
+
+void Engine::addOfflineParameters(OfflineDriver &driver) {
+    const auto asked = std::make_shared<std::atomic<float>>(0.0F);
+    const auto read = [asked] { return valueRecord(asked->load()); };
+    const auto write = [this, &driver, asked](const sonetrix_value_t &seconds) {
+        if (seconds.type != SONETRIX_VALUE_FLOAT)
+            return false;
+        graph_->flush();
+        if (!driver.render(static_cast<double>(seconds.as.float32)))
+            return false;
+        asked->store(seconds.as.float32);
+        return true;
+    };
+    parameters_.add(
+        "engine", {readOnly("offline.left", [&driver] { return driver.secondsLeft(); }), {"offline.run", read, write}});
+}
+
+bool Engine::start(std::string &error) {
+    try {
+        running_ = true;
+        meters_->start();
+        notifier_->start();
+        timers_.start();
+        driver_->start();
+        stopThread_ = engineThread("sonetrix-stop", [this](const std::stop_token &) { stopThreadMain(); });
+        return true;
+    } catch (const std::system_error &failure) {
+        running_ = false;
+        error = std::string("cannot start the engine's threads: ") + failure.what();
+        return false;
+    }
+}
+
+void Engine::requestStop() noexcept {
+    stopRequested_ = true;
+    stopRequested_.notify_all();
+}
+
+void Engine::stopThreadMain() noexcept {
+    stopRequested_.wait(false);
+    running_ = false;
+    if (stopHook_)
+        stopHook_();
+    meters_->requestEnd();
+    notifier_->requestEnd();
+    timers_.requestEnd();
+    finishAudio();
+}
+
+void Engine::finishAudio() noexcept {
+    graph_->flush();
+    driver_->stop();
+    system_->close();
+}
+
+void Engine::finishAtExit() {
+    if (Engine *engine = current())
+        engine->finishAudio();
+}
+
+void Engine::join() {
+    requestStop();
+    if (stopThread_.joinable())
+        stopThread_.join();
+    running_ = false;
+    meters_->join();
+    notifier_->join();
+    timers_.join();
+    finishAudio();
+}
+
+void Engine::setExitCode(int32_t code) noexcept {
+    const std::lock_guard lock(exitCodeMutex_);
+    exitCode_ = code;
+}
+
+std::optional<int32_t> Engine::exitCode() const noexcept {
+    const std::lock_guard lock(exitCodeMutex_);
+    return exitCode_;
+}
+
+} // namespace sonetrix::dev

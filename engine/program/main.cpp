@@ -1,0 +1,122 @@
+#include "cli_module.h"
+#include "exit_status.h"
+#include "options.h"
+#include "start_code.h"
+#include "termination_signals.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <iostream>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace sonetrix::dev;
+
+namespace {
+
+int complain(int status, const std::string &what) {
+    std::cerr << "sonetrix-engine: " << what << '\n';
+    return status;
+}
+
+bool readable(const std::string &path) {
+    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0)
+        return false;
+    if (S_ISDIR(status.st_mode))
+        errno = EISDIR;
+    return !S_ISDIR(status.st_mode);
+}
+
+/// What the program has to have run in the module's `start`, in front of a "python.start" that was set by hand.
+void addStartCode(ProgramOptions &options) {
+    std::string text;
+    if (!options.scriptOnly() && ::isatty(STDIN_FILENO) != 0)
+        text += lineEditingCode();
+    if (options.code || options.script)
+        text += scriptRunCode({options.code, options.script, options.scriptArguments, options.scriptOnly()});
+    if (text.empty())
+        return;
+    const char *byHand = nullptr;
+    if (sonetrix_keyValueListGetS(&options.startParameters, "python.start", &byHand) == 0)
+        text += std::string("\n") + byHand;
+    options.startParameters.remove("python.start");
+    options.startParameters.add("python.start", text);
+}
+
+/// Runs the module on this thread. The status of what it ran.
+int32_t runModule(CliModule &module, bool scriptOnly, std::atomic<bool> &scriptRuns) {
+    scriptRuns = scriptOnly;
+    module.start();
+    scriptRuns = false;
+    if (scriptOnly)
+        return 0;
+    const bool console = ::isatty(STDIN_FILENO) != 0;
+    return module.run() == -1 && !console ? exitFailure : 0;
+}
+
+int runEngine(ProgramOptions options) {
+    std::string error;
+    CliModule module;
+    if (!module.load(options.module, error))
+        return complain(exitUnavailable, error);
+    addStartCode(options);
+    const auto engine = Engine::create(options.engine, std::move(options.startParameters), error);
+    if (engine == nullptr)
+        return complain(exitEngineFailure, error);
+
+    // Scripts are interrupted by Python's own SIGINT handler, which the interpreter installs over the default
+    // disposition only; unless the parameter says that SIGINT is the engine's.
+    uint32_t sigintMode = 1;
+    sonetrix_keyValueListGetIU(&engine->startParameters(), "python.sigint", &sigintMode);
+    const bool pythonInterrupts = options.scriptOnly() && sigintMode != 0;
+    if (pythonInterrupts)
+        std::signal(SIGINT, SIG_DFL);
+    std::atomic<bool> scriptRuns{false};
+    TerminationSignals signals(!pythonInterrupts, [&] { engine->requestStop(); });
+    engine->setStopHook([&, console = ::pthread_self()] {
+        module.stop();
+        if (pythonInterrupts && scriptRuns && signals.received())
+            ::pthread_kill(console, SIGINT);
+    });
+    if (!engine->start(error)) {
+        engine->join();
+        return complain(exitEngineFailure, error);
+    }
+    sonetrix_log(SONETRIX_LOG_INFO, __FILE__, __LINE__, 1, "running at %u frames per second, %u frames per block",
+        options.engine.rate, options.engine.block);
+
+    int status = exitUnavailable;
+    if (module.construct(engine->startParameters(), error)) {
+        status = runModule(module, options.scriptOnly(), scriptRuns);
+    } else {
+        complain(status, error);
+    }
+    // The module holds the interpreter's lock until it is destroyed, and engine threads may be waiting for it.
+    engine->requestStop();
+    module.destroy();
+    engine->join();
+    return engine->exitCode().value_or(status);
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    int status = 0;
+    auto options = readOptions(argc, argv, status);
+    if (!options)
+        return status;
+    if (options->script && !readable(*options->script))
+        return complain(exitNoInput, *options->script + ": " + std::strerror(errno)); // NOLINT(concurrency-mt-unsafe)
+    sonetrix_log_SetLogLevel(options->logLevel);
+    try {
+        return runEngine(std::move(*options));
+    } catch (const std::exception &error) {
+        return complain(exitEngineFailure, error.what());
+    }
+}

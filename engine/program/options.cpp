@@ -1,0 +1,109 @@
+#include "options.h"
+
+#include "exit_status.h"
+
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <iostream>
+#include <map>
+
+namespace sonetrix::dev {
+
+namespace {
+
+constexpr const char *description = "Runs the development audio engine with a Python console.\n\n"
+                                    "With SCRIPT or -c the engine stops when they have run; otherwise a console opens, "
+                                    "or what standard input holds is\n"
+                                    "run as one script when that is no terminal.\n";
+
+constexpr const char *footer =
+    "Start parameters (--set): a whole number becomes int32, or uint32 where only that holds it; a number with a\n"
+    "point float; anything else a string. KEY:TYPE=VALUE names the type: uint32, int32, float, double or string.\n"
+    "\nExit status: the code that a script gave to exit(); else 0, or 1 when a script failed (130 when it was\n"
+    "interrupted); 64 wrong options; 66 SCRIPT cannot be read; 69 the scripting module cannot be loaded;\n"
+    "70 the engine cannot start; 128 and the signal's number after a second SIGTERM.";
+
+class HelpFormatter : public CLI::Formatter {
+public:
+    std::string make_usage(const CLI::App *, std::string) const override {
+        return "Usage: sonetrix-engine [OPTIONS] [SCRIPT [ARGUMENT...]]\n";
+    }
+};
+
+std::filesystem::path moduleBesideProgram() {
+    std::error_code error;
+    const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+    return program.parent_path().parent_path() / "lib" / "sonetrix.so";
+}
+
+const std::map<std::string, sonetrix_log_level_t> levelNames{{"trace", SONETRIX_LOG_TRACE},
+    {"debug", SONETRIX_LOG_DEBUG}, {"info", SONETRIX_LOG_INFO}, {"warn", SONETRIX_LOG_WARN},
+    {"error", SONETRIX_LOG_ERROR}, {"fatal", SONETRIX_LOG_FATAL}};
+
+/// The first word that is no option is the script; what follows is the script's own.
+void takeScript(std::vector<std::string> words, ProgramOptions &options) {
+    const bool separated = !words.empty() && words.front() == "--";
+    if (separated)
+        words.erase(words.begin());
+    if (words.empty())
+        return;
+    if (!separated && words.front().starts_with('-'))
+        throw CLI::ExtrasError({words.front()});
+    options.script = words.front();
+    options.scriptArguments.assign(words.begin() + 1, words.end());
+}
+
+int usageError(const char *what) {
+    std::cerr << "sonetrix-engine: " << what << "; see --help\n";
+    return exitUsage;
+}
+
+} // namespace
+
+std::optional<ProgramOptions> readOptions(int argc, char **argv, int &exitStatus) {
+    ProgramOptions options;
+    options.module = moduleBesideProgram();
+    std::vector<std::string> settings;
+
+    CLI::App app(description, "sonetrix-engine");
+    app.formatter(std::make_shared<HelpFormatter>());
+    app.footer(footer);
+    app.prefix_command();
+    app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    app.set_version_flag("--version", "sonetrix-engine " SONETRIX_VERSION);
+    app.add_option("-c", options.code, "Python text to run before SCRIPT")->type_name("CODE");
+    app.add_flag("-i,--interactive", options.interactive, "Open the console after SCRIPT or -c");
+    app.add_option("--set", settings, "Start parameter, repeatable")
+        ->type_name("KEY=VALUE")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    app.add_option("--rate", options.engine.rate, "Frames per second")->type_name("HZ")->capture_default_str();
+    app.add_option("--block", options.engine.block, "Frames per block")->type_name("FRAMES")->capture_default_str();
+    app.add_option("--input", options.engine.input, "Sound file to play into the capture ports")->type_name("FILE");
+    app.add_option("--record", options.engine.record, "Sound file for what the playback ports play")->type_name("FILE");
+    app.add_option("--offline", options.engine.offlineSeconds, "Render that long, as fast as possible")
+        ->type_name("SECONDS")
+        ->check(CLI::PositiveNumber);
+    app.add_option("--log-level", options.logLevel, "trace, debug, info, warn, error, fatal or its number (warn)")
+        ->type_name("LEVEL")
+        ->transform(CLI::CheckedTransformer(levelNames, CLI::ignore_case).description(""));
+    app.add_option("--module", options.module, "The scripting module (../lib/sonetrix.so from the program)")
+        ->type_name("PATH");
+    try {
+        app.parse(argc, argv);
+        takeScript(app.remaining(), options);
+        for (const std::string &setting : settings)
+            addStartParameter(options.startParameters, setting);
+        return options;
+    } catch (const CLI::Success &helpOrVersion) {
+        exitStatus = app.exit(helpOrVersion);
+    } catch (const CLI::ParseError &error) {
+        exitStatus = usageError(error.what());
+    } catch (const std::invalid_argument &error) {
+        exitStatus = usageError(error.what());
+    }
+    return std::nullopt;
+}
+
+} // namespace sonetrix::dev

@@ -1,0 +1,178 @@
+#include "callback_bridge.h"
+
+#include "key_cache.h"
+#include "list_key_value.h"
+#include "log.h"
+#include "python/version.h"
+
+namespace sonetrix {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// How long the interpreter's end waits for a callable that is running on an engine thread.
+constexpr std::chrono::milliseconds lastCallLimit = 5s;
+
+Name signatureName("signature");
+Name parametersName("parameters");
+
+// All registrations, oldest first; guarded by the interpreter lock.
+CallbackObject *oldest = nullptr;
+CallbackObject *newest = nullptr;
+bool ending = false;
+
+void link(CallbackObject &object) noexcept {
+    object.previous = newest;
+    (newest == nullptr ? oldest : newest->next) = &object;
+    newest = &object;
+}
+
+void unlink(CallbackObject &object) noexcept {
+    (object.previous == nullptr ? oldest : object.previous->next) = object.next;
+    (object.next == nullptr ? newest : object.next->previous) = object.previous;
+    object.previous = nullptr;
+    object.next = nullptr;
+}
+
+CallbackObject &self(PyObject *object) noexcept { return *reinterpret_cast<CallbackObject *>(object); }
+
+// Ends the registration, if there is one. The object leaves the list before the lock is given up, so that two threads
+// cannot both end it.
+void unregister(CallbackObject &object) noexcept {
+    void *handle = std::exchange(object.handle, nullptr);
+    if (handle == nullptr) {
+        return;
+    }
+    unlink(object);
+    if (sonetrix_engine_t *engine = engineHandle()) {
+        unlocked([&] { object.kind->remove(engine, handle); });
+    }
+}
+
+// Runs before the garbage collector clears anything of a cycle: whatever the callable uses is still whole then.
+void finalize(PyObject *object) noexcept {
+    const Ref raised = version::takeRaised(); // a finalizer may run while an exception is on its way
+    unregister(self(object));
+    if (raised) {
+        version::setRaised(raised);
+    }
+}
+
+int traverse(PyObject *object, visitproc visit, void *arg) noexcept {
+    Py_VISIT(Py_TYPE(object));
+    Py_VISIT(self(object).callback);
+    return 0;
+}
+
+int clear(PyObject *object) noexcept {
+    unregister(self(object)); // a subclass may have replaced the finalizer
+    Ref::steal(std::exchange(self(object).callback, nullptr));
+    return 0;
+}
+
+void deallocate(PyObject *object) noexcept {
+    if (PyObject_CallFinalizerFromDealloc(object) < 0) {
+        return; // brought back to life
+    }
+    PyObject_GC_UnTrack(object);
+    clear(object);
+    PyTypeObject *type = Py_TYPE(object);
+    type->tp_free(object);
+    Ref::steal(reinterpret_cast<PyObject *>(type));
+}
+
+} // namespace
+
+namespace detail {
+
+CallbackObject &allocateCallback(Ref &object, PyTypeObject *type, const CallbackKind &kind, PyObject *callback) {
+    if (ending) {
+        raise(PyExc_RuntimeError, "the interpreter is ending");
+    }
+    object = checked(type->tp_alloc(type, 0)); // zeroed
+    CallbackObject &created = self(object.get());
+    created.kind = &kind;
+    created.callback = Py_NewRef(callback);
+    return created;
+}
+
+void registered(CallbackObject &object, void *handle) noexcept {
+    object.handle = handle;
+    if (handle != nullptr) {
+        link(object);
+    }
+}
+
+} // namespace detail
+
+Ref addCallbackClass(PyObject *module, const char *name, const char *doc, newfunc construct) {
+    Ref type = newClass<CallbackObject>(module, name, Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC,
+        {slot(Py_tp_doc, doc), slot(Py_tp_new, construct), slot(Py_tp_finalize, finalize),
+            slot(Py_tp_traverse, traverse), slot(Py_tp_clear, clear), slot(Py_tp_dealloc, deallocate)});
+    checked(PyModule_AddType(module, asType(type)));
+    return type;
+}
+
+void requireRegistered(const Ref &object) {
+    if (self(object.get()).handle == nullptr) {
+        raise(PyExc_MemoryError);
+    }
+}
+
+void requireOneParameter(PyObject *callback) {
+    Ref signature = call(moduleGlobal(signatureName).get(), callback);
+    Ref parameters = attribute(signature.get(), parametersName);
+    const Py_ssize_t count = PyObject_Size(parameters.get());
+    if (count < 0) {
+        throw PythonError();
+    }
+    if (count != 1) {
+        raise(PyExc_ValueError, "The callback must have only one parameter");
+    }
+}
+
+void notify(const Notification &notification, sonetrix_cListKeyValue_t *list, void *user) noexcept {
+    const EngineThreadEntry entry(EngineThreadEntry::LockOrder::check);
+    if (entry.heldAlready()) {
+        sonetrix_log_LogString(SONETRIX_LOG_ERROR, "python", 0, 1, notification.lockOrderError);
+        return;
+    }
+    if (!entry) {
+        return;
+    }
+    const Ref callable = Ref::borrow(static_cast<PyObject *>(user));
+    try {
+        Ref dict;
+        try {
+            dict = toDict(list);
+        } catch (...) {
+            translateException();
+            reportUnraisable(notification.reportName);
+            dict = checked(PyDict_New());
+        }
+        const Ref result = Ref::steal(PyObject_CallOneArg(callable.get(), dict.get()));
+        if (!result) {
+            PyErr_Clear();
+            logFromBridge(SONETRIX_LOG_WARN, notification.failure);
+        }
+    } catch (...) {
+        translateException();
+        reportUnraisable(notification.reportName);
+    }
+}
+
+bool endCallbacks() noexcept {
+    if (interpreterGate().isClosed()) {
+        return true;
+    }
+    ending = true;
+    while (oldest != nullptr) {
+        const Ref object = Ref::borrow(reinterpret_cast<PyObject *>(oldest));
+        unregister(self(object.get()));
+    }
+    dropKeyCache();
+    return unlocked([] { return interpreterGate().close(lastCallLimit); });
+}
+
+} // namespace sonetrix

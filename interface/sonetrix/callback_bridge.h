@@ -1,0 +1,82 @@
+// Engine threads -> Python callables: what notifyChanges, notifyMeters and timeout share.
+//
+//   life       An object of these classes owns a callable and one registration with the engine. The registration ends
+//              when the object is finalized, deallocated, or still there when the interpreter ends, whichever comes
+//              first; always before the callable is let go. So the callable, which is the engine's user pointer, lives
+//              as long as the engine may call.
+//   a call     An engine thread passes the gate, is refused if it holds the interpreter lock already (notifications), takes
+//              the lock, takes a reference to the callable of its own (the callable may drop its object), and calls.
+//              Errors end in the engine's log.
+//   the engine is called with the interpreter lock released, registration and removal included: removal waits for a
+//              call in progress, and that call needs the lock.
+//   the end    endCallbacks(): no new registrations; those alive are removed in the order in which they were made; the
+//              gate is closed, and whoever is inside is waited for.
+#pragma once
+
+#include "clear.h"
+#include "module.h"
+#include "python/gate.h"
+#include "python/gil.h"
+#include "python/types.h"
+
+namespace sonetrix {
+
+// What the three classes differ in, for the shared code.
+struct CallbackKind {
+    void (*remove)(sonetrix_engine_t *engine, void *handle);
+};
+
+struct CallbackObject {
+    PyObject_HEAD
+    const CallbackKind *kind;
+    PyObject *callback; // owned
+    void *handle;       // the engine's; null when not registered
+    // The neighbours in the list of all registrations, in the order in which they were made.
+    CallbackObject *previous;
+    CallbackObject *next;
+};
+
+// A new object of the class that owns `callback` and what `registerCallback(engine)`, called with the interpreter lock
+// released, returns. A null from the engine is left to the caller.
+template <class Register>
+Ref newCallback(PyTypeObject *type,
+    const CallbackKind &kind,
+    PyObject *callback,
+    sonetrix_engine_t *engine,
+    Register &&registerCallback);
+
+// MemoryError when the engine refused the registration.
+void requireRegistered(const Ref &object);
+
+// Makes one of the three classes and binds it in the module.
+Ref addCallbackClass(PyObject *module, const char *name, const char *doc, newfunc construct);
+
+// The trampoline's part of a notification: `list` as a dict, given to the callable `user`.
+struct Notification {
+    const char *lockOrderError;
+    const char *failure;
+    const char *reportName;
+};
+void notify(const Notification &notification, sonetrix_cListKeyValue_t *list, void *user) noexcept;
+
+// Refuses a callable that does not take exactly one parameter.
+void requireOneParameter(PyObject *callback);
+
+namespace detail {
+CallbackObject &allocateCallback(Ref &object, PyTypeObject *type, const CallbackKind &kind, PyObject *callback);
+void registered(CallbackObject &object, void *handle) noexcept;
+} // namespace detail
+
+template <class Register>
+Ref newCallback(PyTypeObject *type,
+    const CallbackKind &kind,
+    PyObject *callback,
+    sonetrix_engine_t *engine,
+    Register &&registerCallback) {
+    Ref object;
+    CallbackObject &created = detail::allocateCallback(object, type, kind, callback);
+    detail::registered(created, unlocked([&] { return registerCallback(engine); }));
+    return object;
+}
+
+} // namespace sonetrix

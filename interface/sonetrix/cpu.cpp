@@ -1,0 +1,78 @@
+// cpu(): a live line of the engine's processing load.
+
+#include "monitor.h"
+
+#include <array>
+
+namespace sonetrix {
+
+namespace {
+
+Name cpuInfoName("cpuInfo");
+
+constexpr double measurementAllowance = 0.00017; // seconds
+constexpr double millisecond = 0.001;
+
+// engine.cpuInfo(), unpacked into exactly six.
+std::array<Ref, 6> cpuFigures() {
+    std::array<Ref, 6> figures;
+    Ref sequence = checked(PySequence_Fast(callEngine(cpuInfoName).get(), "cannot unpack non-iterable object"));
+    const Py_ssize_t count = PySequence_Fast_GET_SIZE(sequence.get());
+    if (count > 6) {
+        raise(PyExc_ValueError, "too many values to unpack (expected 6)");
+    }
+    if (count < 6) {
+        raiseFormat(PyExc_ValueError, "need more than %zd value%.1s to unpack", count, count == 1 ? "" : "s");
+    }
+    for (std::size_t index = 0; index < figures.size(); ++index) {
+        figures[index] = Ref::borrow(PySequence_Fast_GET_ITEM(sequence.get(), static_cast<Py_ssize_t>(index)));
+    }
+    return figures;
+}
+
+// Keeps the higher of the two.
+void hold(Ref &held, const Ref &current) {
+    if (checked(PyObject_RichCompareBool(current.get(), held.get(), Py_GT)) != 0) {
+        held = current;
+    }
+}
+
+Ref cpu(Arguments arguments) {
+    const bool holding = checked(PyObject_IsTrue(arguments.get(0, Py_False))) != 0;
+    HiddenCursor cursor;
+    Ref meanHeld = checked(PyLong_FromLong(0));
+    Ref peakHeld = meanHeld;
+    whileRunning([&] {
+        const auto [mean, peakMean, timeUsage, timeUsagePeak, maxCpuTime, maxCpuTimeErr] = cpuFigures();
+        const double longest = toDouble(maxCpuTime.get());
+        const double error = longest > 0 ? measurementAllowance / longest * 100 : 0;
+        if (holding) {
+            hold(meanHeld, mean);
+            hold(peakHeld, peakMean);
+        }
+        const auto milliseconds = [](const Ref &seconds) {
+            return formatted(toDouble(seconds.get()) / millisecond, "9.4f");
+        };
+        Ref text = checked(PyUnicode_FromFormat("%U%% (%Ums) %U%% (%Ums) [err: %U%% maxtime: %Ums]    ",
+            formatted((holding ? meanHeld : mean).get(), "5.1f").get(), milliseconds(timeUsage).get(),
+            formatted((holding ? peakHeld : peakMean).get(), "5.1f").get(), milliseconds(timeUsagePeak).get(),
+            formatted(error, "4.1f").get(), milliseconds(maxCpuTime).get()));
+        text = cut(text, terminalSize().columns);
+        print(checked(PyUnicode_FromFormat("\r%U", text.get())).get(), "");
+    });
+    cursor.show();
+    return none();
+}
+
+constexpr Method functions[] = {
+    {"cpu", "(hold=False)",
+        "This methods make use of the \"cpuInfo\" method of the engine class to print the realtime usage\n"
+        "    of CPU for processing operations.\n",
+        function<cpu>},
+};
+
+} // namespace
+
+void addCpu(PyObject *module) { addFunctions(module, functions); }
+
+} // namespace sonetrix

@@ -1,0 +1,331 @@
+// engine: the processing graph as a Graphviz file.
+
+#include "engine.h"
+#include "python/version.h"
+
+#include <algorithm>
+#include <string>
+
+namespace sonetrix {
+
+namespace {
+
+Name hasDriverName("hasDriver");
+Name getModuleInfosName("getModuleInfos");
+Name writeLinesName("_writeLinesWithHeader");
+Name openName("open");
+Name writeName("write");
+Name closeName("close");
+Name decodeName("decode");
+Name basenameName("basename");
+Name pathName("path");
+Name utf8Name("utf-8");
+Name writeModeName("w");
+Name newlineName("\n");
+Name indentName("  ");
+Name nameKey("name");
+Name typeKey("type");
+Name libraryKey("library");
+Name configurationKey("configuration");
+Name sinkKey("sink");
+Name sourceKey("src");
+Name linkKey("link");
+
+// ------------------------------------------------------------------------------------------------------- templates
+
+constexpr const char *fileHeader =
+    "digraph pipeline {\n"
+    "  layout=\"dot\";\n"
+    "  charset=\"UTF-8\";\n"
+    "  rankdir=\"LR\";\n"
+    "  fontname=\"DejaVu Sans\";\n"
+    "  fontsize=\"10\";\n"
+    "  labelloc=\"t\";\n"
+    "  sep=.2;\n"
+    "  esep=.1;\n"
+    "  ranksep=.2;\n"
+    "  nodesep=0.2;\n"
+    "  splines=line;   // line, spline, polyline  (curved is slow, ortho is bugged)\n"
+    "  compound=true;\n"
+    "  node [style=\"filled,rounded\", shape=box, fontsize=\"9\", fontname=\"DejaVu Sans\", margin=\"0.0,0.0\"];\n"
+    "  edge [labelfontsize=\"6\", fontsize=\"9\", fontname=\"monospace\"];\n";
+constexpr const char *clusterHeader = // module name, label, colour
+    "subgraph cluster_m_%s {\n"
+    "  fontsize=\"8\";\n"
+    "  style=\"filled,rounded\";\n"
+    "  color=black;\n"
+    "  label=\"%U\";\n"
+    "  fillcolor=\"%s\";\n";
+constexpr const char *nodeHeader = // module name, colour
+    "m_%s [\n"
+    "  shape=plain,\n"
+    "  fillcolor=\"%s\",\n"
+    "  label=<\n"
+    "        <TABLE BORDER=\"0\" CELLBORDER=\"0\" CELLSPACING=\"8\" ALIGN=\"left\">";
+constexpr const char *rowStart = "<TR>";
+constexpr const char *sinkCell = "<TD BGCOLOR=\"#aaaaff\" CELLPADDING=\"5\" PORT=\"sink_%zd\">%U</TD>";
+constexpr const char *sourceCell = "<TD BGCOLOR=\"#ffaaaa\" CELLPADDING=\"5\" PORT=\"src_%zd\">%U</TD>";
+constexpr const char *rowEnd = "</TR>";
+constexpr const char *nodeFooter = "</TABLE> >];";
+constexpr const char *footer = "}";
+// Both ends of an edge: module, its node's suffix, port.
+constexpr const char *layoutEdge = "m_%zd_%s:src_%zd -> m_%zd_%s:sink_%zd [style=\"invis\", splines=none];";
+constexpr const char *linkEdge = "m_%zd_%s:src_%zd -> m_%zd_%s:sink_%zd [style=\"filled\", arrowtail=\"normal\"];";
+
+constexpr const char *moduleColour = "#aaffaa";
+constexpr const char *driverColour = "#aaffff";
+
+// --------------------------------------------------------------------------------------------------------- writing
+
+// A text file that is closed whatever happens.
+class TextFile {
+public:
+    explicit TextFile(PyObject *filename)
+        : file_(call(moduleGlobal(openName).get(), filename, writeModeName.get())) {}
+    ~TextFile() {
+        if (!file_) {
+            return;
+        }
+        Ref raised = version::takeRaised();
+        Ref::steal(PyObject_CallMethodNoArgs(file_.get(), closeName.get()));
+        PyErr_Clear(); // the exception on its way is the one that matters
+        version::setRaised(std::move(raised));
+    }
+    TextFile(const TextFile &) = delete;
+    TextFile &operator=(const TextFile &) = delete;
+
+    PyObject *get() const noexcept { return file_.get(); }
+    void close() {
+        const Ref file = std::move(file_);
+        callMethod(file.get(), closeName);
+    }
+
+private:
+    Ref file_;
+};
+
+Ref writeLinesWithHeader(Arguments arguments) {
+    PyObject *file = arguments[0];
+    PyObject *lines = arguments[1];
+    PyObject *lineHeaderCount = arguments[2];
+    requireStr("lines", lines);
+    if (!PyLong_CheckExact(lineHeaderCount)) {
+        raiseArgumentType("lineHeaderCount", "int", lineHeaderCount);
+    }
+    Ref header = checked(PyNumber_Multiply(indentName.get(), lineHeaderCount));
+    Ref pieces = checked(PyUnicode_Split(lines, newlineName.get(), -1));
+    for (Py_ssize_t index = 0; index < PyList_GET_SIZE(pieces.get()); ++index) {
+        PyObject *piece = PyList_GET_ITEM(pieces.get(), index);
+        callMethod(file, writeName, checked(PyUnicode_FromFormat("%U%U\n", header.get(), piece)).get());
+    }
+    return none();
+}
+
+// One run of dot(): the file, how deep it is indented, and which ports have been written.
+class GraphWriter {
+public:
+    explicit GraphWriter(PyObject *file) : file_(file), ports_(checked(PyDict_New())) {}
+
+    void write(PyObject *infos) {
+        const Py_ssize_t count = PySequence_Size(infos);
+        if (count < 0) {
+            throw PythonError();
+        }
+        line(fileHeader);
+        ++depth_;
+        for (Py_ssize_t index = 0; index < count; ++index) {
+            writeModule(checked(PySequence_GetItem(infos, index)).get(), index);
+        }
+        for (Py_ssize_t index = 0; index < count; ++index) {
+            writeLinks(infos, checked(PySequence_GetItem(infos, index)).get(), index);
+        }
+        --depth_;
+        line(footer);
+    }
+
+private:
+    // A port in the file: its number, and its module's.
+    struct Port {
+        Py_ssize_t id;
+        Py_ssize_t module;
+    };
+
+    // Which of a module's ports one of its clusters shows.
+    struct Group {
+        const char *suffix;
+        bool sources;
+        bool sinks;
+    };
+
+    template <class... Values> void line(const char *format, Values... values) {
+        Ref text = checked(PyUnicode_FromFormat(format, values...));
+        Ref depth = checked(PyLong_FromSsize_t(depth_));
+        callEngine(writeLinesName, file_, text.get(), depth.get());
+    }
+
+    static Ref item(PyObject *dict, const Name &key) { return checked(PyObject_GetItem(dict, key.get())); }
+    static bool has(PyObject *dict, const Name &key) { return checked(PySequence_Contains(dict, key.get())) != 0; }
+    static Ref decoded(const Ref &bytes) { return callMethod(bytes.get(), decodeName, utf8Name.get()); }
+    static Py_ssize_t size(const Ref &sequence) {
+        const Py_ssize_t count = PySequence_Size(sequence.get());
+        if (count < 0) {
+            throw PythonError();
+        }
+        return count;
+    }
+
+    static bool isDriver(PyObject *info) {
+        Ref driverType = checked(PyLong_FromLong(0));
+        return checked(PyObject_RichCompareBool(item(info, typeKey).get(), driverType.get(), Py_EQ)) != 0;
+    }
+
+    static Ref shortened(const Ref &text) {
+        const Py_ssize_t length = PyUnicode_GET_LENGTH(text.get());
+        if (length < 17) {
+            return text;
+        }
+        Ref head = checked(PyUnicode_Substring(text.get(), 0, 10));
+        Ref tail = checked(PyUnicode_Substring(text.get(), length - 1, length));
+        return checked(PyUnicode_FromFormat("%U ... %U", head.get(), tail.get()));
+    }
+
+    static Ref moduleLabel(PyObject *info) {
+        Ref label = decoded(item(info, nameKey));
+        if (has(info, libraryKey)) {
+            Ref os = checked(PyImport_ImportModule("os"));
+            Ref path = attribute(os.get(), pathName);
+            Ref base = callMethod(path.get(), basenameName, decoded(item(info, libraryKey)).get());
+            label = checked(PyUnicode_FromFormat("%U\n(%S)", label.get(), base.get()));
+        }
+        if (has(info, configurationKey)) {
+            Ref text = shortened(checked(PyObject_Str(item(info, configurationKey).get())));
+            label = checked(PyUnicode_FromFormat("%U\n%U", label.get(), text.get()));
+        }
+        return label;
+    }
+
+    void writeModule(PyObject *info, Py_ssize_t index) {
+        static constexpr Group driverGroups[] = {{"src", true, false}, {"sink", false, true}};
+        static constexpr Group moduleGroups[] = {{"src_sink", true, true}};
+        const bool driver = isDriver(info);
+        const std::span<const Group> groups = driver ? std::span<const Group>(driverGroups) : moduleGroups;
+        const char *colour = driver ? driverColour : moduleColour;
+        const Ref label = moduleLabel(info);
+        for (const Group &group : groups) {
+            writeCluster(info, index, group, label, colour);
+        }
+        writeLayoutEdge(info, index, driver);
+    }
+
+    void writeCluster(PyObject *info, Py_ssize_t index, const Group &group, const Ref &label, const char *colour) {
+        const std::string moduleName = std::to_string(index) + "_" + group.suffix;
+        line(clusterHeader, moduleName.c_str(), label.get(), colour);
+        ++depth_;
+        line(nodeHeader, moduleName.c_str(), colour);
+        ++depth_;
+        const Ref sinks = group.sinks ? item(info, sinkKey) : Ref();
+        const Ref sources = group.sources ? item(info, sourceKey) : Ref();
+        const Py_ssize_t sinkCount = sinks ? size(sinks) : 0;
+        const Py_ssize_t sourceCount = sources ? size(sources) : 0;
+        for (Py_ssize_t row = 0; row < std::max(sinkCount, sourceCount); ++row) {
+            line(rowStart);
+            ++depth_;
+            if (row < sinkCount) {
+                writeCell(sinkCell, sinks, row, index);
+            }
+            if (row < sourceCount) {
+                writeCell(sourceCell, sources, row, index);
+            }
+            --depth_;
+            line(rowEnd);
+        }
+        --depth_;
+        line(nodeFooter);
+        --depth_;
+        line(footer);
+    }
+
+    void writeCell(const char *format, const Ref &ports, Py_ssize_t row, Py_ssize_t module) {
+        Ref name = item(checked(PySequence_GetItem(ports.get(), row)).get(), nameKey);
+        Ref record = checked(Py_BuildValue("(nn)", PyDict_GET_SIZE(ports_.get()), module));
+        checked(PyDict_SetItem(ports_.get(), name.get(), record.get()));
+        line(format, port(name).id, decoded(name).get());
+    }
+
+    Port port(const Ref &name) const {
+        Ref record = checked(PyObject_GetItem(ports_.get(), name.get()));
+        return {PyLong_AsSsize_t(PyTuple_GET_ITEM(record.get(), 0)),
+            PyLong_AsSsize_t(PyTuple_GET_ITEM(record.get(), 1))};
+    }
+
+    Port firstPort(const Ref &ports) const {
+        return port(item(checked(PySequence_GetItem(ports.get(), 0)).get(), nameKey));
+    }
+
+    static const char *sourceSuffix(bool driver) noexcept { return driver ? "src" : "src_sink"; }
+    static const char *sinkSuffix(bool driver) noexcept { return driver ? "sink" : "src_sink"; }
+
+    // An invisible edge from a module's sources to its sinks, which steers the layout.
+    void writeLayoutEdge(PyObject *info, Py_ssize_t index, bool driver) {
+        const Ref sources = item(info, sourceKey);
+        const Ref sinks = item(info, sinkKey);
+        if (size(sources) == 0 || size(sinks) == 0) {
+            return;
+        }
+        line(layoutEdge, index, sourceSuffix(driver), firstPort(sources).id, index, sinkSuffix(driver),
+            firstPort(sinks).id);
+    }
+
+    void writeLinks(PyObject *infos, PyObject *info, Py_ssize_t index) {
+        const Ref sinks = item(info, sinkKey);
+        for (Py_ssize_t row = 0; row < size(sinks); ++row) {
+            const Ref sink = checked(PySequence_GetItem(sinks.get(), row));
+            if (!has(sink.get(), linkKey)) {
+                continue;
+            }
+            const Port to = port(item(sink.get(), nameKey));
+            const Port from = port(item(sink.get(), linkKey));
+            const Ref feeding = checked(PySequence_GetItem(infos, from.module));
+            line(linkEdge, from.module, sourceSuffix(isDriver(feeding.get())), from.id, index,
+                sinkSuffix(isDriver(info)), to.id);
+        }
+    }
+
+    PyObject *file_;
+    Ref ports_; // port name -> (number, module's number)
+    Py_ssize_t depth_ = 0;
+};
+
+Ref dot(Arguments arguments) {
+    PyObject *filename = arguments[0];
+    requireStr("filename", filename);
+    if (checked(PyObject_IsTrue(callEngine(hasDriverName).get())) == 0) {
+        raisePlain("dot is supported only if a driver is loaded");
+    }
+    const Ref infos = callEngine(getModuleInfosName);
+    TextFile file(filename);
+    GraphWriter(file.get()).write(infos.get());
+    file.close();
+    return none();
+}
+
+constexpr Method functions[] = {
+    {"dot", "(filename: str)",
+        "Writes the processing graph as a Graphviz file.\n\n"
+        "- filename: the file's path; an existing file is overwritten\n"
+        "Modules become clusters whose cells are the ports, links become edges. Exception when no driver is loaded;\n"
+        "errors of opening and writing the file come through.",
+        function<dot>},
+    {"_writeLinesWithHeader", "(f, lines: str, lineHeaderCount: int)",
+        "Writes each line of a text, indented by two blanks for each level.\n\n"
+        "- f: an object with a write method\n"
+        "- lines: the text\n"
+        "- lineHeaderCount: the level",
+        function<writeLinesWithHeader>},
+};
+
+} // namespace
+
+const std::span<const Method> engineGraphFunctions = functions;
+
+} // namespace sonetrix

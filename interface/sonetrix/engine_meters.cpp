@@ -1,0 +1,223 @@
+// engine: meters.
+
+#include "engine.h"
+#include "list_key_value.h"
+#include "meters_type.h"
+#include "python/gil.h"
+
+#include <string>
+
+namespace sonetrix {
+
+namespace {
+
+Name typeNameInt("int");
+Name typeNameUInt("uint");
+Name emptyName("");
+
+// The engine's read function, while this library is the engine's meter manager.
+sonetrix_readMeters_t readMeters = nullptr;
+
+EngineText toKey(PyObject *object, const char *refusal) {
+    EngineText key = EngineText::fromName(object);
+    if (!key) {
+        raisePlain(refusal);
+    }
+    return key;
+}
+
+constexpr const char *keyRefused = "key type not supported";
+constexpr const char *inputRefused = "only string/bytes is accepted as input";
+
+// ---------------------------------------------------------------------------------------------------- debug meters
+
+// A value for the engine, released when it has been handed over.
+class MeterValue {
+public:
+    MeterValue(PyObject *value, PyObject *type) {
+        const Selector selector(type);
+        if (selector.isText(emptyName)) {
+            deduce(value);
+        } else if (selector.isText(typeNameUInt) || selector.isText(names::uint32)) {
+            require(PyLong_Check(value), value, type);
+            sonetrix_valueInitUInt32(&value_, toUInt32(value));
+        } else if (selector.isText(typeNameInt) || selector.isText(names::int32)) {
+            require(PyLong_Check(value), value, type);
+            sonetrix_valueInitInt32(&value_, toInt32(value));
+        } else if (selector.isText(names::float32)) {
+            require(PyFloat_CheckExact(value), value, type);
+            sonetrix_valueInitFloat(&value_, static_cast<float>(PyFloat_AS_DOUBLE(value)));
+        } else {
+            // "string" too: a string meter is one whose type is left to be deduced.
+            raisePlain("type not supported");
+        }
+    }
+    ~MeterValue() { sonetrix_valueDeinit(&value_); }
+    MeterValue(const MeterValue &) = delete;
+    MeterValue &operator=(const MeterValue &) = delete;
+
+    const sonetrix_value_t *get() const noexcept { return &value_; }
+
+private:
+    void deduce(PyObject *value) {
+        if (const EngineText text = EngineText::fromValue(value)) {
+            sonetrix_valueInitS(&value_, text.get());
+        } else if (PyLong_Check(value)) {
+            sonetrix_valueInitInt32(&value_, toInt32(value));
+        } else if (PyFloat_Check(value)) {
+            sonetrix_valueInitFloat(&value_, static_cast<float>(PyFloat_AS_DOUBLE(value)));
+        } else {
+            raisePlain("value type not supported");
+        }
+    }
+
+    static void require(bool compatible, PyObject *value, PyObject *type) {
+        if (!compatible) {
+            raiseFormat(PyExc_Exception, "value type %S incompatible with provided value %S", type, value);
+        }
+    }
+
+    sonetrix_value_t value_{};
+};
+
+Ref addDebugMeter(Arguments arguments) {
+    const sonetrix_module_meters_type metersType = toMetersType(arguments[3]);
+    sonetrix_engine_t *engine = requireEngine();
+    const EngineText key = toKey(arguments[0], keyRefused);
+    const MeterValue value(arguments[1], arguments.get(2, emptyName.get()));
+    unlocked([&] { sonetrix_engine_addDebugMeter(engine, metersType, key.get(), value.get()); });
+    return none();
+}
+
+Ref delDebugMeter(Arguments arguments) {
+    const sonetrix_module_meters_type metersType = toMetersType(arguments[1]);
+    sonetrix_engine_t *engine = requireEngine();
+    const EngineText key = toKey(arguments[0], keyRefused);
+    unlocked([&] { sonetrix_engine_delDebugMeter(engine, metersType, key.get()); });
+    return none();
+}
+
+// --------------------------------------------------------------------------------------------------------- reading
+
+// The entries of a list whose key begins with the prefix, as a new listKeyValue.
+Ref filteredByPrefix(const Ref &meters, std::string_view prefix) {
+    Ref dict = toDictType(ListKeyValue::of(meters).list);
+    Ref kept = checked(PyDict_New());
+    Py_ssize_t position = 0;
+    PyObject *key = nullptr;
+    PyObject *value = nullptr;
+    while (PyDict_Next(dict.get(), &position, &key, &value) != 0) {
+        const std::string_view name(PyBytes_AS_STRING(key), static_cast<std::size_t>(PyBytes_GET_SIZE(key)));
+        if (name.starts_with(prefix)) {
+            checked(PyDict_SetItem(kept.get(), key, value));
+        }
+    }
+    Ref filtered = ListKeyValue::newEmpty();
+    appendFromTypedDict(ListKeyValue::of(filtered), kept.get());
+    return filtered;
+}
+
+Ref getLastMeter(Arguments arguments) {
+    const sonetrix_module_meters_type metersType = toMetersType(arguments[1]);
+    sonetrix_engine_t *engine = requireEngine();
+    const EngineText text = toKey(arguments.get(0, emptyName.get()), inputRefused);
+    const std::string_view key(text.get(), static_cast<std::size_t>(text.size()));
+    const std::size_t stop = key.find('.');
+    const std::string module(key.substr(0, stop));
+    Ref meters = ListKeyValue::initOrEmpty(
+        unlocked([&] { return sonetrix_engine_GetLastMeters(engine, module.c_str(), metersType); }));
+    return stop == std::string_view::npos ? meters : filteredByPrefix(meters, key);
+}
+
+// Slow or fast, or Exception; unlike the other functions, these two take any int32 and check it themselves.
+sonetrix_module_meters_type requireMetersType(std::int32_t number) {
+    if (number != SONETRIX_METERS_SLOW && number != SONETRIX_METERS_FAST) {
+        raisePlain("Meters type not valid");
+    }
+    return static_cast<sonetrix_module_meters_type>(number);
+}
+
+std::int32_t toMetersNumber(PyObject *argument) { return argument == nullptr ? 2 : toInt32(argument); }
+
+void becomeMeterManager(sonetrix_engine_t *engine) {
+    if (readMeters != nullptr) {
+        return;
+    }
+    sonetrix_readMeters_t read = nullptr;
+    if (unlocked([&] { return sonetrix_engine_registerMeterManager(engine, &read); }) != 0) {
+        raisePlain("couldn't register CLI as meter manager");
+    }
+    if (read == nullptr) {
+        raisePlain("Callback to read meters is not valid");
+    }
+    readMeters = read;
+}
+
+Ref getMeters(Arguments arguments) {
+    const std::int32_t number = toMetersNumber(arguments[1]);
+    sonetrix_engine_t *engine = requireEngine("Engine not initialized");
+    becomeMeterManager(engine);
+    const EngineText module = toKey(arguments.get(0, emptyName.get()), inputRefused);
+    const sonetrix_module_meters_type metersType = requireMetersType(number);
+    const sonetrix_readMeters_t read = readMeters;
+    return ListKeyValue::initOrEmpty(unlocked([&] { return read(engine, module.get(), metersType); }));
+}
+
+Ref getMeterInfo(Arguments arguments) {
+    const std::int32_t number = toMetersNumber(arguments[0]);
+    sonetrix_engine_t *engine = requireEngine();
+    const sonetrix_module_meters_type metersType = requireMetersType(number);
+    return ListKeyValue::init(unlocked([&] { return sonetrix_engine_meterInfoList(engine, metersType); }));
+}
+
+Ref unregisterMetersManager() {
+    sonetrix_engine_t *engine = requireEngine("Engine not initialized");
+    unlocked([&] { sonetrix_engine_unregisterMeterManager(engine); });
+    readMeters = nullptr;
+    return none();
+}
+
+constexpr Method functions[] = {
+    {"addDebugMeter", "(k: str | bytes, v: str | bytes | int | float, type: str = '', meters_type: int = 1)",
+        "Add debug meter. (this require that sonetrix is compiled to support this feature)\n\n"
+        "- k: the meter's key, \"module.name\"\n"
+        "- v: the meter's value\n"
+        "- type: type to use for the value; if empty is deduced to int/float/string, otherwise strings: uint, int,\n"
+        "  float and string\n"
+        "- meters_type: engine.METER_SLOW or engine.METER_FAST\n"
+        "An explicit type \"string\" is refused: leave the type empty for a string meter.",
+        function<addDebugMeter>},
+    {"delDebugMeter", "(k: str | bytes, meters_type: int = 1)",
+        "Delete a debug meter.\n\n"
+        "- k: the meter's key\n"
+        "- meters_type: engine.METER_SLOW or engine.METER_FAST",
+        function<delDebugMeter>},
+    {"getLastMeter", "(k: str | bytes = '', meters_type: int = 1) -> listKeyValue",
+        "Reads the meters that a module emitted last.\n\n"
+        "- k: the module's name, optionally followed by \".\" and the beginning of a meter's name\n"
+        "- meters_type: engine.METER_SLOW or engine.METER_FAST\n"
+        "Returns: a listKeyValue with the meters",
+        function<getLastMeter>},
+    {"getMeters", "(module: str | bytes = '', meters_type: int = 2) -> listKeyValue",
+        "Reads the current set of meters for all modules. Available only if no meter manager (like the\n"
+        "poller module) is registered, because the engine class registers itself as the meters manager\n\n"
+        "- module: a module's name, or empty for all modules\n"
+        "- meters_type: engine.METER_SLOW or engine.METER_FAST; has to be given\n"
+        "Returns: a listKeyValue with the meters",
+        function<getMeters>},
+    {"getMeterInfo", "(meters_type: int = 2) -> listKeyValue",
+        "Describes the meters that the engine offers.\n\n"
+        "- meters_type: engine.METER_SLOW or engine.METER_FAST; has to be given\n"
+        "Returns: a listKeyValue with a description by meter key",
+        function<getMeterInfo>},
+    {"unregisterMetersManager", "()",
+        "Unregister the engine Python class as the meter manager.\n\n"
+        "Another manager can be registered then; the next getMeters registers the class again.",
+        function<unregisterMetersManager>},
+};
+
+} // namespace
+
+const std::span<const Method> engineMeterFunctions = functions;
+
+} // namespace sonetrix

@@ -1,0 +1,112 @@
+// engine: parameters.
+
+#include "engine.h"
+#include "list_key_value.h"
+#include "list_value.h"
+#include "python/gil.h"
+
+namespace sonetrix {
+
+namespace {
+
+Name getParamsName("getParams");
+
+// The keys of getParam's argument, as a listValue.
+Ref toKeyList(PyObject *keys) {
+    Ref list = ListValue::newEmpty();
+    ListValue &keyList = ListValue::of(list);
+    const auto add = [&keyList](PyObject *key) {
+        if (const EngineText text = EngineText::fromName(key)) {
+            sonetrix_valueListAddS(keyList.writable(), text.get());
+            return true;
+        }
+        return false;
+    };
+    if (add(keys)) {
+        return list;
+    }
+    if (!PyList_Check(keys) && !PyTuple_Check(keys)) {
+        raisePlain("only string/byte/list/tuple is accepted as input");
+    }
+    Ref iterator = checked(PyObject_GetIter(keys));
+    while (Ref key = Ref::steal(PyIter_Next(iterator.get()))) {
+        if (!add(key.get())) {
+            appendElement(keyList, key.get(), Py_None); // getParams() refuses what is not a string
+        }
+    }
+    if (PyErr_Occurred() != nullptr) {
+        throw PythonError();
+    }
+    return list;
+}
+
+Ref getParam(Arguments arguments) {
+    requireEngine();
+    Ref keys = toKeyList(arguments[0]);
+    return callEngine(getParamsName, keys.get());
+}
+
+// Refuses a list that holds anything but strings.
+void requireStrings(sonetrix_cListValue_t *keys) {
+    bool onlyStrings = true;
+    sonetrix_valueListForEach(
+        keys,
+        [](const sonetrix_value_t *value, void *result) {
+            *static_cast<bool *>(result) &= value->type == SONETRIX_VALUE_STRING;
+            return 0;
+        },
+        &onlyStrings);
+    if (!onlyStrings) {
+        raisePlain("only string is accepted");
+    }
+}
+
+Ref getParams(Arguments arguments) {
+    ListValue &keys = ListValue::require("k", arguments[0]);
+    sonetrix_engine_t *engine = requireEngine();
+    if (keys.list == nullptr) {
+        return ListKeyValue::newEmpty();
+    }
+    requireStrings(keys.list);
+    const Loan loan(keys);
+    return ListKeyValue::initOrEmpty(unlocked([&] { return sonetrix_engine_GetParams(engine, loan.get()); }));
+}
+
+template <auto setParameters> Ref setParams(Arguments arguments) {
+    ListKeyValue &parameters = ListKeyValue::require("k", arguments[0]);
+    sonetrix_engine_t *engine = requireEngine();
+    Ref written = ListKeyValue::newEmpty();
+    if (parameters.list != nullptr) {
+        sonetrix_cListKeyValue_t *list = ListKeyValue::of(written).writable();
+        const Loan loan(parameters);
+        unlocked([&] { setParameters(engine, loan.get(), list); });
+    }
+    return written;
+}
+
+constexpr const char *setParamsDoc = "Write the parameters using the provided key/value list.\n\n"
+                                     "- k: a listKeyValue which contains the key/values that must be written\n"
+                                     "Returns: a listKeyValue containing the parameters which were successfully written";
+
+constexpr Method functions[] = {
+    {"getParam", "(k: str | bytes | list | tuple) -> listKeyValue",
+        "Reads the parameters with the provided key and returns it if present.\n\n"
+        "- k: a key, or a list or tuple of keys; \"module.\" stands for all parameters of a module\n"
+        "Returns: a listKeyValue containing the parameter, if found",
+        function<getParam>},
+    {"getParams", "(k: listValue) -> listKeyValue",
+        "Reads the parameters from the keys in the provided list.\n\n"
+        "- k: a listValue which contains the keys that must be read\n"
+        "Returns: a listKeyValue containing the parameters, if found",
+        function<getParams>},
+    {"setParams", "(k: listKeyValue) -> listKeyValue", setParamsDoc,
+        function<setParams<sonetrix_engine_SetParamsFull>>},
+    {"setParamsCli", "(k: listKeyValue) -> listKeyValue", setParamsDoc,
+        function<setParams<sonetrix_engine_SetParamsFullCli>>},
+};
+
+} // namespace
+
+const std::span<const Method> engineParameterFunctions = functions;
+
+} // namespace sonetrix

@@ -1,0 +1,280 @@
+// What listValue and listKeyValue share: the object that owns one engine list, its life, and how it is read.
+//
+// A kind of list is described by its traits:
+//   List                              the engine's list
+//   create, destroy, copy, merge      the engine's functions for it
+//   className, nullMessage            "sonetrix.listValue"; what the factory raises on null
+//   pythonClass()                     the Python class
+#pragma once
+
+#include "python/gil.h"
+#include "python/types.h"
+#include "value.h"
+
+#include <array>
+#include <cstddef>
+#include <memory_resource>
+#include <vector>
+
+namespace sonetrix {
+
+template <class Traits> struct ListObject;
+
+// The use of an object's engine list by somebody who does not expect it to change: the engine, called with the
+// interpreter lock released, or a for-each, during which a finalizer may run. Made and ended with the lock held.
+template <class Traits> class Loan {
+public:
+    using List = typename Traits::List;
+
+    explicit Loan(ListObject<Traits> &object) noexcept : object_(&object), list_(object.list), next_(object.loans) {
+        object.loans = this;
+    }
+    ~Loan() {
+        if (abandoned_ == nullptr) {
+            Loan **link = &object_->loans;
+            while (*link != this) {
+                link = &(*link)->next_;
+            }
+            *link = next_;
+        }
+    }
+    Loan(const Loan &) = delete;
+    Loan &operator=(const Loan &) = delete;
+
+    List *get() const noexcept { return list_; }
+
+    // Leaves the list to the borrowers, the last of whom destroys it.
+    static void leaveTo(Loan *loans, List *list) {
+        const std::shared_ptr<List> shared(list, Traits::destroy);
+        for (Loan *loan = loans; loan != nullptr; loan = loan->next_) {
+            loan->abandoned_ = shared;
+        }
+    }
+
+private:
+    ListObject<Traits> *object_;
+    List *list_;
+    Loan *next_;
+    std::shared_ptr<List> abandoned_;
+};
+
+template <class Traits> struct ListObject {
+    using List = typename Traits::List;
+
+    PyObject_HEAD
+    List *list; // null until something is stored; never null again after that
+    Loan<Traits> *loans;
+
+    // The engine list, to be written to. It is made when it is not there yet. While it is on loan it is left to the
+    // borrowers, and the object goes on with a copy.
+    List *writable() {
+        if (list == nullptr || loans != nullptr) {
+            List *fresh = list == nullptr ? Traits::create() : Traits::copy(list);
+            if (fresh == nullptr) {
+                PyErr_NoMemory();
+                throw PythonError();
+            }
+            if (loans != nullptr) {
+                Loan<Traits>::leaveTo(std::exchange(loans, nullptr), list);
+            }
+            list = fresh;
+        }
+        return list;
+    }
+
+    void clearFields() noexcept {
+        list = nullptr;
+        loans = nullptr;
+    }
+
+    static ListObject &of(PyObject *object) noexcept { return *reinterpret_cast<ListObject *>(object); }
+    static ListObject &of(const Ref &object) noexcept { return of(object.get()); }
+
+    static PyTypeObject *pythonClass() noexcept { return asType(Traits::pythonClass()); }
+
+    static Ref newEmpty() {
+        Ref object = checked(pythonClass()->tp_alloc(pythonClass(), 0));
+        of(object).clearFields();
+        return object;
+    }
+
+    // Wraps an engine list and owns it from then on; Exception on null.
+    static Ref init(List *list) {
+        if (list == nullptr) {
+            raisePlain(Traits::nullMessage);
+        }
+        std::unique_ptr<List, void (*)(List *)> guard(list, Traits::destroy);
+        Ref object = newEmpty();
+        of(object).list = guard.release();
+        return object;
+    }
+    // The same, where null stands for a list without elements.
+    static Ref initOrEmpty(List *list) { return list == nullptr ? newEmpty() : init(list); }
+
+    // Refuses anything but an object of this class or a subclass.
+    static ListObject &require(const char *argument, PyObject *given) {
+        if (PyObject_TypeCheck(given, pythonClass()) == 0) {
+            raiseArgumentType(argument, Traits::className, given);
+        }
+        return of(given);
+    }
+
+    // ------------------------------------------------------------------------------------------- the Python class
+
+    static PyObject *construct(PyTypeObject *type, PyObject *positional, PyObject *keywords) noexcept {
+        const bool extra = PyTuple_GET_SIZE(positional) != 0 || (keywords != nullptr && PyDict_GET_SIZE(keywords) != 0);
+        // A subclass with an __init__ of its own may take what it likes, as with any object.
+        if (extra && type->tp_init == PyBaseObject_Type.tp_init) {
+            PyErr_Format(PyExc_TypeError, "%s() takes no arguments (%zd given)", type->tp_name,
+                PyTuple_GET_SIZE(positional) + (keywords == nullptr ? 0 : PyDict_GET_SIZE(keywords)));
+            return nullptr;
+        }
+        PyObject *object = type->tp_alloc(type, 0);
+        if (object != nullptr) {
+            of(object).clearFields();
+        }
+        return object;
+    }
+
+    static void deallocate(PyObject *object) noexcept {
+        PyTypeObject *type = Py_TYPE(object);
+        if (List *list = std::exchange(of(object).list, nullptr)) {
+            Traits::destroy(list);
+        }
+        type->tp_free(object);
+        Ref::steal(reinterpret_cast<PyObject *>(type));
+    }
+
+    static PyObject *compare(PyObject *object, PyObject *other, int operation) noexcept {
+        if (operation != Py_EQ && operation != Py_NE) {
+            return Py_NewRef(Py_NotImplemented);
+        }
+        const char *name = operation == Py_EQ ? Traits::equalName : Traits::unequalName;
+        return border(name, static_cast<PyObject *>(nullptr), [&] {
+            const bool equal = other != Py_None && of(object).list == require("other", other).list;
+            return boolean(equal == (operation == Py_EQ)).release();
+        });
+    }
+
+    // -------------------------------------------------------------------------------------------- shared methods
+
+    static Ref dup(ListObject &self) {
+        return self.list == nullptr ? newEmpty() : init(Traits::copy(self.list));
+    }
+
+    static Ref merge(ListObject &self, Arguments arguments) {
+        ListObject &other = require("other", arguments[0]);
+        List *list = self.writable();
+        if (&self != &other) { // a list merged with itself stays as it is
+            Traits::merge(list, other.list == nullptr ? nullptr : other.writable());
+        }
+        return none();
+    }
+
+    static Ref refuseReduce(ListObject &) {
+        raise(PyExc_TypeError, "no default __reduce__ due to non-trivial __cinit__");
+    }
+
+    static constexpr const char *reduceDoc = "Lists wrap an object of the engine and cannot be pickled.";
+
+    // Makes the class and binds it in the module.
+    static Ref addClass(PyObject *module, const char *doc, std::span<const Method> methods) {
+        Ref type = newClass<ListObject>(module, Traits::className, Py_TPFLAGS_BASETYPE,
+            {slot(Py_tp_doc, doc), slot(Py_tp_new, construct), slot(Py_tp_dealloc, deallocate),
+                slot(Py_tp_richcompare, compare), slot(Py_tp_hash, PyObject_HashNotImplemented)});
+        addMethods(asType(type), methods);
+        checked(PyModule_AddType(module, asType(type)));
+        return type;
+    }
+};
+
+// One reading of an engine list by the thread that holds the interpreter lock. The engine's for-each hands the callback
+// the Python container as user data; when that is the container of the thread's current reading, the lock is known to
+// be held, and what is read is collected here, so that the result can be made in its final size at once.
+class ListReading {
+public:
+    explicit ListReading(Ref container) : container_(std::move(container)), outer_(current_) {
+        items_.reserve(usualCount);
+        current_ = this;
+    }
+    ~ListReading() {
+        current_ = outer_;
+        for (PyObject *item : items_) {
+            Ref::steal(item);
+        }
+    }
+    ListReading(const ListReading &) = delete;
+    ListReading &operator=(const ListReading &) = delete;
+
+    PyObject *container() const noexcept { return container_.get(); }
+
+    // The reading that fills `user` on this thread, or null.
+    static ListReading *of(const void *user) noexcept {
+        return current_ != nullptr && current_->container_.get() == user ? current_ : nullptr;
+    }
+
+    void add(Ref item) {
+        items_.push_back(nullptr); // may throw: the reference is still the caller's then
+        items_.back() = item.release();
+    }
+    void add(Ref key, Ref value) {
+        items_.resize(items_.size() + 2);
+        *(items_.end() - 2) = key.release();
+        *(items_.end() - 1) = value.release();
+    }
+    std::size_t size() const noexcept { return items_.size(); }
+
+    // The list of all items, or the dict of all pairs of items.
+    Ref takeList();
+    Ref takeDict();
+
+private:
+    static constexpr std::size_t usualCount = 128;
+
+    Ref container_;
+    ListReading *outer_; // a finalizer that runs during a reading may read a list, too
+    std::array<std::byte, usualCount * sizeof(PyObject *)> usualStorage_;
+    std::pmr::monotonic_buffer_resource storage_{usualStorage_.data(), usualStorage_.size()};
+    std::pmr::vector<PyObject *> items_{&storage_};
+
+    static inline constinit thread_local ListReading *current_ [[gnu::tls_model("initial-exec")]] = nullptr;
+};
+
+// The body of a read callback: stores one record by `store(record, reading, container)`, where `reading` is null when
+// the callback was called otherwise than by this thread's own reading. Safe with the interpreter lock held and without.
+template <class Record, class Store>
+std::int32_t readRecord(const Record *record, void *user, Store &&store) noexcept {
+    const auto guarded = [&](ListReading *reading) noexcept {
+        try {
+            store(*record, reading, static_cast<PyObject *>(user));
+            return 0;
+        } catch (...) {
+            // The element is left out of the result.
+            translateException();
+            PyErr_Clear();
+            return -1;
+        }
+    };
+    if (ListReading *reading = ListReading::of(user)) {
+        return guarded(reading);
+    }
+    const GilHeld held;
+    const Ref container = Ref::borrow(static_cast<PyObject *>(user));
+    return guarded(nullptr);
+}
+
+// For the typed callbacks: whether the user data is the container that it should be; reported as unraisable if not.
+template <class Check> bool isContainer(PyObject *user, Check &&check, const char *expected, const char *reportName) {
+    if (check(user)) {
+        return true;
+    }
+    try {
+        raiseExpected(expected, user);
+    } catch (const PythonError &) {
+        addTraceback(reportName);
+        reportUnraisable(reportName);
+    }
+    return false;
+}
+
+} // namespace sonetrix

@@ -1,0 +1,286 @@
+// The class `listKeyValue`: an engine key/value list.
+
+#include "list_key_value.h"
+
+#include "key_cache.h"
+
+namespace sonetrix {
+
+namespace {
+
+Name appendName("append");
+Name filterName("filter");
+Name itemsName("items");
+
+// ------------------------------------------------------------------------------------------------------- writing
+
+class KeyValueTarget {
+public:
+    // Unlike a value list's, whose names are "int32" and "uint32".
+    static inline const Name &int32ArrayName = names::intArray;
+    static inline const Name &uint32ArrayName = names::uintArray;
+    static constexpr bool storesUInt32Arrays = true;
+    static constexpr bool charPointerIsString = true;
+    static constexpr const char *appendTupleName = "sonetrix.listKeyValue.appendTuple";
+
+    KeyValueTarget(ListKeyValue &list, const char *key) noexcept : list_(list), key_(key) {}
+
+    void add(const char *text) const { sonetrix_keyValueListAddSS(list_.writable(), key_, text); }
+    void add(std::int32_t number) const { sonetrix_keyValueListAddSI32(list_.writable(), key_, number); }
+    void add(std::uint32_t number) const { sonetrix_keyValueListAddSU32(list_.writable(), key_, number); }
+    void add(float number) const { sonetrix_keyValueListAddSF(list_.writable(), key_, number); }
+    void add(double number) const { sonetrix_keyValueListAddSD(list_.writable(), key_, number); }
+    void add(const std::int32_t *elements, std::size_t count) const {
+        sonetrix_keyValueListAddSAi32(list_.writable(), key_, elements, count);
+    }
+    void add(const std::uint32_t *elements, std::size_t count) const {
+        sonetrix_keyValueListAddSAu32(list_.writable(), key_, elements, count);
+    }
+    void add(const float *elements, std::size_t count) const {
+        sonetrix_keyValueListAddSAfloat(list_.writable(), key_, elements, count);
+    }
+
+private:
+    ListKeyValue &list_;
+    const char *key_;
+};
+
+EngineText toKey(PyObject *object) {
+    EngineText key = EngineText::fromName(object);
+    if (!key) {
+        raisePlain("key type not supported");
+    }
+    return key;
+}
+
+Ref self(ListKeyValue &list) { return Ref::borrow(reinterpret_cast<PyObject *>(&list)); }
+
+void appendEntry(ListKeyValue &list, PyObject *key, PyObject *value, PyObject *selector) {
+    list.writable();
+    const EngineText text = toKey(key);
+    appendValue(KeyValueTarget(list, text.get()), value, Selector(selector));
+}
+
+Ref append(ListKeyValue &list, Arguments arguments) {
+    appendEntry(list, arguments[0], arguments[1], arguments.get(2, Py_None));
+    return self(list);
+}
+
+Ref remove(ListKeyValue &list, Arguments arguments) {
+    const EngineText key = toKey(arguments[0]);
+    if (list.list != nullptr) {
+        sonetrix_keyValueListRemoveKey(list.writable(), key.get());
+    }
+    return self(list);
+}
+
+void requireDict(PyObject *given) {
+    if (!PyDict_Check(given)) {
+        raiseArgumentType("d", "dict", given);
+    }
+}
+
+// Calls `action(key, value)` for each item, in order. A dict that changes meanwhile is a RuntimeError, as in Python.
+template <class Action> void forEachItem(PyObject *dict, Action &&action) {
+    Ref items = callMethod(dict, itemsName);
+    Ref iterator = checked(PyObject_GetIter(items.get()));
+    while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
+        action(PyTuple_GET_ITEM(item.get(), 0), PyTuple_GET_ITEM(item.get(), 1));
+    }
+    if (PyErr_Occurred() != nullptr) {
+        throw PythonError();
+    }
+}
+
+// What `self.append(key, value, selector)` does; the look-up serves a subclass that has an append of its own.
+void callAppend(ListKeyValue &list, PyObject *key, PyObject *value, PyObject *selector) {
+    auto *object = reinterpret_cast<PyObject *>(&list);
+    if (Py_TYPE(object) == ListKeyValue::pythonClass()) {
+        appendEntry(list, key, value, selector);
+    } else if (selector == Py_None) {
+        callMethod(object, appendName, key, value);
+    } else {
+        callMethod(object, appendName, key, value, selector);
+    }
+}
+
+Ref appendFromDict(ListKeyValue &list, Arguments arguments) {
+    requireDict(arguments[0]);
+    forEachItem(arguments[0], [&](PyObject *key, PyObject *value) { callAppend(list, key, value, Py_None); });
+    return self(list);
+}
+
+// The two parts of what must be a sequence of two, with the interpreter's own errors.
+std::pair<Ref, Ref> unpackPair(PyObject *pair) {
+    if (PyTuple_CheckExact(pair) && PyTuple_GET_SIZE(pair) == 2) {
+        return {Ref::borrow(PyTuple_GET_ITEM(pair, 0)), Ref::borrow(PyTuple_GET_ITEM(pair, 1))};
+    }
+    Ref iterator = Ref::steal(PyObject_GetIter(pair));
+    if (!iterator) {
+        if (PyErr_ExceptionMatches(PyExc_TypeError) != 0) {
+            raiseFormat(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(pair)->tp_name);
+        }
+        throw PythonError();
+    }
+    const auto next = [&iterator] {
+        Ref item = Ref::steal(PyIter_Next(iterator.get()));
+        if (!item && PyErr_Occurred() != nullptr) {
+            throw PythonError();
+        }
+        return item;
+    };
+    std::pair<Ref, Ref> parts;
+    parts.first = next();
+    parts.second = parts.first ? next() : Ref();
+    if (!parts.second) {
+        raiseFormat(PyExc_ValueError, "not enough values to unpack (expected 2, got %d)", parts.first ? 1 : 0);
+    }
+    if (next()) {
+        raise(PyExc_ValueError, "too many values to unpack (expected 2)");
+    }
+    return parts;
+}
+
+// The array types of typed dicts, and the selectors that their values are appended with. The integer ones are not
+// append()'s own selectors for arrays, so that such entries are refused there.
+struct ArrayType {
+    Name name;
+    const Name &selector;
+    const char *notATuple;
+};
+
+const ArrayType arrayTypes[] = {
+    {Name("afloat"), names::float32, "afloat as to contain a tuple"},
+    {Name("aint32"), names::int32, "aint32 as to contain a tuple"},
+    {Name("auint32"), names::uint32, "auint32 as to contain a tuple"},
+};
+
+void appendTyped(ListKeyValue &list, PyObject *key, PyObject *pair) {
+    const auto [value, type] = unpackPair(pair);
+    const Selector selector(type.get());
+    for (const ArrayType &arrayType : arrayTypes) {
+        if (selector.isText(arrayType.name)) {
+            if (!PyTuple_Check(value.get())) {
+                raise(PyExc_ValueError, arrayType.notATuple);
+            }
+            return callAppend(list, key, value.get(), arrayType.selector.get());
+        }
+    }
+    callAppend(list, key, value.get(), type.get());
+}
+
+Ref appendFromDictType(ListKeyValue &list, Arguments arguments) {
+    requireDict(arguments[0]);
+    appendFromTypedDict(list, arguments[0]);
+    return self(list);
+}
+
+// ------------------------------------------------------------------------------------------------------- reading
+
+void store(const char *key, Ref value, ListReading *reading, PyObject *container) {
+    if (reading != nullptr) {
+        reading->add(keyBytes(key, reading->size()), std::move(value));
+    } else {
+        checked(PyObject_SetItem(container, checked(PyBytes_FromString(key)).get(), value.get()));
+    }
+}
+
+std::int32_t readPlain(const sonetrix_keyValue_t *entry, void *user) {
+    return readRecord(entry, user, [](const sonetrix_keyValue_t &record, ListReading *reading, PyObject *container) {
+        store(record.key, toPython(record.value), reading, container);
+    });
+}
+
+std::int32_t readTyped(const sonetrix_keyValue_t *entry, void *user) {
+    return readRecord(entry, user, [](const sonetrix_keyValue_t &record, ListReading *reading, PyObject *container) {
+        constexpr const char *reportName = "sonetrix.listKeyValue.create_list_keyvalue_type_nogil";
+        const auto isDict = [](PyObject *object) { return PyDict_Check(object) != 0; };
+        if (reading != nullptr || isContainer(container, isDict, "dict", reportName)) {
+            store(record.key, toTypedPair(record.value), reading, container);
+        }
+    });
+}
+
+Ref read(sonetrix_cListKeyValue_t *list, sonetrix_keyValueCallback_t callback) {
+    Ref container = checked(PyDict_New());
+    if (list == nullptr) {
+        return container;
+    }
+    ListReading reading(std::move(container));
+    sonetrix_keyValueListForEach(list, callback, reading.container());
+    return reading.takeDict();
+}
+
+// dict(filter(callable, dict.items()))
+Ref filtered(Ref dict, PyObject *callable) {
+    if (callable == Py_None) {
+        return dict;
+    }
+    Ref items = callMethod(dict.get(), itemsName);
+    Ref kept = call(moduleGlobal(filterName).get(), callable, items.get());
+    return call(reinterpret_cast<PyObject *>(&PyDict_Type), kept.get());
+}
+
+template <auto callback> Ref readObject(ListKeyValue &list, Arguments arguments) {
+    const Loan loan(list);
+    return filtered(read(loan.get(), callback), arguments.get(0, Py_None));
+}
+
+constexpr Method methods[] = {
+    {"dup", "() -> listKeyValue",
+        "Duplicates the list, by returning a new objects with a newly allocated list copied from the original.",
+        method<ListKeyValue, ListKeyValue::dup>},
+    {"merge", "(other: listKeyValue)",
+        "Merges the current object with another list. The other list will be emptied of its values.",
+        method<ListKeyValue, ListKeyValue::merge>},
+    {"append", "(k: str | bytes, v: str | bytes | int | float | tuple, type=None) -> listKeyValue",
+        "Appends the provided key/value couple to the current list.\n\n"
+        "- k: the key, ASCII\n"
+        "- v: str and bytes are stored as a string, int as int32, float as a 32-bit float, a tuple of int or of float\n"
+        "  as an array\n"
+        "- type: None, or what to store: \"string\", \"int32\", \"uint32\", \"float\", \"double\", for a tuple \"int\",\n"
+        "  \"uint\", \"float\", or one of the ctypes classes c_int32, c_uint32, c_float, c_double, c_char_p\n"
+        "Returns: a reference to the listKeyValue object itself\n"
+        "Exception when value and type do not go together, OverflowError when the value is out of the type's range.",
+        method<ListKeyValue, append>},
+    {"remove", "(k: str | bytes) -> listKeyValue",
+        "Removes the element with key \"k\" from the list, if present.\n\n"
+        "Returns: a reference to the listKeyValue object itself",
+        method<ListKeyValue, remove>},
+    {"appendFromDict", "(d: dict) -> listKeyValue",
+        "Appends each item of the dictionary, as append(key, value) does.\n\n"
+        "Returns: a reference to the listKeyValue object itself",
+        method<ListKeyValue, appendFromDict>},
+    {"appendFromDictType", "(d: dict) -> listKeyValue",
+        "Appends each item of a dictionary whose values are pairs of value and type name.\n\n"
+        "Scalars and \"afloat\" arrays that toDictType() gave can be appended again; integer arrays cannot.\n"
+        "Returns: a reference to the listKeyValue object itself",
+        method<ListKeyValue, appendFromDictType>},
+    {"toDict", "(cb=None) -> dict",
+        "Returns a dictionary made from the list elements.\n\n"
+        "if callable object is passed it is used to filter the output dictionary\n"
+        "Keys and strings are bytes, arrays are tuples. The callable receives each (key, value) tuple.",
+        method<ListKeyValue, readObject<readPlain>>},
+    {"toDictType", "(cb=None) -> dict",
+        "Returns a dictionary made from the list elements. Each item is a tuple with value and type.\n\n"
+        "if callable object is passed it is used to filter the output dictionary",
+        method<ListKeyValue, readObject<readTyped>>},
+    {"__reduce__", "()", ListKeyValue::reduceDoc, method<ListKeyValue, ListKeyValue::refuseReduce>},
+};
+
+} // namespace
+
+Ref toDict(sonetrix_cListKeyValue_t *list) { return read(list, readPlain); }
+
+Ref toDictType(sonetrix_cListKeyValue_t *list) { return read(list, readTyped); }
+
+void appendFromTypedDict(ListKeyValue &target, PyObject *dict) {
+    forEachItem(dict, [&](PyObject *key, PyObject *pair) { appendTyped(target, key, pair); });
+}
+
+void addListKeyValue(PyObject *module) {
+    state().listKeyValueClass = ListKeyValue::addClass(
+        module, "Utility class to wrap the C structure \"sonetrix_cListKeyValue_t\" from SoneTrix in Python.", methods);
+}
+
+} // namespace sonetrix

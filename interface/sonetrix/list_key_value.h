@@ -1,0 +1,30 @@
+#pragma once
+
+#include "list_core.h"
+
+namespace sonetrix {
+
+struct KeyValueListTraits {
+    using List = sonetrix_cListKeyValue_t;
+    static List *create() { return sonetrix_keyValueListNew(); }
+    static void destroy(List *list) { sonetrix_keyValueListDestroy(list); }
+    static List *copy(const List *list) { return sonetrix_keyValueListDeepCopy(list); }
+    static void merge(List *list, List *other) { sonetrix_keyValueListMerge(list, other); }
+    static constexpr const char *className = "sonetrix.listKeyValue";
+    static constexpr const char *equalName = "sonetrix.listKeyValue.__eq__";
+    static constexpr const char *unequalName = "sonetrix.listKeyValue.__ne__";
+    static constexpr const char *nullMessage = "listkey cannot be NULL on init";
+    static const Ref &pythonClass() noexcept { return state().listKeyValueClass; }
+};
+
+// The Python class `listKeyValue`.
+using ListKeyValue = ListObject<KeyValueListTraits>;
+
+// An engine key/value list as a Python dict: what toDict() and toDictType() give. The engine keeps the list.
+Ref toDict(sonetrix_cListKeyValue_t *list);
+Ref toDictType(sonetrix_cListKeyValue_t *list);
+
+// Appends all entries of a dict of (value, type name) pairs.
+void appendFromTypedDict(ListKeyValue &target, PyObject *dict);
+
+} // namespace sonetrix

@@ -1,0 +1,129 @@
+// The class `listValue`: an engine value list.
+
+#include "list_value.h"
+
+namespace sonetrix {
+
+namespace {
+
+// ------------------------------------------------------------------------------------------------------- writing
+
+class ValueTarget {
+public:
+    static inline const Name &int32ArrayName = names::int32;
+    static inline const Name &uint32ArrayName = names::uint32;
+    static constexpr bool storesUInt32Arrays = false;
+    static constexpr bool charPointerIsString = false;
+    static constexpr const char *appendTupleName = "sonetrix.listValue.appendTuple";
+
+    explicit ValueTarget(ListValue &list) : list_(list) { list.writable(); }
+
+    void add(const char *text) const { sonetrix_valueListAddS(list_.writable(), text); }
+    void add(std::int32_t number) const { sonetrix_valueListAddI32(list_.writable(), number); }
+    void add(std::uint32_t number) const { sonetrix_valueListAddU32(list_.writable(), number); }
+    void add(float number) const { sonetrix_valueListAddF(list_.writable(), number); }
+    void add(double number) const { sonetrix_valueListAddD(list_.writable(), number); }
+    void add(const std::int32_t *elements, std::size_t count) const {
+        sonetrix_valueListAddAi32(list_.writable(), elements, count);
+    }
+    void add(const float *elements, std::size_t count) const {
+        sonetrix_valueListAddAfloat(list_.writable(), elements, count);
+    }
+
+private:
+    ListValue &list_;
+};
+
+Ref append(ListValue &self, Arguments arguments) {
+    appendElement(self, arguments[0], arguments.get(1, Py_None));
+    return Ref::borrow(reinterpret_cast<PyObject *>(&self));
+}
+
+// ------------------------------------------------------------------------------------------------------- reading
+
+void store(Ref element, ListReading *reading, PyObject *container) {
+    if (reading != nullptr) {
+        reading->add(std::move(element));
+    } else {
+        checked(PyList_Append(container, element.get()));
+    }
+}
+
+std::int32_t readPlain(const sonetrix_value_t *value, void *user) {
+    return readRecord(value, user, [](const sonetrix_value_t &record, ListReading *reading, PyObject *container) {
+        store(toPython(record), reading, container);
+    });
+}
+
+std::int32_t readTyped(const sonetrix_value_t *value, void *user) {
+    return readRecord(value, user, [](const sonetrix_value_t &record, ListReading *reading, PyObject *container) {
+        constexpr const char *reportName = "sonetrix.listValue.create_list_value_type_nogil";
+        const auto isList = [](PyObject *object) { return PyList_Check(object) != 0; };
+        if (reading != nullptr || isContainer(container, isList, "list", reportName)) {
+            store(toTypedElement(record), reading, container);
+        }
+    });
+}
+
+Ref read(sonetrix_cListValue_t *list, sonetrix_valueCallback_t callback) {
+    Ref container = checked(PyList_New(0));
+    if (list == nullptr) {
+        return container;
+    }
+    ListReading reading(std::move(container));
+    sonetrix_valueListForEach(list, callback, reading.container());
+    return reading.takeList();
+}
+
+template <auto callback> Ref readObject(ListValue &self) {
+    const Loan loan(self);
+    return read(loan.get(), callback);
+}
+
+constexpr Method methods[] = {
+    {"dup", "() -> listValue",
+        "Duplicates the list, by returning a new objects with a newly allocated list copied from the original.",
+        method<ListValue, ListValue::dup>},
+    {"merge", "(other: listValue)",
+        "Merges the current object with another list. The other list will be emptied of its values.",
+        method<ListValue, ListValue::merge>},
+    {"append", "(v: str | bytes | int | float | tuple, type=None) -> listValue",
+        "Appends a value to the current list.\n\n"
+        "- v: str and bytes are stored as a string, int as int32, float as a 32-bit float, a tuple of int or of float\n"
+        "  as an array\n"
+        "- type: None, or what to store: \"string\", \"int32\", \"uint32\", \"float\", \"double\", or one of the ctypes\n"
+        "  classes c_int32, c_uint32, c_float, c_double\n"
+        "Returns: a reference to the listValue object itself\n"
+        "Exception when value and type do not go together, OverflowError when the value is out of the type's range.",
+        method<ListValue, append>},
+    {"toList", "() -> list",
+        "Returns an array made from the list elements.\n\n"
+        "Strings are bytes, arrays are tuples.",
+        method<ListValue, readObject<readPlain>>},
+    {"toListType", "() -> list",
+        "Returns an array made from the list elements. Each element is a tuple with value and type.\n\n"
+        "An array of integers is a tuple of such pairs, one for each integer.",
+        method<ListValue, readObject<readTyped>>},
+    {"__reduce__", "()", ListValue::reduceDoc, method<ListValue, ListValue::refuseReduce>},
+};
+
+} // namespace
+
+void appendElement(ListValue &list, PyObject *value, PyObject *selector) {
+    appendValue(ValueTarget(list), value, Selector(selector));
+}
+
+Ref takeToList(sonetrix_cListValue_t *list) {
+    if (list == nullptr) {
+        return checked(PyList_New(0));
+    }
+    const Ref owner = ListValue::init(list);
+    return read(list, readPlain);
+}
+
+void addListValue(PyObject *module) {
+    state().listValueClass = ListValue::addClass(
+        module, "Utility class to wrap the C structure \"sonetrix_cListValue_t\" from SoneTrix in Python.", methods);
+}
+
+} // namespace sonetrix

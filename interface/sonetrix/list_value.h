@@ -1,0 +1,29 @@
+#pragma once
+
+#include "list_core.h"
+
+namespace sonetrix {
+
+struct ValueListTraits {
+    using List = sonetrix_cListValue_t;
+    static List *create() { return sonetrix_valueListNew(); }
+    static void destroy(List *list) { sonetrix_valueListDestroy(list); }
+    static List *copy(const List *list) { return sonetrix_valueListDeepCopy(list); }
+    static void merge(List *list, List *other) { sonetrix_valueListMerge(list, other); }
+    static constexpr const char *className = "sonetrix.listValue";
+    static constexpr const char *equalName = "sonetrix.listValue.__eq__";
+    static constexpr const char *unequalName = "sonetrix.listValue.__ne__";
+    static constexpr const char *nullMessage = "listvalue cannot be NULL on init";
+    static const Ref &pythonClass() noexcept { return state().listValueClass; }
+};
+
+// The Python class `listValue`.
+using ListValue = ListObject<ValueListTraits>;
+
+// What list.append(value, selector) does.
+void appendElement(ListValue &list, PyObject *value, PyObject *selector);
+
+// The Python list of a list that the engine handed over, which is destroyed; an empty one for null.
+Ref takeToList(sonetrix_cListValue_t *list);
+
+} // namespace sonetrix

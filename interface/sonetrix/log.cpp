@@ -1,0 +1,221 @@
+// The class `log`: the engine's log for Python.
+
+#include "log.h"
+
+#include "python/gil.h"
+#include "python/version.h"
+
+namespace sonetrix {
+
+namespace {
+
+Name logName("log");
+Name logbName("logb");
+Name warnName("warn");
+Name tracebackName("traceback");
+Name formatExcName("format_exc");
+
+constexpr const char *levelType = "enum sonetrix_log_level";
+
+// ------------------------------------------------------------------------------------------------------- messages
+
+void logText(sonetrix_log_level_t level, const char *message) {
+    unlocked([&] { sonetrix_log_LogString(level, "python", 0, 1, message); });
+}
+
+// A message argument must be exactly of its class; None comes through, to be refused in its own words later.
+void requireMessage(PyObject *message, PyTypeObject *type) {
+    if (!Py_IS_TYPE(message, type) && message != Py_None) {
+        raiseArgumentType("message", type->tp_name, message);
+    }
+}
+
+Ref logb(Arguments arguments) {
+    const sonetrix_log_level_t level = toUInt32(arguments[0], levelType);
+    requireMessage(arguments[1], &PyBytes_Type);
+    if (arguments[1] == Py_None) {
+        raise(PyExc_TypeError, "expected bytes, NoneType found");
+    }
+    logText(level, PyBytes_AS_STRING(arguments[1]));
+    return none();
+}
+
+Ref encoded(PyObject *message) {
+    if (message == Py_None) {
+        raise(PyExc_AttributeError, "'NoneType' object has no attribute 'encode'");
+    }
+    return checked(PyUnicode_AsUTF8String(message));
+}
+
+Ref log(Arguments arguments) {
+    const sonetrix_log_level_t level = toUInt32(arguments[0], levelType);
+    requireMessage(arguments[1], &PyUnicode_Type);
+    Ref write = attribute(moduleGlobal(logName).get(), logbName);
+    Ref text = encoded(arguments[1]);
+    Ref number = checked(PyLong_FromUnsignedLong(level));
+    call(write.get(), number.get(), text.get());
+    return none();
+}
+
+// The named levels. Their functions look `log.log` and the constant up at each call, so that either can be replaced.
+// As long as nobody has changed the class, which its version shows, they write to the engine's log at once: what the
+// look-ups would find is known.
+struct Level {
+    const char *function;
+    Name constant;
+    sonetrix_log_level_t value;
+};
+
+const Level levels[] = {
+    {"trace", Name("TRACE"), SONETRIX_LOG_TRACE},
+    {"debug", Name("DEBUG"), SONETRIX_LOG_DEBUG},
+    {"info", Name("INFO"), SONETRIX_LOG_INFO},
+    {"warn", Name("WARN"), SONETRIX_LOG_WARN},
+    {"error", Name("ERROR"), SONETRIX_LOG_ERROR},
+    {"fatal", Name("FATAL"), SONETRIX_LOG_FATAL},
+};
+
+// The class's version as it was made; 0 when unknown.
+unsigned int originalVersion = 0;
+
+bool isOriginal(PyObject *logClass) noexcept {
+    return logClass == state().logClass.get() && originalVersion != 0 &&
+           version::typeVersion(reinterpret_cast<PyTypeObject *>(logClass)) == originalVersion;
+}
+
+template <std::size_t index> Ref logAtLevel(Arguments arguments) {
+    requireMessage(arguments[0], &PyUnicode_Type);
+    const Ref logClass = moduleGlobal(logName);
+    if (isOriginal(logClass.get()) && arguments[0] != Py_None) [[likely]] {
+        logText(levels[index].value, EngineText::fromValue(arguments[0]).get());
+        return none();
+    }
+    Ref write = attribute(logClass.get(), logName);
+    Ref level = attribute(logClass.get(), levels[index].constant);
+    call(write.get(), level.get(), arguments[0]);
+    return none();
+}
+
+// ---------------------------------------------------------------------------------------------- levels and targets
+
+template <auto get> Ref getLevel() { return checked(PyLong_FromUnsignedLong(unlocked(get))); }
+
+template <auto set> Ref setLevel(Arguments arguments) {
+    const sonetrix_log_level_t level = toUInt32(arguments[0], levelType);
+    unlocked([&] { set(level); });
+    return none();
+}
+
+template <auto set> Ref setTarget(Arguments arguments) {
+    const std::int32_t on = checked(PyObject_IsTrue(arguments.get(0, Py_True)));
+    unlocked([&] { set(on); });
+    return none();
+}
+
+Ref logTime(Arguments arguments) {
+    const std::int32_t on = toInt32(arguments[0], "int");
+    unlocked([&] {
+        sonetrix_log_time(on);
+        sonetrix_log_file_time(on);
+    });
+    return none();
+}
+
+Ref logOnFile(Arguments arguments) {
+    const std::int32_t timeOn = arguments[1] == nullptr ? -1 : toInt32(arguments[1], "int");
+    const EngineText path = EngineText::fromName(arguments[0]);
+    if (!path) {
+        raisePlain("filename type not supported");
+    }
+    unlocked([&] {
+        if (timeOn >= 0) {
+            sonetrix_log_file_time(timeOn);
+        }
+        sonetrix_log_filename(path.size() == 0 ? nullptr : path.get());
+    });
+    return none();
+}
+
+// ------------------------------------------------------------------------------------------------------- the class
+
+constexpr const char *getLevelDoc = "Returns the log level for the current session.\n\n"
+                                    "Returns: an int value corresponding to the current log level";
+constexpr const char *setLevelDoc =
+    "Changes the log level for the current session. TRACE level can be used only in debug builds.\n\n"
+    "- level: the new threshold; messages below it are not written";
+
+constexpr Method functions[] = {
+    {"getLevel", "() -> sonetrix_log_level_t", getLevelDoc, function<getLevel<sonetrix_log_GetLogLevel>>},
+    {"setLevel", "(level: int)", setLevelDoc, function<setLevel<sonetrix_log_SetLogLevel>>},
+    {"logb", "(level: int, message: bytes)",
+        "Logs a string with the provided log level.\n\n"
+        "- level: the level of the message, 0 to 4294967295 (OverflowError)\n"
+        "- message: the bytes which must be logged",
+        function<logb>},
+    {"log", "(level: int, message: str)",
+        "Logs a string with the provided log level.\n\n"
+        "- level: the level of the message, 0 to 4294967295 (OverflowError)\n"
+        "- message: the string which must be logged",
+        function<log>},
+    {"trace", "(message: str)", "Logs a string at the TRACE level.", function<logAtLevel<0>>},
+    {"debug", "(message: str)", "Logs a string at the DEBUG level.", function<logAtLevel<1>>},
+    {"info", "(message: str)", "Logs a string at the INFO level.", function<logAtLevel<2>>},
+    {"warn", "(message: str)", "Logs a string at the WARN level.", function<logAtLevel<3>>},
+    {"error", "(message: str)", "Logs a string at the ERROR level.", function<logAtLevel<4>>},
+    {"fatal", "(message: str)", "Logs a string at the FATAL level.", function<logAtLevel<5>>},
+    {"logTime", "(timeOn: int)",
+        "Enable/Disable log time info\n\n"
+        "- timeOn: 1 = time stamps on the console and in the log file, 0 = none",
+        function<logTime>},
+    {"logOnFile", "(filename: str | bytes, timeOn: int = -1)",
+        "If not already opened, write logs to the provided filename in addition to stdout.\n\n"
+        "- filename: the file's path, ASCII; an empty one ends logging to a file\n"
+        "- timeOn: 1 = enable log time, 0 = disable, -1 not change previous settings",
+        function<logOnFile>},
+    {"logSysLog", "(on: bool = True)",
+        "Enables or disable writing logs to the syslog.\n\n"
+        "- on: a boolean to indicate if the syslog must be activated or deactivated",
+        function<setTarget<sonetrix_log_syslog>>},
+    {"logJournal", "(on: bool = True)",
+        "Enables or disable writing logs to the journald.\n\n"
+        "- on: a boolean to indicate if the syslog must be activated or deactivated",
+        function<setTarget<sonetrix_log_journald>>},
+    {"getLevelJournal", "() -> sonetrix_log_level_t", getLevelDoc,
+        function<getLevel<sonetrix_log_GetLogLevelJournal>>},
+    {"setLevelJournal", "(level: int)", setLevelDoc, function<setLevel<sonetrix_log_SetLogLevelJournal>>},
+};
+
+} // namespace
+
+void logFromBridge(sonetrix_log_level_t level, const char *message) { logText(level, message); }
+
+void warnWithTraceback(const char *prefix) {
+    // traceback.format_exc() formats the exception that is being handled, so this one has to be that for a moment.
+    Ref outer = Ref::steal(PyErr_GetHandledException());
+    Ref exception = version::takeRaised();
+    PyErr_SetHandledException(exception.get());
+    Ref text = Ref::steal(PyObject_CallMethodNoArgs(moduleGlobal(tracebackName).get(), formatExcName.get()));
+    PyErr_SetHandledException(outer.get());
+    Ref message = checked(PyUnicode_FromFormat("%s%S", prefix, checked(text.release()).get()));
+    callMethod(moduleGlobal(logName).get(), warnName, message.get());
+}
+
+void addLog(PyObject *module) {
+    Ref dictionary = checked(Py_BuildValue("{ssss}", "__module__", "sonetrix", "__doc__",
+        "Utility class to access the log functionalities using static methods."));
+    for (const Level &level : levels) {
+        Ref value = checked(PyLong_FromUnsignedLong(level.value));
+        checked(PyDict_SetItem(dictionary.get(), level.constant.get(), value.get()));
+    }
+    for (const Method &method : functions) {
+        checked(PyDict_SetItemString(dictionary.get(), method.name, newFunction(method, "log").get()));
+    }
+    Ref logClass = checked(
+        PyObject_CallFunction(reinterpret_cast<PyObject *>(&PyType_Type), "s()O", "log", dictionary.get()));
+    bindInModule(module, "log", logClass);
+    attribute(logClass.get(), logName); // a look-up gives the class its version
+    originalVersion = version::typeVersion(reinterpret_cast<PyTypeObject *>(logClass.get()));
+    state().logClass = std::move(logClass);
+}
+
+} // namespace sonetrix

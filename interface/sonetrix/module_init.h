@@ -1,0 +1,6 @@
+#pragma once
+
+#include "python/python.h"
+
+// The initialisation function of the module `sonetrix`.
+extern "C" __attribute__((visibility("default"))) PyObject *PyInit_sonetrix();

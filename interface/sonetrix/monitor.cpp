@@ -1,0 +1,92 @@
+#include "monitor.h"
+
+#include "python/version.h"
+
+namespace sonetrix {
+
+namespace {
+
+Name printName("print");
+Name isRunningName("isRunning");
+Name timeName("time");
+Name sleepName("sleep");
+Name osName("os");
+Name getTerminalSizeName("get_terminal_size");
+Name columnsName("columns");
+Name linesName("lines");
+
+constexpr const char *hideCursor = "\x1b[?25l";
+constexpr const char *showCursor = "\x1b[?25h";
+
+// A terminal sequence; a stream that cannot encode it does without.
+void printSequence(const char *sequence, const char *end) {
+    try {
+        print(checked(PyUnicode_FromString(sequence)).get(), end);
+    } catch (const PythonError &) {
+        if (PyErr_ExceptionMatches(PyExc_UnicodeEncodeError) == 0) {
+            throw;
+        }
+        PyErr_Clear();
+    }
+}
+
+} // namespace
+
+HiddenCursor::HiddenCursor() { printSequence(hideCursor, "\r"); }
+
+HiddenCursor::~HiddenCursor() {
+    if (!hidden_) {
+        return;
+    }
+    Ref raised = version::takeRaised();
+    try {
+        show();
+    } catch (const PythonError &) {
+        PyErr_Clear(); // the exception that ends the monitor is the one that matters
+    }
+    version::setRaised(std::move(raised));
+}
+
+void HiddenCursor::show() {
+    hidden_ = false;
+    printSequence(showCursor, "\n");
+}
+
+bool engineIsRunning() { return checked(PyObject_IsTrue(callEngine(isRunningName).get())) != 0; }
+
+void sleepATenth() {
+    Ref seconds = checked(PyFloat_FromDouble(0.1));
+    callMethod(moduleGlobal(timeName).get(), sleepName, seconds.get());
+}
+
+void print(PyObject *text, const char *end) {
+    Ref arguments = checked(PyTuple_Pack(1, text));
+    Ref keywords = checked(Py_BuildValue("{sssO}", "end", end, "flush", Py_True));
+    checked(PyObject_Call(moduleGlobal(printName).get(), arguments.get(), keywords.get()));
+}
+
+TerminalSize terminalSize() {
+    Ref size = callMethod(moduleGlobal(osName).get(), getTerminalSizeName);
+    const auto number = [&size](const Name &name) {
+        const Py_ssize_t value = PyNumber_AsSsize_t(attribute(size.get(), name).get(), PyExc_OverflowError);
+        if (value == -1 && PyErr_Occurred() != nullptr) {
+            throw PythonError();
+        }
+        return value;
+    };
+    return {number(columnsName), number(linesName)};
+}
+
+Ref cut(const Ref &text, Py_ssize_t columns) {
+    return columns > 0 ? checked(PyUnicode_Substring(text.get(), 0, columns)) : text;
+}
+
+Ref formatted(PyObject *number, const char *specification) {
+    return checked(PyObject_Format(number, checked(PyUnicode_FromString(specification)).get()));
+}
+
+Ref formatted(double number, const char *specification) {
+    return formatted(checked(PyFloat_FromDouble(number)).get(), specification);
+}
+
+} // namespace sonetrix

@@ -1,0 +1,52 @@
+// What the console monitors share: a view that is redrawn in place, ten times a second, until the engine stops.
+#pragma once
+
+#include "engine.h"
+
+#include <string>
+
+namespace sonetrix {
+
+// Hides the cursor for as long as a monitor runs; it is shown again however the monitor ends.
+class HiddenCursor {
+public:
+    HiddenCursor();
+    ~HiddenCursor();
+    HiddenCursor(const HiddenCursor &) = delete;
+    HiddenCursor &operator=(const HiddenCursor &) = delete;
+
+    // The regular end: errors of the terminal come through.
+    void show();
+
+private:
+    bool hidden_ = true;
+};
+
+// Calls `redraw` at once and then every tenth of a second while engine.isRunning().
+template <class Redraw> void whileRunning(Redraw &&redraw);
+
+bool engineIsRunning();
+void sleepATenth();
+
+// print(text, end=end, flush=True)
+void print(PyObject *text, const char *end);
+// The terminal's size, os.get_terminal_size(); OSError when standard output is not a terminal.
+struct TerminalSize {
+    Py_ssize_t columns;
+    Py_ssize_t lines;
+};
+TerminalSize terminalSize();
+// The first `columns` characters; all of them when there are no columns.
+Ref cut(const Ref &text, Py_ssize_t columns);
+// format(number, specification)
+Ref formatted(PyObject *number, const char *specification);
+Ref formatted(double number, const char *specification);
+
+template <class Redraw> void whileRunning(Redraw &&redraw) {
+    while (engineIsRunning()) {
+        redraw();
+        sleepATenth();
+    }
+}
+
+} // namespace sonetrix

@@ -1,0 +1,51 @@
+// The class `notifyChanges`: parameter changes, as the engine notifies them.
+
+#include "callback_bridge.h"
+
+namespace sonetrix {
+
+namespace {
+
+constexpr CallbackKind kind = {sonetrix_engine_notify_changes_rmCallback};
+
+void change(sonetrix_cListKeyValue_t *list, void *user) {
+    static constexpr Notification notification = {
+        .lockOrderError = "GIL LOCK ORDER ERROR! notify callback invoked with the GIL already acquired",
+        .failure = "Exception whilee invoking notification callback registered from Python",
+        .reportName = "sonetrix.notifyChanges.change",
+    };
+    notify(notification, list, user);
+}
+
+constexpr Method constructor = {"notifyChanges", "(callback)", "", nullptr};
+
+PyObject *construct(PyTypeObject *type, PyObject *positional, PyObject *keywords) noexcept {
+    return border("sonetrix.notifyChanges.__new__", static_cast<PyObject *>(nullptr), [&] {
+        std::array<PyObject *, 1> arguments{};
+        bindArguments(constructor, positional, keywords, arguments);
+        PyObject *callback = arguments[0];
+        requireOneParameter(callback);
+        sonetrix_engine_t *engine = engineHandle();
+        if (engine == nullptr) {
+            raise(PyExc_MemoryError);
+        }
+        Ref object = newCallback(type, kind, callback, engine, [callback](sonetrix_engine_t *handle) {
+            return sonetrix_engine_notify_changes_addCallback(handle, change, callback);
+        });
+        requireRegistered(object);
+        return object.release();
+    });
+}
+
+} // namespace
+
+void addNotifyChanges(PyObject *module) {
+    state().notifyChangesClass = addCallbackClass(module, "sonetrix.notifyChanges",
+        "This utility class is used to invoke any method when parameters change are notified\n"
+        "by the engine.\n\n"
+        "notifyChanges(callback): the callback is called with a dict of the changed parameters, on a thread of the\n"
+        "engine, for as long as the object lives. ValueError unless the callback has exactly one parameter.",
+        construct);
+}
+
+} // namespace sonetrix

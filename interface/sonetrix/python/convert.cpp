@@ -1,0 +1,108 @@
+#include "convert.h"
+
+#include "version.h"
+
+#include <limits>
+
+namespace sonetrix {
+
+namespace {
+
+// The object as an int: itself, or what its __index__ or __int__ gives.
+Ref asInteger(PyObject *object) {
+    if (PyLong_Check(object)) {
+        return Ref::borrow(object);
+    }
+    if (PyIndex_Check(object)) {
+        return checked(PyNumber_Index(object));
+    }
+    const PyNumberMethods *number = Py_TYPE(object)->tp_as_number;
+    if (number == nullptr || number->nb_int == nullptr) {
+        raise(PyExc_TypeError, "an integer is required");
+    }
+    Ref result = checked(number->nb_int(object));
+    if (!PyLong_Check(result.get())) {
+        raiseFormat(PyExc_TypeError, "__int__ returned non-int (type %.200s)", Py_TYPE(result.get())->tp_name);
+    }
+    return result;
+}
+
+// The object's value in [minimum, maximum].
+template <class Integer> Integer toInteger(PyObject *object, const char *typeName) {
+    const auto convert = [typeName](PyObject *integer) {
+        int overflow = 0;
+        const long long value = PyLong_AsLongLongAndOverflow(integer, &overflow);
+        if (std::numeric_limits<Integer>::min() == 0 && (overflow < 0 || (overflow == 0 && value < 0))) {
+            raiseFormat(PyExc_OverflowError, "can't convert negative value to %s", typeName);
+        }
+        if (overflow != 0 || value < static_cast<long long>(std::numeric_limits<Integer>::min()) ||
+            value > static_cast<long long>(std::numeric_limits<Integer>::max())) {
+            raiseFormat(PyExc_OverflowError, "value too large to convert to %s", typeName);
+        }
+        return static_cast<Integer>(value);
+    };
+    if (PyLong_CheckExact(object)) {
+        return convert(object);
+    }
+    return convert(asInteger(object).get());
+}
+
+} // namespace
+
+std::int32_t toInt32(PyObject *object, const char *typeName) { return toInteger<std::int32_t>(object, typeName); }
+
+std::uint32_t toUInt32(PyObject *object, const char *typeName) { return toInteger<std::uint32_t>(object, typeName); }
+
+double toDouble(PyObject *object) {
+    const double value = PyFloat_AsDouble(object);
+    if (value == -1.0 && PyErr_Occurred() != nullptr) {
+        throw PythonError();
+    }
+    return value;
+}
+
+EngineText EngineText::fromBytes(PyObject *bytes, Ref owner) noexcept {
+    return {PyBytes_AS_STRING(bytes), PyBytes_GET_SIZE(bytes), std::move(owner), true};
+}
+
+EngineText EngineText::fromName(PyObject *object) {
+    if (PyUnicode_Check(object)) {
+        if (version::isAscii(object)) {
+            return {static_cast<const char *>(PyUnicode_DATA(object)), PyUnicode_GET_LENGTH(object), {}, true};
+        }
+        checked(PyUnicode_AsASCIIString(object)); // not ASCII: the codec raises its own error
+    }
+    return PyBytes_Check(object) ? fromBytes(object) : EngineText();
+}
+
+EngineText EngineText::fromValue(PyObject *object) {
+    if (PyUnicode_Check(object)) {
+        Py_ssize_t size = 0;
+        const char *text = PyUnicode_AsUTF8AndSize(object, &size);
+        if (text == nullptr) {
+            throw PythonError();
+        }
+        return {text, size, {}, true};
+    }
+    return PyBytes_Check(object) ? fromBytes(object) : EngineText();
+}
+
+EngineText EngineText::fromNameOrBuffer(PyObject *object) {
+    if (EngineText text = fromName(object)) {
+        return text;
+    }
+    Ref bytes = checked(PyObject_CallOneArg(reinterpret_cast<PyObject *>(&PyBytes_Type), object));
+    PyObject *borrowed = bytes.get();
+    return fromBytes(borrowed, std::move(bytes));
+}
+
+void raiseArgumentType(const char *argument, const char *expected, PyObject *given) {
+    raiseFormat(PyExc_TypeError, "Argument '%.200s' has incorrect type (expected %.200s, got %.200s)", argument, expected,
+        Py_TYPE(given)->tp_name);
+}
+
+void raiseExpected(const char *expected, PyObject *given) {
+    raiseFormat(PyExc_TypeError, "Expected %s, got %.200s", expected, Py_TYPE(given)->tp_name);
+}
+
+} // namespace sonetrix

@@ -1,0 +1,62 @@
+// Python objects to the engine's C types: one place for each kind of argument, with the error it gives.
+#pragma once
+
+#include "errors.h"
+
+#include <cstdint>
+
+namespace sonetrix {
+
+// Integers. An int is taken as it is, anything else through its __index__, else its __int__; TypeError "an integer is
+// required" without one. OverflowError "value too large to convert to <typeName>" beyond the range, which for an
+// unsigned type is "can't convert negative value to <typeName>" below it.
+std::int32_t toInt32(PyObject *object, const char *typeName = "int32_t");
+std::uint32_t toUInt32(PyObject *object, const char *typeName = "uint32_t");
+
+// A float is read directly, anything else through its __float__.
+double toDouble(PyObject *object);
+
+// Text for the engine: NUL-terminated bytes, used in place where the object holds them. `object` must outlive it.
+class EngineText {
+public:
+    // A str through the "ascii" codec (UnicodeEncodeError), a bytes as it is; invalid for any other object.
+    static EngineText fromName(PyObject *object);
+    // A str through UTF-8 (UnicodeEncodeError), a bytes as it is; invalid for any other object.
+    static EngineText fromValue(PyObject *object);
+    // As fromName, any other object through the constructor `bytes(object)`.
+    static EngineText fromNameOrBuffer(PyObject *object);
+    // No text: the engine receives null.
+    static EngineText null() noexcept { return EngineText(nullptr, 0, {}, true); }
+
+    explicit operator bool() const noexcept { return valid_; }
+    const char *get() const noexcept { return text_; }
+    Py_ssize_t size() const noexcept { return size_; }
+
+private:
+    EngineText() noexcept = default;
+    EngineText(const char *text, Py_ssize_t size, Ref owner, bool valid) noexcept
+        : text_(text), size_(size), owner_(std::move(owner)), valid_(valid) {}
+    static EngineText fromBytes(PyObject *bytes, Ref owner = {}) noexcept;
+
+    const char *text_ = nullptr;
+    Py_ssize_t size_ = 0;
+    Ref owner_;
+    bool valid_ = false;
+};
+
+// "Argument 'name' has incorrect type (expected x, got y)".
+[[noreturn]] void raiseArgumentType(const char *argument, const char *expected, PyObject *given);
+// "Expected x, got y".
+[[noreturn]] void raiseExpected(const char *expected, PyObject *given);
+
+// Refuses anything but exactly a str.
+inline void requireStr(const char *argument, PyObject *given) {
+    if (!PyUnicode_CheckExact(given)) {
+        raiseArgumentType(argument, "str", given);
+    }
+}
+
+// The module's own checks raise the plain Exception.
+[[noreturn]] inline void raisePlain(const char *message) { raise(PyExc_Exception, message); }
+
+} // namespace sonetrix

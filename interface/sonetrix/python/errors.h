@@ -1,0 +1,44 @@
+// Errors: a failed Python call throws PythonError, with the interpreter's error indicator set, and one border turns it
+// back into the null that the interpreter expects.
+#pragma once
+
+#include "ref.h"
+
+namespace sonetrix {
+
+// Says that the interpreter's error indicator is set, and nothing else.
+struct PythonError {};
+
+[[noreturn]] void raise(PyObject *type);
+[[noreturn]] void raise(PyObject *type, const char *message);
+// The format is PyErr_Format's.
+[[noreturn]] void raiseFormat(PyObject *type, const char *format, ...);
+
+// The result of a Python call that returns a new reference, or throws.
+inline Ref checked(PyObject *stolen) {
+    if (stolen == nullptr) {
+        throw PythonError();
+    }
+    return Ref::steal(stolen);
+}
+
+// The result of a Python call that reports failure by a negative number.
+inline int checked(int result) {
+    if (result < 0) {
+        throw PythonError();
+    }
+    return result;
+}
+
+// For a handler of `...`: makes whatever was thrown the current Python exception.
+void translateException() noexcept;
+
+// Adds an entry that bears the name ("sonetrix.engine.link") to the current exception's traceback.
+void addTraceback(const char *qualifiedName) noexcept;
+
+// Hands the current exception to sys.unraisablehook, the name as its object, so that the interpreter prints
+// "Exception ignored in: 'sonetrix....'". With a full traceback, the exception is printed by itself before.
+enum class Report { hook, tracebackAndHook };
+void reportUnraisable(const char *qualifiedName, Report report = Report::hook) noexcept;
+
+} // namespace sonetrix

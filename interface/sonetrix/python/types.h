@@ -1,0 +1,33 @@
+// Heap types from a table of slots.
+#pragma once
+
+#include "errors.h"
+
+#include <initializer_list>
+#include <vector>
+
+namespace sonetrix {
+
+template <class Function> PyType_Slot slot(int id, Function *function) {
+    return {id, reinterpret_cast<void *>(function)};
+}
+inline PyType_Slot slot(int id, const char *doc) { return {id, const_cast<char *>(doc)}; }
+
+// A class of the module, "sonetrix.listValue"; `Object` is its instances' C++ record.
+template <class Object>
+Ref newClass(PyObject *module, const char *name, unsigned int flags, std::initializer_list<PyType_Slot> slots) {
+    std::vector<PyType_Slot> table(slots);
+    table.push_back({0, nullptr});
+    PyType_Spec spec = {
+        .name = name,
+        .basicsize = sizeof(Object),
+        .itemsize = 0,
+        .flags = static_cast<unsigned int>(Py_TPFLAGS_DEFAULT) | flags,
+        .slots = table.data(),
+    };
+    return checked(PyType_FromModuleAndSpec(module, &spec, nullptr));
+}
+
+inline PyTypeObject *asType(const Ref &type) noexcept { return reinterpret_cast<PyTypeObject *>(type.get()); }
+
+} // namespace sonetrix

@@ -1,0 +1,79 @@
+// Everything that differs between the supported interpreters (3.11 and later; 3.12 is the reference).
+#pragma once
+
+#include "ref.h"
+
+#if PY_VERSION_HEX < 0x030B0000
+#error "CPython 3.11 or later is needed"
+#endif
+
+namespace sonetrix::version {
+
+// Takes the current exception away from the thread: the exception object, or none.
+inline Ref takeRaised() noexcept {
+#if PY_VERSION_HEX >= 0x030C0000
+    return Ref::steal(PyErr_GetRaisedException());
+#else
+    PyObject *type = nullptr;
+    PyObject *value = nullptr;
+    PyObject *traceback = nullptr;
+    PyErr_Fetch(&type, &value, &traceback);
+    if (type == nullptr) {
+        return {};
+    }
+    PyErr_NormalizeException(&type, &value, &traceback);
+    Ref ownedType = Ref::steal(type);
+    Ref ownedTraceback = Ref::steal(traceback);
+    if (ownedTraceback) {
+        PyException_SetTraceback(value, ownedTraceback.get());
+    }
+    return Ref::steal(value);
+#endif
+}
+
+// Makes `exception` the thread's current exception.
+inline void setRaised(Ref exception) noexcept {
+#if PY_VERSION_HEX >= 0x030C0000
+    PyErr_SetRaisedException(exception.release());
+#else
+    PyObject *type = Py_NewRef(reinterpret_cast<PyObject *>(Py_TYPE(exception.get())));
+    PyObject *traceback = PyException_GetTraceback(exception.get());
+    PyErr_Restore(type, exception.release(), traceback);
+#endif
+}
+
+// Prints exception and traceback on sys.stderr; unlike PyErr_Print it gives SystemExit no special meaning.
+inline void display(PyObject *exception) noexcept {
+#if PY_VERSION_HEX >= 0x030C0000
+    PyErr_DisplayException(exception);
+#else
+    Ref traceback = Ref::steal(PyException_GetTraceback(exception));
+    PyErr_Display(reinterpret_cast<PyObject *>(Py_TYPE(exception)), exception, traceback.get());
+#endif
+}
+
+// Whether the text is ASCII, so that PyUnicode_DATA is its NUL-terminated bytes.
+inline bool isAscii(PyObject *text) noexcept {
+#if PY_VERSION_HEX < 0x030C0000
+    if (PyUnicode_READY(text) < 0) {
+        PyErr_Clear();
+        return false;
+    }
+#endif
+    return PyUnicode_IS_ASCII(text) != 0;
+}
+
+// A number that changes whenever the type or a base of it is changed; 0 while the interpreter keeps none.
+inline unsigned int typeVersion(PyTypeObject *type) noexcept {
+#if PY_VERSION_HEX < 0x030D0000
+    if (!PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG)) {
+        return 0;
+    }
+#endif
+    return type->tp_version_tag;
+}
+
+// A dict with room for `size` entries.
+inline Ref newDict(Py_ssize_t size) noexcept { return Ref::steal(_PyDict_NewPresized(size)); }
+
+} // namespace sonetrix::version

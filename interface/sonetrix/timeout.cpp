@@ -1,0 +1,76 @@
+// The class `timeout`, a timer of the engine, and engine.addTimer.
+
+#include "callback_bridge.h"
+#include "engine.h"
+#include "log.h"
+
+namespace sonetrix {
+
+namespace {
+
+constexpr CallbackKind kind = {sonetrix_engine_delTimer};
+
+void timerCb(void *user) {
+    const EngineThreadEntry entry(EngineThreadEntry::LockOrder::ignore);
+    if (!entry) {
+        return;
+    }
+    const Ref callable = Ref::borrow(static_cast<PyObject *>(user));
+    const Ref result = Ref::steal(PyObject_CallNoArgs(callable.get()));
+    if (result) {
+        return;
+    }
+    try {
+        warnWithTraceback("exception in callback timer: ");
+    } catch (...) {
+        translateException();
+        reportUnraisable("sonetrix.timeout.timerCb");
+    }
+}
+
+constexpr Method constructor = {"timeout", "(timeout_ms: int, callback)", "", nullptr};
+
+PyObject *construct(PyTypeObject *type, PyObject *positional, PyObject *keywords) noexcept {
+    return border("sonetrix.timeout.__new__", static_cast<PyObject *>(nullptr), [&] {
+        std::array<PyObject *, 2> arguments{};
+        bindArguments(constructor, positional, keywords, arguments);
+        const std::int32_t milliseconds = toInt32(arguments[0]);
+        PyObject *callback = arguments[1];
+        sonetrix_engine_t *engine = requireEngine();
+        if (PyCallable_Check(callback) == 0) {
+            raise(PyExc_ValueError);
+        }
+        return newCallback(type, kind, callback, engine, [callback, milliseconds](sonetrix_engine_t *handle) {
+            return sonetrix_engine_addTimer(handle, milliseconds, timerCb, callback);
+        }).release();
+    });
+}
+
+Ref addTimer(Arguments arguments) {
+    requireEngine();
+    return call(state().timeoutClass.get(), arguments[0], arguments[1]);
+}
+
+constexpr Method functions[] = {
+    {"addTimer", "(timeout_ms: int, callback) -> timeout",
+        "Add a timer to invoke a callback, which can be any python-define function.\n\n"
+        "- timeout_ms: the timeout in milliseconds\n"
+        "- callback: the method to invoke when the timeout elapses\n"
+        "Returns: a timeout object\n"
+        "The callback is called without arguments, on a thread of the engine; dropping the object removes the timer.",
+        function<addTimer>},
+};
+
+} // namespace
+
+const std::span<const Method> engineTimerFunctions = functions;
+
+void addTimeout(PyObject *module) {
+    state().timeoutClass = addCallbackClass(module, "sonetrix.timeout",
+        "Utility class to add a timer to the engine, which will invoke a callback as soon as timeout elapses.\n"
+        "by the engine.\n\n"
+        "timeout(timeout_ms, callback): see engine.addTimer.",
+        construct);
+}
+
+} // namespace sonetrix

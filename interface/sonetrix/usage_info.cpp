@@ -1,0 +1,118 @@
+// usageInfo(): a live table of the modules' processing load.
+
+#include "monitor.h"
+
+#include <algorithm>
+#include <vector>
+
+namespace sonetrix {
+
+namespace {
+
+Name getUsageInfoName("getUsageInfo");
+Name decodeName("decode");
+Name utf8Name("utf-8");
+Name replaceName("replace");
+Name absoluteKey("absolute");
+Name relativeKey("relative");
+Name processIdKey("processId");
+
+// A quotient that is 0 where there is nothing to divide by.
+double safediv(double dividend, double divisor) noexcept { return divisor == 0 ? 0 : dividend / divisor; }
+
+struct Row {
+    Ref name;
+    long processId;
+    double relative;
+    double absolute;
+};
+
+Ref item(PyObject *dict, const Name &key) { return checked(PyObject_GetItem(dict, key.get())); }
+
+// engine.getUsageInfo() as rows, the busiest module first.
+std::vector<Row> usageRows() {
+    Ref usages = callEngine(getUsageInfoName);
+    std::vector<Row> rows;
+    Ref items = checked(PyMapping_Items(usages.get()));
+    for (Py_ssize_t index = 0; index < PyList_GET_SIZE(items.get()); ++index) {
+        PyObject *entry = PyList_GET_ITEM(items.get(), index);
+        PyObject *usage = PyTuple_GET_ITEM(entry, 1);
+        const long processId = PyLong_AsLong(item(usage, processIdKey).get());
+        if (processId == -1 && PyErr_Occurred() != nullptr) {
+            throw PythonError();
+        }
+        rows.push_back({callMethod(PyTuple_GET_ITEM(entry, 0), decodeName, utf8Name.get(), replaceName.get()), processId,
+            toDouble(item(usage, relativeKey).get()), toDouble(item(usage, absoluteKey).get())});
+    }
+    std::stable_sort(rows.begin(), rows.end(), [](const Row &a, const Row &b) { return a.absolute > b.absolute; });
+    return rows;
+}
+
+// Replaces what the last redrawing left: each line ends by wiping the rest of its row.
+class Table {
+public:
+    explicit Table(TerminalSize size) : size_(size), text_(checked(PyUnicode_FromString(""))) {}
+
+    // False when the terminal has no room for another line.
+    bool add(const Ref &line) {
+        if (size_.lines > 0 && lines_ + 1 >= size_.lines) {
+            return false;
+        }
+        text_ = checked(PyUnicode_FromFormat("%U%U\x1b[K\n", text_.get(), cut(line, size_.columns).get()));
+        ++lines_;
+        return true;
+    }
+
+    // Draws the table over the previous one, of `previousLines`; gives the number of its own lines.
+    Py_ssize_t draw(Py_ssize_t previousLines) const {
+        Ref start = previousLines > 0 ? checked(PyUnicode_FromFormat("\x1b[%zdA\r", previousLines))
+                                      : checked(PyUnicode_FromString("\r"));
+        print(checked(PyUnicode_FromFormat("%U%U\x1b[J", start.get(), text_.get())).get(), "");
+        return lines_;
+    }
+
+private:
+    TerminalSize size_;
+    Ref text_;
+    Py_ssize_t lines_ = 0;
+};
+
+Ref usageInfo() {
+    HiddenCursor cursor;
+    Py_ssize_t drawnLines = 0;
+    whileRunning([&drawnLines] {
+        const std::vector<Row> rows = usageRows();
+        double total = 0;
+        for (const Row &row : rows) {
+            total += row.absolute;
+        }
+        Table table(terminalSize());
+        table.add(checked(PyUnicode_FromString("    pid  relative  absolute  share  module")));
+        for (const Row &row : rows) {
+            Ref pid = formatted(checked(PyLong_FromLong(row.processId)).get(), "7d");
+            const bool drawn = table.add(checked(PyUnicode_FromFormat("%U  %U%%  %U%%  %U%%  %U", pid.get(),
+                formatted(row.relative, "7.2f").get(), formatted(row.absolute, "7.2f").get(),
+                formatted(safediv(row.absolute, total) * 100, "4.0f").get(), row.name.get())));
+            if (!drawn) {
+                break;
+            }
+        }
+        drawnLines = table.draw(drawnLines);
+    });
+    cursor.show();
+    return none();
+}
+
+constexpr Method functions[] = {
+    {"usageInfo", "()",
+        "Prints a live table of the modules' processing load, as engine.getUsageInfo reads it.\n\n"
+        "The busiest module comes first; the table is cut to the terminal's size and redrawn in place, ten times a\n"
+        "second, until the engine stops or Ctrl-C is pressed.",
+        function<usageInfo>},
+};
+
+} // namespace
+
+void addUsageInfo(PyObject *module) { addFunctions(module, functions); }
+
+} // namespace sonetrix

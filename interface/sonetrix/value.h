@@ -1,0 +1,140 @@
+// Typed values: what an engine value becomes in Python, and what a Python value becomes in the engine. Both lists, the
+// parameters, the meters and the notifications use this one place.
+#pragma once
+
+#include "module.h"
+
+#include <cstdlib>
+#include <memory>
+
+namespace sonetrix {
+
+// ------------------------------------------------------------------------------------------------ engine -> Python
+
+// The value alone: int, float, bytes, or a tuple for an array. Exception "value type not accepted" for an unknown type
+// code and for a null string.
+Ref toPython(const sonetrix_value_t &value);
+// The pair (value, type name), arrays included.
+Ref toTypedPair(const sonetrix_value_t &value);
+// As a value list shows it: the pair, but an integer array as one pair for each element.
+Ref toTypedElement(const sonetrix_value_t &value);
+
+// ------------------------------------------------------------------------------------------------ Python -> engine
+
+// The `type` argument of the append methods: None (deduce from the value), a type name or a ctypes class. It is compared
+// by ==, in the order in which the branches of appendValue() ask.
+class Selector {
+public:
+    explicit Selector(PyObject *object) noexcept : object_(object) {}
+
+    bool isNone() const { return object_ == Py_None || (!isPlain() && equals(Py_None)); }
+    bool isText(const Name &text) const;
+    bool isCtypes(const Name &className) const;
+
+private:
+    // None and plain texts equal nothing but themselves, whatever stands on the other side.
+    bool isPlain() const noexcept { return object_ == Py_None || PyUnicode_CheckExact(object_); }
+    bool equals(PyObject *other) const;
+
+    PyObject *object_;
+};
+
+namespace names {
+extern Name cInt32;
+extern Name cUInt32;
+extern Name cFloat;
+extern Name cDouble;
+extern Name cCharP;
+extern Name int32;
+extern Name uint32;
+extern Name float32;
+extern Name float64;
+extern Name string;
+extern Name intArray;
+extern Name uintArray;
+} // namespace names
+
+struct Free {
+    void operator()(void *memory) const noexcept { std::free(memory); }
+};
+template <class Element> using NativeArray = std::unique_ptr<Element[], Free>;
+
+// A tuple's elements in a new native array, or null: silently when the tuple is empty or an element is of another kind,
+// with an unraisable report when a conversion fails.
+NativeArray<std::int32_t> tupleToInt32(PyObject *tuple) noexcept;
+NativeArray<std::uint32_t> tupleToUInt32(PyObject *tuple) noexcept;
+NativeArray<float> tupleToFloat(PyObject *tuple) noexcept;
+
+// Stores a tuple as an array; false when it cannot be one. Errors are reported as unraisable and count as that.
+template <class Target> bool appendTuple(const Target &target, PyObject *tuple, const Selector &selector) noexcept {
+    const auto count = static_cast<std::size_t>(PyTuple_GET_SIZE(tuple));
+    const auto store = [&](const auto &array) {
+        if (array != nullptr) {
+            target.add(array.get(), count);
+        }
+        return array != nullptr;
+    };
+    try {
+        if (selector.isCtypes(names::cInt32) || selector.isText(Target::int32ArrayName)) {
+            return store(tupleToInt32(tuple));
+        }
+        if (selector.isCtypes(names::cUInt32) || selector.isText(Target::uint32ArrayName)) {
+            const auto array = tupleToUInt32(tuple);
+            if constexpr (Target::storesUInt32Arrays) {
+                return store(array);
+            }
+            return false;
+        }
+        if (selector.isCtypes(names::cFloat) || selector.isText(names::float32)) {
+            return store(tupleToFloat(tuple));
+        }
+        if (selector.isNone()) {
+            return store(tupleToInt32(tuple)) || store(tupleToFloat(tuple));
+        }
+        raisePlain("type not yet supported");
+    } catch (...) {
+        translateException();
+        addTraceback(Target::appendTupleName);
+        reportUnraisable(Target::appendTupleName, Report::tracebackAndHook);
+        return false;
+    }
+}
+
+// Stores a value as the selector asks, or as the value itself suggests. `Target` is one side's list, with:
+//   add(const char *), add(int32_t), add(uint32_t), add(float), add(double), add(const element *, count)
+//   int32ArrayName, uint32ArrayName, storesUInt32Arrays, charPointerIsString, appendTupleName
+// Exception "value type not supported" or "tuple value type not supported", OverflowError beyond a type's range.
+template <class Target> void appendValue(const Target &target, PyObject *value, const Selector &selector) {
+    if (PyUnicode_Check(value) || PyBytes_Check(value)) {
+        const EngineText text = EngineText::fromValue(value);
+        if (selector.isNone() || (Target::charPointerIsString && selector.isCtypes(names::cCharP)) ||
+            selector.isText(names::string)) {
+            return target.add(text.get());
+        }
+    } else if (PyLong_Check(value)) {
+        if (selector.isNone() || selector.isCtypes(names::cInt32) || selector.isText(names::int32)) {
+            return target.add(toInt32(value));
+        }
+        if (selector.isCtypes(names::cUInt32) || selector.isText(names::uint32)) {
+            return target.add(toUInt32(value));
+        }
+    } else if (PyFloat_Check(value)) {
+        if (selector.isNone() || selector.isCtypes(names::cFloat) || selector.isText(names::float32)) {
+            return target.add(static_cast<float>(PyFloat_AS_DOUBLE(value)));
+        }
+        if (selector.isCtypes(names::cDouble) || selector.isText(names::float64)) {
+            return target.add(PyFloat_AS_DOUBLE(value));
+        }
+    } else if (PyTuple_Check(value)) {
+        if (!PyTuple_CheckExact(value)) {
+            raiseExpected("tuple", value);
+        }
+        if (!appendTuple(target, value, selector)) {
+            raisePlain("tuple value type not supported");
+        }
+        return;
+    }
+    raisePlain("value type not supported");
+}
+
+} // namespace sonetrix

@@ -1,0 +1,149 @@
+// The engine's command-line module for Python: its record and the engine's operations on it.
+
+#include "console.h"
+#include "console_thread.h"
+#include "host_log.h"
+#include "interpreter_session.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <unistd.h>
+
+namespace sonetrix::cli {
+
+namespace {
+
+// The dispositions that the record's console replaced, with their flags and masks.
+struct sigaction savedSigint {};
+struct sigaction savedSigpipe {};
+struct sigaction savedWake {};
+
+void start(sonetrix_cliModule_t *module) {
+    if (interpreterIsReady()) {
+        setUpConsole(*module);
+    }
+}
+
+std::int32_t run(sonetrix_cliModule_t *module) {
+    if (!interpreterIsReady()) {
+        return consoleEnded;
+    }
+    const ConsoleThread::Activity activity(ConsoleThread::Activity::Kind::run);
+    return module->interactive != 0 ? runConsole(*module) : runStandardInput(*module);
+}
+
+void stop(sonetrix_cliModule_t *module) {
+    if (!stopRequested(*module)) {
+        log(SONETRIX_LOG_DEBUG, "request to stop cli");
+        if (__atomic_exchange_n(&module->stopRequested, 1, __ATOMIC_SEQ_CST) == 0) {
+            ConsoleThread::instance().interrupt();
+            return;
+        }
+    }
+    log(SONETRIX_LOG_DEBUG, "cli stop already send");
+}
+
+// Back to what was there before the interpreter started.
+void restoreSignals(sonetrix_cliModule_t &module) noexcept {
+    if (module.savedSigintHandler != nullptr) {
+        sigaction(SIGINT, &savedSigint, nullptr);
+        module.savedSigintHandler = nullptr;
+    }
+    sigaction(SIGPIPE, &savedSigpipe, nullptr);
+    sigaction(SIGURG, &savedWake, nullptr);
+}
+
+void release(sonetrix_cliModule_t *module) noexcept {
+    std::free(module->startCode);
+    std::free(module->scriptPath);
+    sonetrix_free(module);
+}
+
+void destroy(sonetrix_cliModule_t *module) {
+    if (module == nullptr) {
+        return;
+    }
+    if (interpreterIsReady()) {
+        endInterpreter();
+    }
+    ConsoleThread::instance().close();
+    restoreSignals(*module);
+    release(module);
+}
+
+void readStartParameters(sonetrix_cliModule_t &module, sonetrix_cListKeyValue_t *parameters) noexcept {
+    if (parameters == nullptr) {
+        return;
+    }
+    const char *text = nullptr;
+    if (sonetrix_keyValueListGetS(parameters, "python.start", &text) == 0) {
+        module.startCode = strdup(text);
+        log(SONETRIX_LOG_DEBUG, "python.start: %s", text);
+    }
+    if (sonetrix_keyValueListGetS(parameters, "python.file", &text) == 0) {
+        module.scriptPath = strdup(text);
+        log(SONETRIX_LOG_DEBUG, "python.start: %s", text);
+    }
+    if (sonetrix_keyValueListGetIU(parameters, "python.sigint", &module.sigintMode) == 0) {
+        log(SONETRIX_LOG_DEBUG, "python.sigint: %d", static_cast<int>(module.sigintMode));
+    }
+}
+
+// On a terminal the console is interactive, and the default disposition of SIGINT makes the interpreter install its
+// KeyboardInterrupt handler, unless the engine keeps SIGINT for itself.
+void chooseMode(sonetrix_cliModule_t &module) noexcept {
+    sigaction(SIGINT, nullptr, &savedSigint);
+    sigaction(SIGPIPE, nullptr, &savedSigpipe);
+    sigaction(SIGURG, nullptr, &savedWake);
+    if (isatty(fileno(stdin)) == 0) {
+        if (errno == ENOTTY) {
+            log(SONETRIX_LOG_INFO, "not interactive console");
+        } else {
+            log(SONETRIX_LOG_WARN, "not interactive console: %d %s", errno, std::strerror(errno));
+        }
+        return;
+    }
+    if (module.sigintMode == 0) {
+        log(SONETRIX_LOG_INFO, "interactive console");
+    } else {
+        log(SONETRIX_LOG_INFO, "interactive console (KeyboardInterrupt default python handler)");
+        module.savedSigintHandler = signal(SIGINT, SIG_DFL);
+    }
+    module.interactive = 1;
+}
+
+} // namespace
+
+} // namespace sonetrix::cli
+
+extern "C" sonetrix_cliModule_t *sonetrix_engineCliCostructor(sonetrix_cListKeyValue_t *parameters, void *context) {
+    using namespace sonetrix::cli;
+    void *memory = sonetrix_malloc(sizeof(sonetrix_cliModule_t));
+    if (memory == nullptr) {
+        log(SONETRIX_LOG_WARN, "error creating python cli");
+        return nullptr;
+    }
+    auto *module = new (memory) sonetrix_cliModule_t{};
+    module->context = context;
+    module->run = run;
+    module->start = start;
+    module->stop = stop;
+    module->destroy = destroy;
+    module->sigintMode = 1;
+    readStartParameters(*module, parameters);
+    chooseMode(*module);
+    if (!registerModule()) {
+        log(SONETRIX_LOG_WARN, "could not extend in-built modules table");
+        log(SONETRIX_LOG_WARN, "error creating python cli");
+        restoreSignals(*module);
+        release(module);
+        return nullptr;
+    }
+    ConsoleThread::instance().open(module->sigintMode == 0);
+    startInterpreter(*module);
+    return module;
+}

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <sonetrix/engine_api.h>
+
+#include <cstdint>
+
+namespace sonetrix::cli {
+
+// What `run` returns.
+constexpr std::int32_t consoleEnded = -1; // also: the script failed
+constexpr std::int32_t scriptSucceeded = -2;
+
+// The interactive console: statements from the terminal until the end of input or a stop request.
+std::int32_t runConsole(const sonetrix_cliModule_t &module) noexcept;
+
+// All of standard input as one script.
+std::int32_t runStandardInput(const sonetrix_cliModule_t &module) noexcept;
+
+// Whether a stop has been requested.
+bool stopRequested(const sonetrix_cliModule_t &module) noexcept;
+
+} // namespace sonetrix::cli

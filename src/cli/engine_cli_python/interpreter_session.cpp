@@ -1,0 +1,200 @@
+#include "interpreter_session.h"
+
+#include "clear.h"
+#include "console_thread.h"
+#include "host_log.h"
+#include "module_init.h"
+#include "python/errors.h"
+#include "python/gil.h"
+#include "statement.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <dlfcn.h>
+
+namespace sonetrix::cli {
+
+namespace {
+
+constexpr const char *promptScript = "import sys\n"
+                                     "sys.ps1 = \"engine> \"\n"
+                                     "sys.ps2 = \"... \"\n"
+                                     "del sys\n";
+constexpr const char *pagerScript = "try:\n"
+                                    "    import pydoc\n"
+                                    "    pydoc.pager = pydoc.plainpager\n"
+                                    "except:\n"
+                                    "    pass\n";
+constexpr const char *importStatement = "from sonetrix import *";
+constexpr const char *cleanUpStatement = "globals().clear()\n";
+
+constexpr double lastThreadsLimit = 3.0; // seconds that forgotten Python threads delay the end
+
+bool ready = false;
+
+// The standard library's extension modules do not name libpython among their needs; they look its symbols up globally.
+// An engine that loads this library with local binding has brought libpython in locally, too.
+void makePythonSymbolsGlobal() noexcept {
+    Dl_info info{};
+    if (dladdr(reinterpret_cast<void *>(&Py_InitializeFromConfig), &info) != 0 && info.dli_fname != nullptr) {
+        dlopen(info.dli_fname, RTLD_NOW | RTLD_GLOBAL | RTLD_NOLOAD); // never closed: the interpreter stays loaded
+    }
+}
+
+PyStatus initialize() noexcept {
+    PyConfig config;
+    PyConfig_InitPythonConfig(&config);
+    config.parse_argv = 0;
+    config.interactive = 1;
+    config.write_bytecode = 0;
+    config.buffered_stdio = 1;
+    config.inspect = 1; // an uncaught SystemExit must not end the engine's process; see statement.h
+    PyStatus status = PyConfig_SetBytesString(&config, &config.program_name, "engine");
+    if (PyStatus_Exception(status) == 0) {
+        status = Py_InitializeFromConfig(&config);
+    }
+    PyConfig_Clear(&config);
+    return status;
+}
+
+// For "python.sigint" = 0: while this lives, the interpreter finds a SIGINT disposition that is not the default one,
+// and so leaves it alone.
+class SigintKept {
+public:
+    explicit SigintKept(bool keep) noexcept {
+        struct sigaction placeholder {};
+        placeholder.sa_handler = [](int) {};
+        kept_ = keep && sigaction(SIGINT, &placeholder, &action_) == 0;
+    }
+    ~SigintKept() {
+        if (kept_) {
+            sigaction(SIGINT, &action_, nullptr);
+        }
+    }
+    SigintKept(const SigintKept &) = delete;
+    SigintKept &operator=(const SigintKept &) = delete;
+
+private:
+    bool kept_ = false;
+    struct sigaction action_ {};
+};
+
+void runScriptFile(const char *path) noexcept {
+    std::FILE *file = std::fopen(path, "re");
+    if (file == nullptr) {
+        log(SONETRIX_LOG_WARN, "execute script file: '%s' not done", path);
+        return;
+    }
+    runStatement([&] { return PyRun_SimpleFileExFlags(file, path, 1, nullptr); });
+}
+
+// Frees a string of the record and clears its field.
+void consume(char *&text) noexcept { std::free(std::exchange(text, nullptr)); }
+
+PyObject *doNothing(PyObject *, PyObject *) noexcept { return Py_NewRef(Py_None); }
+PyMethodDef noShutdown = {"_shutdown", doNothing, METH_NOARGS, nullptr};
+
+// Finalisation waits for Python threads that are not daemons, without end. So the same wait is done here on a daemon
+// thread, for a limited time; whoever is still running then is named and left behind.
+void waitForThreads() {
+    PyObject *threading = PyDict_GetItemString(PyImport_GetModuleDict(), "threading");
+    if (threading == nullptr) {
+        return;
+    }
+    Ref shutdown = checked(PyObject_GetAttrString(threading, "_shutdown"));
+    Ref threadClass = checked(PyObject_GetAttrString(threading, "Thread"));
+    Ref arguments = checked(PyTuple_New(0));
+    Ref keywords = checked(Py_BuildValue("{sOsO}", "target", shutdown.get(), "daemon", Py_True));
+    Ref waiter = checked(PyObject_Call(threadClass.get(), arguments.get(), keywords.get()));
+    checked(PyObject_CallMethod(waiter.get(), "start", nullptr));
+    checked(PyObject_CallMethod(waiter.get(), "join", "d", lastThreadsLimit));
+    Ref alive = checked(PyObject_CallMethod(waiter.get(), "is_alive", nullptr));
+    if (checked(PyObject_IsTrue(alive.get())) == 0) {
+        return;
+    }
+    Ref mainThread = checked(PyObject_CallMethod(threading, "main_thread", nullptr));
+    Ref threads = checked(PyObject_CallMethod(threading, "enumerate", nullptr));
+    for (Py_ssize_t index = 0; index < PyList_GET_SIZE(threads.get()); ++index) {
+        PyObject *thread = PyList_GET_ITEM(threads.get(), index);
+        Ref daemon = checked(PyObject_GetAttrString(thread, "daemon"));
+        if (thread != mainThread.get() && checked(PyObject_IsTrue(daemon.get())) == 0) {
+            Ref name = checked(PyObject_Str(checked(PyObject_GetAttrString(thread, "name")).get()));
+            const char *text = PyUnicode_AsUTF8(name.get());
+            log(SONETRIX_LOG_WARN, "python thread '%s' is still running and is left behind", text == nullptr ? "?" : text);
+        }
+    }
+    Ref nothing = checked(PyCFunction_New(&noShutdown, nullptr));
+    checked(PyObject_SetAttrString(threading, "_shutdown", nothing.get()));
+}
+
+} // namespace
+
+bool registerModule() noexcept {
+    // An interpreter that runs already has its table of built-in modules fixed.
+    return Py_IsInitialized() == 0 && PyImport_AppendInittab("sonetrix", PyInit_sonetrix) == 0;
+}
+
+void startInterpreter(const sonetrix_cliModule_t &module) noexcept {
+    makePythonSymbolsGlobal();
+    {
+        const SigintKept kept(module.sigintMode == 0);
+        const PyStatus status = initialize();
+        if (PyStatus_Exception(status) != 0) {
+            log(SONETRIX_LOG_WARN, "error init python");
+            return;
+        }
+    }
+    ready = true;
+    const GilHeld held;
+    ConsoleThread::instance().installHandler();
+    installExceptHook();
+    if (PyRun_SimpleString(importStatement) != 0) {
+        log(SONETRIX_LOG_WARN, "error importing sonetrix");
+    }
+}
+
+bool interpreterIsReady() noexcept { return ready; }
+
+void setUpConsole(sonetrix_cliModule_t &module) noexcept {
+    const GilHeld held;
+    const ConsoleThread::Activity activity(ConsoleThread::Activity::Kind::start);
+    if (PyRun_SimpleString(promptScript) != 0) {
+        log(SONETRIX_LOG_WARN, "problem settings python prompt");
+    }
+    if (PyRun_SimpleString(pagerScript) != 0) {
+        log(SONETRIX_LOG_WARN, "problem settings python fix for help pager method");
+    }
+    if (module.startCode != nullptr) {
+        runStatement([&] { return PyRun_SimpleString(module.startCode); });
+        consume(module.startCode);
+    }
+    if (module.scriptPath != nullptr) {
+        runScriptFile(module.scriptPath);
+        consume(module.scriptPath);
+    }
+}
+
+void endInterpreter() noexcept {
+    ready = false;
+    clearPythonModule();
+    if (!holdsGil()) {
+        keepGil();
+    }
+    if (PyRun_SimpleString(cleanUpStatement) != 0) {
+        log(SONETRIX_LOG_WARN, "problem while cleaning up CLI global variables");
+    }
+    try {
+        waitForThreads();
+    } catch (const PythonError &) {
+        PyErr_Print();
+    }
+    if (!endCallbacks()) {
+        // To finalise under a thread that is inside Python would end it, and the engine with it.
+        log(SONETRIX_LOG_ERROR, "an engine thread does not return from Python: the interpreter is left as it is");
+        giveGilUp();
+        return;
+    }
+    Py_FinalizeEx();
+}
+
+} // namespace sonetrix::cli

@@ -1,0 +1,27 @@
+"""What the Python tests share. Paths come from ctest's environment, with the release build as the default."""
+
+import os
+import pathlib
+
+SOURCE = pathlib.Path(os.environ.get("SONETRIX_SOURCE", pathlib.Path(__file__).parents[2]))
+BUILD = pathlib.Path(os.environ.get("SONETRIX_BUILD", SOURCE / "build" / "release"))
+MODULE = BUILD / "lib" / "sonetrix.so"
+ENGINE = BUILD / "bin" / "sonetrix-engine"
+DOUBLE = BUILD / "tests" / "libsonetrix_double.so"
+CONSOLE_HOST = BUILD / "tests" / "console_host"
+
+SANITIZER = os.environ.get("SONETRIX_SANITIZE", "")
+# Waits are scaled, never guessed per build.
+SLOWNESS = 6 if SANITIZER else 1
+TIME_LIMIT = 30.0 * SLOWNESS
+
+# The sanitizer's run-time library was brought in for this interpreter only; children that need it say so.
+PRELOAD = os.environ.pop("LD_PRELOAD", None)
+
+
+def interpreter_environment(**variables):
+    """Environment for a child interpreter that loads the module itself."""
+    environment = dict(os.environ, **variables)
+    if PRELOAD:
+        environment["LD_PRELOAD"] = PRELOAD
+    return environment

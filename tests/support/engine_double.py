@@ -1,0 +1,246 @@
+"""The recording engine, as tests of the module in a plain interpreter use it.
+
+    from support import engine_double
+    sonetrix = engine_double.load()          # the double first, then the module
+
+    engine_double.result("sonetrix_engine_LinkPort", 3)
+    sonetrix.engine.link("a:out", "b:in")    # 3
+    engine_double.calls("sonetrix_engine_LinkPort")
+    # [Call(name=..., args=("engine", b"a:out", b"b:in"), lock_held=False, thread=...)]
+
+Arguments arrive as Python values: the handle as "engine", null as None, strings as bytes, other pointers as numbers,
+arrays as tuples, values as (type name, value), lists given to the engine as lists of those, with keys in front where
+they have some. In calls of the list functions themselves a list is its address.
+"""
+
+import ast
+import ctypes
+import importlib
+import unittest
+from typing import NamedTuple
+
+from . import DOUBLE
+
+CHANGES, SLOW_METERS, FAST_METERS, TIMER = range(4)
+
+TYPE_CODES = {"uint32": 0, "int32": 1, "float": 2, "string": 3, "auint32": 4, "aint32": 5, "afloat": 6, "double": 7}
+_SCALARS = {"uint32": ctypes.c_uint32, "int32": ctypes.c_int32, "float": ctypes.c_float, "double": ctypes.c_double}
+_ELEMENTS = {"auint32": ctypes.c_uint32, "aint32": ctypes.c_int32, "afloat": ctypes.c_float}
+
+
+class Call(NamedTuple):
+    name: str
+    args: tuple
+    lock_held: bool | None  # None where no interpreter was running
+    thread: int
+
+
+class _Union(ctypes.Union):
+    _fields_ = [("uint32", ctypes.c_uint32), ("int32", ctypes.c_int32), ("float", ctypes.c_float),
+                ("double", ctypes.c_double), ("pointer", ctypes.c_void_p)]
+
+
+class Value(ctypes.Structure):
+    """A typed value; as a test's own record it may be as odd as needed: Value(99), Value(3)."""
+
+    _fields_ = [("type", ctypes.c_uint32), ("as_", _Union), ("count", ctypes.c_uint64)]
+
+    @classmethod
+    def of(cls, value, type_name=None):
+        if type_name is None:
+            type_name = {bytes: "string", str: "string", int: "int32", float: "float"}[type(value)]
+        record = cls(TYPE_CODES[type_name])
+        if type_name == "string":
+            text = value.encode() if isinstance(value, str) else value
+            record.memory = ctypes.create_string_buffer(text)
+            record.as_.pointer = ctypes.addressof(record.memory)
+        elif type_name in _ELEMENTS:
+            record.memory = (_ELEMENTS[type_name] * len(value))(*value)
+            record.as_.pointer = ctypes.addressof(record.memory) if value else None
+            record.count = len(value)
+        else:
+            setattr(record.as_, type_name, value)
+        return record
+
+
+class Port(ctypes.Structure):
+    _fields_ = [("name", ctypes.c_char * 132), ("type", ctypes.c_uint32), ("reserved", ctypes.c_uint8 * 16),
+                ("link", ctypes.c_char_p)]
+
+
+class Module(ctypes.Structure):
+    _fields_ = [("name", ctypes.c_char * 40), ("reference", ctypes.c_void_p), ("reserved0", ctypes.c_uint8 * 20),
+                ("type", ctypes.c_uint32), ("reserved1", ctypes.c_uint8 * 128), ("sources", ctypes.c_void_p),
+                ("source_count", ctypes.c_uint32), ("reserved2", ctypes.c_uint8 * 8), ("sinks", ctypes.c_void_p),
+                ("sink_count", ctypes.c_uint32)]
+
+    @classmethod
+    def of(cls, name, type=1, reference=None, sources=(), sinks=()):
+        """Ports are (name, type) or, for linked sinks, (name, type, link)."""
+        module = cls(name=name, type=type, reference=reference)
+        module.memory = []
+        for kind, ports in (("source", sources), ("sink", sinks)):
+            records = [Port(name=port[0], type=port[1], link=port[2] if len(port) > 2 else None) for port in ports]
+            table = (ctypes.POINTER(Port) * len(records))(*map(ctypes.pointer, records))
+            module.memory.append((records, table))
+            setattr(module, kind + "s", ctypes.addressof(table))
+            setattr(module, kind + "_count", len(records))
+        return module
+
+
+# ctypes gives the interpreter lock up during calls of the first, and keeps it during calls of the second.
+_library = ctypes.CDLL(str(DOUBLE), mode=ctypes.RTLD_GLOBAL)
+_holding_lock = ctypes.PyDLL(str(DOUBLE))
+_kept = {}
+
+for _name, _result, *_arguments in (
+    ("reset", None), ("calls", ctypes.c_char_p, ctypes.c_int32), ("record", None, ctypes.c_int32),
+    ("counts", ctypes.c_int64, ctypes.c_int32), ("exitCode", ctypes.c_int32),
+    ("result", None, ctypes.c_char_p, ctypes.c_int64, ctypes.c_int32),
+    ("null", None, ctypes.c_char_p, ctypes.c_int32), ("delay", None, ctypes.c_char_p, ctypes.c_int32),
+    ("text", None, ctypes.c_char_p, ctypes.c_char_p), ("user", None, ctypes.c_char_p, ctypes.c_void_p),
+    ("numbers", None, ctypes.c_char_p, ctypes.POINTER(ctypes.c_double), ctypes.c_size_t),
+    ("stopOnError", None, ctypes.c_char_p, ctypes.c_int32), ("listNew", ctypes.c_void_p),
+    ("listAdd", None, ctypes.c_void_p, ctypes.c_char_p, ctypes.POINTER(Value)),
+    ("list", None, ctypes.c_char_p, ctypes.c_void_p), ("modules", None, ctypes.c_void_p, ctypes.c_size_t),
+    ("registrations", ctypes.c_int32, ctypes.c_int32),
+    ("fire", None, ctypes.c_int32, ctypes.c_void_p, ctypes.c_int32, ctypes.c_int32),
+):
+    for _binding in (_library, _holding_lock):
+        _function = getattr(_binding, "double_" + _name)
+        _function.restype, _function.argtypes = _result, _arguments
+
+
+def load():
+    """The module, imported against the double."""
+    return importlib.import_module("sonetrix")
+
+
+def calls(*names, clear=False):
+    """The calls on record, oldest first; with names, or beginnings of names that end in "*", only those."""
+    every = (Call(name, args, None if held < 0 else bool(held), thread)
+             for name, args, held, thread in ast.literal_eval(_library.double_calls(clear).decode()))
+    return [call for call in every if not names or any(
+        call.name.startswith(name[:-1]) if name.endswith("*") else call.name == name for name in names)]
+
+
+def log_lines():
+    """What went to the engine's log: (level, text), from either log function."""
+    return [(call.args[0], call.args[-1].decode()) for call in calls("sonetrix_log", "sonetrix_log_LogString")]
+
+
+def clear():
+    _library.double_calls(True)
+
+
+def reset():
+    """Forgets calls, scripted behaviour and module records. Registrations and live objects stay."""
+    _library.double_reset()
+    _kept.clear()
+
+
+def recording(on):
+    _library.double_record(on)
+
+
+def result(name, value, lasting=True):
+    """The integer result of a function: from now on, or, not lasting, once (queued)."""
+    _library.double_result(name.encode(), value, lasting)
+
+
+def null(name, times=-1):
+    """Makes a function that gives a pointer give null."""
+    _library.double_null(name.encode(), times)
+
+
+def delay(name, seconds):
+    """Holds every call of a function up, at most that long; 0 lets the waiting calls go on."""
+    _library.double_delay(name.encode(), int(seconds * 1000))
+
+
+def text(name, value):
+    """The string that a function hands out."""
+    _library.double_text(name.encode(), value)
+
+
+def numbers(name, *values):
+    """The figures that a function fills in, in the order of its arguments."""
+    _library.double_numbers(name.encode(), (ctypes.c_double * len(values))(*values), len(values))
+
+
+def user_data(name, value):
+    """Replaces the user pointer of an iteration by this object."""
+    _kept[name, "user"] = value
+    _library.double_user(name.encode(), id(value))
+
+
+def stop_on_error(name, stops=True):
+    _library.double_stopOnError(name.encode(), stops)
+
+
+def make_list(entries):
+    """An engine list of values, or of (key, value) for a dict; each a Python value, (value, type name) or a Value."""
+    handle = _library.double_listNew()
+    pairs = entries.items() if isinstance(entries, dict) else ((None, entry) for entry in entries)
+    for key, entry in pairs:
+        if not isinstance(entry, Value):
+            entry = Value.of(*entry) if isinstance(entry, tuple) else Value.of(entry)
+        _library.double_listAdd(handle, key.encode() if isinstance(key, str) else key, ctypes.byref(entry))
+    return handle
+
+
+def gives(name, entries):
+    """The list that a function gives: see make_list."""
+    _library.double_list(name.encode(), make_list(entries))
+
+
+def modules(*records):
+    """The module records that the iteration shows."""
+    table = (ctypes.POINTER(Module) * len(records))(*map(ctypes.pointer, records))
+    _kept["modules"] = records, table
+    _library.double_modules(table, len(records))
+
+
+def fire(kind, entries=None, threads=1, times=1, lock_held=False):
+    """Calls the registered callbacks of a kind: on native threads, or (threads=0) on the calling thread with the
+    interpreter lock held or not. Returns when they are through."""
+    binding = _holding_lock if lock_held else _library
+    binding.double_fire(kind, None if entries is None else make_list(entries), threads, times)
+
+
+def registrations(kind):
+    return _library.double_registrations(kind)
+
+
+def live_lists():
+    return _library.double_counts(0)
+
+
+def live_values():
+    return _library.double_counts(1)
+
+
+def live_blocks():
+    return _library.double_counts(2)
+
+
+def misuses():
+    """How often a list was used or destroyed that was not alive, or destroyed that the engine keeps."""
+    return _library.double_counts(3)
+
+
+def exit_code():
+    return _library.double_exitCode()
+
+
+class TestCase(unittest.TestCase):
+    """Every test starts from a clean double, and ends with all lists released and none misused."""
+
+    def setUp(self):
+        self.sonetrix = load()
+        reset()
+        self._lists, self._values = live_lists(), live_values()
+
+    def tearDown(self):
+        self.assertEqual(misuses(), 0, "engine lists misused")
+        self.assertEqual((live_lists(), live_values()), (self._lists, self._values), "engine objects left behind")
