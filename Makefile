@@ -1,7 +1,7 @@
 # Thin front door: every target is one or two commands that can be typed by hand.
 
 .DEFAULT_GOAL := help
-.PHONY: help setup run build test test-asan test-tsan bench lint format docs-graph clean
+.PHONY: help setup run build test test-asan test-tsan test-matrix bench lint format docs-graph clean
 
 ARGS ?=
 
@@ -27,6 +27,9 @@ test-asan test-tsan: test-%: setup
 	@ctest --preset $*
 test-asan: ## Run all tests with the address, leak and undefined-behaviour sanitizers
 test-tsan: ## Run all tests with the thread sanitizer
+
+test-matrix: setup ## Build and test against every suitable CPython on the machine
+	@tools/test-matrix
 
 bench: build ## Run the benchmarks
 	@cmake --build --preset release --target bench

@@ -9,8 +9,8 @@
  *   status    int32_t results are status codes, 0 on success, unless a comment says otherwise.
  *   strings   NUL-terminated bytes; no length ever crosses this border. Names and keys are ASCII, string values UTF-8.
  *   lists     add functions copy the strings and arrays they are given; a list is not safe for concurrent use.
- *   ownership a function that returns a list pointer hands the list over unless a comment says that the engine keeps it.
- *   threads   every function may be called from any thread, the lists with the restriction above.
+ *   ownership a function that returns a list pointer hands the list over unless a comment says that the engine keeps
+ * it. threads   every function may be called from any thread, the lists with the restriction above.
  */
 #ifndef SONETRIX_ENGINE_API_H
 #define SONETRIX_ENGINE_API_H
@@ -245,7 +245,8 @@ int32_t sonetrix_engine_ForEachModuleSafe(sonetrix_engine_t *engine, sonetrix_mo
 /* Usages in percent: absolute of the block's time, relative of the time that all modules took. */
 int32_t sonetrix_engine_ModuleUsage(
     sonetrix_engine_t *engine, const char *name, float *absolute, float *relative, uint32_t *processId);
-/* On success *library is malloc'ed text that the caller frees, and *configuration a list that the caller owns, or null. */
+/* On success *library is malloc'ed text that the caller frees, and *configuration a list that the caller owns, or null.
+ */
 int32_t sonetrix_engine_ModuleGetStartParameter(sonetrix_engine_t *engine,
     const sonetrix_module_t *module,
     char **library,
@@ -301,9 +302,9 @@ sonetrix_log_level_t sonetrix_log_GetLogLevel(void);
 void sonetrix_log_SetLogLevel(sonetrix_log_level_t level);
 sonetrix_log_level_t sonetrix_log_GetLogLevelJournal(void);
 void sonetrix_log_SetLogLevelJournal(sonetrix_log_level_t level);
-void sonetrix_log_time(int32_t on);             /* time stamps on the console */
-void sonetrix_log_file_time(int32_t on);        /* time stamps in the log file */
-void sonetrix_log_filename(const char *path);   /* opens the log file unless one is open; null closes it */
+void sonetrix_log_time(int32_t on);           /* time stamps on the console */
+void sonetrix_log_file_time(int32_t on);      /* time stamps in the log file */
+void sonetrix_log_filename(const char *path); /* opens the log file unless one is open; null closes it */
 void sonetrix_log_syslog(int32_t on);
 void sonetrix_log_journald(int32_t on);
 
@@ -320,17 +321,17 @@ void sonetrix_memory_rt_inspect(void); /* prints the real-time memory accounting
  */
 typedef struct sonetrix_cliModule sonetrix_cliModule_t;
 struct sonetrix_cliModule {
-    void *context;                         /* the constructor's second argument */
+    void *context;                          /* the constructor's second argument */
     int32_t (*run)(sonetrix_cliModule_t *); /* -1: the console ended or the script failed; -2: the script succeeded */
     void (*start)(sonetrix_cliModule_t *);
     void (*stop)(sonetrix_cliModule_t *);
     void (*destroy)(sonetrix_cliModule_t *); /* accepts null */
-    char *startCode;                       /* "python.start", until it has run */
-    char *scriptPath;                      /* "python.file", until it has run */
-    uint32_t sigintMode;                   /* "python.sigint"; 1 when absent */
-    int32_t stopRequested;                 /* accessed atomically: 0, then 1 for ever */
-    int32_t interactive;                   /* 1 when standard input is a terminal */
-    void (*savedSigintHandler)(int);       /* the replaced SIGINT disposition, or null */
+    char *startCode;                         /* "python.start", until it has run */
+    char *scriptPath;                        /* "python.file", until it has run */
+    uint32_t sigintMode;                     /* "python.sigint"; 1 when absent */
+    int32_t stopRequested;                   /* accessed atomically: 0, then 1 for ever */
+    int32_t interactive;                     /* 1 when standard input is a terminal */
+    void (*savedSigintHandler)(int);         /* the replaced SIGINT disposition, or null */
 };
 
 SONETRIX_STATIC_ASSERT(offsetof(sonetrix_cliModule_t, context) == 0, "cliModule.context");

@@ -1,5 +1,6 @@
 #include "callback_bridge.h"
 
+#include "callback_reaper.h"
 #include "key_cache.h"
 #include "list_key_value.h"
 #include "log.h"
@@ -37,6 +38,9 @@ void unlink(CallbackObject &object) noexcept {
 
 CallbackObject &self(PyObject *object) noexcept { return *reinterpret_cast<CallbackObject *>(object); }
 
+// The callable that this thread, an engine's, is calling; null elsewhere.
+constinit thread_local PyObject *calledHere = nullptr;
+
 // Ends the registration, if there is one. The object leaves the list before the lock is given up, so that two threads
 // cannot both end it.
 void unregister(CallbackObject &object) noexcept {
@@ -45,9 +49,19 @@ void unregister(CallbackObject &object) noexcept {
         return;
     }
     unlink(object);
-    if (sonetrix_engine_t *engine = engineHandle()) {
-        unlocked([&] { object.kind->remove(engine, handle); });
+    sonetrix_engine_t *engine = engineHandle();
+    if (engine == nullptr) {
+        return;
     }
+    // From inside its own call, removal returns at once; from inside another's it could wait for ever.
+    if (calledHere != nullptr && calledHere != object.callback) {
+        const Removal removal = {object.kind->remove, engine, handle, Py_NewRef(object.callback)};
+        if (removeLater(removal)) {
+            return;
+        }
+        Ref::steal(removal.callback);
+    }
+    unlocked([&] { object.kind->remove(engine, handle); });
 }
 
 // Runs before the garbage collector clears anything of a cycle: whatever the callable uses is still whole then.
@@ -114,6 +128,11 @@ Ref addCallbackClass(PyObject *module, const char *name, const char *doc, newfun
     return type;
 }
 
+CallScope::CallScope(void *user) noexcept
+    : callable_(Ref::borrow(static_cast<PyObject *>(user))), outer_(std::exchange(calledHere, callable_.get())) {}
+
+CallScope::~CallScope() { calledHere = outer_; }
+
 void requireRegistered(const Ref &object) {
     if (self(object.get()).handle == nullptr) {
         raise(PyExc_MemoryError);
@@ -141,7 +160,7 @@ void notify(const Notification &notification, sonetrix_cListKeyValue_t *list, vo
     if (!entry) {
         return;
     }
-    const Ref callable = Ref::borrow(static_cast<PyObject *>(user));
+    const CallScope scope(user);
     try {
         Ref dict;
         try {
@@ -151,7 +170,7 @@ void notify(const Notification &notification, sonetrix_cListKeyValue_t *list, vo
             reportUnraisable(notification.reportName);
             dict = checked(PyDict_New());
         }
-        const Ref result = Ref::steal(PyObject_CallOneArg(callable.get(), dict.get()));
+        const Ref result = Ref::steal(PyObject_CallOneArg(scope.callable(), dict.get()));
         if (!result) {
             PyErr_Clear();
             logFromBridge(SONETRIX_LOG_WARN, notification.failure);
@@ -172,7 +191,7 @@ bool endCallbacks() noexcept {
         unregister(self(object.get()));
     }
     dropKeyCache();
-    return unlocked([] { return interpreterGate().close(lastCallLimit); });
+    return unlocked([] { return finishRemovals(lastCallLimit) && interpreterGate().close(lastCallLimit); });
 }
 
 } // namespace sonetrix

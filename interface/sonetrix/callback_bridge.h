@@ -4,11 +4,13 @@
 //              when the object is finalized, deallocated, or still there when the interpreter ends, whichever comes
 //              first; always before the callable is let go. So the callable, which is the engine's user pointer, lives
 //              as long as the engine may call.
-//   a call     An engine thread passes the gate, is refused if it holds the interpreter lock already (notifications), takes
+//   a call     An engine thread passes the gate, is refused if it holds the interpreter lock already (notifications),
+//   takes
 //              the lock, takes a reference to the callable of its own (the callable may drop its object), and calls.
 //              Errors end in the engine's log.
 //   the engine is called with the interpreter lock released, registration and removal included: removal waits for a
-//              call in progress, and that call needs the lock.
+//              call in progress, and that call needs the lock. A callable that drops another's object does not wait
+//              at all; see callback_reaper.h.
 //   the end    endCallbacks(): no new registrations; those alive are removed in the order in which they were made; the
 //              gate is closed, and whoever is inside is waited for.
 #pragma once
@@ -27,8 +29,7 @@ struct CallbackKind {
 };
 
 struct CallbackObject {
-    PyObject_HEAD
-    const CallbackKind *kind;
+    PyObject_HEAD const CallbackKind *kind;
     PyObject *callback; // owned
     void *handle;       // the engine's; null when not registered
     // The neighbours in the list of all registrations, in the order in which they were made.
@@ -50,6 +51,22 @@ void requireRegistered(const Ref &object);
 
 // Makes one of the three classes and binds it in the module.
 Ref addCallbackClass(PyObject *module, const char *name, const char *doc, newfunc construct);
+
+// One call of a callable by an engine thread that holds the interpreter lock. It keeps the callable alive, which may
+// drop its own object.
+class CallScope {
+public:
+    explicit CallScope(void *user) noexcept;
+    ~CallScope();
+    CallScope(const CallScope &) = delete;
+    CallScope &operator=(const CallScope &) = delete;
+
+    PyObject *callable() const noexcept { return callable_.get(); }
+
+private:
+    Ref callable_;
+    PyObject *outer_;
+};
 
 // The trampoline's part of a notification: `list` as a dict, given to the callable `user`.
 struct Notification {

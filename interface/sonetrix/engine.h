@@ -5,12 +5,12 @@
 
 namespace sonetrix {
 
-extern const std::span<const Method> engineStatusFunctions;     // engine_status.cpp
-extern const std::span<const Method> engineParameterFunctions;  // engine_parameters.cpp
-extern const std::span<const Method> engineModuleFunctions;     // engine_modules.cpp
-extern const std::span<const Method> engineMeterFunctions;      // engine_meters.cpp
-extern const std::span<const Method> engineGraphFunctions;      // engine_graph.cpp
-extern const std::span<const Method> engineTimerFunctions;      // timeout.cpp
+extern const std::span<const Method> engineStatusFunctions;    // engine_status.cpp
+extern const std::span<const Method> engineParameterFunctions; // engine_parameters.cpp
+extern const std::span<const Method> engineModuleFunctions;    // engine_modules.cpp
+extern const std::span<const Method> engineMeterFunctions;     // engine_meters.cpp
+extern const std::span<const Method> engineGraphFunctions;     // engine_graph.cpp
+extern const std::span<const Method> engineTimerFunctions;     // timeout.cpp
 
 // Calls of `engine`'s own functions as Python code would make them, looked up on the class each time.
 template <class... Args> Ref callEngine(const Name &name, Args *...args) {

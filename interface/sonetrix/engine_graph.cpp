@@ -54,7 +54,7 @@ constexpr const char *clusterHeader = // module name, label, colour
     "  fontsize=\"8\";\n"
     "  style=\"filled,rounded\";\n"
     "  color=black;\n"
-    "  label=\"%U\";\n"
+    "  label=\"%S\";\n"
     "  fillcolor=\"%s\";\n";
 constexpr const char *nodeHeader = // module name, colour
     "m_%s [\n"
@@ -63,8 +63,8 @@ constexpr const char *nodeHeader = // module name, colour
     "  label=<\n"
     "        <TABLE BORDER=\"0\" CELLBORDER=\"0\" CELLSPACING=\"8\" ALIGN=\"left\">";
 constexpr const char *rowStart = "<TR>";
-constexpr const char *sinkCell = "<TD BGCOLOR=\"#aaaaff\" CELLPADDING=\"5\" PORT=\"sink_%zd\">%U</TD>";
-constexpr const char *sourceCell = "<TD BGCOLOR=\"#ffaaaa\" CELLPADDING=\"5\" PORT=\"src_%zd\">%U</TD>";
+constexpr const char *sinkCell = "<TD BGCOLOR=\"#aaaaff\" CELLPADDING=\"5\" PORT=\"sink_%zd\">%S</TD>";
+constexpr const char *sourceCell = "<TD BGCOLOR=\"#ffaaaa\" CELLPADDING=\"5\" PORT=\"src_%zd\">%S</TD>";
 constexpr const char *rowEnd = "</TR>";
 constexpr const char *nodeFooter = "</TABLE> >];";
 constexpr const char *footer = "}";
@@ -80,8 +80,7 @@ constexpr const char *driverColour = "#aaffff";
 // A text file that is closed whatever happens.
 class TextFile {
 public:
-    explicit TextFile(PyObject *filename)
-        : file_(call(moduleGlobal(openName).get(), filename, writeModeName.get())) {}
+    explicit TextFile(PyObject *filename) : file_(call(moduleGlobal(openName).get(), filename, writeModeName.get())) {}
     ~TextFile() {
         if (!file_) {
             return;
@@ -195,11 +194,11 @@ private:
             Ref os = checked(PyImport_ImportModule("os"));
             Ref path = attribute(os.get(), pathName);
             Ref base = callMethod(path.get(), basenameName, decoded(item(info, libraryKey)).get());
-            label = checked(PyUnicode_FromFormat("%U\n(%S)", label.get(), base.get()));
+            label = checked(PyUnicode_FromFormat("%S\n(%S)", label.get(), base.get()));
         }
         if (has(info, configurationKey)) {
             Ref text = shortened(checked(PyObject_Str(item(info, configurationKey).get())));
-            label = checked(PyUnicode_FromFormat("%U\n%U", label.get(), text.get()));
+            label = checked(PyUnicode_FromFormat("%S\n%U", label.get(), text.get()));
         }
         return label;
     }
@@ -254,8 +253,8 @@ private:
 
     Port port(const Ref &name) const {
         Ref record = checked(PyObject_GetItem(ports_.get(), name.get()));
-        return {PyLong_AsSsize_t(PyTuple_GET_ITEM(record.get(), 0)),
-            PyLong_AsSsize_t(PyTuple_GET_ITEM(record.get(), 1))};
+        return {
+            PyLong_AsSsize_t(PyTuple_GET_ITEM(record.get(), 0)), PyLong_AsSsize_t(PyTuple_GET_ITEM(record.get(), 1))};
     }
 
     Port firstPort(const Ref &ports) const {

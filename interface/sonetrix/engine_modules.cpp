@@ -293,8 +293,10 @@ constexpr Method functions[] = {
         function<getModuleNames>},
     {"getModuleInfos", "() -> list[dict]",
         "Describes the modules in the processing graph.\n\n"
-        "Returns: a dict for each module, with \"name\" (bytes), \"type\" (int), \"src\" and \"sink\" (its ports, each a\n"
-        "dict with \"name\", \"type\" and, on a linked sink, \"link\"), \"library\" (bytes) and \"configuration\" (dict) of a\n"
+        "Returns: a dict for each module, with \"name\" (bytes), \"type\" (int), \"src\" and \"sink\" (its ports, each "
+        "a\n"
+        "dict with \"name\", \"type\" and, on a linked sink, \"link\"), \"library\" (bytes) and \"configuration\" "
+        "(dict) of a\n"
         "module that has them, and \"param\" (dict), its current parameters",
         function<getModuleInfos>},
     {"getUsageInfo", "() -> dict[bytes, dict]",

@@ -84,9 +84,10 @@ template <auto setParameters> Ref setParams(Arguments arguments) {
     return written;
 }
 
-constexpr const char *setParamsDoc = "Write the parameters using the provided key/value list.\n\n"
-                                     "- k: a listKeyValue which contains the key/values that must be written\n"
-                                     "Returns: a listKeyValue containing the parameters which were successfully written";
+constexpr const char *setParamsDoc =
+    "Write the parameters using the provided key/value list.\n\n"
+    "- k: a listKeyValue which contains the key/values that must be written\n"
+    "Returns: a listKeyValue containing the parameters which were successfully written";
 
 constexpr Method functions[] = {
     {"getParam", "(k: str | bytes | list | tuple) -> listKeyValue",

@@ -117,7 +117,8 @@ Ref now() {
 constexpr Method functions[] = {
     {"initEngine", "()",
         "Initialize the engine handle for the current session.\n\n"
-        "This method is called automatically at start-up, so there is no need to call it. MemoryError when the process\n"
+        "This method is called automatically at start-up, so there is no need to call it. MemoryError when the "
+        "process\n"
         "has no engine.",
         function<initEngine>},
     {"exit", "()",

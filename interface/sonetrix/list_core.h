@@ -61,8 +61,7 @@ private:
 template <class Traits> struct ListObject {
     using List = typename Traits::List;
 
-    PyObject_HEAD
-    List *list; // null until something is stored; never null again after that
+    PyObject_HEAD List *list; // null until something is stored; never null again after that
     Loan<Traits> *loans;
 
     // The engine list, to be written to. It is made when it is not there yet. While it is on loan it is left to the
@@ -158,9 +157,7 @@ template <class Traits> struct ListObject {
 
     // -------------------------------------------------------------------------------------------- shared methods
 
-    static Ref dup(ListObject &self) {
-        return self.list == nullptr ? newEmpty() : init(Traits::copy(self.list));
-    }
+    static Ref dup(ListObject &self) { return self.list == nullptr ? newEmpty() : init(Traits::copy(self.list)); }
 
     static Ref merge(ListObject &self, Arguments arguments) {
         ListObject &other = require("other", arguments[0]);
@@ -242,8 +239,7 @@ private:
 
 // The body of a read callback: stores one record by `store(record, reading, container)`, where `reading` is null when
 // the callback was called otherwise than by this thread's own reading. Safe with the interpreter lock held and without.
-template <class Record, class Store>
-std::int32_t readRecord(const Record *record, void *user, Store &&store) noexcept {
+template <class Record, class Store> std::int32_t readRecord(const Record *record, void *user, Store &&store) noexcept {
     const auto guarded = [&](ListReading *reading) noexcept {
         try {
             store(*record, reading, static_cast<PyObject *>(user));

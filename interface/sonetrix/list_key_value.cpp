@@ -80,36 +80,6 @@ void requireDict(PyObject *given) {
     }
 }
 
-// Calls `action(key, value)` for each item, in order. A dict that changes meanwhile is a RuntimeError, as in Python.
-template <class Action> void forEachItem(PyObject *dict, Action &&action) {
-    Ref items = callMethod(dict, itemsName);
-    Ref iterator = checked(PyObject_GetIter(items.get()));
-    while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
-        action(PyTuple_GET_ITEM(item.get(), 0), PyTuple_GET_ITEM(item.get(), 1));
-    }
-    if (PyErr_Occurred() != nullptr) {
-        throw PythonError();
-    }
-}
-
-// What `self.append(key, value, selector)` does; the look-up serves a subclass that has an append of its own.
-void callAppend(ListKeyValue &list, PyObject *key, PyObject *value, PyObject *selector) {
-    auto *object = reinterpret_cast<PyObject *>(&list);
-    if (Py_TYPE(object) == ListKeyValue::pythonClass()) {
-        appendEntry(list, key, value, selector);
-    } else if (selector == Py_None) {
-        callMethod(object, appendName, key, value);
-    } else {
-        callMethod(object, appendName, key, value, selector);
-    }
-}
-
-Ref appendFromDict(ListKeyValue &list, Arguments arguments) {
-    requireDict(arguments[0]);
-    forEachItem(arguments[0], [&](PyObject *key, PyObject *value) { callAppend(list, key, value, Py_None); });
-    return self(list);
-}
-
 // The two parts of what must be a sequence of two, with the interpreter's own errors.
 std::pair<Ref, Ref> unpackPair(PyObject *pair) {
     if (PyTuple_CheckExact(pair) && PyTuple_GET_SIZE(pair) == 2) {
@@ -139,6 +109,37 @@ std::pair<Ref, Ref> unpackPair(PyObject *pair) {
         raise(PyExc_ValueError, "too many values to unpack (expected 2)");
     }
     return parts;
+}
+
+// Calls `action(key, value)` for each item, in order. A dict that changes meanwhile is a RuntimeError, as in Python.
+template <class Action> void forEachItem(PyObject *dict, Action &&action) {
+    Ref items = callMethod(dict, itemsName);
+    Ref iterator = checked(PyObject_GetIter(items.get()));
+    while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
+        const auto [key, value] = unpackPair(item.get()); // a subclass's items() may give anything
+        action(key.get(), value.get());
+    }
+    if (PyErr_Occurred() != nullptr) {
+        throw PythonError();
+    }
+}
+
+// What `self.append(key, value, selector)` does; the look-up serves a subclass that has an append of its own.
+void callAppend(ListKeyValue &list, PyObject *key, PyObject *value, PyObject *selector) {
+    auto *object = reinterpret_cast<PyObject *>(&list);
+    if (Py_TYPE(object) == ListKeyValue::pythonClass()) {
+        appendEntry(list, key, value, selector);
+    } else if (selector == Py_None) {
+        callMethod(object, appendName, key, value);
+    } else {
+        callMethod(object, appendName, key, value, selector);
+    }
+}
+
+Ref appendFromDict(ListKeyValue &list, Arguments arguments) {
+    requireDict(arguments[0]);
+    forEachItem(arguments[0], [&](PyObject *key, PyObject *value) { callAppend(list, key, value, Py_None); });
+    return self(list);
 }
 
 // The array types of typed dicts, and the selectors that their values are appended with. The integer ones are not
@@ -238,7 +239,8 @@ constexpr Method methods[] = {
         "- k: the key, ASCII\n"
         "- v: str and bytes are stored as a string, int as int32, float as a 32-bit float, a tuple of int or of float\n"
         "  as an array\n"
-        "- type: None, or what to store: \"string\", \"int32\", \"uint32\", \"float\", \"double\", for a tuple \"int\",\n"
+        "- type: None, or what to store: \"string\", \"int32\", \"uint32\", \"float\", \"double\", for a tuple "
+        "\"int\",\n"
         "  \"uint\", \"float\", or one of the ctypes classes c_int32, c_uint32, c_float, c_double, c_char_p\n"
         "Returns: a reference to the listKeyValue object itself\n"
         "Exception when value and type do not go together, OverflowError when the value is out of the type's range.",

@@ -91,7 +91,8 @@ constexpr Method methods[] = {
         "Appends a value to the current list.\n\n"
         "- v: str and bytes are stored as a string, int as int32, float as a 32-bit float, a tuple of int or of float\n"
         "  as an array\n"
-        "- type: None, or what to store: \"string\", \"int32\", \"uint32\", \"float\", \"double\", or one of the ctypes\n"
+        "- type: None, or what to store: \"string\", \"int32\", \"uint32\", \"float\", \"double\", or one of the "
+        "ctypes\n"
         "  classes c_int32, c_uint32, c_float, c_double\n"
         "Returns: a reference to the listValue object itself\n"
         "Exception when value and type do not go together, OverflowError when the value is out of the type's range.",

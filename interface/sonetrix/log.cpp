@@ -180,8 +180,7 @@ constexpr Method functions[] = {
         "Enables or disable writing logs to the journald.\n\n"
         "- on: a boolean to indicate if the syslog must be activated or deactivated",
         function<setTarget<sonetrix_log_journald>>},
-    {"getLevelJournal", "() -> sonetrix_log_level_t", getLevelDoc,
-        function<getLevel<sonetrix_log_GetLogLevelJournal>>},
+    {"getLevelJournal", "() -> sonetrix_log_level_t", getLevelDoc, function<getLevel<sonetrix_log_GetLogLevelJournal>>},
     {"setLevelJournal", "(level: int)", setLevelDoc, function<setLevel<sonetrix_log_SetLogLevelJournal>>},
 };
 
@@ -210,8 +209,8 @@ void addLog(PyObject *module) {
     for (const Method &method : functions) {
         checked(PyDict_SetItemString(dictionary.get(), method.name, newFunction(method, "log").get()));
     }
-    Ref logClass = checked(
-        PyObject_CallFunction(reinterpret_cast<PyObject *>(&PyType_Type), "s()O", "log", dictionary.get()));
+    Ref logClass =
+        checked(PyObject_CallFunction(reinterpret_cast<PyObject *>(&PyType_Type), "s()O", "log", dictionary.get()));
     bindInModule(module, "log", logClass);
     attribute(logClass.get(), logName); // a look-up gives the class its version
     originalVersion = version::typeVersion(reinterpret_cast<PyTypeObject *>(logClass.get()));

@@ -56,7 +56,8 @@ constexpr Method functions[] = {
         function<exitEngine>},
     {"add_clear_callback", "(callback)",
         "Registers a callable to be called without arguments when the console is cleaned up.\n\n"
-        "Callbacks run in the order of their registration, once for each registration. An exception that one raises is\n"
+        "Callbacks run in the order of their registration, once for each registration. An exception that one raises "
+        "is\n"
         "logged, and the next one runs. ValueError when the callback is not callable.",
         function<addClearCallback>},
 };
@@ -67,14 +68,12 @@ void runClearCallback(PyObject *callback) {
         return;
     }
     PyErr_Clear();
-    Ref message = checked(PyUnicode_FromFormat("error while running clean callback registered from user: %S",
-        attribute(callback, nameName).get()));
+    Ref message = checked(PyUnicode_FromFormat(
+        "error while running clean callback registered from user: %S", attribute(callback, nameName).get()));
     callMethod(moduleGlobal(logName).get(), errorName, message.get());
 }
 
-void importAs(PyObject *module, const char *name) {
-    bindInModule(module, name, checked(PyImport_ImportModule(name)));
-}
+void importAs(PyObject *module, const char *name) { bindInModule(module, name, checked(PyImport_ImportModule(name))); }
 
 // The standard modules that the library uses itself; they become names of the module.
 void importStandardModules(PyObject *module) {
@@ -283,6 +282,4 @@ void clearPythonModule() noexcept {
 
 } // namespace sonetrix
 
-PyObject *PyInit_sonetrix() {
-    return PyModuleDef_Init(&sonetrix::definition);
-}
+PyObject *PyInit_sonetrix() { return PyModuleDef_Init(&sonetrix::definition); }

@@ -15,8 +15,8 @@ void timerCb(void *user) {
     if (!entry) {
         return;
     }
-    const Ref callable = Ref::borrow(static_cast<PyObject *>(user));
-    const Ref result = Ref::steal(PyObject_CallNoArgs(callable.get()));
+    const CallScope scope(user);
+    const Ref result = Ref::steal(PyObject_CallNoArgs(scope.callable()));
     if (result) {
         return;
     }

@@ -33,16 +33,16 @@ Ref item(PyObject *dict, const Name &key) { return checked(PyObject_GetItem(dict
 std::vector<Row> usageRows() {
     Ref usages = callEngine(getUsageInfoName);
     std::vector<Row> rows;
-    Ref items = checked(PyMapping_Items(usages.get()));
-    for (Py_ssize_t index = 0; index < PyList_GET_SIZE(items.get()); ++index) {
-        PyObject *entry = PyList_GET_ITEM(items.get(), index);
-        PyObject *usage = PyTuple_GET_ITEM(entry, 1);
-        const long processId = PyLong_AsLong(item(usage, processIdKey).get());
+    Ref names = checked(PyMapping_Keys(usages.get()));
+    for (Py_ssize_t index = 0; index < PyList_GET_SIZE(names.get()); ++index) {
+        PyObject *name = PyList_GET_ITEM(names.get(), index);
+        const Ref usage = checked(PyObject_GetItem(usages.get(), name));
+        const long processId = PyLong_AsLong(item(usage.get(), processIdKey).get());
         if (processId == -1 && PyErr_Occurred() != nullptr) {
             throw PythonError();
         }
-        rows.push_back({callMethod(PyTuple_GET_ITEM(entry, 0), decodeName, utf8Name.get(), replaceName.get()), processId,
-            toDouble(item(usage, relativeKey).get()), toDouble(item(usage, absoluteKey).get())});
+        rows.push_back({callMethod(name, decodeName, utf8Name.get(), replaceName.get()), processId,
+            toDouble(item(usage.get(), relativeKey).get()), toDouble(item(usage.get(), absoluteKey).get())});
     }
     std::stable_sort(rows.begin(), rows.end(), [](const Row &a, const Row &b) { return a.absolute > b.absolute; });
     return rows;
@@ -90,7 +90,7 @@ Ref usageInfo() {
         table.add(checked(PyUnicode_FromString("    pid  relative  absolute  share  module")));
         for (const Row &row : rows) {
             Ref pid = formatted(checked(PyLong_FromLong(row.processId)).get(), "7d");
-            const bool drawn = table.add(checked(PyUnicode_FromFormat("%U  %U%%  %U%%  %U%%  %U", pid.get(),
+            const bool drawn = table.add(checked(PyUnicode_FromFormat("%U  %U%%  %U%%  %U%%  %S", pid.get(),
                 formatted(row.relative, "7.2f").get(), formatted(row.absolute, "7.2f").get(),
                 formatted(safediv(row.absolute, total) * 100, "4.0f").get(), row.name.get())));
             if (!drawn) {

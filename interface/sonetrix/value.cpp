@@ -158,8 +158,8 @@ template <class Elements> NativeArray<typename Elements::Element> convertTuple(P
     try {
         auto array = newArray<typename Elements::Element>(count);
         Py_ssize_t index = 0;
-        while (index < count && Elements::convertPlain(
-                                    PyTuple_GET_ITEM(tuple, index), array[static_cast<std::size_t>(index)])) {
+        while (index < count &&
+               Elements::convertPlain(PyTuple_GET_ITEM(tuple, index), array[static_cast<std::size_t>(index)])) {
             ++index;
         }
         return index == count ? std::move(array) : convertCarefully<Elements>(tuple);

@@ -21,8 +21,8 @@ Ref toTypedElement(const sonetrix_value_t &value);
 
 // ------------------------------------------------------------------------------------------------ Python -> engine
 
-// The `type` argument of the append methods: None (deduce from the value), a type name or a ctypes class. It is compared
-// by ==, in the order in which the branches of appendValue() ask.
+// The `type` argument of the append methods: None (deduce from the value), a type name or a ctypes class. It is
+// compared by ==, in the order in which the branches of appendValue() ask.
 class Selector {
 public:
     explicit Selector(PyObject *object) noexcept : object_(object) {}

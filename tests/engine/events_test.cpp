@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <gtest/gtest.h>
 #include <memory>
@@ -186,6 +187,27 @@ TEST_F(EventsTest, metersAreEmittedAtTheirRates) {
     EXPECT_GE(slow.times[3] - slow.times[0], 250ms);
     EXPECT_GT(fast.lists.size(), 2 * slow.lists.size()); // ten times as many, were the machine never busy
     EXPECT_EQ(keysOf(&fast.lists[0])[0], "system.capture_1.peak");
+}
+
+TEST_F(EventsTest, metersShowWhatTheAudioThreadSees) {
+    ListKeyValue tone;
+    tone.add("amplitude", 0.5F);
+    tone.add("frequency", 1000.0F);
+    ASSERT_EQ(add("tone", "sine_fcac", &tone), 0);
+    ASSERT_EQ(add("level", "track_peak"), 0);
+    ASSERT_EQ(link("tone:output", "system:playback_1"), 0);
+    ASSERT_EQ(link("tone:output", "level:input"), 0);
+    const auto meter = [&](const char *module, const char *key) {
+        const Owned meters(sonetrix_engine_GetLastMeters(handle, module, SONETRIX_METERS_SLOW));
+        const sonetrix_value_t *value = meters ? meters->find(key) : nullptr;
+        return value != nullptr ? value->as.float32 : -1.0F;
+    };
+    const auto near = [](float value, float expected) { return std::abs(value - expected) < 0.01F; };
+    EXPECT_TRUE(eventually([&] { return near(meter("system", "system.playback_1.peak"), 0.5F); }));
+    EXPECT_TRUE(eventually([&] { return near(meter("system", "system.playback_1.mean"), 0.3536F); }));
+    EXPECT_TRUE(eventually([&] { return near(meter("level", "level.output"), 0.5F); }));
+    EXPECT_EQ(meter("system", "system.playback_2.peak"), 0.0F);
+    EXPECT_EQ(meter("tone", "level.output"), -1.0F);
 }
 
 TEST_F(EventsTest, afterTheStopNothingIsCalledBack) {

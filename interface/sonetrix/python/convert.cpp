@@ -97,8 +97,8 @@ EngineText EngineText::fromNameOrBuffer(PyObject *object) {
 }
 
 void raiseArgumentType(const char *argument, const char *expected, PyObject *given) {
-    raiseFormat(PyExc_TypeError, "Argument '%.200s' has incorrect type (expected %.200s, got %.200s)", argument, expected,
-        Py_TYPE(given)->tp_name);
+    raiseFormat(PyExc_TypeError, "Argument '%.200s' has incorrect type (expected %.200s, got %.200s)", argument,
+        expected, Py_TYPE(given)->tp_name);
 }
 
 void raiseExpected(const char *expected, PyObject *given) {

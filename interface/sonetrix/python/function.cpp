@@ -211,7 +211,8 @@ Ref newType(const char *name, PyMethodDef *methods, unsigned long extraFlags, Py
 }
 
 Ref newCallable(PyObject *type, const Method &method, const char *className, PyTypeObject *owner) {
-    Ref name = text(std::string("sonetrix.") + (className == nullptr ? "" : std::string(className) + ".") + method.name);
+    Ref name =
+        text(std::string("sonetrix.") + (className == nullptr ? "" : std::string(className) + ".") + method.name);
     auto *object = PyObject_GC_New(FunctionObject, reinterpret_cast<PyTypeObject *>(type));
     if (object == nullptr) {
         throw PythonError();
@@ -270,7 +271,8 @@ void requireComplete(const Method &method, std::size_t given, std::span<PyObject
                 raiseCount(method, given);
             }
             const std::string name(method.signature.name(index));
-            raiseFormat(PyExc_TypeError, "%s() missing required argument '%s' (pos %zu)", method.name, name.c_str(), index + 1);
+            raiseFormat(
+                PyExc_TypeError, "%s() missing required argument '%s' (pos %zu)", method.name, name.c_str(), index + 1);
         }
     }
 }
@@ -345,8 +347,9 @@ void requireSelf(const FunctionObject &function, PyObject *const *values, std::s
         raiseFormat(PyExc_TypeError, "unbound method %s() needs an argument", qualName(function));
     }
     if (function.owner == nullptr || PyObject_TypeCheck(values[0], function.owner) == 0) {
-        raiseFormat(PyExc_TypeError, "method '%s' for '%s' objects doesn't apply to a '%s' object", function.method->name,
-            function.owner == nullptr ? "deleted" : function.owner->tp_name, Py_TYPE(values[0])->tp_name);
+        raiseFormat(PyExc_TypeError, "method '%s' for '%s' objects doesn't apply to a '%s' object",
+            function.method->name, function.owner == nullptr ? "deleted" : function.owner->tp_name,
+            Py_TYPE(values[0])->tp_name);
     }
 }
 

@@ -95,8 +95,7 @@ struct Method {
 
 // A function or method as Python sees it.
 struct FunctionObject {
-    PyObject_HEAD
-    vectorcallfunc call;
+    PyObject_HEAD vectorcallfunc call;
     const Method *method;
     PyObject *module;        // owned: a function that somebody still has keeps the module's state alive
     PyObject *qualifiedName; // owned; "sonetrix.engine.link", as it stands in tracebacks
@@ -127,8 +126,7 @@ void bindArguments(const Method &method, PyObject *positional, PyObject *keyword
 
 // The border between the interpreter and C++: whatever `body` throws becomes the current exception, with a traceback
 // entry that bears the name, and the call returns `failure`.
-template <class Body, class Result>
-Result border(const char *qualifiedName, Result failure, Body &&body) noexcept {
+template <class Body, class Result> Result border(const char *qualifiedName, Result failure, Body &&body) noexcept {
     try {
         return std::forward<Body>(body)();
     } catch (...) {
@@ -146,11 +144,8 @@ PyObject *fail(PyObject *callable) noexcept;
 void requireSelf(const FunctionObject &function, PyObject *const *values, std::size_t count);
 
 template <auto body, class... Self>
-PyObject *callBody(const Method &method,
-    PyObject *const *positional,
-    std::size_t count,
-    PyObject *keywordNames,
-    Self &...self) {
+PyObject *callBody(
+    const Method &method, PyObject *const *positional, std::size_t count, PyObject *keywordNames, Self &...self) {
     if constexpr (requires { body(self...); }) {
         if (count != 0 || keywordNames != nullptr) [[unlikely]] {
             bindArguments(method, positional, count, keywordNames, {});

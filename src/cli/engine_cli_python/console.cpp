@@ -62,6 +62,18 @@ std::optional<std::string> readStandardInput(const sonetrix_cliModule_t &module)
     }
 }
 
+// Through the interpreter's own entry point for files.
+std::int32_t runScript(std::string &text) noexcept {
+    std::FILE *script = fmemopen(text.data(), text.size(), "r");
+    if (script == nullptr) {
+        return consoleEnded;
+    }
+    const StatementResult outcome =
+        runStatement([script] { return PyRun_SimpleFileExFlags(script, fileName, 1, nullptr); });
+    const bool succeeded = outcome.exitCode ? *outcome.exitCode == 0 : outcome.result == 0;
+    return succeeded ? scriptSucceeded : consoleEnded;
+}
+
 } // namespace
 
 bool stopRequested(const sonetrix_cliModule_t &module) noexcept {
@@ -86,17 +98,7 @@ std::int32_t runStandardInput(const sonetrix_cliModule_t &module) noexcept {
     if (!text) {
         return consoleEnded;
     }
-    if (text->empty()) {
-        return scriptSucceeded;
-    }
-    std::FILE *script = fmemopen(text->data(), text->size(), "r");
-    if (script == nullptr) {
-        return consoleEnded;
-    }
-    const StatementResult outcome =
-        runStatement([script] { return PyRun_SimpleFileExFlags(script, fileName, 1, nullptr); });
-    const bool succeeded = outcome.exitCode ? *outcome.exitCode == 0 : outcome.result == 0;
-    return succeeded ? scriptSucceeded : consoleEnded;
+    return text->empty() ? scriptSucceeded : runScript(*text);
 }
 
 } // namespace sonetrix::cli

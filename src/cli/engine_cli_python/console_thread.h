@@ -63,9 +63,9 @@ private:
 
     std::mutex mutex_; // held for the time of a signal, never while anything waits for the console
     pthread_t thread_{};
-    bool active_ = false;     // start or run is in progress
-    bool recorded_ = false;   // run is in progress: thread_ is the console thread
-    bool requested_ = false;  // a stop request has come during this activity
+    bool active_ = false;    // start or run is in progress
+    bool recorded_ = false;  // run is in progress: thread_ is the console thread
+    bool requested_ = false; // a stop request has come during this activity
     bool sigintSent_ = false;
     bool keepSigint_ = false;
     Clock::time_point nextRaise_;

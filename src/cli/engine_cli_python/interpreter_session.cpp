@@ -103,6 +103,14 @@ void waitForThreads() {
     }
     Ref shutdown = checked(PyObject_GetAttrString(threading, "_shutdown"));
     Ref threadClass = checked(PyObject_GetAttrString(threading, "Thread"));
+    Ref mainThread = checked(PyObject_CallMethod(threading, "main_thread", nullptr));
+    // On another thread the wait would be for the main one, too, whose lock is among those that 3.12 waits for.
+    if (Ref locks = Ref::steal(PyObject_GetAttrString(threading, "_shutdown_locks"))) {
+        Ref mainLock = checked(PyObject_GetAttrString(mainThread.get(), "_tstate_lock"));
+        checked(PyObject_CallMethod(locks.get(), "discard", "O", mainLock.get()));
+    } else {
+        PyErr_Clear();
+    }
     Ref arguments = checked(PyTuple_New(0));
     Ref keywords = checked(Py_BuildValue("{sOsO}", "target", shutdown.get(), "daemon", Py_True));
     Ref waiter = checked(PyObject_Call(threadClass.get(), arguments.get(), keywords.get()));
@@ -112,7 +120,6 @@ void waitForThreads() {
     if (checked(PyObject_IsTrue(alive.get())) == 0) {
         return;
     }
-    Ref mainThread = checked(PyObject_CallMethod(threading, "main_thread", nullptr));
     Ref threads = checked(PyObject_CallMethod(threading, "enumerate", nullptr));
     for (Py_ssize_t index = 0; index < PyList_GET_SIZE(threads.get()); ++index) {
         PyObject *thread = PyList_GET_ITEM(threads.get(), index);
@@ -120,7 +127,8 @@ void waitForThreads() {
         if (thread != mainThread.get() && checked(PyObject_IsTrue(daemon.get())) == 0) {
             Ref name = checked(PyObject_Str(checked(PyObject_GetAttrString(thread, "name")).get()));
             const char *text = PyUnicode_AsUTF8(name.get());
-            log(SONETRIX_LOG_WARN, "python thread '%s' is still running and is left behind", text == nullptr ? "?" : text);
+            log(SONETRIX_LOG_WARN, "python thread '%s' is still running and is left behind",
+                text == nullptr ? "?" : text);
         }
     }
     Ref nothing = checked(PyCFunction_New(&noShutdown, nullptr));

@@ -23,8 +23,8 @@ std::optional<std::int32_t> exitIfRequested(const Ref &previous) noexcept;
 } // namespace detail
 
 struct StatementResult {
-    int result;                            // the interpreter's
-    std::optional<std::int32_t> exitCode;  // when it ended by SystemExit
+    int result;                           // the interpreter's
+    std::optional<std::int32_t> exitCode; // when it ended by SystemExit
 };
 
 // Runs `statement`, a call of one of the interpreter's entry points. Needs the interpreter lock.

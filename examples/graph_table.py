@@ -1,0 +1,34 @@
+"""Prints the processing graph as a table: modules, their parameters, their ports and what feeds them.
+
+    sonetrix-engine examples/graph_table.py
+"""
+
+import chain
+from sonetrix import engine
+
+
+def table():
+    """Names come from the engine as bytes."""
+    for module in engine.getModuleInfos():
+        kind = module["library"].decode().rpartition("/")[2] if "library" in module else "driver"
+        yield module["name"].decode(), kind, ""
+        for key, value in module["param"].items():
+            yield "", "parameter", f"{key.decode()} = {value}"
+        for port in module["sink"]:
+            source = port["link"].decode() if "link" in port else "nothing"
+            yield "", "sink", f"{port['name'].decode()} <- {source}"
+        for port in module["src"]:
+            sinks = ", ".join(name.decode() for name in engine.getLink(port["name"]))
+            yield "", "source", f"{port['name'].decode()} -> {sinks or 'nothing'}"
+
+
+def main():
+    chain.build()
+    rows = [("MODULE", "KIND", "DETAIL"), *table()]
+    widths = [max(len(row[column]) for row in rows) for column in range(2)]
+    for name, kind, detail in rows:
+        print(f"{name:{widths[0]}}  {kind:{widths[1]}}  {detail}".rstrip())
+
+
+if __name__ == "__main__":
+    main()

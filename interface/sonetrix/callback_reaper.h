@@ -1,0 +1,31 @@
+// Ends registrations on behalf of callables that run on engine threads.
+//
+// Removal waits for a call in progress on another thread. A callable that drops somebody else's object would so wait,
+// on its engine thread, for another engine thread's callable, which may be waiting for it in turn. So such removals are
+// handed to a thread of their own, which nobody waits for.
+#pragma once
+
+#include "python/ref.h"
+
+#include <sonetrix/engine_api.h>
+
+#include <chrono>
+
+namespace sonetrix {
+
+// One registration to end, and the callable that has to live until then.
+struct Removal {
+    void (*remove)(sonetrix_engine_t *engine, void *handle);
+    sonetrix_engine_t *engine;
+    void *handle;
+    PyObject *callback; // owned
+};
+
+// Hands a removal over; needs the interpreter lock. False when there is no thread for it.
+bool removeLater(const Removal &removal) noexcept;
+
+// Waits until all removals are done and ends the thread; false when some are not after `limit`. The caller must not
+// hold the interpreter lock.
+bool finishRemovals(std::chrono::milliseconds limit) noexcept;
+
+} // namespace sonetrix
