@@ -42,5 +42,9 @@ format: ## Format all C and C++ sources in place
 	@tools/setup lint
 	@tools/lint --fix-format
 
+docs-graph: build ## Draw docs/graph.svg anew, from examples/graph_dot.py
+	@build/release/bin/sonetrix-engine examples/graph_dot.py build/graph.dot
+	@dot -Tsvg build/graph.dot -o docs/graph.svg
+
 clean: ## Remove all build results
 	rm -rf build

@@ -238,7 +238,8 @@ std::vector<WiredModule> Graph::wiring() const {
     std::vector<WiredModule> modules;
     modules.reserve(entries_.size());
     for (const Entry &entry : entries_) {
-        auto &wired = modules.emplace_back(entry.module, std::vector<std::optional<Source>>(entry.sinks.size()));
+        auto &wired = modules.emplace_back(WiredModule{entry.module, {}});
+        wired.inputs.resize(entry.sinks.size());
         for (size_t i = 0; i < entry.sinks.size(); ++i)
             if (const Port *source = entry.sinks[i]->source)
                 wired.inputs[i] = Source{source->owner->module.get(), source->index};

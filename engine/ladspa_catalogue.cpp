@@ -4,8 +4,8 @@
 #include "sonetrix/engine_api.h"
 
 #include <cstdlib>
-#include <ranges>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -35,16 +35,19 @@ std::set<std::filesystem::path> librariesIn(const std::filesystem::path &directo
 
 std::vector<std::filesystem::path> LadspaCatalogue::standardDirectories() {
     const char *path = std::getenv("LADSPA_PATH");
+    std::istringstream parts(path != nullptr ? path : customaryPath);
     std::vector<std::filesystem::path> directories;
-    for (const auto part : std::views::split(std::string_view(path != nullptr ? path : customaryPath), ':'))
+    for (std::string part; std::getline(parts, part, ':');)
         if (!part.empty())
-            directories.emplace_back(std::string_view(part.begin(), part.end()));
+            directories.emplace_back(part);
     return directories;
 }
 
 std::vector<std::string> LadspaCatalogue::identifiers() {
-    const auto names = std::views::keys(plugins());
-    return {names.begin(), names.end()};
+    std::vector<std::string> names;
+    for (const auto &[identifier, plugin] : plugins())
+        names.push_back(identifier);
+    return names;
 }
 
 const LadspaCatalogue::Plugin *LadspaCatalogue::find(std::string_view identifier) {

@@ -130,7 +130,7 @@ LadspaModule::LadspaModule(std::string name,
     if (handle_ == nullptr)
         throw Refusal(statusFailed, "the plugin gives no instance");
     for (const ControlInput &control : layout_.controls) {
-        Control &added = controls_.emplace_back(control.initial, control.initial);
+        Control &added = controls_.emplace_back(control.initial);
         descriptor_.connect_port(handle_, control.port, &added.current);
     }
     for (size_t i = 0; i < layout_.outputs.size(); ++i)

@@ -60,6 +60,8 @@ private:
         std::vector<unsigned long> outputs;
     };
     struct Control {
+        explicit Control(float initial) : value(initial), current(initial) {}
+
         std::atomic<float> value; // what scripts write
         float current;            // what the plugin reads
     };

@@ -13,7 +13,7 @@ def table():
         kind = module["library"].decode().rpartition("/")[2] if "library" in module else "driver"
         yield module["name"].decode(), kind, ""
         for key, value in module["param"].items():
-            yield "", "parameter", f"{key.decode()} = {value}"
+            yield "", "parameter", f"{key.decode()} = {value!r}"
         for port in module["sink"]:
             source = port["link"].decode() if "link" in port else "nothing"
             yield "", "sink", f"{port['name'].decode()} <- {source}"

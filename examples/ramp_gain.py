@@ -6,7 +6,7 @@
 import threading
 
 import chain
-from sonetrix import engine
+from sonetrix import engine, timeout
 
 PERIOD, DURATION = 10, 1000  # milliseconds
 
@@ -18,7 +18,7 @@ class Ramp:
         self.key, self.value, self.end = key, start, end
         self.step = (end - start) * PERIOD / DURATION
         self.done = threading.Event()
-        self.timer = engine.addTimer(PERIOD, self.move)
+        self.timer: timeout | None = engine.addTimer(PERIOD, self.move)
 
     def move(self):
         """Called on a thread of the engine."""

@@ -3,6 +3,7 @@
     sonetrix-engine --input in.wav --record out.wav examples/wait_for_event.py
 """
 
+from chain import check
 from sonetrix import engine, exit, notifyMeters
 
 SILENCE, PATIENCE = 0.001, 5  # level, and for how many meter readings (ten a second)
@@ -22,7 +23,7 @@ def listen(meters):
 
 def main():
     for channel in "12":
-        engine.link(f"system:capture_{channel}", f"system:playback_{channel}")
+        check(engine.link(f"system:capture_{channel}", f"system:playback_{channel}"))
     meter = notifyMeters(listen, engine.METER_SLOW)  # kept until this function returns
     engine.waitUntilEnd()
 

@@ -21,7 +21,7 @@ def _sonetrix_run(steps, arguments, ends):
             if ends and not engine.isRunning():
                 break
             if source is None:
-                path = os.fsdecode(path)
+                path = os.path.abspath(os.fsdecode(path))
                 sys.path.insert(0, os.path.dirname(os.path.realpath(path)))
                 space["__file__"] = path
                 with open(path, "rb") as file:

@@ -34,6 +34,11 @@ void handle(int number) {
     ::sigaction(number, &action, nullptr);
 }
 
+bool isIgnored(int number) {
+    struct sigaction current {};
+    return ::sigaction(number, nullptr, &current) == 0 && current.sa_handler == SIG_IGN;
+}
+
 } // namespace
 
 TerminationSignals::TerminationSignals(bool withInterrupt, std::function<void()> requested)
@@ -47,7 +52,8 @@ TerminationSignals::TerminationSignals(bool withInterrupt, std::function<void()>
     handlerPipe = writeEnd_.get();
     thread_ = std::thread(&TerminationSignals::threadMain, this);
     handle(SIGTERM);
-    handle(SIGHUP);
+    if (!isIgnored(SIGHUP)) // as under nohup
+        handle(SIGHUP);
     if (withInterrupt)
         handle(SIGINT);
 }

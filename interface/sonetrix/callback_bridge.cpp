@@ -101,9 +101,6 @@ void deallocate(PyObject *object) noexcept {
 namespace detail {
 
 CallbackObject &allocateCallback(Ref &object, PyTypeObject *type, const CallbackKind &kind, PyObject *callback) {
-    if (ending) {
-        raise(PyExc_RuntimeError, "the interpreter is ending");
-    }
     object = checked(type->tp_alloc(type, 0)); // zeroed
     CallbackObject &created = self(object.get());
     created.kind = &kind;
@@ -111,10 +108,15 @@ CallbackObject &allocateCallback(Ref &object, PyTypeObject *type, const Callback
     return created;
 }
 
+bool registrationsEnded() noexcept { return ending; }
+
 void registered(CallbackObject &object, void *handle) noexcept {
     object.handle = handle;
     if (handle != nullptr) {
         link(object);
+    }
+    if (ending) {
+        unregister(object);
     }
 }
 
@@ -134,7 +136,7 @@ CallScope::CallScope(void *user) noexcept
 CallScope::~CallScope() { calledHere = outer_; }
 
 void requireRegistered(const Ref &object) {
-    if (self(object.get()).handle == nullptr) {
+    if (self(object.get()).handle == nullptr && !ending) {
         raise(PyExc_MemoryError);
     }
 }
@@ -181,15 +183,19 @@ void notify(const Notification &notification, sonetrix_cListKeyValue_t *list, vo
     }
 }
 
-bool endCallbacks() noexcept {
-    if (interpreterGate().isClosed()) {
-        return true;
-    }
+void endRegistrations() noexcept {
     ending = true;
     while (oldest != nullptr) {
         const Ref object = Ref::borrow(reinterpret_cast<PyObject *>(oldest));
         unregister(self(object.get()));
     }
+}
+
+bool endCallbacks() noexcept {
+    if (interpreterGate().isClosed()) {
+        return true;
+    }
+    endRegistrations();
     dropKeyCache();
     return unlocked([] { return finishRemovals(lastCallLimit) && interpreterGate().close(lastCallLimit); });
 }

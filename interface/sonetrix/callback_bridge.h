@@ -11,8 +11,8 @@
 //   the engine is called with the interpreter lock released, registration and removal included: removal waits for a
 //              call in progress, and that call needs the lock. A callable that drops another's object does not wait
 //              at all; see callback_reaper.h.
-//   the end    endCallbacks(): no new registrations; those alive are removed in the order in which they were made; the
-//              gate is closed, and whoever is inside is waited for.
+//   the end    endRegistrations(): those alive are removed in the order in which they were made, and objects made from
+//              then on are not registered. endCallbacks(): the gate is closed, and whoever is inside is waited for.
 #pragma once
 
 #include "clear.h"
@@ -80,6 +80,7 @@ void notify(const Notification &notification, sonetrix_cListKeyValue_t *list, vo
 void requireOneParameter(PyObject *callback);
 
 namespace detail {
+bool registrationsEnded() noexcept;
 CallbackObject &allocateCallback(Ref &object, PyTypeObject *type, const CallbackKind &kind, PyObject *callback);
 void registered(CallbackObject &object, void *handle) noexcept;
 } // namespace detail
@@ -92,7 +93,9 @@ Ref newCallback(PyTypeObject *type,
     Register &&registerCallback) {
     Ref object;
     CallbackObject &created = detail::allocateCallback(object, type, kind, callback);
-    detail::registered(created, unlocked([&] { return registerCallback(engine); }));
+    if (!detail::registrationsEnded()) {
+        detail::registered(created, unlocked([&] { return registerCallback(engine); }));
+    }
     return object;
 }
 

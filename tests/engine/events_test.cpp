@@ -194,7 +194,7 @@ TEST_F(EventsTest, metersShowWhatTheAudioThreadSees) {
     tone.add("amplitude", 0.5F);
     tone.add("frequency", 1000.0F);
     ASSERT_EQ(add("tone", "sine_fcac", &tone), 0);
-    ASSERT_EQ(add("level", "track_peak"), 0);
+    ASSERT_EQ(add("level", "track_max_peak"), 0);
     ASSERT_EQ(link("tone:output", "system:playback_1"), 0);
     ASSERT_EQ(link("tone:output", "level:input"), 0);
     const auto meter = [&](const char *module, const char *key) {

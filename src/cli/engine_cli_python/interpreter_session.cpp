@@ -188,6 +188,7 @@ void endInterpreter() noexcept {
     if (!holdsGil()) {
         keepGil();
     }
+    endRegistrations(); // while what the callables use is still there
     if (PyRun_SimpleString(cleanUpStatement) != 0) {
         log(SONETRIX_LOG_WARN, "problem while cleaning up CLI global variables");
     }

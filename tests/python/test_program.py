@@ -1,0 +1,190 @@
+"""The engine's program: its options, what it runs, how it ends."""
+
+# ctest: timeout=180
+
+import contextlib
+import os
+import pathlib
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+from support import ENGINE, SLOWNESS, TIME_LIMIT
+from support.console import Console
+from support.programs import run_engine, run_script
+
+
+@contextlib.contextmanager
+def running(*arguments, stdin=subprocess.DEVNULL):
+    """The program, once it has printed a line."""
+    with subprocess.Popen([ENGINE, *arguments], stdin=stdin, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                          text=True) as process:
+        try:
+            process.stdout.readline()
+            yield process
+        finally:
+            process.kill()
+
+
+def outcome(process):
+    output, errors = process.communicate(timeout=TIME_LIMIT)
+    return process.returncode, output, errors
+
+
+class Options(unittest.TestCase):
+    def test_exit_statuses(self):
+        cases = [
+            (["--no-such"], 64, "--no-such"),
+            (["--rate"], 64, "--rate"),
+            (["--log-level", "loud"], 64, "--log-level"),
+            (["--offline", "-1"], 64, "--offline"),
+            (["--set", "=1"], 64, "KEY=VALUE"),
+            (["--set", "a:bool=1"], 64, "bool"),
+            (["--set", "a:int32=2147483648"], 64, "a:int32=2147483648"),
+            (["--set", "a:uint32=-1"], 64, "a:uint32=-1"),
+            (["no/such/script.py"], 66, "no/such/script.py"),
+            (["/"], 66, "/"),
+            (["--module", "no/such.so", "-c", "pass"], 69, "no/such.so"),
+            (["--rate", "1", "-c", "pass"], 70, "rate"),
+            (["--input", "no/such.wav", "-c", "pass"], 70, "no/such.wav"),
+        ]
+        for arguments, status, words in cases:
+            with self.subTest(arguments):
+                result = run_engine(*arguments)
+                self.assertEqual((result.returncode, result.stdout), (status, ""))
+                self.assertIn(words, result.stderr)
+        for option in "--help", "--version":
+            result = run_engine(option)
+            self.assertEqual((result.returncode, result.stderr), (0, ""))
+            self.assertIn("sonetrix-engine", result.stdout)
+
+    def test_start_parameters_are_typed(self):
+        cases = {"a=1": (1, "int32"), "a=-2147483648": (-2147483648, "int32"), "a=4294967295": (4294967295, "uint32"),
+                 "a=4294967296": (b"4294967296", "string"), "a=1.5": (1.5, "float"), "a=-.5e2": (-50.0, "float"),
+                 "a=nan": (b"nan", "string"), "a=": (b"", "string"), "a=b=c": (b"b=c", "string"),
+                 "a:uint32=5": (5, "uint32"), "a:int32=5": (5, "int32"), "a:double=0.1": (0.1, "double"),
+                 "a:float=2": (2.0, "float"), "a:string=5": (b"5", "string"), "a:string=\u00e4": (b"\xc3\xa4", "string")}
+        for setting, expected in cases.items():
+            with self.subTest(setting):
+                result = run_engine("--set", "b=1", "--set", setting, "-c",
+                                    "print(engine.param().toDictType()[b'a'], b'b' in engine.param().toDict())")
+                self.assertEqual((result.stdout, result.stderr), (f"{expected} True\n", ""))
+
+    def test_engine_options_reach_the_engine(self):
+        result = run_engine("--rate", "44100", "--block", "64", "--log-level", "info", "-c",
+                            "print(engine.getFrameRate(), engine.getParam('engine.block').toDict(), log.getLevel())")
+        self.assertEqual(result.stdout, "44100 {b'engine.block': 64} 2\n")
+        self.assertEqual(result.stderr.count("44100 frames per second, 64 frames per block"), 1)
+
+
+class Scripts(unittest.TestCase):
+    def test_status(self):
+        cases = [("pass", 0), ("exit(7)", 7), ("exit(0)\n1/0", 1), ("import sys; sys.exit(5)", 5), ("raise SystemExit", 0),
+                 ("1/0", 1), ("x = (", 1), ("raise KeyboardInterrupt", 130), ("exit(3)\ntime.sleep(.2)\nprint('on')", 3)]
+        for source, status in cases:
+            for way, run in (("file", run_script), ("-c", lambda text: run_engine("-c", text))):
+                with self.subTest(source, way=way):
+                    self.assertEqual(run(source).returncode, status)
+
+    def test_what_a_script_finds(self):
+        with tempfile.TemporaryDirectory() as folder:
+            script = pathlib.Path(folder, "script.py")
+            pathlib.Path(folder, "beside.py").write_text("name = 'found'")
+            script.write_bytes("# coding: latin-1\nimport sys, beside\n"
+                               "print(sys.argv[1:], __file__ == sys.argv[0], __name__, beside.name, 'ä', first)\n"
+                               "print([name for name in globals() if 'sonetrix' in name])".encode("latin-1"))
+            result = run_engine("-c", "first = 1", script, "--one", "-i", "two")
+        self.assertEqual((result.stdout, result.stderr), ("['--one', '-i', 'two'] True __main__ found ä 1\n[]\n", ""))
+        self.assertEqual(run_engine("-c", "import sys; print(sys.argv)").stdout, "['-c']\n")
+
+    def test_tracebacks_are_the_interpreters_own(self):
+        with tempfile.TemporaryDirectory() as folder:
+            for source in "def f():\n    1/0\nf()\n", "x = (\n", "import sys\nsys.exit('text')\n":
+                with self.subTest(source):
+                    pathlib.Path(folder, "script.py").write_text(source)
+                    python = subprocess.run([sys.executable, "script.py"], cwd=folder, capture_output=True, text=True)
+                    ours = run_engine("script.py", cwd=folder)
+                    self.assertEqual((ours.stderr, ours.returncode), (python.stderr, python.returncode))
+
+    def test_standard_input_is_a_script(self):
+        for source, status in ("print('in')", 0), ("1/0", 1), ("exit(4)", 4), ("", 0):
+            with self.subTest(source):
+                result = run_engine(text_input=source)
+                self.assertEqual(result.returncode, status)
+                self.assertEqual(result.stdout, "in\n" if "in" in source else "")
+
+
+class Signals(unittest.TestCase):
+    LOOPS = "while True: pass", "import time\nwhile True: time.sleep(60)"
+
+    def test_a_script_is_interrupted(self):
+        for loop in self.LOOPS:
+            for number, status, words in (signal.SIGINT, 130, "KeyboardInterrupt"), (signal.SIGTERM, 0, ""):
+                with self.subTest(loop, signal=number), running("-c", f"print(flush=True)\n{loop}") as process:
+                    begin = time.monotonic()
+                    process.send_signal(number)
+                    got, _, errors = outcome(process)
+                    self.assertEqual((got, bool(errors)), (status, bool(words)))
+                    self.assertIn(words, errors)
+                    self.assertLess(time.monotonic() - begin, 2 * SLOWNESS)
+
+    def test_a_signal_ends_the_engine_and_the_second_the_process(self):
+        source = "print(flush=True)\nwhile engine.isRunning(): time.sleep(.01)\nprint('stopped', flush=True)\n"
+        for number, status in (signal.SIGINT, 130), (signal.SIGTERM, 143), (signal.SIGHUP, 129):
+            for stubborn in False, True:
+                with self.subTest(number, stubborn=stubborn), tempfile.TemporaryFile("w+") as script:
+                    script.write(source + ("while True: pass\n" if stubborn else ""))
+                    script.seek(0)
+                    with running(stdin=script) as process:
+                        process.send_signal(number)
+                        self.assertEqual(process.stdout.readline(), "stopped\n")
+                        if stubborn:
+                            process.send_signal(number)
+                        self.assertEqual(outcome(process), (status if stubborn else 0, "", ""))
+
+
+class OnATerminal(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.state = {"XDG_STATE_HOME": folder.name, "HOME": folder.name}
+
+    def test_history_and_completion(self):
+        with Console(environment=self.state) as console:
+            self.assertEqual(console.ask("[n for n in globals() if n.startswith('_sonetrix') or n == 'readline']"), "[]")
+            console.prompt()
+            console.write("impor\t")
+            console.expect("import ")
+            console.send("os as system")
+            self.assertEqual(console.ask("system is os"), "True")
+            console.prompt()
+            self.assertEqual(console.end("exit(7)"), 7)
+        history = pathlib.Path(self.state["XDG_STATE_HOME"], "sonetrix", "history")
+        self.assertIn("import os as system\n", history.read_text())
+        self.assertEqual(os.stat(history.parent).st_mode & 0o077, 0)
+
+    def test_the_console_after_a_script(self):
+        with Console("-i", "-c", "a = 5\n1/0", environment=self.state) as console:
+            console.expect("ZeroDivisionError")
+            self.assertEqual(console.ask("a"), "5")
+            console.prompt()
+            console.control("D")
+            self.assertEqual(console.end(), 0)
+
+    def test_a_script_needs_no_console(self):
+        with Console("-c", "print(6 * 7)", environment=self.state) as console:
+            self.assertEqual(console.end(), 0)
+            self.assertEqual(console.transcript, "42\n")
+
+    def test_sigterm_ends_the_console(self):
+        with Console(environment=self.state) as console:
+            console.prompt()
+            console.signal(signal.SIGTERM)
+            self.assertEqual(console.end(), 0)
+
+
+if __name__ == "__main__":
+    unittest.main()
