@@ -1,9 +1,10 @@
 # Thin front door: every target is one or two commands that can be typed by hand.
 
 .DEFAULT_GOAL := help
-.PHONY: help setup run build test test-asan test-tsan test-matrix bench lint format docs-graph clean
+.PHONY: help setup run build test test-asan test-tsan test-matrix bench lint format docs-graph soak clean
 
 ARGS ?=
+SECONDS ?= 120
 
 help: ## Show this list
 	@grep -hE '^[a-z-]+:.*## ' $(MAKEFILE_LIST) | sort | awk -F ':.*## ' '{printf "  make %-12s %s\n", $$1, $$2}'
@@ -37,6 +38,9 @@ bench: build ## Run the benchmarks
 lint: build ## Check formatting, clang-tidy and the source rules
 	@tools/setup lint
 	@tools/lint
+
+soak: build ## Everything at once on a running engine; SECONDS=120
+	@SONETRIX_BUILD=build/release python3 tests/soak/run.py $(SECONDS)
 
 format: ## Format all C and C++ sources in place
 	@tools/setup lint

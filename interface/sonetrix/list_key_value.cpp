@@ -111,16 +111,13 @@ std::pair<Ref, Ref> unpackPair(PyObject *pair) {
     return parts;
 }
 
-// Calls `action(key, value)` for each item, in order. A dict that changes meanwhile is a RuntimeError, as in Python.
+// Calls `action(key, value)` for each item that the dict has now, in order.
 template <class Action> void forEachItem(PyObject *dict, Action &&action) {
-    Ref items = callMethod(dict, itemsName);
-    Ref iterator = checked(PyObject_GetIter(items.get()));
-    while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
-        const auto [key, value] = unpackPair(item.get()); // a subclass's items() may give anything
+    const Ref items = checked(PyMapping_Items(dict));
+    for (Py_ssize_t index = 0; index < PyList_GET_SIZE(items.get()); ++index) {
+        // A subclass's items() may give anything.
+        const auto [key, value] = unpackPair(PyList_GET_ITEM(items.get(), index));
         action(key.get(), value.get());
-    }
-    if (PyErr_Occurred() != nullptr) {
-        throw PythonError();
     }
 }
 

@@ -5,8 +5,10 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <unordered_map>
 
 namespace sonetrix::testing {
@@ -30,7 +32,7 @@ Value::Value(const sonetrix_value_t &source) : scalar_(source) {
     if (source.type == SONETRIX_VALUE_STRING && source.as.string) {
         size = std::strlen(source.as.string) + 1;
     }
-    if (size > 0) {
+    if (size > 0 && source.as.array != nullptr) {
         const auto *first = static_cast<const std::byte *>(source.as.array);
         bytes_.assign(first, first + size);
         pointsToBytes_ = true;
@@ -197,6 +199,8 @@ using namespace sonetrix::testing;
 // In records of list functions a list is its address: its contents are what the other calls say.
 namespace {
 const void *id(const void *list) { return list; }
+
+thread_local std::function<int32_t(const Entry &, void *)> lastRead;
 } // namespace
 
 extern "C" {
@@ -248,16 +252,29 @@ ADD_KEY_VALUE_ARRAY(Au32, uint32_t, SONETRIX_VALUE_AUINT32)
 ADD_KEY_VALUE_ARRAY(Afloat, float, SONETRIX_VALUE_AFLOAT)
 
 int32_t sonetrix_valueListForEach(sonetrix_cListValue_t *list, sonetrix_valueCallback_t callback, void *user) {
-    return forEach(Call(__func__, id(list)), list, user, [&](const Entry &entry, void *given) {
+    lastRead = [callback](const Entry &entry, void *given) {
         const sonetrix_value_t value = entry.value.record();
         return callback(&value, given);
-    });
+    };
+    return forEach(Call(__func__, id(list)), list, user, lastRead);
 }
 int32_t sonetrix_keyValueListForEach(sonetrix_cListKeyValue_t *list, sonetrix_keyValueCallback_t callback, void *user) {
-    return forEach(Call(__func__, id(list)), list, user, [&](const Entry &entry, void *given) {
+    lastRead = [callback](const Entry &entry, void *given) {
         const sonetrix_keyValue_t record{.key = entry.key.c_str(), .engineReserved = 0, .value = entry.value.record()};
         return callback(&record, given);
-    });
+    };
+    return forEach(Call(__func__, id(list)), list, user, lastRead);
+}
+// The read callback of this thread's last for-each, for one more list: on this thread or on a native one.
+int32_t double_readAgain(const void *list, void *user, int32_t onNativeThread) {
+    int32_t failures = 0;
+    const auto work = [&, read = lastRead] {
+        for (const Entry &entry : static_cast<const List *>(list)->entries) {
+            failures += read(entry, user) != 0;
+        }
+    };
+    onNativeThread ? std::thread(work).join() : work();
+    return failures;
 }
 int32_t sonetrix_keyValueListRemoveKey(sonetrix_cListKeyValue_t *list, const char *key) {
     const Call call(__func__, id(list), key);

@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import sys
 
 SOURCE = pathlib.Path(os.environ.get("SONETRIX_SOURCE", pathlib.Path(__file__).parents[2]))
 BUILD = pathlib.Path(os.environ.get("SONETRIX_BUILD", SOURCE / "build" / "release"))
@@ -13,6 +14,12 @@ CONSOLE_HOST = BUILD / "tests" / "console_host"
 SANITIZER = os.environ.get("SONETRIX_SANITIZE", "")
 # Waits are scaled, never guessed per build.
 SLOWNESS = 6 if SANITIZER else 1
+
+# For another architecture: a folder of scripts of the programs' names that start them in an emulator.
+if LAUNCHERS := os.environ.get("SONETRIX_LAUNCHERS"):
+    ENGINE, CONSOLE_HOST = (pathlib.Path(LAUNCHERS, program.name) for program in (ENGINE, CONSOLE_HOST))
+    sys.executable = str(pathlib.Path(LAUNCHERS, "python3"))
+    SLOWNESS = 10
 TIME_LIMIT = 30.0 * SLOWNESS
 
 # The sanitizer's run-time library was brought in for this interpreter only; children that need it say so.

@@ -14,9 +14,14 @@ they have some. In calls of the list functions themselves a list is its address.
 """
 
 import ast
+import contextlib
 import ctypes
+import fnmatch
+import gc
 import importlib
+import io
 import unittest
+from unittest import mock
 from typing import NamedTuple
 
 from . import DOUBLE
@@ -102,6 +107,7 @@ for _name, _result, *_arguments in (
     ("numbers", None, ctypes.c_char_p, ctypes.POINTER(ctypes.c_double), ctypes.c_size_t),
     ("stopOnError", None, ctypes.c_char_p, ctypes.c_int32), ("listNew", ctypes.c_void_p),
     ("listAdd", None, ctypes.c_void_p, ctypes.c_char_p, ctypes.POINTER(Value)),
+    ("readAgain", ctypes.c_int32, ctypes.c_void_p, ctypes.c_void_p, ctypes.c_int32),
     ("list", None, ctypes.c_char_p, ctypes.c_void_p), ("modules", None, ctypes.c_void_p, ctypes.c_size_t),
     ("registrations", ctypes.c_int32, ctypes.c_int32),
     ("fire", None, ctypes.c_int32, ctypes.c_void_p, ctypes.c_int32, ctypes.c_int32),
@@ -117,11 +123,10 @@ def load():
 
 
 def calls(*names, clear=False):
-    """The calls on record, oldest first; with names, or beginnings of names that end in "*", only those."""
+    """The calls on record, oldest first; with names, or shell patterns of names, only those."""
     every = (Call(name, args, None if held < 0 else bool(held), thread)
              for name, args, held, thread in ast.literal_eval(_library.double_calls(clear).decode()))
-    return [call for call in every if not names or any(
-        call.name.startswith(name[:-1]) if name.endswith("*") else call.name == name for name in names)]
+    return [call for call in every if not names or any(fnmatch.fnmatchcase(call.name, name) for name in names)]
 
 
 def log_lines():
@@ -181,12 +186,24 @@ def stop_on_error(name, stops=True):
 def make_list(entries):
     """An engine list of values, or of (key, value) for a dict; each a Python value, (value, type name) or a Value."""
     handle = _library.double_listNew()
+    extend_list(handle, entries)
+    return handle
+
+
+def extend_list(handle, entries):
+    """More entries for a list: one of make_list, or one that the module has made."""
     pairs = entries.items() if isinstance(entries, dict) else ((None, entry) for entry in entries)
     for key, entry in pairs:
         if not isinstance(entry, Value):
             entry = Value.of(*entry) if isinstance(entry, tuple) else Value.of(entry)
         _library.double_listAdd(handle, key.encode() if isinstance(key, str) else key, ctypes.byref(entry))
-    return handle
+
+
+def read_again(entries, container, lock_held=False, native_thread=False):
+    """Hands the entries to the callback of the last reading on this thread, with another container as user data; gives
+    the number of entries for which it reports failure."""
+    binding = _holding_lock if lock_held else _library
+    return binding.double_readAgain(make_list(entries), id(container), native_thread)
 
 
 def gives(name, entries):
@@ -233,14 +250,31 @@ def exit_code():
     return _library.double_exitCode()
 
 
+@contextlib.contextmanager
+def unraisables():
+    """Collects what goes to the unraisable hook, as (the hook's object, exception); standard error is kept quiet."""
+    reports = []
+    with (mock.patch("sys.unraisablehook", lambda report: reports.append((report.object, report.exc_value))),
+          contextlib.redirect_stderr(io.StringIO())):
+        yield reports
+
+
 class TestCase(unittest.TestCase):
     """Every test starts from a clean double, and ends with all lists released and none misused."""
 
     def setUp(self):
         self.sonetrix = load()
         reset()
+        gc.collect()
         self._lists, self._values = live_lists(), live_values()
 
     def tearDown(self):
+        gc.collect()
         self.assertEqual(misuses(), 0, "engine lists misused")
         self.assertEqual((live_lists(), live_values()), (self._lists, self._values), "engine objects left behind")
+
+    def assertRefused(self, kind, text, call, *args, **kwargs):
+        """The call raises exactly this kind of exception, with this text."""
+        with self.assertRaises(kind) as caught:
+            call(*args, **kwargs)
+        self.assertEqual((type(caught.exception), str(caught.exception)), (kind, text))

@@ -1,0 +1,73 @@
+// Makes the interpreter run out of memory at a chosen allocation, through its own allocator hooks. The interpreter is
+// found in the process: nothing of its headers is needed but the layout of one documented record.
+
+#include <cstddef>
+#include <cstdint>
+#include <dlfcn.h>
+
+namespace {
+
+struct Allocator { // PyMemAllocatorEx
+    void *context;
+    void *(*allocate)(void *context, std::size_t size);
+    void *(*allocateZeroed)(void *context, std::size_t count, std::size_t size);
+    void *(*reallocate)(void *context, void *memory, std::size_t size);
+    void (*free)(void *context, void *memory);
+};
+
+constexpr int domains[] = {1, 2}; // PYMEM_DOMAIN_MEM, PYMEM_DOMAIN_OBJ: those used with the interpreter lock held
+
+Allocator originals[2];
+int64_t allocations = 0;
+int64_t failing = -1;
+
+bool fails() { return allocations++ == failing; }
+
+Allocator &original(void *context) { return *static_cast<Allocator *>(context); }
+
+void *allocate(void *context, std::size_t size) {
+    Allocator &next = original(context);
+    return fails() ? nullptr : next.allocate(next.context, size);
+}
+void *allocateZeroed(void *context, std::size_t count, std::size_t size) {
+    Allocator &next = original(context);
+    return fails() ? nullptr : next.allocateZeroed(next.context, count, size);
+}
+void *reallocate(void *context, void *memory, std::size_t size) {
+    Allocator &next = original(context);
+    return fails() ? nullptr : next.reallocate(next.context, memory, size);
+}
+void freeMemory(void *context, void *memory) {
+    Allocator &next = original(context);
+    next.free(next.context, memory);
+}
+
+using Access = void (*)(int domain, Allocator *allocator);
+
+Access accessFunction(const char *name) { return reinterpret_cast<Access>(dlsym(RTLD_DEFAULT, name)); }
+
+} // namespace
+
+extern "C" {
+
+// From now on the allocation of this number fails, counted from 0; none does when it is negative. To be called, like
+// all of these, with the interpreter lock held.
+__attribute__((visibility("default"))) void double_failAllocation(int64_t number) {
+    allocations = 0;
+    failing = number;
+    for (int index = 0; index < 2; ++index) {
+        accessFunction("PyMem_GetAllocator")(domains[index], &originals[index]);
+        Allocator hook = {&originals[index], allocate, allocateZeroed, reallocate, freeMemory};
+        accessFunction("PyMem_SetAllocator")(domains[index], &hook);
+    }
+}
+
+// Puts the interpreter's allocators back and gives the number of allocations since.
+__attribute__((visibility("default"))) int64_t double_endAllocationFailure() {
+    for (int index = 0; index < 2; ++index) {
+        accessFunction("PyMem_SetAllocator")(domains[index], &originals[index]);
+    }
+    return allocations;
+}
+
+} // extern "C"
