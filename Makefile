@@ -1,7 +1,7 @@
 # Thin front door: every target is one or two commands that can be typed by hand.
 
 .DEFAULT_GOAL := help
-.PHONY: help setup run build test test-asan test-tsan test-matrix bench lint format docs-graph soak clean
+.PHONY: help setup run build build-arm test test-asan test-tsan test-arm test-matrix package package-arm bench lint format docs-graph soak clean
 
 ARGS ?=
 SECONDS ?= 120
@@ -29,8 +29,26 @@ test-asan test-tsan: test-%: setup
 test-asan: ## Run all tests with the address, leak and undefined-behaviour sanitizers
 test-tsan: ## Run all tests with the thread sanitizer
 
+build-arm:
+	@tools/setup arm
+	@cmake --preset aarch64 --log-level=NOTICE
+	@cmake --build --preset aarch64
+
+test-arm: build-arm ## Build for 64-bit Arm and run all tests in emulation
+	@PYTHONPATH=tests python3 -m support.emulation --list
+	@ctest --preset aarch64
+
 test-matrix: setup ## Build and test against every suitable CPython on the machine
 	@tools/test-matrix
+
+package: setup ## Make Debian packages, in build/package, for the distribution's Python
+	@cmake --preset release -B build/package -DSONETRIX_PYTHON_ROOT=/usr -DSONETRIX_TESTS=OFF -DSONETRIX_BENCH=OFF \
+		--log-level=NOTICE
+	@cmake --build build/package
+	@cd build/package && cpack
+
+package-arm: build-arm ## Make Debian packages for 64-bit Arm, in build/aarch64
+	@cd build/aarch64 && cpack
 
 bench: build ## Run the benchmarks
 	@cmake --build --preset release --target bench

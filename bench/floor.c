@@ -1,7 +1,7 @@
 /*
  * What the library is measured against: the same jobs as bare C extension functions, in the fastest way that is known.
- * Builtins of the vectorcall kind stand in a class's dictionary, text is used in place, the interpreter lock is given up
- * around the same engine calls, containers are made in their final size, which the caller tells. No subclasses, no
+ * Builtins of the vectorcall kind stand in a class's dictionary, text is used in place, the interpreter lock is given
+ * up around the same engine calls, containers are made in their final size, which the caller tells. No subclasses, no
  * selectors, no keywords, no traceback entries.
  */
 #define PY_SSIZE_T_CLEAN
@@ -348,7 +348,8 @@ static PyObject *notifyKept(PyObject *self, PyObject *callable) {
 
 /* ---------------------------------------------------------------------------------------------------------- module */
 
-#define VECTORCALL(name, function) {name, (PyCFunction)(void (*)(void))(function), METH_FASTCALL, NULL}
+#define VECTORCALL(name, function)                                                                                     \
+    { name, (PyCFunction)(void (*)(void))(function), METH_FASTCALL, NULL }
 
 static PyMethodDef engineFunctions[] = {
     VECTORCALL("isRunning", isRunning),

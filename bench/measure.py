@@ -2,6 +2,7 @@
 
 import gc
 import statistics
+import time
 import timeit
 from typing import NamedTuple
 
@@ -30,7 +31,7 @@ def compared(name, ours, floor, target="", show=time_text):
                f"{medians[0] / medians[1]:.2f} ({minima[0] / minima[1]:.2f})", target)
 
 
-def interleaved(*actions, seconds=1.0, least=11):
+def interleaved(*actions, seconds=1.0, least=7):
     """Runs the actions in turn for that long, every second round backwards; a list of results for each."""
     results = [[] for _ in actions]
     order = list(enumerate(actions))
@@ -42,12 +43,21 @@ def interleaved(*actions, seconds=1.0, least=11):
     return results
 
 
+def fitting(timer, seconds=1e-3):
+    """How often to run a statement to fill that time."""
+    number, taken = 1, timer.timeit(1)
+    while taken < seconds / 10:
+        number *= 5
+        taken = timer.timeit(number)
+    return max(1, round(number * seconds / taken))
+
+
 def statements(*texts, names, number=None, operations=1, seconds=1.0):
-    """The time per operation of Python statements in a loop, interleaved. Each round runs every statement `number`
-    times, or as often as it takes for about a millisecond; one run counts as so many operations."""
-    timers = [timeit.Timer(text, globals=names) for text in texts]
+    """The processor time per operation of Python statements in a loop, interleaved. Each round runs every statement
+    `number` times, or as often as it takes for about a millisecond; one run counts as so many operations."""
+    timers = [timeit.Timer(text, timer=time.thread_time, globals=names) for text in texts]
     if number is None:
-        number = max(1, round(1e-3 / min(timers[0].repeat(5, 20)) * 20))
+        number = fitting(timers[0])
     actions = [lambda timer=timer: timer.timeit(number) / number / operations for timer in timers]
     gc.collect()
     return interleaved(*actions, seconds=seconds)

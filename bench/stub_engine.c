@@ -281,6 +281,7 @@ static struct {
     uint32_t index;
     sonetrix_cListKeyValue_t *list;
     uint32_t calls;
+    struct timespec pause;
     double *nanoseconds;
 } order;
 static pthread_t notifier;
@@ -303,6 +304,9 @@ static void *notify(void *unused) {
         registration->callback(order.list, registration->user);
     }
     for (uint32_t index = 0; index < order.calls; ++index) {
+        if (order.pause.tv_nsec != 0) {
+            nanosleep(&order.pause, NULL);
+        }
         const double began = now();
         registration->callback(order.list, registration->user);
         order.nanoseconds[index] = now() - began;
@@ -311,10 +315,12 @@ static void *notify(void *unused) {
     return NULL;
 }
 
-void stub_notifyStart(uint32_t index, sonetrix_cListKeyValue_t *list, uint32_t calls, double *nanoseconds) {
+void stub_notifyStart(
+    uint32_t index, sonetrix_cListKeyValue_t *list, uint32_t calls, uint32_t pauseMicroseconds, double *nanoseconds) {
     order.index = index;
     order.list = list;
     order.calls = calls;
+    order.pause.tv_nsec = 1000L * (long)pauseMicroseconds;
     order.nanoseconds = nanoseconds;
     stub_notifying = 1;
     pthread_create(&notifier, NULL, notify, NULL);
@@ -337,8 +343,7 @@ int32_t sonetrix_engine_IsRunning(sonetrix_engine_t *engine) { return 1; }
 int32_t sonetrix_engine_LinkPort(sonetrix_engine_t *engine, const char *p1, const char *p2) { return 0; }
 void sonetrix_log_LogString(
     sonetrix_log_level_t level, const char *tag, int32_t line, int32_t flag, const char *message) {}
-void sonetrix_log(
-    sonetrix_log_level_t level, const char *file, int32_t line, int32_t flag, const char *format, ...) {}
+void sonetrix_log(sonetrix_log_level_t level, const char *file, int32_t line, int32_t flag, const char *format, ...) {}
 /* A driver, so that dot() writes; its module records have none, so that they show their ports. */
 int32_t sonetrix_engine_DriverIsLoaded(const void *reference) { return reference != NULL; }
 int32_t sonetrix_keyValueListGetS(sonetrix_cListKeyValue_t *list, const char *key, const char **text) { return -1; }

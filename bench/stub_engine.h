@@ -11,8 +11,9 @@ extern sonetrix_cListValue_t *stub_newestValueList;
 void stub_setModules(uint32_t count, uint32_t ports);
 
 /* Calls the change callback of the registration that was made as number `index` from a thread of its own: a few times
- * to warm up, then `calls` times with `list`, and notes how many nanoseconds each took. */
-void stub_notifyStart(uint32_t index, sonetrix_cListKeyValue_t *list, uint32_t calls, double *nanoseconds);
+ * to warm up, then `calls` times with `list`, and notes how many nanoseconds each took. In between it pauses. */
+void stub_notifyStart(
+    uint32_t index, sonetrix_cListKeyValue_t *list, uint32_t calls, uint32_t pauseMicroseconds, double *nanoseconds);
 /* Waits for the end of that. */
 void stub_notifyJoin(void);
 /* Whether it is still going on. A variable, since asking must not give the interpreter lock up. */

@@ -26,4 +26,7 @@ else()
     string(APPEND CMAKE_SHARED_LINKER_FLAGS " -Wl,-z,defs")
 endif()
 
+# Installed, the module finds a libpython that is not where the loader looks anyway.
+set(CMAKE_INSTALL_RPATH_USE_LINK_PATH ON)
+
 find_package(Threads REQUIRED)

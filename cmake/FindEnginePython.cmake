@@ -1,17 +1,24 @@
 # Finds the CPython that the scripting layer embeds, with headers and shared library.
 #
 # 3.12 is the reference: one on the machine is always taken, the distribution's before one under pyenv. Otherwise any
-# other suitable version serves, the newest first. SONETRIX_PYTHON_ROOT confines the search to that prefix.
+# other suitable version serves, the newest first. SONETRIX_PYTHON_ROOT confines the search to that prefix, or is itself
+# the interpreter to take: so also a debug build. For another
+# architecture only the target's tree is searched, and its interpreters answer in the emulator.
 #
-# Defines the target EnginePython::EnginePython, SONETRIX_PYTHON_EXECUTABLE (the same installation's interpreter) and
-# SONETRIX_PYTHON_VERSION.
+# Defines the target EnginePython::EnginePython, SONETRIX_PYTHON_EXECUTABLE (the same installation's interpreter),
+# SONETRIX_PYTHON_LIBRARY and SONETRIX_PYTHON_VERSION.
 
 set(_referenceVersion 3.12)
 
 # Interpreters to consider, in order of preference.
 function(_engine_python_candidates result)
-    if(SONETRIX_PYTHON_ROOT)
+    if(SONETRIX_PYTHON_ROOT AND NOT IS_DIRECTORY ${SONETRIX_PYTHON_ROOT})
+        set(${result} ${SONETRIX_PYTHON_ROOT} PARENT_SCOPE)
+        return()
+    elseif(SONETRIX_PYTHON_ROOT)
         set(directories ${SONETRIX_PYTHON_ROOT}/bin)
+    elseif(CMAKE_CROSSCOMPILING)
+        set(directories ${CMAKE_SYSROOT}/usr/bin ${CMAKE_SYSROOT}/usr/local/bin)
     else()
         set(pyenvRoot $ENV{PYENV_ROOT})
         if(NOT pyenvRoot)
@@ -46,7 +53,7 @@ function(_engine_python_find)
     _engine_python_candidates(candidates)
     set(rejected "")
     foreach(candidate IN LISTS candidates)
-        execute_process(COMMAND ${candidate} ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/probe_python.py
+        execute_process(COMMAND ${CMAKE_CROSSCOMPILING_EMULATOR} ${candidate} ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/probe_python.py
             OUTPUT_VARIABLE answer OUTPUT_STRIP_TRAILING_WHITESPACE
             ERROR_VARIABLE reason ERROR_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE status)
         if(status EQUAL 0)
@@ -80,12 +87,12 @@ endif()
 list(GET _found 0 SONETRIX_PYTHON_VERSION)
 list(GET _found 1 SONETRIX_PYTHON_EXECUTABLE)
 list(GET _found 2 _include)
-list(GET _found 3 _library)
+list(GET _found 3 SONETRIX_PYTHON_LIBRARY)
 set(EnginePython_FOUND TRUE)
-message(STATUS "Python ${SONETRIX_PYTHON_VERSION} (${_why}): ${SONETRIX_PYTHON_EXECUTABLE}, ${_library}")
+message(STATUS "Python ${SONETRIX_PYTHON_VERSION} (${_why}): ${SONETRIX_PYTHON_EXECUTABLE}, ${SONETRIX_PYTHON_LIBRARY}")
 
 if(NOT TARGET EnginePython::EnginePython)
     add_library(EnginePython::EnginePython SHARED IMPORTED)
     set_target_properties(EnginePython::EnginePython PROPERTIES
-        IMPORTED_LOCATION ${_library} INTERFACE_INCLUDE_DIRECTORIES ${_include})
+        IMPORTED_LOCATION ${SONETRIX_PYTHON_LIBRARY} INTERFACE_INCLUDE_DIRECTORIES ${_include})
 endif()

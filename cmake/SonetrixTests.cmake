@@ -24,13 +24,47 @@ elseif(SONETRIX_SANITIZE MATCHES thread)
     math(EXPR SONETRIX_TEST_TIMEOUT "${SONETRIX_TEST_TIMEOUT} * 4")
 endif()
 if(_preloadedLibrary)
-    # The interpreter is not built with the sanitizer that our library needs: it has to come in first.
-    execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=${_preloadedLibrary}
-        OUTPUT_VARIABLE _preloadedLibrary OUTPUT_STRIP_TRAILING_WHITESPACE)
-    list(APPEND _pythonEnvironment LD_PRELOAD=${_preloadedLibrary})
+    # The interpreter is not built with the sanitizer that our library needs: it has to come in first, and with it the
+    # C++ library, whose throwing function the sanitizer looks up when it starts.
+    foreach(library ${_preloadedLibrary} libstdc++.so.6)
+        execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=${library}
+            OUTPUT_VARIABLE path OUTPUT_STRIP_TRAILING_WHITESPACE)
+        list(APPEND _preloaded ${path})
+    endforeach()
+    list(JOIN _preloaded " " _preloaded)
+    list(APPEND _pythonEnvironment "LD_PRELOAD=${_preloaded}")
     if(SONETRIX_SANITIZE MATCHES address)
         list(APPEND _pythonEnvironment PYTHONMALLOC=malloc)
     endif()
+endif()
+
+set(_pythonCommand ${SONETRIX_PYTHON_EXECUTABLE} -X faulthandler -m unittest)
+if(CMAKE_CROSSCOMPILING)
+    # Programs that the tests start go through scripts, so that no test has to know about the emulator.
+    list(JOIN CMAKE_CROSSCOMPILING_EMULATOR "' '" emulator)
+    foreach(program "" bin/sonetrix-engine tests/console_host ${SONETRIX_PYTHON_EXECUTABLE})
+        set(name run)
+        set(quoted "")
+        if(program)
+            cmake_path(ABSOLUTE_PATH program BASE_DIRECTORY ${CMAKE_BINARY_DIR})
+            cmake_path(GET program FILENAME name)
+            string(REGEX REPLACE "^python3.*" "python3" name ${name})
+            set(quoted "'${program}' ")
+        endif()
+        file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/launchers/${name} @ONLY
+            CONTENT "#!/bin/sh\nexec '@emulator@' @quoted@\"$@\"\n")
+        file(CHMOD ${CMAKE_BINARY_DIR}/launchers/${name}
+            PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+    endforeach()
+    list(APPEND _testEnvironment SONETRIX_LAUNCHERS=${CMAKE_BINARY_DIR}/launchers)
+    set(_pythonCommand ${CMAKE_CROSSCOMPILING_EMULATOR} ${SONETRIX_PYTHON_EXECUTABLE}
+        -X faulthandler -m support.emulation)
+    math(EXPR SONETRIX_TEST_TIMEOUT "${SONETRIX_TEST_TIMEOUT} * 10")
+endif()
+if(SONETRIX_PYTHON_LIBRARY MATCHES "d\\.so")
+    # A debug build of the interpreter keeps count.
+    set(_pythonCommand ${SONETRIX_PYTHON_EXECUTABLE} -X faulthandler -m support.leaks)
+    math(EXPR SONETRIX_TEST_TIMEOUT "${SONETRIX_TEST_TIMEOUT} * 10")
 endif()
 
 # sonetrix_python_test(FILE): runs it with unittest. Lines "# ctest: ..." in the file's head set properties:
@@ -59,7 +93,7 @@ function(sonetrix_python_test file)
     endforeach()
     string(REGEX REPLACE "^test_" "" name ${name})
     add_test(NAME ${folder}.${name}
-        COMMAND ${SONETRIX_PYTHON_EXECUTABLE} -X faulthandler -m unittest ${file}
+        COMMAND ${_pythonCommand} ${file}
         WORKING_DIRECTORY ${CMAKE_SOURCE_DIR})
     set_tests_properties(${folder}.${name} PROPERTIES
         TIMEOUT ${timeout} RUN_SERIAL ${runSerial} LABELS "${labels}"

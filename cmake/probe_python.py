@@ -11,8 +11,9 @@ import sysconfig
 
 def shared_library():
     names = [sysconfig.get_config_var("LDLIBRARY"), sysconfig.get_config_var("INSTSONAME")]
-    folders = [sysconfig.get_config_var("LIBDIR"), os.path.join(sys.base_prefix, "lib")]
-    folders += [os.path.join(folder, sysconfig.get_config_var("MULTIARCH") or "") for folder in folders if folder]
+    # The prefix first: in another system's tree, the configured folder is one of this system.
+    own = os.path.join(sys.base_prefix, "lib")
+    folders = [own, os.path.join(own, sysconfig.get_config_var("MULTIARCH") or ""), sysconfig.get_config_var("LIBDIR")]
     for name in names:
         for folder in folders:
             if name and folder and ".so" in name and os.path.exists(os.path.join(folder, name)):

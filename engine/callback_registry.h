@@ -15,22 +15,19 @@ namespace sonetrix::dev {
 /// meanwhile, so a callback may add and remove registrations, its own among them.
 template <class Callback> class CallbackRegistry {
 public:
-    class Registration {
-        friend class CallbackRegistry;
+    /// The registry's own; others keep pointers to it.
+    struct Registration {
         Callback callback;
         void *user;
         bool removed = false;
-        std::thread::id caller; // none: no call in progress
-
-    public:
-        Registration(Callback function, void *pointer) : callback(function), user(pointer) {}
+        std::thread::id caller{}; // none: no call in progress
     };
     using Pointer = std::shared_ptr<Registration>;
     using Registrations = std::vector<Pointer>;
 
     /// The registration's address is its handle.
     Pointer add(Callback callback, void *user) {
-        auto registration = std::make_shared<Registration>(callback, user);
+        auto registration = std::make_shared<Registration>(Registration{callback, user});
         const std::lock_guard lock(mutex_);
         const auto position = order_.insert(order_.end(), registration);
         try {

@@ -28,7 +28,7 @@ void *openLibrary(const std::filesystem::path &path) {
 
 } // namespace
 
-LadspaLibrary::LadspaLibrary(const std::filesystem::path &path) : library_(openLibrary(path)), descriptors_(nullptr) {
+LadspaLibrary::LadspaLibrary(const std::filesystem::path &path) : library_(openLibrary(path)) {
     descriptors_ = reinterpret_cast<LADSPA_Descriptor_Function>(dlsym(library_.get(), "ladspa_descriptor"));
     if (descriptors_ == nullptr)
         throw std::runtime_error(path.string() + ": is not a plugin library");

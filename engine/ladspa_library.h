@@ -24,7 +24,7 @@ private:
         void operator()(void *library) const noexcept;
     };
     std::unique_ptr<void, Close> library_;
-    LADSPA_Descriptor_Function descriptors_;
+    LADSPA_Descriptor_Function descriptors_ = nullptr;
 };
 
 } // namespace sonetrix::dev

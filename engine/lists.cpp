@@ -4,8 +4,7 @@
 
 namespace sonetrix::dev {
 
-template <class Record>
-void RecordList<Record>::append(const RecordList &other) {
+template <class Record> void RecordList<Record>::append(const RecordList &other) {
     const size_t before = records_.size();
     reserve(before + other.size());
     try {
@@ -17,8 +16,7 @@ void RecordList<Record>::append(const RecordList &other) {
     }
 }
 
-template <class Record>
-void RecordList<Record>::merge(RecordList &other) {
+template <class Record> void RecordList<Record>::merge(RecordList &other) {
     if (&other == this)
         return;
     if (records_.empty()) {

@@ -12,8 +12,7 @@ namespace sonetrix::dev {
 /// An ordered list of records whose keys, strings and arrays live in the list's own arena. Adding may move the records,
 /// never what they point to. What allocates throws std::bad_alloc, std::length_error or (an impossible array)
 /// std::invalid_argument, and leaves the records as they were.
-template <class Record>
-class RecordList {
+template <class Record> class RecordList {
 public:
     RecordList() noexcept = default;
     RecordList(const RecordList &other) { append(other); }
@@ -47,8 +46,7 @@ public:
 
     /// Calls back for the records present at the start, also for those after a failed one. The callback may add to the
     /// list. The first result that is not 0, else 0.
-    template <class Callback>
-    int32_t forEach(Callback callback, void *user) const {
+    template <class Callback> int32_t forEach(Callback callback, void *user) const {
         int32_t result = 0;
         const size_t count = records_.size();
         for (size_t i = 0; i < count && i < records_.size(); ++i) {
@@ -89,18 +87,12 @@ extern template class RecordList<sonetrix_keyValue_t>;
 /// The C interface's list handles point to the engine's own lists.
 struct sonetrix_cListValue : sonetrix::dev::RecordList<sonetrix_value_t> {
     /// Takes what valueRecord takes.
-    template <class T>
-    void add(const T &value) {
-        addRecord(sonetrix::dev::valueRecord(value));
-    }
+    template <class T> void add(const T &value) { addRecord(sonetrix::dev::valueRecord(value)); }
 };
 
 struct sonetrix_cListKeyValue : sonetrix::dev::RecordList<sonetrix_keyValue_t> {
     /// Takes what valueRecord takes, or a record of which it makes a deep copy.
-    template <class T>
-    void add(std::string_view key, const T &value) {
-        add(key, sonetrix::dev::valueRecord(value));
-    }
+    template <class T> void add(std::string_view key, const T &value) { add(key, sonetrix::dev::valueRecord(value)); }
     void add(std::string_view key, const sonetrix_value_t &value) {
         reserve(size() + 1);
         const char *storedKey = arena_.copyText(key);

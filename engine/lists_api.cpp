@@ -7,8 +7,7 @@ using namespace sonetrix::dev;
 
 namespace {
 
-template <class List, class Value>
-int32_t addValue(List *list, const Value &value) noexcept {
+template <class List, class Value> int32_t addValue(List *list, const Value &value) noexcept {
     if (list == nullptr)
         return statusInvalid;
     return guarded([&] {
@@ -17,8 +16,7 @@ int32_t addValue(List *list, const Value &value) noexcept {
     });
 }
 
-template <class Value>
-int32_t addEntry(ListKeyValue *list, const char *key, const Value &value) noexcept {
+template <class Value> int32_t addEntry(ListKeyValue *list, const char *key, const Value &value) noexcept {
     if (list == nullptr || key == nullptr)
         return statusInvalid;
     return guarded([&] {
@@ -27,23 +25,17 @@ int32_t addEntry(ListKeyValue *list, const char *key, const Value &value) noexce
     });
 }
 
-template <class List>
-List *copyOf(const List *list) noexcept {
+template <class List> List *copyOf(const List *list) noexcept {
     return guardedPointer([&] { return list == nullptr ? nullptr : std::make_unique<List>(*list).release(); });
 }
 
-template <class List>
-List *newList() noexcept {
+template <class List> List *newList() noexcept {
     return guardedPointer([] { return std::make_unique<List>().release(); });
 }
 
-template <class List>
-void destroy(List *list) noexcept {
-    std::unique_ptr<List>{list};
-}
+template <class List> void destroy(List *list) noexcept { std::unique_ptr<List>{list}; }
 
-template <class List>
-int32_t merge(List *list, List *other) noexcept {
+template <class List> int32_t merge(List *list, List *other) noexcept {
     if (list == nullptr)
         return statusInvalid;
     return guarded([&] {
@@ -53,8 +45,7 @@ int32_t merge(List *list, List *other) noexcept {
     });
 }
 
-template <class List, class Callback>
-int32_t forEach(const List *list, Callback callback, void *user) {
+template <class List, class Callback> int32_t forEach(const List *list, Callback callback, void *user) {
     return list == nullptr || callback == nullptr ? statusInvalid : list->forEach(callback, user);
 }
 

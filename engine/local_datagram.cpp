@@ -61,7 +61,7 @@ void LocalDatagram::sendMessage(const msghdr &message) {
 }
 
 void LocalDatagram::send(std::string_view bytes) {
-    iovec part{const_cast<char *>(bytes.data()), bytes.size()}; // NOLINT(cppcoreguidelines-pro-type-const-cast)
+    iovec part{const_cast<char *>(bytes.data()), bytes.size()};
     msghdr message{};
     message.msg_iov = &part;
     message.msg_iovlen = 1;
@@ -78,7 +78,10 @@ void LocalDatagram::sendAnySize(std::string_view bytes) {
     }
     const FileDescriptor file = sealedFileWith(bytes);
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    iovec nothing{}; // without any part at all, qemu's user emulation reports success and sends nothing
     msghdr message{};
+    message.msg_iov = &nothing;
+    message.msg_iovlen = 1;
     message.msg_control = control;
     message.msg_controllen = sizeof control;
     cmsghdr *header = CMSG_FIRSTHDR(&message);

@@ -16,6 +16,7 @@ std::string formatted(const char *format, va_list arguments) {
     va_list again;
     va_copy(again, arguments);
     std::string text(240, '\0');
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the caller has started it
     int length = std::vsnprintf(text.data(), text.size() + 1, format, arguments);
     if (length > 0 && static_cast<size_t>(length) > text.size()) {
         text.resize(static_cast<size_t>(length));
@@ -29,8 +30,7 @@ std::string formatted(const char *format, va_list arguments) {
 }
 
 /// These settings have no result to report a failure with.
-template <class Change>
-void apply(Change change) noexcept {
+template <class Change> void apply(Change change) noexcept {
     guarded([&] {
         change(Log::instance());
         return statusOk;

@@ -37,8 +37,7 @@ const char *fileName(const char *path) {
 }
 
 /// "python: text" or "file.cpp:12: text"
-template <class Buffer>
-void appendSourceAndText(Buffer &out, const spdlog::details::log_msg &message) {
+template <class Buffer> void appendSourceAndText(Buffer &out, const spdlog::details::log_msg &message) {
     const std::string_view text(message.payload.data(), message.payload.size());
     if (message.source.line == 0) {
         fmt::format_to(std::back_inserter(out), "{}: {}", message.source.filename, text);
@@ -78,7 +77,7 @@ private:
 };
 
 std::string socketPath(const char *variable, const char *standard) {
-    const char *path = std::getenv(variable); // NOLINT(concurrency-mt-unsafe)
+    const char *path = std::getenv(variable);
     return path != nullptr ? path : standard;
 }
 

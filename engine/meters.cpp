@@ -29,6 +29,13 @@ std::string portKey(std::string port) {
     return port;
 }
 
+/// The next due time from now on; those that were missed are left out.
+std::chrono::steady_clock::time_point nextOnGrid(
+    std::chrono::steady_clock::time_point due, std::chrono::nanoseconds period) {
+    const auto late = std::max<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - due, 0ns);
+    return due + period * (late / period + 1);
+}
+
 } // namespace
 
 Meters::Meters(const Graph &graph, const SystemModule &system, uint32_t rate, uint32_t block)
@@ -68,15 +75,14 @@ void Meters::threadMain(const std::stop_token &stop) {
     auto nextFast = std::chrono::steady_clock::now();
     auto nextSlow = nextFast + slowPeriod;
     for (;;) {
-        nextFast = std::max(nextFast + fastPeriod_, std::chrono::steady_clock::now());
+        nextFast = nextOnGrid(nextFast, fastPeriod_);
         never.wait_until(lock, stop, nextFast, [] { return false; });
         if (stop.stop_requested())
             return;
         gather();
         emit(SONETRIX_METERS_FAST);
-        const auto now = std::chrono::steady_clock::now();
-        if (now >= nextSlow) {
-            nextSlow = std::max(nextSlow + slowPeriod, now);
+        if (std::chrono::steady_clock::now() >= nextSlow) {
+            nextSlow = nextOnGrid(nextSlow, slowPeriod);
             emit(SONETRIX_METERS_SLOW);
         }
     }

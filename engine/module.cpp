@@ -10,7 +10,7 @@ std::vector<std::string> engineWide(const std::string &module, const std::vector
     std::vector<std::string> names;
     names.reserve(ports.size());
     for (const std::string &port : ports)
-        names.push_back(module + ':' + port);
+        names.emplace_back(module).append(1, ':').append(port);
     return names;
 }
 

@@ -9,10 +9,7 @@ namespace {
 constexpr uint32_t audioPortType = 0;
 
 /// The names are checked where modules are made; the record is all zero before.
-template <size_t size>
-void copyName(char (&field)[size], const std::string &name) {
-    name.copy(field, size - 1);
-}
+template <size_t size> void copyName(char (&field)[size], const std::string &name) { name.copy(field, size - 1); }
 
 } // namespace
 

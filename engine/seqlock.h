@@ -9,8 +9,7 @@
 namespace sonetrix::dev {
 
 /// A record that one thread writes without ever waiting and any other reads whole.
-template <class T>
-class Seqlock {
+template <class T> class Seqlock {
     static_assert(std::is_trivially_copyable_v<T> && sizeof(T) % sizeof(uint32_t) == 0);
     using Words = std::array<uint32_t, sizeof(T) / sizeof(uint32_t)>;
 

@@ -18,8 +18,7 @@ constexpr int32_t statusRange = -ERANGE;
 constexpr int32_t statusFailed = -EIO;
 
 /// The border to C: runs `body`, which returns a status, and turns whatever it throws into one.
-template <class Body>
-int32_t guarded(Body &&body) noexcept {
+template <class Body> int32_t guarded(Body &&body) noexcept {
     try {
         return body();
     } catch (const std::bad_alloc &) {
@@ -32,8 +31,7 @@ int32_t guarded(Body &&body) noexcept {
 }
 
 /// The same for functions that return a pointer, null on failure.
-template <class Body>
-auto guardedPointer(Body &&body) noexcept -> decltype(body()) {
+template <class Body> auto guardedPointer(Body &&body) noexcept -> decltype(body()) {
     try {
         return body();
     } catch (...) {

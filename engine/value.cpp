@@ -1,6 +1,7 @@
 #include "value.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -24,8 +25,7 @@ sonetrix_value_t emptyRecord(sonetrix_value_type_t type) noexcept {
     return record;
 }
 
-template <class T>
-sonetrix_value_t arrayRecord(sonetrix_value_type_t type, std::span<const T> elements) noexcept {
+template <class T> sonetrix_value_t arrayRecord(sonetrix_value_type_t type, std::span<const T> elements) noexcept {
     static_assert(sizeof(T) == elementSize);
     auto record = emptyRecord(type);
     record.as.array = elements.data();
@@ -103,7 +103,7 @@ bool identical(const sonetrix_value_t &left, const sonetrix_value_t &right) noex
         return left.count == right.count &&
                (left.count == 0 || std::memcmp(left.as.array, right.as.array, left.count * elementSize) == 0);
     case SONETRIX_VALUE_DOUBLE:
-        return std::memcmp(&left.as, &right.as, sizeof(double)) == 0;
+        return std::bit_cast<uint64_t>(left.as.float64) == std::bit_cast<uint64_t>(right.as.float64);
     default:
         return left.as.uint32 == right.as.uint32;
     }
@@ -149,6 +149,6 @@ void sonetrix_valueDeinit(sonetrix_value_t *value) {
     if (value == nullptr)
         return;
     if (value->type == SONETRIX_VALUE_STRING || isArray(value->type))
-        std::free(const_cast<void *>(value->as.array)); // NOLINT(cppcoreguidelines-pro-type-const-cast)
+        std::free(const_cast<void *>(value->as.array));
     *value = valueRecord(uint32_t{0});
 }

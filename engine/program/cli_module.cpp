@@ -11,7 +11,7 @@ bool CliModule::load(const std::filesystem::path &library, std::string &error) {
     if (handle != nullptr)
         constructor_ = reinterpret_cast<Constructor>(::dlsym(handle, "sonetrix_engineCliCostructor"));
     if (constructor_ == nullptr)
-        error = ::dlerror(); // NOLINT(concurrency-mt-unsafe)
+        error = ::dlerror();
     return constructor_ != nullptr;
 }
 

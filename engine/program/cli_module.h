@@ -22,7 +22,11 @@ public:
     bool load(const std::filesystem::path &library, std::string &error);
     bool construct(ListKeyValue &startParameters, std::string &error);
 
-    void start() { record_->start(record_); }
+    /// False when the module has left its start code untouched: it goes without an interpreter.
+    bool start() {
+        record_->start(record_);
+        return record_->startCode == nullptr;
+    }
     int32_t run() { return record_->run(record_); }
     /// May be called from any thread at any time; does nothing before `construct` and once `destroy` has begun.
     void stop();

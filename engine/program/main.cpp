@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <fcntl.h>
 #include <iostream>
 #include <pthread.h>
 #include <sys/stat.h>
@@ -32,6 +33,15 @@ bool readable(const std::string &path) {
     return !S_ISDIR(status.st_mode);
 }
 
+/// Standard streams that were closed lead nowhere, rather than to whatever the process opens next.
+void openStandardStreams() {
+    int descriptor = 0;
+    do {
+        descriptor = ::open("/dev/null", O_RDWR); // NOLINT(android-cloexec-open): these three are inherited
+    } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+    ::close(descriptor);
+}
+
 /// What the program has to have run in the module's `start`, in front of a "python.start" that was set by hand.
 void addStartCode(ProgramOptions &options) {
     std::string text;
@@ -51,8 +61,10 @@ void addStartCode(ProgramOptions &options) {
 /// Runs the module on this thread. The status of what it ran.
 int32_t runModule(CliModule &module, bool scriptOnly, std::atomic<bool> &scriptRuns) {
     scriptRuns = scriptOnly;
-    module.start();
+    const bool started = module.start();
     scriptRuns = false;
+    if (!started)
+        return complain(exitUnavailable, "the scripting module has no interpreter");
     if (scriptOnly)
         return 0;
     const bool console = ::isatty(STDIN_FILENO) != 0;
@@ -65,7 +77,8 @@ int runEngine(ProgramOptions options) {
     if (!module.load(options.module, error))
         return complain(exitUnavailable, error);
     addStartCode(options);
-    const auto engine = Engine::create(options.engine, std::move(options.startParameters), error);
+    // Never destroyed: a Python thread that a script has left behind may be inside it to the program's very end.
+    Engine *const engine = Engine::create(options.engine, std::move(options.startParameters), error).release();
     if (engine == nullptr)
         return complain(exitEngineFailure, error);
 
@@ -106,12 +119,13 @@ int runEngine(ProgramOptions options) {
 } // namespace
 
 int main(int argc, char **argv) {
+    openStandardStreams();
     int status = 0;
     auto options = readOptions(argc, argv, status);
     if (!options)
         return status;
     if (options->script && !readable(*options->script))
-        return complain(exitNoInput, *options->script + ": " + std::strerror(errno)); // NOLINT(concurrency-mt-unsafe)
+        return complain(exitNoInput, *options->script + ": " + std::strerror(errno));
     sonetrix_log_SetLogLevel(options->logLevel);
     try {
         return runEngine(std::move(*options));

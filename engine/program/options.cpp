@@ -34,7 +34,9 @@ public:
 std::filesystem::path moduleBesideProgram() {
     std::error_code error;
     const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
-    return program.parent_path().parent_path() / "lib" / "sonetrix.so";
+    const auto libraries = program.parent_path().parent_path() / "lib";
+    const auto installed = libraries / "sonetrix" / "sonetrix.so";
+    return std::filesystem::exists(installed, error) ? installed : libraries / "sonetrix.so";
 }
 
 const std::map<std::string, sonetrix_log_level_t> levelNames{{"trace", SONETRIX_LOG_TRACE},
@@ -88,7 +90,8 @@ std::optional<ProgramOptions> readOptions(int argc, char **argv, int &exitStatus
     app.add_option("--log-level", options.logLevel, "trace, debug, info, warn, error, fatal or its number (warn)")
         ->type_name("LEVEL")
         ->transform(CLI::CheckedTransformer(levelNames, CLI::ignore_case).description(""));
-    app.add_option("--module", options.module, "The scripting module (../lib/sonetrix.so from the program)")
+    app.add_option("--module", options.module,
+           "The scripting module (sonetrix.so in ../lib/sonetrix or ../lib from the program)")
         ->type_name("PATH");
     try {
         app.parse(argc, argv);

@@ -7,8 +7,7 @@ namespace sonetrix::dev {
 
 namespace {
 
-template <class Number>
-std::optional<Number> parsed(std::string_view text) {
+template <class Number> std::optional<Number> parsed(std::string_view text) {
     if (text.starts_with('+'))
         text.remove_prefix(1);
     Number number{};
@@ -18,8 +17,7 @@ std::optional<Number> parsed(std::string_view text) {
     return number;
 }
 
-template <class Number>
-bool addIf(ListKeyValue &parameters, const std::string &key, const std::string &text) {
+template <class Number> bool addIf(ListKeyValue &parameters, const std::string &key, const std::string &text) {
     const auto number = parsed<Number>(text);
     if (number)
         parameters.add(key, *number);

@@ -38,8 +38,10 @@ void unlink(CallbackObject &object) noexcept {
 
 CallbackObject &self(PyObject *object) noexcept { return *reinterpret_cast<CallbackObject *>(object); }
 
-// The callable that this thread, an engine's, is calling; null elsewhere.
+// The callable that this thread, an engine's, is calling, and for what; null elsewhere. Both, since a callable may be
+// registered for several things.
 constinit thread_local PyObject *calledHere = nullptr;
+constinit thread_local const CallbackKind *calledFor = nullptr;
 
 // Ends the registration, if there is one. The object leaves the list before the lock is given up, so that two threads
 // cannot both end it.
@@ -54,7 +56,8 @@ void unregister(CallbackObject &object) noexcept {
         return;
     }
     // From inside its own call, removal returns at once; from inside another's it could wait for ever.
-    if (calledHere != nullptr && calledHere != object.callback) {
+    const bool ownCall = calledHere == object.callback && calledFor == object.kind;
+    if (calledHere != nullptr && !ownCall) {
         const Removal removal = {object.kind->remove, engine, handle, Py_NewRef(object.callback)};
         if (removeLater(removal)) {
             return;
@@ -130,10 +133,16 @@ Ref addCallbackClass(PyObject *module, const char *name, const char *doc, newfun
     return type;
 }
 
-CallScope::CallScope(void *user) noexcept
-    : callable_(Ref::borrow(static_cast<PyObject *>(user))), outer_(std::exchange(calledHere, callable_.get())) {}
+CallScope::CallScope(void *user, const CallbackKind &kind) noexcept
+    : callable_(Ref::borrow(static_cast<PyObject *>(user))),
+      outer_(std::exchange(calledHere, callable_.get())),
+      outerKind_(std::exchange(calledFor, &kind)) {}
 
-CallScope::~CallScope() { calledHere = outer_; }
+CallScope::~CallScope() {
+    callable_.reset(); // with the last reference go other objects, from inside the call
+    calledHere = outer_;
+    calledFor = outerKind_;
+}
 
 void requireRegistered(const Ref &object) {
     if (self(object.get()).handle == nullptr && !ending) {
@@ -162,7 +171,7 @@ void notify(const Notification &notification, sonetrix_cListKeyValue_t *list, vo
     if (!entry) {
         return;
     }
-    const CallScope scope(user);
+    const CallScope scope(user, *notification.kind);
     try {
         Ref dict;
         try {
@@ -189,6 +198,7 @@ void endRegistrations() noexcept {
         const Ref object = Ref::borrow(reinterpret_cast<PyObject *>(oldest));
         unregister(self(object.get()));
     }
+    unlocked([] { waitForRemovals(lastCallLimit); });
 }
 
 bool endCallbacks() noexcept {

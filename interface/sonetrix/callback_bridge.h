@@ -56,7 +56,7 @@ Ref addCallbackClass(PyObject *module, const char *name, const char *doc, newfun
 // drop its own object.
 class CallScope {
 public:
-    explicit CallScope(void *user) noexcept;
+    CallScope(void *user, const CallbackKind &kind) noexcept;
     ~CallScope();
     CallScope(const CallScope &) = delete;
     CallScope &operator=(const CallScope &) = delete;
@@ -66,10 +66,12 @@ public:
 private:
     Ref callable_;
     PyObject *outer_;
+    const CallbackKind *outerKind_;
 };
 
 // The trampoline's part of a notification: `list` as a dict, given to the callable `user`.
 struct Notification {
+    const CallbackKind *kind;
     const char *lockOrderError;
     const char *failure;
     const char *reportName;

@@ -16,6 +16,7 @@ std::mutex mutex; // taken with the interpreter lock held, never the other way r
 std::condition_variable changed;
 std::deque<Removal> removals;
 bool running = false;
+bool busy = false; // with a removal that is no longer among the others
 bool finishing = false;
 
 // Detached when the process ends without an interpreter's end: a joinable thread may not be destroyed.
@@ -48,9 +49,12 @@ void work() noexcept {
         }
         const Removal removal = removals.front();
         removals.pop_front();
+        busy = true;
         lock.unlock();
         carryOut(removal);
         lock.lock();
+        busy = false;
+        changed.notify_all();
     }
     running = false;
     changed.notify_all();
@@ -89,6 +93,11 @@ bool removeLater(const Removal &removal) noexcept {
     } catch (...) {
         return false;
     }
+}
+
+void waitForRemovals(std::chrono::milliseconds limit) noexcept {
+    std::unique_lock lock(mutex);
+    changed.wait_for(lock, limit, [] { return removals.empty() && !busy; });
 }
 
 bool finishRemovals(std::chrono::milliseconds limit) noexcept {

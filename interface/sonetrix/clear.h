@@ -11,8 +11,8 @@ void clearPythonModule() noexcept;
 void endRegistrations() noexcept;
 
 // Ends the registrations and closes the gate; see callback_bridge.h. To be called with the interpreter lock held,
-// before the interpreter is finalised. False when an engine thread is still inside Python
-// after the time limit: the interpreter must then be left alive.
+// before the interpreter is finalised. False when an engine thread is still inside Python after the time limit: the
+// interpreter must then be left alive.
 bool endCallbacks() noexcept;
 
 } // namespace sonetrix

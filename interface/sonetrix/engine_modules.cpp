@@ -56,6 +56,7 @@ template <class Body> void orLog(const char *prefix, const char *reportName, Bod
             body();
         } catch (...) {
             translateException();
+            addTraceback(reportName);
             warnWithTraceback(prefix);
         }
     } catch (...) {
@@ -251,15 +252,17 @@ Ref getLink(Arguments arguments) {
 }
 
 // link() is stricter than the other functions: of the buffers it takes only bytearray.
-EngineText toPortName(PyObject *object, const char *refusal) {
-    if (EngineText text = EngineText::fromName(object)) {
-        return text;
-    }
+EngineText toUnusualPortName(PyObject *object, const char *refusal) {
     if (!PyByteArray_Check(object)) {
         Ref type = checked(PyObject_Str(reinterpret_cast<PyObject *>(Py_TYPE(object))));
         raiseFormat(PyExc_ValueError, "%s (%U)", refusal, type.get());
     }
     return EngineText::fromNameOrBuffer(object);
+}
+
+inline EngineText toPortName(PyObject *object, const char *refusal) {
+    EngineText text = EngineText::fromName(object);
+    return text ? std::move(text) : toUnusualPortName(object, refusal);
 }
 
 Ref link(Arguments arguments) {

@@ -11,7 +11,6 @@ namespace sonetrix {
 namespace {
 
 constexpr std::size_t slotCount = 512;
-constexpr std::size_t cachedPositions = 128; // two for each entry
 constexpr std::size_t longestKey = 64;
 
 // Raw and owned: the interpreter is gone when static objects are destroyed. dropKeyCache() lets them go in time.
@@ -31,10 +30,10 @@ static_assert(slotCount == 1U << 9);
 
 } // namespace
 
-Ref keyBytes(const char *key, std::size_t position) {
+Ref cachedKeyBytes(const char *key) {
     const std::size_t length = std::strlen(key);
     const auto newBytes = [&] { return checked(PyBytes_FromStringAndSize(key, static_cast<Py_ssize_t>(length))); };
-    if (position >= cachedPositions || length > longestKey) {
+    if (length > longestKey) {
         return newBytes();
     }
     PyObject *&slot = slots[slotOf(key, length)];

@@ -13,8 +13,7 @@
 
 #include <array>
 #include <cstddef>
-#include <memory_resource>
-#include <vector>
+#include <optional>
 
 namespace sonetrix {
 
@@ -67,18 +66,21 @@ template <class Traits> struct ListObject {
     // The engine list, to be written to. It is made when it is not there yet. While it is on loan it is left to the
     // borrowers, and the object goes on with a copy.
     List *writable() {
-        if (list == nullptr || loans != nullptr) {
-            List *fresh = list == nullptr ? Traits::create() : Traits::copy(list);
-            if (fresh == nullptr) {
-                PyErr_NoMemory();
-                throw PythonError();
-            }
-            if (loans != nullptr) {
-                Loan<Traits>::leaveTo(std::exchange(loans, nullptr), list);
-            }
-            list = fresh;
+        if (list == nullptr || loans != nullptr) [[unlikely]] {
+            replaceList();
         }
         return list;
+    }
+    [[gnu::noinline, gnu::cold]] void replaceList() {
+        List *fresh = list == nullptr ? Traits::create() : Traits::copy(list);
+        if (fresh == nullptr) {
+            PyErr_NoMemory();
+            throw PythonError();
+        }
+        if (loans != nullptr) {
+            Loan<Traits>::leaveTo(std::exchange(loans, nullptr), list);
+        }
+        list = fresh;
     }
 
     void clearFields() noexcept {
@@ -92,6 +94,9 @@ template <class Traits> struct ListObject {
     static PyTypeObject *pythonClass() noexcept { return asType(Traits::pythonClass()); }
 
     static Ref newEmpty() {
+        if (pythonClass() == nullptr) {
+            raise(PyExc_RuntimeError, "the module sonetrix is gone");
+        }
         Ref object = checked(pythonClass()->tp_alloc(pythonClass(), 0));
         of(object).clearFields();
         return object;
@@ -190,16 +195,10 @@ template <class Traits> struct ListObject {
 // be held, and what is read is collected here, so that the result can be made in its final size at once.
 class ListReading {
 public:
-    explicit ListReading(Ref container) : container_(std::move(container)), outer_(current_) {
-        items_.reserve(usualCount);
+    explicit ListReading(Ref container) noexcept : container_(std::move(container)), outer_(current_) {
         current_ = this;
     }
-    ~ListReading() {
-        current_ = outer_;
-        for (PyObject *item : items_) {
-            Ref::steal(item);
-        }
-    }
+    ~ListReading();
     ListReading(const ListReading &) = delete;
     ListReading &operator=(const ListReading &) = delete;
 
@@ -211,15 +210,15 @@ public:
     }
 
     void add(Ref item) {
-        items_.push_back(nullptr); // may throw: the reference is still the caller's then
-        items_.back() = item.release();
+        makeRoom(1);
+        items_[size_++] = item.release();
     }
     void add(Ref key, Ref value) {
-        items_.resize(items_.size() + 2);
-        *(items_.end() - 2) = key.release();
-        *(items_.end() - 1) = value.release();
+        makeRoom(2);
+        items_[size_++] = key.release();
+        items_[size_++] = value.release();
     }
-    std::size_t size() const noexcept { return items_.size(); }
+    std::size_t size() const noexcept { return size_; }
 
     // The list of all items, or the dict of all pairs of items.
     Ref takeList();
@@ -228,11 +227,24 @@ public:
 private:
     static constexpr std::size_t usualCount = 128;
 
+    void makeRoom(std::size_t count) {
+        if (room_ - size_ < count) [[unlikely]] {
+            grow();
+        }
+    }
+    void grow();
+    // The next item, from the first one on.
+    Ref take() noexcept { return Ref::steal(items_[taken_++]); }
+
     Ref container_;
     ListReading *outer_; // a finalizer that runs during a reading may read a list, too
-    std::array<std::byte, usualCount * sizeof(PyObject *)> usualStorage_;
-    std::pmr::monotonic_buffer_resource storage_{usualStorage_.data(), usualStorage_.size()};
-    std::pmr::vector<PyObject *> items_{&storage_};
+    // Owned references, those before `taken_` excepted; most lists need no memory of their own for them.
+    std::array<PyObject *, usualCount> usualItems_;
+    NativeArray<PyObject *> moreItems_;
+    PyObject **items_ = usualItems_.data();
+    std::size_t room_ = usualCount;
+    std::size_t size_ = 0;
+    std::size_t taken_ = 0;
 
     static inline constinit thread_local ListReading *current_ [[gnu::tls_model("initial-exec")]] = nullptr;
 };
@@ -240,23 +252,26 @@ private:
 // The body of a read callback: stores one record by `store(record, reading, container)`, where `reading` is null when
 // the callback was called otherwise than by this thread's own reading. Safe with the interpreter lock held and without.
 template <class Record, class Store> std::int32_t readRecord(const Record *record, void *user, Store &&store) noexcept {
-    const auto guarded = [&](ListReading *reading) noexcept {
-        try {
-            store(*record, reading, static_cast<PyObject *>(user));
-            return 0;
-        } catch (...) {
-            // The element is left out of the result.
-            translateException();
-            PyErr_Clear();
-            return -1;
-        }
+    struct Elsewhere {
+        explicit Elsewhere(PyObject *object) : container(Ref::borrow(object)) {}
+        const GilHeld held;
+        const Ref container;
     };
-    if (ListReading *reading = ListReading::of(user)) {
-        return guarded(reading);
+    auto *container = static_cast<PyObject *>(user);
+    ListReading *const reading = ListReading::of(user);
+    std::optional<Elsewhere> elsewhere;
+    if (reading == nullptr) [[unlikely]] {
+        elsewhere.emplace(container);
     }
-    const GilHeld held;
-    const Ref container = Ref::borrow(static_cast<PyObject *>(user));
-    return guarded(nullptr);
+    try {
+        store(*record, reading, container);
+        return 0;
+    } catch (...) {
+        // The element is left out of the result.
+        translateException();
+        PyErr_Clear();
+        return -1;
+    }
 }
 
 // For the typed callbacks: whether the user data is the container that it should be; reported as unraisable if not.

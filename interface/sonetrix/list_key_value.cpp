@@ -45,7 +45,7 @@ private:
     const char *key_;
 };
 
-EngineText toKey(PyObject *object) {
+[[gnu::always_inline]] inline EngineText toKey(PyObject *object) {
     EngineText key = EngineText::fromName(object);
     if (!key) {
         raisePlain("key type not supported");
@@ -175,7 +175,7 @@ Ref appendFromDictType(ListKeyValue &list, Arguments arguments) {
 
 // ------------------------------------------------------------------------------------------------------- reading
 
-void store(const char *key, Ref value, ListReading *reading, PyObject *container) {
+[[gnu::always_inline]] inline void store(const char *key, Ref value, ListReading *reading, PyObject *container) {
     if (reading != nullptr) {
         reading->add(keyBytes(key, reading->size()), std::move(value));
     } else {
@@ -278,8 +278,10 @@ void appendFromTypedDict(ListKeyValue &target, PyObject *dict) {
 }
 
 void addListKeyValue(PyObject *module) {
-    state().listKeyValueClass = ListKeyValue::addClass(
-        module, "Utility class to wrap the C structure \"sonetrix_cListKeyValue_t\" from SoneTrix in Python.", methods);
+    state().listKeyValueClass = ListKeyValue::addClass(module,
+        "listKeyValue()\n--\n\n"
+        "Utility class to wrap the C structure \"sonetrix_cListKeyValue_t\" from SoneTrix in Python.",
+        methods);
 }
 
 } // namespace sonetrix

@@ -41,7 +41,7 @@ Ref append(ListValue &self, Arguments arguments) {
 
 // ------------------------------------------------------------------------------------------------------- reading
 
-void store(Ref element, ListReading *reading, PyObject *container) {
+[[gnu::always_inline]] inline void store(Ref element, ListReading *reading, PyObject *container) {
     if (reading != nullptr) {
         reading->add(std::move(element));
     } else {
@@ -123,8 +123,10 @@ Ref takeToList(sonetrix_cListValue_t *list) {
 }
 
 void addListValue(PyObject *module) {
-    state().listValueClass = ListValue::addClass(
-        module, "Utility class to wrap the C structure \"sonetrix_cListValue_t\" from SoneTrix in Python.", methods);
+    state().listValueClass = ListValue::addClass(module,
+        "listValue()\n--\n\n"
+        "Utility class to wrap the C structure \"sonetrix_cListValue_t\" from SoneTrix in Python.",
+        methods);
 }
 
 } // namespace sonetrix

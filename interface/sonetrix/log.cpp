@@ -3,6 +3,7 @@
 #include "log.h"
 
 #include "python/gil.h"
+#include "python/types.h"
 #include "python/version.h"
 
 namespace sonetrix {
@@ -77,19 +78,33 @@ const Level levels[] = {
 
 // The class's version as it was made; 0 when unknown.
 unsigned int originalVersion = 0;
+// A version of the module's namespace in which `log` was that class; 0 when unknown.
+std::uint64_t originalNamespace = 0;
 
-bool isOriginal(PyObject *logClass) noexcept {
-    return logClass == state().logClass.get() && originalVersion != 0 &&
-           version::typeVersion(reinterpret_cast<PyTypeObject *>(logClass)) == originalVersion;
+// Whether `log` in the module is known to be the class as it was made.
+bool nothingReplaced() noexcept {
+    const ModuleState &known = state();
+    if (!known.logClass) {
+        return false; // the module is going, or gone
+    }
+    const std::uint64_t current = version::dictVersion(known.moduleNames);
+    if (current == 0 || current != originalNamespace) [[unlikely]] {
+        if (PyDict_GetItemWithError(known.moduleNames, logName.get()) != known.logClass.get()) {
+            PyErr_Clear();
+            return false;
+        }
+        originalNamespace = current;
+    }
+    return originalVersion != 0 && version::typeVersion(asType(known.logClass)) == originalVersion;
 }
 
 template <std::size_t index> Ref logAtLevel(Arguments arguments) {
     requireMessage(arguments[0], &PyUnicode_Type);
-    const Ref logClass = moduleGlobal(logName);
-    if (isOriginal(logClass.get()) && arguments[0] != Py_None) [[likely]] {
+    if (nothingReplaced() && arguments[0] != Py_None) [[likely]] {
         logText(levels[index].value, EngineText::fromValue(arguments[0]).get());
         return none();
     }
+    const Ref logClass = moduleGlobal(logName);
     Ref write = attribute(logClass.get(), logName);
     Ref level = attribute(logClass.get(), levels[index].constant);
     call(write.get(), level.get(), arguments[0]);
@@ -190,10 +205,11 @@ void logFromBridge(sonetrix_log_level_t level, const char *message) { logText(le
 
 void warnWithTraceback(const char *prefix) {
     // traceback.format_exc() formats the exception that is being handled, so this one has to be that for a moment.
-    Ref outer = Ref::steal(PyErr_GetHandledException());
     Ref exception = version::takeRaised();
+    Ref traceback = moduleGlobal(tracebackName);
+    Ref outer = Ref::steal(PyErr_GetHandledException());
     PyErr_SetHandledException(exception.get());
-    Ref text = Ref::steal(PyObject_CallMethodNoArgs(moduleGlobal(tracebackName).get(), formatExcName.get()));
+    Ref text = Ref::steal(PyObject_CallMethodNoArgs(traceback.get(), formatExcName.get()));
     PyErr_SetHandledException(outer.get());
     Ref message = checked(PyUnicode_FromFormat("%s%S", prefix, checked(text.release()).get()));
     callMethod(moduleGlobal(logName).get(), warnName, message.get());
@@ -206,11 +222,9 @@ void addLog(PyObject *module) {
         Ref value = checked(PyLong_FromUnsignedLong(level.value));
         checked(PyDict_SetItem(dictionary.get(), level.constant.get(), value.get()));
     }
-    for (const Method &method : functions) {
-        checked(PyDict_SetItemString(dictionary.get(), method.name, newFunction(method, "log").get()));
-    }
     Ref logClass =
         checked(PyObject_CallFunction(reinterpret_cast<PyObject *>(&PyType_Type), "s()O", "log", dictionary.get()));
+    addStaticFunctions(logClass.get(), functions);
     bindInModule(module, "log", logClass);
     attribute(logClass.get(), logName); // a look-up gives the class its version
     originalVersion = version::typeVersion(reinterpret_cast<PyTypeObject *>(logClass.get()));

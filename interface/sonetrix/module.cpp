@@ -9,14 +9,15 @@
 
 #include <new>
 #include <string>
+#include <utility>
 
 namespace sonetrix {
 
 namespace {
 
 ModuleState *theState = nullptr;
+ModuleState noState;
 bool imported = false; // once and for all: the gate does not open again
-sonetrix_engine_t *theEngine = nullptr;
 
 Name logName("log");
 Name debugName("debug");
@@ -94,19 +95,16 @@ Ref endAtExit() {
 
 constexpr Method atExitFunction = {"end_callbacks", "()", "", function<endAtExit>};
 
-void dropState() noexcept {
-    theState->~ModuleState();
-    Name::dropAll();
-    theState = nullptr;
-}
+void dropState() noexcept { std::exchange(theState, nullptr)->~ModuleState(); }
 
 int execute(PyObject *module) noexcept {
     try {
         theState = new (PyModule_GetState(module)) ModuleState;
         ModuleState &created = *theState;
         created.module = module;
+        created.moduleNames = PyModule_GetDict(module);
         Name::makeAll();
-        created.functionTypes = makeFunctionTypes(module);
+        addFunctionAttributes();
 
         addListValue(module);
         addListKeyValue(module);
@@ -125,7 +123,7 @@ int execute(PyObject *module) noexcept {
         callMethod(created.engineClass.get(), initEngineName);
 
         Ref atExit = checked(PyImport_ImportModule("atexit"));
-        Ref handler = newFunction(atExitFunction);
+        Ref handler = newFunction(atExitFunction, module);
         checked(PyObject_CallMethod(atExit.get(), "register", "O", handler.get()));
     } catch (...) {
         translateException();
@@ -160,9 +158,8 @@ PyObject *create(PyObject *spec, PyModuleDef *) noexcept {
 
 // Visits, or lets go of, each strong reference of the state.
 template <class Action> void forEachReference(ModuleState &state, Action &&action) {
-    for (Ref *reference : {&state.functionTypes.function, &state.functionTypes.method, &state.engineClass,
-             &state.logClass, &state.listValueClass, &state.listKeyValueClass, &state.notifyChangesClass,
-             &state.notifyMetersClass, &state.timeoutClass, &state.clearCallbacks}) {
+    for (Ref *reference : {&state.engineClass, &state.logClass, &state.listValueClass, &state.listKeyValueClass,
+             &state.notifyChangesClass, &state.notifyMetersClass, &state.timeoutClass, &state.clearCallbacks}) {
         action(*reference);
     }
 }
@@ -195,6 +192,7 @@ int clear(PyObject *module) noexcept {
 void freeModule(void *module) noexcept {
     if (stateOf(static_cast<PyObject *>(module)) != nullptr) {
         dropState();
+        Name::dropAll();
     }
 }
 
@@ -218,14 +216,14 @@ PyModuleDef definition = {
 
 } // namespace
 
-ModuleState &state() noexcept { return *theState; }
-
-sonetrix_engine_t *engineHandle() noexcept { return theEngine; }
-
-void setEngineHandle(sonetrix_engine_t *engine) noexcept { theEngine = engine; }
+ModuleState &state() noexcept { return theState != nullptr ? *theState : noState; }
 
 Ref moduleGlobal(const Name &name) {
-    PyObject *globals = PyModule_GetDict(state().module);
+    PyObject *module = state().module;
+    if (module == nullptr) {
+        raise(PyExc_RuntimeError, "the module sonetrix is gone");
+    }
+    PyObject *globals = PyModule_GetDict(module);
     if (PyObject *found = PyDict_GetItemWithError(globals, name.get())) {
         return Ref::borrow(found);
     }
@@ -248,15 +246,13 @@ void bindInModule(PyObject *module, const char *name, const Ref &object) {
 
 void addFunctions(PyObject *module, std::span<const Method> table) {
     for (const Method &method : table) {
-        bindInModule(module, method.name, newFunction(method));
+        bindInModule(module, method.name, newFunction(method, module));
     }
 }
 
 void addStaticFunctions(PyObject *type, std::span<const Method> table) {
-    const std::string_view fullName = reinterpret_cast<PyTypeObject *>(type)->tp_name;
-    const std::string className(fullName.substr(fullName.rfind('.') + 1));
     for (const Method &method : table) {
-        checked(PyObject_SetAttrString(type, method.name, newFunction(method, className.c_str()).get()));
+        checked(PyObject_SetAttrString(type, method.name, newFunction(method, type).get()));
     }
 }
 

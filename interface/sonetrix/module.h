@@ -12,8 +12,8 @@ namespace sonetrix {
 // Every strong reference that the library keeps. There is one interpreter and one module per process, so there is one
 // state; it lives from the module's import to the end of its interpreter.
 struct ModuleState {
-    PyObject *module = nullptr; // borrowed: the module owns the state
-    FunctionTypes functionTypes;
+    PyObject *module = nullptr;      // borrowed: the module owns the state
+    PyObject *moduleNames = nullptr; // borrowed: the module's namespace
     Ref engineClass;
     Ref logClass;
     Ref listValueClass;
@@ -24,12 +24,16 @@ struct ModuleState {
     Ref clearCallbacks; // list of callables, in the order of their registration
 };
 
-// Valid while the module is imported.
+// Without references once the module is gone, or when its import has failed: what it made may outlive it.
 ModuleState &state() noexcept;
 
+namespace detail {
+inline constinit sonetrix_engine_t *engine = nullptr;
+} // namespace detail
+
 // The engine handle, null until engine.initEngine() has succeeded.
-sonetrix_engine_t *engineHandle() noexcept;
-void setEngineHandle(sonetrix_engine_t *engine) noexcept;
+inline sonetrix_engine_t *engineHandle() noexcept { return detail::engine; }
+inline void setEngineHandle(sonetrix_engine_t *engine) noexcept { detail::engine = engine; }
 // The handle, or Exception with the message.
 inline sonetrix_engine_t *requireEngine(const char *message = "engine not initialized") {
     sonetrix_engine_t *engine = engineHandle();

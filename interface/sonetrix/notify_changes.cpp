@@ -10,6 +10,7 @@ constexpr CallbackKind kind = {sonetrix_engine_notify_changes_rmCallback};
 
 void change(sonetrix_cListKeyValue_t *list, void *user) {
     static constexpr Notification notification = {
+        .kind = &kind,
         .lockOrderError = "GIL LOCK ORDER ERROR! notify callback invoked with the GIL already acquired",
         .failure = "Exception whilee invoking notification callback registered from Python",
         .reportName = "sonetrix.notifyChanges.change",
@@ -17,7 +18,7 @@ void change(sonetrix_cListKeyValue_t *list, void *user) {
     notify(notification, list, user);
 }
 
-constexpr Method constructor = {"notifyChanges", "(callback)", "", nullptr};
+constexpr Method constructor = {"notifyChanges", "(callback)", "", {}};
 
 PyObject *construct(PyTypeObject *type, PyObject *positional, PyObject *keywords) noexcept {
     return border("sonetrix.notifyChanges.__new__", static_cast<PyObject *>(nullptr), [&] {
@@ -41,6 +42,7 @@ PyObject *construct(PyTypeObject *type, PyObject *positional, PyObject *keywords
 
 void addNotifyChanges(PyObject *module) {
     state().notifyChangesClass = addCallbackClass(module, "sonetrix.notifyChanges",
+        "notifyChanges(callback)\n--\n\n"
         "This utility class is used to invoke any method when parameters change are notified\n"
         "by the engine.\n\n"
         "notifyChanges(callback): the callback is called with a dict of the changed parameters, on a thread of the\n"

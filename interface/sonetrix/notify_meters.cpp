@@ -11,6 +11,7 @@ constexpr CallbackKind kind = {sonetrix_engine_rmCallbackMeterManager};
 
 void meters(sonetrix_cListKeyValue_t *list, void *user) {
     static constexpr Notification notification = {
+        .kind = &kind,
         .lockOrderError = "GIL LOCK ORDER ERROR! meters callback invoked with the GIL already acquired",
         .failure = "Exception whilee invoking meter callback registered from Python",
         .reportName = "sonetrix.notifyMeters.meters",
@@ -18,7 +19,7 @@ void meters(sonetrix_cListKeyValue_t *list, void *user) {
     notify(notification, list, user);
 }
 
-constexpr Method constructor = {"notifyMeters", "(callback, meters_type: int = 1)", "", nullptr};
+constexpr Method constructor = {"notifyMeters", "(callback, meters_type: int = 1)", "", {}};
 
 PyObject *construct(PyTypeObject *type, PyObject *positional, PyObject *keywords) noexcept {
     return border("sonetrix.notifyMeters.__new__", static_cast<PyObject *>(nullptr), [&] {
@@ -43,6 +44,7 @@ PyObject *construct(PyTypeObject *type, PyObject *positional, PyObject *keywords
 
 void addNotifyMeters(PyObject *module) {
     state().notifyMetersClass = addCallbackClass(module, "sonetrix.notifyMeters",
+        "notifyMeters(callback, meters_type=1)\n--\n\n"
         "This utility class is used to invoke any method when meters are notified\n"
         "by the engine.\n\n"
         "notifyMeters(callback, meters_type=1): the callback is called with a dict of the meters, on a thread of the\n"

@@ -15,7 +15,7 @@ void timerCb(void *user) {
     if (!entry) {
         return;
     }
-    const CallScope scope(user);
+    const CallScope scope(user, kind);
     const Ref result = Ref::steal(PyObject_CallNoArgs(scope.callable()));
     if (result) {
         return;
@@ -28,7 +28,7 @@ void timerCb(void *user) {
     }
 }
 
-constexpr Method constructor = {"timeout", "(timeout_ms: int, callback)", "", nullptr};
+constexpr Method constructor = {"timeout", "(timeout_ms: int, callback)", "", {}};
 
 PyObject *construct(PyTypeObject *type, PyObject *positional, PyObject *keywords) noexcept {
     return border("sonetrix.timeout.__new__", static_cast<PyObject *>(nullptr), [&] {
@@ -67,6 +67,7 @@ const std::span<const Method> engineTimerFunctions = functions;
 
 void addTimeout(PyObject *module) {
     state().timeoutClass = addCallbackClass(module, "sonetrix.timeout",
+        "timeout(timeout_ms, callback)\n--\n\n"
         "Utility class to add a timer to the engine, which will invoke a callback as soon as timeout elapses.\n"
         "by the engine.\n\n"
         "timeout(timeout_ms, callback): see engine.addTimer.",

@@ -37,10 +37,6 @@ PyObject *typeName(const sonetrix_value_t &value) noexcept {
     return typeNames[value.type]->get();
 }
 
-Ref element(std::uint32_t number) { return checked(PyLong_FromUnsignedLong(number)); }
-Ref element(std::int32_t number) { return checked(PyLong_FromLong(number)); }
-Ref element(float number) { return checked(PyFloat_FromDouble(static_cast<double>(number))); }
-
 // The tuple of what `convert` makes of each element.
 template <class Element, class Convert> Ref toTuple(const sonetrix_value_t &value, Convert &&convert) {
     const auto *elements = static_cast<const Element *>(value.as.array);
@@ -56,7 +52,7 @@ template <class Element, class Convert> Ref toTuple(const sonetrix_value_t &valu
 }
 
 template <class Element> Ref toTuple(const sonetrix_value_t &value) {
-    return toTuple<Element>(value, [](Element number) { return element(number); });
+    return toTuple<Element>(value, [](Element number) { return detail::element(number); });
 }
 
 Ref newPair(Ref first, PyObject *second) {
@@ -67,7 +63,7 @@ Ref newPair(Ref first, PyObject *second) {
 }
 
 template <class Element> Ref toTupleOfPairs(const sonetrix_value_t &value) {
-    return toTuple<Element>(value, [&](Element number) { return newPair(element(number), typeName(value)); });
+    return toTuple<Element>(value, [&](Element number) { return newPair(detail::element(number), typeName(value)); });
 }
 
 // ------------------------------------------------------------------------------------------------ Python -> engine
@@ -173,31 +169,17 @@ template <class Elements> NativeArray<typename Elements::Element> convertTuple(P
 
 } // namespace
 
-Ref toPython(const sonetrix_value_t &value) {
+Ref detail::arrayToPython(const sonetrix_value_t &value) {
     switch (value.type) {
-    case SONETRIX_VALUE_UINT32:
-        return element(value.as.uint32);
-    case SONETRIX_VALUE_INT32:
-        return element(value.as.int32);
-    case SONETRIX_VALUE_FLOAT:
-        return element(value.as.float32);
-    case SONETRIX_VALUE_STRING:
-        if (value.as.string == nullptr) {
-            break;
-        }
-        return checked(PyBytes_FromString(value.as.string));
     case SONETRIX_VALUE_AUINT32:
         return toTuple<std::uint32_t>(value);
     case SONETRIX_VALUE_AINT32:
         return toTuple<std::int32_t>(value);
     case SONETRIX_VALUE_AFLOAT:
         return toTuple<float>(value);
-    case SONETRIX_VALUE_DOUBLE:
-        return checked(PyFloat_FromDouble(value.as.float64));
     default:
-        break;
+        raisePlain(notAccepted);
     }
-    raisePlain(notAccepted);
 }
 
 Ref toTypedPair(const sonetrix_value_t &value) {

@@ -11,9 +11,35 @@ namespace sonetrix {
 
 // ------------------------------------------------------------------------------------------------ engine -> Python
 
+namespace detail {
+inline Ref element(std::uint32_t number) { return checked(PyLong_FromUnsignedLong(number)); }
+inline Ref element(std::int32_t number) { return checked(PyLong_FromLong(number)); }
+inline Ref element(float number) { return checked(PyFloat_FromDouble(static_cast<double>(number))); }
+// Refuses whatever is no array.
+Ref arrayToPython(const sonetrix_value_t &value);
+} // namespace detail
+
 // The value alone: int, float, bytes, or a tuple for an array. Exception "value type not accepted" for an unknown type
-// code and for a null string.
-Ref toPython(const sonetrix_value_t &value);
+// code and for a null string. In line, since it is called for every element of every list.
+inline Ref toPython(const sonetrix_value_t &value) {
+    switch (value.type) {
+    case SONETRIX_VALUE_UINT32:
+        return detail::element(value.as.uint32);
+    case SONETRIX_VALUE_INT32:
+        return detail::element(value.as.int32);
+    case SONETRIX_VALUE_FLOAT:
+        return detail::element(value.as.float32);
+    case SONETRIX_VALUE_DOUBLE:
+        return checked(PyFloat_FromDouble(value.as.float64));
+    case SONETRIX_VALUE_STRING:
+        if (value.as.string != nullptr) {
+            return checked(PyBytes_FromString(value.as.string));
+        }
+        [[fallthrough]];
+    default:
+        return detail::arrayToPython(value);
+    }
+}
 // The pair (value, type name), arrays included.
 Ref toTypedPair(const sonetrix_value_t &value);
 // As a value list shows it: the pair, but an integer array as one pair for each element.

@@ -5,6 +5,7 @@
 //     --text KEY=TEXT        a string start parameter
 //     --uint KEY=NUMBER      an unsigned start parameter
 //     --no-start, --no-run   leaves that step out
+//     --second               constructs a second record while the first one's interpreter runs
 //     --stop-before-run N    N stop requests between start and run
 //     --stop-after MS        a stop request from another thread, MS milliseconds after run was entered
 //     --commands FD          lines to obey while it runs: "stop", "fire KIND TIMES"
@@ -42,7 +43,7 @@ namespace {
 struct Options {
     std::string module, report;
     sonetrix_cListKeyValue_t *parameters = nullptr;
-    bool start = true, run = true;
+    bool start = true, run = true, second = false;
     int stopsBeforeRun = 0, stopAfter = -1, commands = -1;
 };
 
@@ -87,6 +88,8 @@ Options parse(const std::vector<std::string> &words) {
             options.start = false;
         } else if (word == "--no-run") {
             options.run = false;
+        } else if (word == "--second") {
+            options.second = true;
         } else if (word == "--stop-before-run") {
             options.stopsBeforeRun = std::stoi(next());
         } else if (word == "--stop-after") {
@@ -156,6 +159,10 @@ int main(int argc, char **argv) {
         note("interactive", module->interactive);
         note("sigintMode", module->sigintMode);
         noteText("sigintWhileConstructed", disposition());
+        if (options.second) {
+            note("second", construct(options.parameters, &context) ? "True" : "False");
+            noteText("sigintAfterSecond", disposition());
+        }
         if (options.start) {
             module->start(module);
         }
@@ -177,7 +184,9 @@ int main(int argc, char **argv) {
         }
         note("stopRequested", module->stopRequested);
         threads.clear();
-        module->destroy(module);
+        const auto destroy = module->destroy;
+        destroy(module);
+        destroy(nullptr);
     }
     noteText("sigintAfter", disposition());
     if (options.parameters) {

@@ -76,6 +76,14 @@ template <typename Handle> Handle *newList(const List *source) {
 template sonetrix_cListValue *newList(const List *);
 template sonetrix_cListKeyValue *newList(const List *);
 
+List *newTestList() {
+    auto list = std::make_unique<sonetrix_cListKeyValue>();
+    list->engineKeeps = true;
+    const std::lock_guard lock(mutex);
+    lists[list.get()] = true;
+    return list.release();
+}
+
 bool alive(const List *list) {
     const std::lock_guard lock(mutex);
     const auto found = lists.find(list);
@@ -93,9 +101,14 @@ void discardList(List *list) {
         ++live.misuses;
         return;
     }
-    lists[list] = false;
     --live.lists;
-    std::vector<Entry>().swap(list->entries);
+    if (Recorder::instance().isRecording()) {
+        lists[list] = false;
+        std::vector<Entry>().swap(list->entries);
+    } else { // a long run: its memory is wanted back
+        lists.erase(list);
+        delete list;
+    }
 }
 
 namespace {

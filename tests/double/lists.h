@@ -27,6 +27,8 @@ struct Entry {
 };
 
 struct List {
+    virtual ~List() = default;
+
     std::vector<Entry> entries;
     bool engineKeeps = false; // a script must not destroy it
 };
@@ -48,6 +50,8 @@ struct sonetrix_cListKeyValue : sonetrix::testing::List {};
 namespace sonetrix::testing {
 
 template <typename Handle> Handle *newList(const List *source = nullptr);
+// A list that belongs to the test: not counted, and not to be destroyed.
+List *newTestList();
 // Destroys a list without a record of it.
 void discardList(List *list);
 // False, and a misuse on record, when the list is not alive.

@@ -82,6 +82,11 @@ void Recorder::setRecording(bool on) {
     recording_ = on;
 }
 
+bool Recorder::isRecording() {
+    const std::lock_guard lock(mutex_);
+    return recording_;
+}
+
 void Recorder::reset() {
     const std::lock_guard lock(mutex_);
     scripts_.clear();

@@ -80,6 +80,7 @@ public:
     void add(const char *name, const std::string &arguments);
     std::string takeCalls(bool clear);
     void setRecording(bool on);
+    bool isRecording();
     void reset();
 
     // Runs `change` on the function's script; every waiting delay is looked at again.

@@ -1,5 +1,6 @@
 #include "callback_registry.h"
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -26,20 +27,20 @@ void *addTo(Registry &registry, Action &action) {
 TEST(CallbackRegistryTest, callsInOrderOfRegistrationUntilRemoved) {
     Registry registry;
     std::vector<int> seen;
-    std::vector<Action> actions;
-    for (int i = 0; i < 4; ++i)
-        actions.emplace_back([&seen, i](int number) { seen.push_back(number + i); });
-    std::vector<void *> handles;
-    for (Action &action : actions)
-        handles.push_back(addTo(registry, action));
+    std::array<Action, 4> actions;
+    std::array<void *, 4> handles{};
+    for (size_t i = 0; i < actions.size(); ++i) {
+        actions[i] = [&seen, i](int number) { seen.push_back(number + static_cast<int>(i)); };
+        handles[i] = addTo(registry, actions[i]);
+    }
     EXPECT_TRUE(registry.remove(handles[1]));
     EXPECT_FALSE(registry.remove(handles[1]));
     EXPECT_FALSE(registry.remove(nullptr));
     registry.callAll(10);
     EXPECT_EQ(seen, (std::vector{10, 12, 13}));
     EXPECT_FALSE(registry.empty());
-    for (const int i : {0, 2, 3})
-        registry.remove(handles[static_cast<size_t>(i)]);
+    for (void *handle : handles)
+        registry.remove(handle);
     EXPECT_TRUE(registry.empty());
 }
 
@@ -93,9 +94,9 @@ TEST(CallbackRegistryTest, userPointersMayGoAfterRemovalUnderLoad) {
         while (!stop.stop_requested())
             registry.callAll(1);
     });
-    std::vector<std::jthread> users;
-    for (int user = 0; user < 3; ++user) {
-        users.emplace_back([&] {
+    std::array<std::jthread, 3> users;
+    for (std::jthread &user : users) {
+        user = std::jthread([&] {
             for (int i = 0; i < 2000; ++i) {
                 int calls = 0; // not atomic: the sanitizers see a call after removal
                 auto action = std::make_unique<Action>([&calls](int number) { calls += number; });
@@ -108,7 +109,8 @@ TEST(CallbackRegistryTest, userPointersMayGoAfterRemovalUnderLoad) {
             }
         });
     }
-    users.clear();
+    for (std::jthread &user : users)
+        user.join();
     EXPECT_TRUE(registry.empty());
 }
 

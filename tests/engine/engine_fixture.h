@@ -45,8 +45,7 @@ protected:
     }
     int32_t link(const char *source, const char *sink) { return sonetrix_engine_LinkPort(handle, source, sink); }
 
-    template <class T>
-    bool set(const char *key, const T &value) {
+    template <class T> bool set(const char *key, const T &value) {
         ListKeyValue entry;
         entry.add(key, value);
         ListKeyValue written;
@@ -81,8 +80,7 @@ protected:
     }
 
     /// Whether the condition comes true within a generous time.
-    template <class Condition>
-    static bool eventually(Condition condition) {
+    template <class Condition> static bool eventually(Condition condition) {
         for (int i = 0; i < 5000; ++i) {
             if (condition())
                 return true;

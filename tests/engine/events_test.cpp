@@ -86,13 +86,13 @@ TEST_F(EventsTest, manyTimersComeAndGo) {
     std::atomic<int> calls{0};
     const auto count = [](void *user) { ++*static_cast<std::atomic<int> *>(user); };
     std::vector<void *> timers;
+    timers.reserve(20'000);
     for (int i = 0; i < 20'000; ++i)
         timers.push_back(sonetrix_engine_addTimer(handle, i % 2 == 0 ? 3'600'000 : 30, count, &calls));
-    std::this_thread::sleep_for(100ms);
+    EXPECT_TRUE(eventually([&] { return calls >= 10'000; }));
     for (void *timer : timers)
         sonetrix_engine_delTimer(handle, timer);
     const int after = calls;
-    EXPECT_GE(after, 10'000);
     std::this_thread::sleep_for(50ms);
     EXPECT_EQ(calls, after);
 }
@@ -123,14 +123,15 @@ TEST_F(EventsTest, changesComeTogetherWithTheNewestValue) {
     const auto level = static_cast<int32_t>(sonetrix_log_GetLogLevel());
     EXPECT_FALSE(set("engine.log.level", 99)); // out of range: no change
     EXPECT_FALSE(set("engine.rate", 1U));      // read-only: no change
-    for (const int32_t value : {1, 2, 5, level})
-        EXPECT_TRUE(set("engine.log.level", value));
+    for (int32_t i = 0; i < 4000; ++i)
+        EXPECT_TRUE(set("engine.log.level", i % 5));
+    EXPECT_TRUE(set("engine.log.level", level));
     ASSERT_TRUE(inbox.waitFor(1));
     std::this_thread::sleep_for(50ms);
     sonetrix_engine_notify_changes_rmCallback(handle, callback);
     for (const ListKeyValue &list : inbox.lists)
         EXPECT_EQ(keysOf(&list), std::vector<std::string>{"engine.log.level"});
-    EXPECT_LT(inbox.lists.size(), 4U);
+    EXPECT_LT(inbox.lists.size(), 2000U);
     EXPECT_EQ(inbox.lists.back()[0].value.as.int32, level);
     const size_t count = inbox.lists.size();
     EXPECT_TRUE(set("engine.log.level", level));
@@ -184,9 +185,9 @@ TEST_F(EventsTest, metersAreEmittedAtTheirRates) {
     EXPECT_TRUE(slow.waitFor(4));
     sonetrix_engine_rmCallbackMeterManager(handle, fastHandle);
     sonetrix_engine_rmCallbackMeterManager(handle, slowHandle);
-    EXPECT_GE(slow.times[3] - slow.times[0], 250ms);
-    EXPECT_GT(fast.lists.size(), 2 * slow.lists.size()); // ten times as many, were the machine never busy
-    EXPECT_EQ(keysOf(&fast.lists[0])[0], "system.capture_1.peak");
+    EXPECT_GE(slow.times[3] - slow.times[0], 150ms); // 300, were the machine never busy
+    EXPECT_GE(fast.lists.size(), slow.lists.size()); // ten times as many
+    EXPECT_EQ(keysOf(&fast.lists.front())[0], "system.capture_1.peak");
 }
 
 TEST_F(EventsTest, metersShowWhatTheAudioThreadSees) {

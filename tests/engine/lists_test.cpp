@@ -11,18 +11,15 @@ using namespace sonetrix::dev;
 
 namespace {
 
-template <class List>
-struct Api;
-template <>
-struct Api<ListValue> {
+template <class List> struct Api;
+template <> struct Api<ListValue> {
     static constexpr auto create = sonetrix_valueListNew;
     static constexpr auto destroy = sonetrix_valueListDestroy;
     static constexpr auto copy = sonetrix_valueListDeepCopy;
     static constexpr auto merge = sonetrix_valueListMerge;
     static int32_t addS(ListValue *list, const char *text) { return sonetrix_valueListAddS(list, text); }
 };
-template <>
-struct Api<ListKeyValue> {
+template <> struct Api<ListKeyValue> {
     static constexpr auto create = sonetrix_keyValueListNew;
     static constexpr auto destroy = sonetrix_keyValueListDestroy;
     static constexpr auto copy = sonetrix_keyValueListDeepCopy;
@@ -30,22 +27,16 @@ struct Api<ListKeyValue> {
     static int32_t addS(ListKeyValue *list, const char *text) { return sonetrix_keyValueListAddSS(list, text, text); }
 };
 
-template <class List>
-struct Destroy {
+template <class List> struct Destroy {
     void operator()(List *list) const { Api<List>::destroy(list); }
 };
-template <class List>
-using Owned = std::unique_ptr<List, Destroy<List>>;
-template <class List>
-Owned<List> make() {
-    return Owned<List>{Api<List>::create()};
-}
+template <class List> using Owned = std::unique_ptr<List, Destroy<List>>;
+template <class List> Owned<List> make() { return Owned<List>{Api<List>::create()}; }
 
 const sonetrix_value_t &valueOf(const sonetrix_value_t &record) { return record; }
 const sonetrix_value_t &valueOf(const sonetrix_keyValue_t &record) { return record.value; }
 
-template <class List>
-std::vector<std::string> texts(const List &list) {
+template <class List> std::vector<std::string> texts(const List &list) {
     std::vector<std::string> result;
     for (const auto &record : list)
         result.emplace_back(valueOf(record).as.string);
@@ -54,8 +45,7 @@ std::vector<std::string> texts(const List &list) {
 
 using Texts = std::vector<std::string>;
 
-template <class List>
-class BothLists : public testing::Test {};
+template <class List> class BothLists : public testing::Test {};
 using ListTypes = testing::Types<ListValue, ListKeyValue>;
 TYPED_TEST_SUITE(BothLists, ListTypes);
 

@@ -2,11 +2,11 @@
 
 #include "sonetrix/engine_api.h"
 
+#include <array>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>
 #include <thread>
-#include <vector>
 
 using namespace sonetrix::dev;
 
@@ -34,14 +34,15 @@ TEST(MemoryTest, accountsForWhatIsLive) {
 
 TEST(MemoryTest, countsFromManyThreads) {
     const MemoryUse before = memoryUse();
-    std::vector<std::jthread> threads;
-    for (int thread = 0; thread < 4; ++thread) {
-        threads.emplace_back([] {
+    std::array<std::jthread, 4> threads;
+    for (std::jthread &thread : threads) {
+        thread = std::jthread([] {
             for (int i = 0; i < 10'000; ++i)
                 sonetrix_free(sonetrix_malloc(8));
         });
     }
-    threads.clear();
+    for (std::jthread &thread : threads)
+        thread.join();
     EXPECT_EQ(memoryUse().liveBytes, before.liveBytes);
     EXPECT_EQ(memoryUse().totalBlocks, before.totalBlocks + 40'000);
 }

@@ -31,7 +31,7 @@ class BinaryContract(unittest.TestCase):
     def test_the_module_needs_only_the_interpreter_and_the_system(self):
         entries = dynamic_section(MODULE)
         needed = [re.search(r"\[(.*)\]", value).group(1) for tag, value in entries if tag == "NEEDED"]
-        allowed = r"(libpython3\.\d+|libstdc\+\+|libm|libc|libgcc_s|ld-linux-[\w-]+)\.so"
+        allowed = r"(libpython3\.\d+d?|libstdc\+\+|libm|libc|libgcc_s|ld-linux-[\w-]+)\.so"
         if SANITIZER:
             allowed = allowed[:-5] + r"|lib[at]san|libubsan)\.so"
         self.assertEqual([name for name in needed if not re.match(allowed, name)], [])

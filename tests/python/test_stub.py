@@ -6,6 +6,7 @@ import pathlib
 import shutil
 import subprocess
 import tempfile
+import types
 import unittest
 
 from support import SOURCE, engine_double
@@ -49,10 +50,12 @@ class Stub(unittest.TestCase):
             stubbed = {item.name: item for item in node.body if isinstance(item, ast.FunctionDef)}
             constants = {item.target.id for item in node.body if isinstance(item, ast.AnnAssign)} - {"__hash__"}
             methods = {name for name, value in running.items()
-                       if type(value).__name__ in ("function", "method") and name != "__reduce__"}
+                       if isinstance(value, (types.BuiltinFunctionType, types.MethodDescriptorType)) and name not in ("__reduce__", "__new__")}
             with self.subTest(class_name):
                 self.assertEqual(methods, {name for name in stubbed if name not in ("__new__", "__init__")})
                 self.assertEqual({name for name, value in running.items() if type(value) is int}, constants)
+                if constructor := stubbed.get("__new__", stubbed.get("__init__")):
+                    self.assertEqual(parameters_of(constructor), parameters_at_run_time(getattr(sonetrix, class_name)))
             for name in methods:
                 with self.subTest(f"{class_name}.{name}"):
                     self.assertEqual(parameters_of(stubbed[name]), parameters_at_run_time(running[name]))

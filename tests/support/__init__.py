@@ -15,12 +15,17 @@ SANITIZER = os.environ.get("SONETRIX_SANITIZE", "")
 # Waits are scaled, never guessed per build.
 SLOWNESS = 6 if SANITIZER else 1
 
-# For another architecture: a folder of scripts of the programs' names that start them in an emulator.
+# For another architecture: a folder of scripts of the programs' names that start them in an emulator; RUN goes before
+# any other program of the target's.
+RUN = []
 if LAUNCHERS := os.environ.get("SONETRIX_LAUNCHERS"):
     ENGINE, CONSOLE_HOST = (pathlib.Path(LAUNCHERS, program.name) for program in (ENGINE, CONSOLE_HOST))
     sys.executable = str(pathlib.Path(LAUNCHERS, "python3"))
+    RUN = [str(pathlib.Path(LAUNCHERS, "run"))]
     SLOWNESS = 10
 TIME_LIMIT = 30.0 * SLOWNESS
+# The thread sanitizer holds a signal back until the thread's next library call, and a busy loop makes none.
+SIGNALS_REACH_BUSY_LOOPS = SANITIZER != "thread"
 
 # The sanitizer's run-time library was brought in for this interpreter only; children that need it say so.
 PRELOAD = os.environ.pop("LD_PRELOAD", None)

@@ -1,11 +1,13 @@
 """A program on a pseudo-terminal, driven like a user at the keyboard."""
 
+import fcntl
 import os
 import pty
 import re
 import select
 import signal
 import subprocess
+import termios
 import time
 
 from . import ENGINE, TIME_LIMIT
@@ -30,6 +32,7 @@ class Console:
         self._position = 0
         self._deadline = time.monotonic() + time_limit
         self._terminal, terminal_end = pty.openpty()
+        self.first_settings = self.settings()
         # TERM=dumb keeps line editing from painting with control sequences.
         variables = dict(os.environ, TERM="dumb", COLUMNS=str(columns), **(environment or {}))
         self.process = subprocess.Popen([str(program), *map(str, arguments)], stdin=terminal_end, stdout=terminal_end,
@@ -40,8 +43,6 @@ class Console:
     @staticmethod
     def _lead_session():
         os.setsid()
-        import fcntl
-        import termios
         fcntl.ioctl(0, termios.TIOCSCTTY, 0)
 
     def __enter__(self):
@@ -51,6 +52,9 @@ class Console:
         self.process.poll() is None and self.process.kill()
         self.process.wait()
         os.close(self._terminal)
+
+    def settings(self):
+        return termios.tcgetattr(self._terminal)
 
     def _fail(self, what):
         raise ConsoleTimeout(f"{what}; status {self.process.poll()}; transcript:\n{self.transcript}")

@@ -266,11 +266,11 @@ class TestCase(unittest.TestCase):
         self.sonetrix = load()
         reset()
         gc.collect()
-        self._lists, self._values = live_lists(), live_values()
+        self._misuses, self._lists, self._values = misuses(), live_lists(), live_values()
 
     def tearDown(self):
         gc.collect()
-        self.assertEqual(misuses(), 0, "engine lists misused")
+        self.assertEqual(misuses(), self._misuses, "engine lists misused")
         self.assertEqual((live_lists(), live_values()), (self._lists, self._values), "engine objects left behind")
 
     def assertRefused(self, kind, text, call, *args, **kwargs):

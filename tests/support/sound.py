@@ -20,7 +20,7 @@ class Sound(NamedTuple):
 
     def levels(self):
         """Each channel's root mean square."""
-        return [math.sqrt(math.sumprod(channel, channel) / len(channel)) for channel in self.channels]
+        return [math.sqrt(sum(sample * sample for sample in channel) / len(channel)) for channel in self.channels]
 
     def frequency(self, channel):
         """Upward zero crossings, interpolated, from the first to the last; 0 where there are none."""

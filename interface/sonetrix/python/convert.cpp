@@ -1,7 +1,5 @@
 #include "convert.h"
 
-#include "version.h"
-
 #include <limits>
 
 namespace sonetrix {
@@ -49,9 +47,13 @@ template <class Integer> Integer toInteger(PyObject *object, const char *typeNam
 
 } // namespace
 
-std::int32_t toInt32(PyObject *object, const char *typeName) { return toInteger<std::int32_t>(object, typeName); }
+std::int32_t detail::convertToInt32(PyObject *object, const char *typeName) {
+    return toInteger<std::int32_t>(object, typeName);
+}
 
-std::uint32_t toUInt32(PyObject *object, const char *typeName) { return toInteger<std::uint32_t>(object, typeName); }
+std::uint32_t detail::convertToUInt32(PyObject *object, const char *typeName) {
+    return toInteger<std::uint32_t>(object, typeName);
+}
 
 double toDouble(PyObject *object) {
     const double value = PyFloat_AsDouble(object);
@@ -65,17 +67,14 @@ EngineText EngineText::fromBytes(PyObject *bytes, Ref owner) noexcept {
     return {PyBytes_AS_STRING(bytes), PyBytes_GET_SIZE(bytes), std::move(owner), true};
 }
 
-EngineText EngineText::fromName(PyObject *object) {
+EngineText EngineText::convertName(PyObject *object) {
     if (PyUnicode_Check(object)) {
-        if (version::isAscii(object)) {
-            return {static_cast<const char *>(PyUnicode_DATA(object)), PyUnicode_GET_LENGTH(object), {}, true};
-        }
         checked(PyUnicode_AsASCIIString(object)); // not ASCII: the codec raises its own error
     }
     return PyBytes_Check(object) ? fromBytes(object) : EngineText();
 }
 
-EngineText EngineText::fromValue(PyObject *object) {
+EngineText EngineText::convertValue(PyObject *object) {
     if (PyUnicode_Check(object)) {
         Py_ssize_t size = 0;
         const char *text = PyUnicode_AsUTF8AndSize(object, &size);

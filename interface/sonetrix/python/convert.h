@@ -2,16 +2,32 @@
 #pragma once
 
 #include "errors.h"
+#include "version.h"
 
 #include <cstdint>
 
 namespace sonetrix {
 
+namespace detail {
+std::int32_t convertToInt32(PyObject *object, const char *typeName);
+std::uint32_t convertToUInt32(PyObject *object, const char *typeName);
+} // namespace detail
+
 // Integers. An int is taken as it is, anything else through its __index__, else its __int__; TypeError "an integer is
 // required" without one. OverflowError "value too large to convert to <typeName>" beyond the range, which for an
 // unsigned type is "can't convert negative value to <typeName>" below it.
-std::int32_t toInt32(PyObject *object, const char *typeName = "int32_t");
-std::uint32_t toUInt32(PyObject *object, const char *typeName = "uint32_t");
+inline std::int32_t toInt32(PyObject *object, const char *typeName = "int32_t") {
+    if (PyLong_Check(object) && version::isSmallInt(object)) [[likely]] {
+        return static_cast<std::int32_t>(version::smallIntValue(object));
+    }
+    return detail::convertToInt32(object, typeName);
+}
+inline std::uint32_t toUInt32(PyObject *object, const char *typeName = "uint32_t") {
+    if (PyLong_Check(object) && version::isSmallInt(object) && version::smallIntValue(object) >= 0) [[likely]] {
+        return static_cast<std::uint32_t>(version::smallIntValue(object));
+    }
+    return detail::convertToUInt32(object, typeName);
+}
 
 // A float is read directly, anything else through its __float__.
 double toDouble(PyObject *object);
@@ -20,9 +36,9 @@ double toDouble(PyObject *object);
 class EngineText {
 public:
     // A str through the "ascii" codec (UnicodeEncodeError), a bytes as it is; invalid for any other object.
-    static EngineText fromName(PyObject *object);
+    static EngineText fromName(PyObject *object) { return isAscii(object) ? inPlace(object) : convertName(object); }
     // A str through UTF-8 (UnicodeEncodeError), a bytes as it is; invalid for any other object.
-    static EngineText fromValue(PyObject *object);
+    static EngineText fromValue(PyObject *object) { return isAscii(object) ? inPlace(object) : convertValue(object); }
     // As fromName, any other object through the constructor `bytes(object)`.
     static EngineText fromNameOrBuffer(PyObject *object);
     // No text: the engine receives null.
@@ -36,6 +52,12 @@ private:
     EngineText() noexcept = default;
     EngineText(const char *text, Py_ssize_t size, Ref owner, bool valid) noexcept
         : text_(text), size_(size), owner_(std::move(owner)), valid_(valid) {}
+    static bool isAscii(PyObject *object) noexcept { return PyUnicode_Check(object) && version::isAscii(object); }
+    static EngineText inPlace(PyObject *ascii) noexcept {
+        return {static_cast<const char *>(PyUnicode_DATA(ascii)), PyUnicode_GET_LENGTH(ascii), {}, true};
+    }
+    static EngineText convertName(PyObject *object);
+    static EngineText convertValue(PyObject *object);
     static EngineText fromBytes(PyObject *bytes, Ref owner = {}) noexcept;
 
     const char *text_ = nullptr;

@@ -1,28 +1,19 @@
 #include "function.h"
 
-#include "names.h"
+#include "version.h"
 
 #include <algorithm>
-#include <string>
+#include <deque>
+#include <memory>
 
 namespace sonetrix {
 
 namespace {
 
-PyObject *functionModule = nullptr;
-PyObject *functionType = nullptr;
-PyObject *methodType = nullptr;
-
-FunctionObject &self(PyObject *object) noexcept { return *reinterpret_cast<FunctionObject *>(object); }
-
-// The name as text: it is ASCII, so its bytes are in place.
-const char *qualifiedName(const FunctionObject &function) noexcept {
-    return static_cast<const char *>(PyUnicode_DATA(function.qualifiedName));
-}
-
-// The name without the module: "engine.link".
-const char *qualName(const FunctionObject &function) noexcept {
-    return qualifiedName(function) + std::string_view("sonetrix.").size();
+// Never destroyed: functions may outlive the static objects.
+std::deque<FunctionRecord> &records() {
+    static auto &all = *std::make_unique<std::deque<FunctionRecord>>().release();
+    return all;
 }
 
 Ref text(std::string_view view) {
@@ -54,9 +45,33 @@ std::string_view returnAnnotation(std::string_view signature) {
     return arrow == std::string_view::npos ? std::string_view() : signature.substr(arrow + 3);
 }
 
+// The record of a builtin function or method descriptor, or AttributeError where it is not one of ours.
+const FunctionRecord &recordOf(PyObject *object, const char *attribute) {
+    const PyMethodDef *definition = Py_IS_TYPE(object, &PyMethodDescr_Type)
+                                        ? reinterpret_cast<PyMethodDescrObject *>(object)->d_method
+                                        : reinterpret_cast<PyCFunctionObject *>(object)->m_ml;
+    for (const FunctionRecord &record : records()) {
+        if (&record.definition == definition) {
+            return record;
+        }
+    }
+    raiseFormat(PyExc_AttributeError, "'%.100s' object has no attribute '%s'", Py_TYPE(object)->tp_name, attribute);
+}
+
+// A getter's border: no traceback entry, for an attribute that is missing as it always was.
+template <class Body> PyObject *getter(Body &&body) noexcept {
+    const LibraryFrame frame;
+    try {
+        return body().release();
+    } catch (...) {
+        translateException();
+        return nullptr;
+    }
+}
+
 PyObject *getAnnotations(PyObject *object, void *) noexcept {
-    return border("sonetrix.function.__annotations__", static_cast<PyObject *>(nullptr), [object] {
-        const std::string_view signature = self(object).method->signature.text();
+    return getter([object] {
+        const std::string_view signature = recordOf(object, "__annotations__").method->signature.text();
         Ref annotations = checked(PyDict_New());
         const auto add = [&annotations](std::string_view name, std::string_view annotation) {
             if (!annotation.empty()) {
@@ -69,13 +84,13 @@ PyObject *getAnnotations(PyObject *object, void *) noexcept {
             add(parameter.name, parameter.annotation);
         }
         add("return", returnAnnotation(signature));
-        return annotations.release();
+        return annotations;
     });
 }
 
 PyObject *getSignature(PyObject *object, void *) noexcept {
-    return border("sonetrix.function.__signature__", static_cast<PyObject *>(nullptr), [object] {
-        const std::string_view signature = self(object).method->signature.text();
+    return getter([object] {
+        const std::string_view signature = recordOf(object, "__signature__").method->signature.text();
         Ref inspect = checked(PyImport_ImportModule("inspect"));
         Ref ast = checked(PyImport_ImportModule("ast"));
         Ref parameterClass = checked(PyObject_GetAttrString(inspect.get(), "Parameter"));
@@ -94,7 +109,7 @@ PyObject *getSignature(PyObject *object, void *) noexcept {
         };
 
         Ref parameters = checked(PyList_New(0));
-        if (self(object).owner != nullptr) {
+        if (Py_IS_TYPE(object, &PyMethodDescr_Type)) {
             checked(PyList_Append(parameters.get(), newParameter("self", {}, {}).get()));
         }
         std::string_view list = Signature::parameterList(signature);
@@ -109,121 +124,50 @@ PyObject *getSignature(PyObject *object, void *) noexcept {
         }
         Ref signatureClass = checked(PyObject_GetAttrString(inspect.get(), "Signature"));
         Ref arguments = checked(PyTuple_Pack(1, parameters.get()));
-        return checked(PyObject_Call(signatureClass.get(), arguments.get(), keywords.get())).release();
+        return checked(PyObject_Call(signatureClass.get(), arguments.get(), keywords.get()));
     });
 }
 
-PyObject *getName(PyObject *object, void *) noexcept { return PyUnicode_FromString(self(object).method->name); }
-PyObject *getQualName(PyObject *object, void *) noexcept { return PyUnicode_FromString(qualName(self(object))); }
-PyObject *getModule(PyObject *, void *) noexcept { return PyUnicode_FromString("sonetrix"); }
-PyObject *getDoc(PyObject *object, void *) noexcept { return PyUnicode_FromString(self(object).method->doc); }
-
-PyGetSetDef getters[] = {
-    {"__name__", getName, nullptr, nullptr, nullptr},
-    {"__qualname__", getQualName, nullptr, nullptr, nullptr},
-    {"__module__", getModule, nullptr, nullptr, nullptr},
-    {"__doc__", getDoc, nullptr, nullptr, nullptr},
+PyGetSetDef attributes[] = {
     {"__annotations__", getAnnotations, nullptr, nullptr, nullptr},
     {"__signature__", getSignature, nullptr, nullptr, nullptr},
-    {},
 };
 
-PyMemberDef members[] = {
-    {"__vectorcalloffset__", T_PYSSIZET, offsetof(FunctionObject, call), READONLY, nullptr},
-    {},
-};
-
-PyObject *represent(PyObject *object) noexcept {
-    return PyUnicode_FromFormat("<%s %U>", Py_TYPE(object)->tp_name, self(object).qualifiedName);
-}
-
-// Pickled and copied by reference, as functions are.
-PyObject *reduce(PyObject *object, PyObject *) noexcept { return getQualName(object, nullptr); }
-
-// A function binds to nothing, so its type has no binding slot; `inspect` takes what has a `__get__` for a routine.
-PyObject *bindStatic(PyObject *object, PyObject *) noexcept { return Py_NewRef(object); }
-
-PyMethodDef functionMethods[] = {
-    {"__get__", bindStatic, METH_VARARGS, nullptr},
-    {"__reduce__", reduce, METH_NOARGS, nullptr},
-    {},
-};
-
-PyMethodDef methodMethods[] = {
-    {"__reduce__", reduce, METH_NOARGS, nullptr},
-    {},
-};
-
-PyObject *bindMethod(PyObject *function, PyObject *object, PyObject *) noexcept {
-    return object == nullptr ? Py_NewRef(function) : PyMethod_New(function, object);
-}
-
-int traverse(PyObject *object, visitproc visit, void *arg) noexcept {
-    Py_VISIT(Py_TYPE(object));
-    Py_VISIT(self(object).module);
-    Py_VISIT(self(object).owner);
-    return 0;
-}
-
-PyObject *callCleared(PyObject *, PyObject *const *, std::size_t, PyObject *) noexcept {
-    PyErr_SetString(PyExc_RuntimeError, "the module sonetrix is gone");
-    return nullptr;
-}
-
-int clear(PyObject *object) noexcept {
-    self(object).call = callCleared;
-    Ref::steal(std::exchange(self(object).module, nullptr));
-    Ref::steal(reinterpret_cast<PyObject *>(std::exchange(self(object).owner, nullptr)));
-    return 0;
-}
-
-void deallocate(PyObject *object) noexcept {
-    PyObject_GC_UnTrack(object);
-    clear(object);
-    Ref::steal(std::exchange(self(object).qualifiedName, nullptr));
-    Ref type = Ref::steal(reinterpret_cast<PyObject *>(Py_TYPE(object)));
-    PyObject_GC_Del(object);
-}
-
-Ref newType(const char *name, PyMethodDef *methods, unsigned long extraFlags, PyType_Slot extraSlot) {
-    PyType_Slot slots[] = {
-        {Py_tp_call, reinterpret_cast<void *>(PyVectorcall_Call)},
-        {Py_tp_repr, reinterpret_cast<void *>(represent)},
-        {Py_tp_traverse, reinterpret_cast<void *>(traverse)},
-        {Py_tp_clear, reinterpret_cast<void *>(clear)},
-        {Py_tp_dealloc, reinterpret_cast<void *>(deallocate)},
-        {Py_tp_getset, getters},
-        {Py_tp_members, members},
-        {Py_tp_methods, methods},
-        extraSlot,
-        {0, nullptr},
-    };
-    PyType_Spec spec = {
-        .name = name,
-        .basicsize = sizeof(FunctionObject),
-        .itemsize = 0,
-        .flags = static_cast<unsigned int>(Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL |
-                                           Py_TPFLAGS_IMMUTABLETYPE | Py_TPFLAGS_DISALLOW_INSTANTIATION) |
-                 static_cast<unsigned int>(extraFlags),
-        .slots = slots,
-    };
-    return checked(PyType_FromSpec(&spec));
-}
-
-Ref newCallable(PyObject *type, const Method &method, const char *className, PyTypeObject *owner) {
-    Ref name =
-        text(std::string("sonetrix.") + (className == nullptr ? "" : std::string(className) + ".") + method.name);
-    auto *object = PyObject_GC_New(FunctionObject, reinterpret_cast<PyTypeObject *>(type));
-    if (object == nullptr) {
-        throw PythonError();
+// "link(p1, p2=None)\n--\n\n", the interpreter's own form, which has no annotations.
+std::string signatureLine(const Method &method, bool isMethod) {
+    std::string line = std::string(method.name) + "(" + (isMethod ? "$self" : "");
+    const char *separator = isMethod ? ", " : "";
+    std::string_view list = Signature::parameterList(method.signature.text());
+    while (!list.empty()) {
+        const ParameterText parameter(Signature::takeParameter(list));
+        line.append(separator).append(parameter.name);
+        if (!parameter.fallback.empty()) {
+            line.append("=").append(parameter.fallback);
+        }
+        separator = ", ";
     }
-    object->call = method.call;
-    object->method = &method;
-    object->module = Py_NewRef(functionModule);
-    object->qualifiedName = name.release();
-    object->owner = reinterpret_cast<PyTypeObject *>(Py_XNewRef(reinterpret_cast<PyObject *>(owner)));
-    PyObject_GC_Track(object);
-    return Ref::steal(reinterpret_cast<PyObject *>(object));
+    return line + ")\n--\n\n";
+}
+
+// The record of a line in a table; `className` is empty for a function of the module.
+FunctionRecord &newRecord(const Method &method, std::string_view className, bool isMethod) {
+    FunctionRecord &record = records().emplace_back();
+    record.method = &method;
+    record.qualifiedName = "sonetrix." + std::string(className) + (className.empty() ? "" : ".") + method.name;
+    record.doc = signatureLine(method, isMethod) + method.doc;
+    record.definition = {
+        .ml_name = method.name,
+        .ml_meth = reinterpret_cast<PyCFunction>(reinterpret_cast<void *>(method.entry.call)),
+        .ml_flags = METH_FASTCALL | METH_KEYWORDS,
+        .ml_doc = record.doc.c_str(),
+    };
+    *method.entry.record = &record;
+    return record;
+}
+
+std::string_view shortName(PyTypeObject *type) noexcept {
+    const std::string_view name = type->tp_name;
+    return name.substr(name.rfind('.') + 1);
 }
 
 [[noreturn]] void raiseCount(const Method &method, std::size_t given) {
@@ -279,28 +223,27 @@ void requireComplete(const Method &method, std::size_t given, std::span<PyObject
 
 } // namespace
 
-FunctionTypes makeFunctionTypes(PyObject *module) {
-    functionModule = module;
-    FunctionTypes types = {
-        .function = newType("sonetrix.function", functionMethods, 0, {0, nullptr}),
-        .method = newType("sonetrix.method", methodMethods, Py_TPFLAGS_METHOD_DESCRIPTOR,
-            {Py_tp_descr_get, reinterpret_cast<void *>(bindMethod)}),
-    };
-    functionType = types.function.get();
-    methodType = types.method.get();
-    return types;
+void addFunctionAttributes() {
+    for (PyTypeObject *type : {&PyCFunction_Type, &PyMethodDescr_Type}) {
+        for (PyGetSetDef &attribute : attributes) {
+            Ref descriptor = checked(PyDescr_NewGetSet(type, &attribute));
+            checked(PyDict_SetItemString(version::typeDict(type).get(), attribute.name, descriptor.get()));
+        }
+        PyType_Modified(type);
+    }
 }
 
-Ref newFunction(const Method &method, const char *className) {
-    return newCallable(functionType, method, className, nullptr);
+Ref newFunction(const Method &method, PyObject *owner) {
+    const std::string_view className =
+        PyType_Check(owner) ? shortName(reinterpret_cast<PyTypeObject *>(owner)) : std::string_view();
+    Ref moduleName = text("sonetrix");
+    return checked(PyCFunction_NewEx(&newRecord(method, className, false).definition, owner, moduleName.get()));
 }
 
 void addMethods(PyTypeObject *type, std::span<const Method> methods) {
-    const std::string_view fullName = type->tp_name;
-    const std::string className(fullName.substr(fullName.rfind('.') + 1));
     for (const Method &method : methods) {
-        Ref callable = newCallable(methodType, method, className.c_str(), type);
-        checked(PyObject_SetAttrString(reinterpret_cast<PyObject *>(type), method.name, callable.get()));
+        Ref descriptor = checked(PyDescr_NewMethod(type, &newRecord(method, shortName(type), true).definition));
+        checked(PyObject_SetAttrString(reinterpret_cast<PyObject *>(type), method.name, descriptor.get()));
     }
 }
 
@@ -336,21 +279,10 @@ void bindArguments(const Method &method, PyObject *positional, PyObject *keyword
 
 namespace detail {
 
-PyObject *fail(PyObject *callable) noexcept {
+PyObject *fail(const FunctionRecord &function) noexcept {
     translateException();
-    addTraceback(qualifiedName(self(callable)));
+    addTraceback(function.qualifiedName.c_str());
     return nullptr;
-}
-
-void requireSelf(const FunctionObject &function, PyObject *const *values, std::size_t count) {
-    if (count == 0) {
-        raiseFormat(PyExc_TypeError, "unbound method %s() needs an argument", qualName(function));
-    }
-    if (function.owner == nullptr || PyObject_TypeCheck(values[0], function.owner) == 0) {
-        raiseFormat(PyExc_TypeError, "method '%s' for '%s' objects doesn't apply to a '%s' object",
-            function.method->name, function.owner == nullptr ? "deleted" : function.owner->tp_name,
-            Py_TYPE(values[0])->tp_name);
-    }
 }
 
 } // namespace detail

@@ -2,16 +2,22 @@
 //
 // The signature is Python's own notation, "(p1: str | bytes, p2: str | bytes | None = None) -> int". It is read at
 // compile time for what the call needs (names, what is required) and again, on request only, for `__signature__` and
-// `__annotations__`; so what inspect shows is what the call does. The interpreter's builtin functions can show no
-// annotations, hence a callable type of our own; it is called through the vectorcall protocol, as they are.
+// `__annotations__`; so what inspect shows is what the call does.
+//
+// In Python they are the interpreter's own builtin functions and method descriptors, which it calls faster than any
+// callable type of ours: only for these exact types does it specialise calls. They have no place for annotations, so
+// the two attributes are added to their types; for functions that are not ours they stay missing.
 #pragma once
 
 #include "errors.h"
+#include "gil.h"
 
 #include <array>
 #include <cstddef>
 #include <span>
+#include <string>
 #include <string_view>
+#include <type_traits>
 
 namespace sonetrix {
 
@@ -74,15 +80,25 @@ private:
 // The arguments of one call, by parameter; null where an optional one was left out.
 class Arguments {
 public:
-    explicit Arguments(PyObject *const *values) noexcept : values_(values) {}
-    PyObject *operator[](std::size_t index) const noexcept { return values_[index]; }
+    // The values from `count` on were left out.
+    Arguments(PyObject *const *values, std::size_t count) noexcept : values_(values), count_(count) {}
+    PyObject *operator[](std::size_t index) const noexcept { return get(index, nullptr); }
     // The argument, or `fallback` where it was left out.
     PyObject *get(std::size_t index, PyObject *fallback) const noexcept {
-        return values_[index] != nullptr ? values_[index] : fallback;
+        return index < count_ && values_[index] != nullptr ? values_[index] : fallback;
     }
 
 private:
     PyObject *const *values_;
+    std::size_t count_;
+};
+
+struct FunctionRecord;
+
+// What the interpreter calls, and where that finds its record.
+struct Entry {
+    PyObject *(*call)(PyObject *self, PyObject *const *values, Py_ssize_t count, PyObject *keywordNames) noexcept;
+    const FunctionRecord **record;
 };
 
 // One line of a table.
@@ -90,28 +106,23 @@ struct Method {
     const char *name;
     Signature signature;
     const char *doc;
-    vectorcallfunc call; // function<body> or method<Class, body>
+    Entry entry; // function<body> or method<Class, body>
 };
 
-// A function or method as Python sees it.
-struct FunctionObject {
-    PyObject_HEAD vectorcallfunc call;
+// What a function keeps for as long as the process lives.
+struct FunctionRecord {
     const Method *method;
-    PyObject *module;        // owned: a function that somebody still has keeps the module's state alive
-    PyObject *qualifiedName; // owned; "sonetrix.engine.link", as it stands in tracebacks
-    PyTypeObject *owner;     // owned; the class that a method's first argument must be of; null for a function
+    std::string qualifiedName; // "sonetrix.engine.link", as it stands in tracebacks
+    std::string doc;           // with the signature in front, as the interpreter wants it
+    PyMethodDef definition;
 };
 
-// The two callable types. Made before any table is added; whoever makes them keeps them alive.
-struct FunctionTypes {
-    Ref function;
-    Ref method;
-};
-FunctionTypes makeFunctionTypes(PyObject *module);
+// Adds `__signature__` and `__annotations__` to the interpreter's builtin functions.
+void addFunctionAttributes();
 
-// A function for a module or a class dictionary. In a class it is static: it goes into the dictionary as it is, since
-// an object without a binding slot is what the interpreter fetches fastest.
-Ref newFunction(const Method &method, const char *className = nullptr);
+// A function for the dictionary of `owner`, the module or a class. In a class it is static: a builtin function binds to
+// nothing.
+Ref newFunction(const Method &method, PyObject *owner);
 // Adds the table's methods to the class.
 void addMethods(PyTypeObject *type, std::span<const Method> methods);
 
@@ -127,6 +138,7 @@ void bindArguments(const Method &method, PyObject *positional, PyObject *keyword
 // The border between the interpreter and C++: whatever `body` throws becomes the current exception, with a traceback
 // entry that bears the name, and the call returns `failure`.
 template <class Body, class Result> Result border(const char *qualifiedName, Result failure, Body &&body) noexcept {
+    const LibraryFrame frame;
     try {
         return std::forward<Body>(body)();
     } catch (...) {
@@ -138,10 +150,8 @@ template <class Body, class Result> Result border(const char *qualifiedName, Res
 
 namespace detail {
 
-// The same border for the calls that a FunctionObject makes.
-PyObject *fail(PyObject *callable) noexcept;
-// Checks a method's first argument; raises TypeError.
-void requireSelf(const FunctionObject &function, PyObject *const *values, std::size_t count);
+// The same border for the calls of a function.
+PyObject *fail(const FunctionRecord &function) noexcept;
 
 template <auto body, class... Self>
 PyObject *callBody(
@@ -152,43 +162,46 @@ PyObject *callBody(
         }
         return body(self...).release();
     } else {
-        if (count == method.signature.size() && keywordNames == nullptr) {
-            return body(self..., Arguments(positional)).release();
+        const Signature &signature = method.signature;
+        std::array<PyObject *, Signature::maximumParameters> slots;
+        if (keywordNames != nullptr || count < signature.required() || count > signature.size()) [[unlikely]] {
+            slots.fill(nullptr);
+            bindArguments(method, positional, count, keywordNames, std::span(slots).first(signature.size()));
+            positional = slots.data();
+            count = signature.size();
         }
-        std::array<PyObject *, Signature::maximumParameters> slots{};
-        bindArguments(method, positional, count, keywordNames, std::span(slots).first(method.signature.size()));
-        return body(self..., Arguments(slots.data())).release();
+        return body(self..., Arguments(positional, count)).release();
     }
 }
+
+// The call of a function or method; `Class` is the record of a method's object, or void.
+template <class Class, auto body> struct Call {
+    static inline constinit const FunctionRecord *record = nullptr;
+
+    static PyObject *call(PyObject *self, PyObject *const *values, Py_ssize_t count, PyObject *keywordNames) noexcept {
+        const LibraryFrame frame;
+        try {
+            const Method &method = *record->method;
+            const auto given = static_cast<std::size_t>(count);
+            if constexpr (std::is_void_v<Class>) {
+                return callBody<body>(method, values, given, keywordNames);
+            } else {
+                return callBody<body>(method, values, given, keywordNames, *reinterpret_cast<Class *>(self));
+            }
+        } catch (...) {
+            return fail(*record);
+        }
+    }
+};
 
 } // namespace detail
 
-// The call of a function: `Ref body()` or `Ref body(Arguments)`.
+// `Ref body()` or `Ref body(Arguments)`.
 template <auto body>
-PyObject *function(PyObject *callable, PyObject *const *values, std::size_t count, PyObject *keywordNames) noexcept {
-    const FunctionObject &self = *reinterpret_cast<FunctionObject *>(callable);
-    try {
-        return detail::callBody<body>(
-            *self.method, values, static_cast<std::size_t>(PyVectorcall_NARGS(count)), keywordNames);
-    } catch (...) {
-        return detail::fail(callable);
-    }
-}
+inline constexpr Entry function = {detail::Call<void, body>::call, &detail::Call<void, body>::record};
 
-// The call of a method: `Ref body(Class &)` or `Ref body(Class &, Arguments)`.
+// `Ref body(Class &)` or `Ref body(Class &, Arguments)`.
 template <class Class, auto body>
-PyObject *method(PyObject *callable, PyObject *const *values, std::size_t count, PyObject *keywordNames) noexcept {
-    const FunctionObject &self = *reinterpret_cast<FunctionObject *>(callable);
-    const auto given = static_cast<std::size_t>(PyVectorcall_NARGS(count));
-    try {
-        if (given == 0 || !PyObject_TypeCheck(values[0], self.owner)) [[unlikely]] {
-            detail::requireSelf(self, values, given);
-        }
-        return detail::callBody<body>(
-            *self.method, values + 1, given - 1, keywordNames, *reinterpret_cast<Class *>(values[0]));
-    } catch (...) {
-        return detail::fail(callable);
-    }
-}
+inline constexpr Entry method = {detail::Call<Class, body>::call, &detail::Call<Class, body>::record};
 
 } // namespace sonetrix

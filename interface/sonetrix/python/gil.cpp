@@ -2,6 +2,7 @@
 
 #include "gate.h"
 
+#include <thread>
 #include <unistd.h>
 
 namespace sonetrix {
@@ -9,6 +10,32 @@ namespace sonetrix {
 void parkThread() noexcept {
     for (;;) {
         pause();
+    }
+}
+
+namespace {
+
+thread_local bool endsInterpreter = false;
+
+} // namespace
+
+bool LibraryFrame::close(std::chrono::milliseconds limit) noexcept {
+    closed_ = true;
+    endsInterpreter = true;
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (threads_ != (counted_ ? 1 : 0)) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        unlocked([] { std::this_thread::sleep_for(std::chrono::microseconds(200)); });
+    }
+    return true;
+}
+
+void LibraryFrame::parkUnlessEnding() noexcept {
+    if (!endsInterpreter) {
+        PyEval_SaveThread();
+        parkThread();
     }
 }
 

@@ -3,6 +3,8 @@
 
 #include "ref.h"
 
+#include <cstdint>
+
 #if PY_VERSION_HEX < 0x030B0000
 #error "CPython 3.11 or later is needed"
 #endif
@@ -63,6 +65,37 @@ inline bool isAscii(PyObject *text) noexcept {
     return PyUnicode_IS_ASCII(text) != 0;
 }
 
+// Whether the int, of any class, is of the small kind whose value can be read at once: below 2^30 in any case.
+inline bool isSmallInt(PyObject *number) noexcept {
+#if PY_VERSION_HEX >= 0x030C0000
+    return PyUnstable_Long_IsCompact(reinterpret_cast<PyLongObject *>(number)) != 0;
+#else
+    const Py_ssize_t size = Py_SIZE(number);
+    return size >= -1 && size <= 1;
+#endif
+}
+
+inline long smallIntValue(PyObject *number) noexcept {
+#if PY_VERSION_HEX >= 0x030C0000
+    return PyUnstable_Long_CompactValue(reinterpret_cast<PyLongObject *>(number));
+#else
+    return Py_SIZE(number) * static_cast<long>(reinterpret_cast<PyLongObject *>(number)->ob_digit[0]);
+#endif
+}
+
+// A number that changes whenever the dict does; 0 where the interpreter keeps none.
+inline std::uint64_t dictVersion(PyObject *dict) noexcept {
+#if PY_VERSION_HEX < 0x030D0000
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    return reinterpret_cast<PyDictObject *>(dict)->ma_version_tag;
+#pragma GCC diagnostic pop
+#else
+    static_cast<void>(dict);
+    return 0;
+#endif
+}
+
 // A number that changes whenever the type or a base of it is changed; 0 while the interpreter keeps none.
 inline unsigned int typeVersion(PyTypeObject *type) noexcept {
 #if PY_VERSION_HEX < 0x030D0000
@@ -71,6 +104,15 @@ inline unsigned int typeVersion(PyTypeObject *type) noexcept {
     }
 #endif
     return type->tp_version_tag;
+}
+
+// The dictionary of a type.
+inline Ref typeDict(PyTypeObject *type) noexcept {
+#if PY_VERSION_HEX >= 0x030C0000
+    return Ref::steal(PyType_GetDict(type));
+#else
+    return Ref::borrow(type->tp_dict);
+#endif
 }
 
 // A dict with room for `size` entries.

@@ -33,7 +33,7 @@ std::int32_t run(sonetrix_cliModule_t *module) {
         return consoleEnded;
     }
     const ConsoleThread::Activity activity(ConsoleThread::Activity::Kind::run);
-    return module->interactive != 0 ? runConsole(*module) : runStandardInput(*module);
+    return module->interactive != 0 ? runConsole(*module) : runStandardInput();
 }
 
 void stop(sonetrix_cliModule_t *module) {
@@ -93,12 +93,15 @@ void readStartParameters(sonetrix_cliModule_t &module, sonetrix_cListKeyValue_t 
     }
 }
 
-// On a terminal the console is interactive, and the default disposition of SIGINT makes the interpreter install its
-// KeyboardInterrupt handler, unless the engine keeps SIGINT for itself.
-void chooseMode(sonetrix_cliModule_t &module) noexcept {
+void saveSignals() noexcept {
     sigaction(SIGINT, nullptr, &savedSigint);
     sigaction(SIGPIPE, nullptr, &savedSigpipe);
     sigaction(SIGURG, nullptr, &savedWake);
+}
+
+// On a terminal the console is interactive, and the default disposition of SIGINT makes the interpreter install its
+// KeyboardInterrupt handler, unless the engine keeps SIGINT for itself, or there is another console that has it.
+void chooseMode(sonetrix_cliModule_t &module, bool hasInterpreter) noexcept {
     if (isatty(fileno(stdin)) == 0) {
         if (errno == ENOTTY) {
             log(SONETRIX_LOG_INFO, "not interactive console");
@@ -111,7 +114,7 @@ void chooseMode(sonetrix_cliModule_t &module) noexcept {
         log(SONETRIX_LOG_INFO, "interactive console");
     } else {
         log(SONETRIX_LOG_INFO, "interactive console (KeyboardInterrupt default python handler)");
-        module.savedSigintHandler = signal(SIGINT, SIG_DFL);
+        module.savedSigintHandler = hasInterpreter ? signal(SIGINT, SIG_DFL) : nullptr;
     }
     module.interactive = 1;
 }
@@ -135,11 +138,14 @@ extern "C" sonetrix_cliModule_t *sonetrix_engineCliCostructor(sonetrix_cListKeyV
     module->destroy = destroy;
     module->sigintMode = 1;
     readStartParameters(*module, parameters);
-    chooseMode(*module);
-    if (!registerModule()) {
+    const bool registered = registerModule();
+    if (registered) {
+        saveSignals();
+    }
+    chooseMode(*module, registered);
+    if (!registered) {
         log(SONETRIX_LOG_WARN, "could not extend in-built modules table");
         log(SONETRIX_LOG_WARN, "error creating python cli");
-        restoreSignals(*module);
         release(module);
         return nullptr;
     }

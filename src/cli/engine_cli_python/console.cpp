@@ -9,8 +9,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <memory>
-#include <optional>
-#include <string>
+#include <poll.h>
+#include <span>
+#include <sys/mman.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -31,7 +32,7 @@ public:
     ~TerminalSettings() {
         // From the background, the attempt would stop the process.
         if (saved_ && tcgetpgrp(STDIN_FILENO) == getpgrp()) {
-            tcsetattr(STDIN_FILENO, TCSADRAIN, &settings_);
+            tcsetattr(STDIN_FILENO, TCSANOW, &settings_);
         }
     }
     TerminalSettings(const TerminalSettings &) = delete;
@@ -42,36 +43,39 @@ private:
     bool saved_;
 };
 
-// All of standard input, or nothing when a stop request came first. Read with the interpreter lock released: a pipe may
-// stay silent for long.
-std::optional<std::string> readStandardInput(const sonetrix_cliModule_t &module) noexcept {
-    const bool stoppedBefore = stopRequested(module); // a request before the run does not concern the script
-    std::string text;
-    std::array<char, 65536> part{};
+struct CloseFile {
+    void operator()(std::FILE *file) const noexcept { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, CloseFile>;
+
+// A read that waits with the interpreter lock released: a pipe may stay silent for long.
+ssize_t readSome(std::span<char> part) noexcept {
     const GilReleased released;
-    for (;;) {
-        const ssize_t count = read(fileno(stdin), part.data(), part.size());
-        if (count > 0) {
-            text.append(part.data(), static_cast<std::size_t>(count));
-        } else if (count == 0 || errno != EINTR) {
-            return text;
-        }
-        if (!stoppedBefore && stopRequested(module)) {
-            return std::nullopt;
-        }
-    }
+    pollfd input = {.fd = fileno(stdin), .events = POLLIN, .revents = 0};
+    return poll(&input, 1, -1) < 0 ? -1 : read(input.fd, part.data(), part.size());
 }
 
-// Through the interpreter's own entry point for files.
-std::int32_t runScript(std::string &text) noexcept {
-    std::FILE *script = fmemopen(text.data(), text.size(), "r");
-    if (script == nullptr) {
-        return consoleEnded;
+// All of standard input as a file in memory, or null when a stop request or KeyboardInterrupt came first.
+File readStandardInput() noexcept {
+    const int descriptor = memfd_create("standard input", MFD_CLOEXEC);
+    File script(descriptor < 0 ? std::tmpfile() : fdopen(descriptor, "w+"));
+    std::array<char, 65536> part{};
+    while (script) {
+        const ssize_t count = readSome(part);
+        if (ConsoleThread::instance().isInterrupted()) {
+            script.reset();
+        } else if (count > 0) {
+            std::fwrite(part.data(), 1, static_cast<std::size_t>(count), script.get());
+        } else if (count == 0 || (errno != EINTR && errno != EAGAIN)) {
+            const bool complete = std::fflush(script.get()) == 0 && std::ferror(script.get()) == 0;
+            std::rewind(script.get());
+            return complete ? std::move(script) : nullptr;
+        } else if (PyErr_CheckSignals() != 0) {
+            PyErr_Print();
+            script.reset();
+        }
     }
-    const StatementResult outcome =
-        runStatement([script] { return PyRun_SimpleFileExFlags(script, fileName, 1, nullptr); });
-    const bool succeeded = outcome.exitCode ? *outcome.exitCode == 0 : outcome.result == 0;
-    return succeeded ? scriptSucceeded : consoleEnded;
+    return nullptr;
 }
 
 } // namespace
@@ -93,12 +97,15 @@ std::int32_t runConsole(const sonetrix_cliModule_t &module) noexcept {
     return consoleEnded;
 }
 
-std::int32_t runStandardInput(const sonetrix_cliModule_t &module) noexcept {
-    std::optional<std::string> text = readStandardInput(module);
-    if (!text) {
+std::int32_t runStandardInput() noexcept {
+    File script = readStandardInput();
+    if (!script) {
         return consoleEnded;
     }
-    return text->empty() ? scriptSucceeded : runScript(*text);
+    const StatementResult outcome =
+        runStatement([&script] { return PyRun_SimpleFileExFlags(script.release(), fileName, 1, nullptr); });
+    const bool succeeded = outcome.exitCode ? *outcome.exitCode == 0 : outcome.result == 0;
+    return succeeded ? scriptSucceeded : consoleEnded;
 }
 
 } // namespace sonetrix::cli

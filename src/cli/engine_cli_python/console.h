@@ -14,7 +14,7 @@ constexpr std::int32_t scriptSucceeded = -2;
 std::int32_t runConsole(const sonetrix_cliModule_t &module) noexcept;
 
 // All of standard input as one script.
-std::int32_t runStandardInput(const sonetrix_cliModule_t &module) noexcept;
+std::int32_t runStandardInput() noexcept;
 
 // Whether a stop has been requested.
 bool stopRequested(const sonetrix_cliModule_t &module) noexcept;

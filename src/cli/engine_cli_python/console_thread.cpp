@@ -149,6 +149,11 @@ void ConsoleThread::interrupt() noexcept {
     startTicking(true);
 }
 
+bool ConsoleThread::isInterrupted() noexcept {
+    const std::lock_guard guard(mutex_);
+    return requested_;
+}
+
 bool ConsoleThread::shouldRaise(bool codeIsRunning) noexcept {
     const std::lock_guard guard(mutex_);
     if (!requested_) {

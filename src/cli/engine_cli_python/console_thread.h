@@ -48,6 +48,8 @@ public:
 
     // For any thread: the request is in the record already. Never waits for the console.
     void interrupt() noexcept;
+    // Whether a request has come during the present activity.
+    bool isInterrupted() noexcept;
 
     // For the signal handler, on the console thread: whether to raise KeyboardInterrupt, given that Python code is
     // running or that the console is at its prompt.

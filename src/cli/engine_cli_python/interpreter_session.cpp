@@ -8,6 +8,7 @@
 #include "python/gil.h"
 #include "statement.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
@@ -28,6 +29,7 @@ constexpr const char *pagerScript = "try:\n"
 constexpr const char *importStatement = "from sonetrix import *";
 constexpr const char *cleanUpStatement = "globals().clear()\n";
 
+constexpr std::chrono::milliseconds lastCallsLimit{1000}; // for threads inside this library's functions
 constexpr double lastThreadsLimit = 3.0; // seconds that forgotten Python threads delay the end
 
 bool ready = false;
@@ -102,6 +104,8 @@ void waitForThreads() {
         return;
     }
     Ref shutdown = checked(PyObject_GetAttrString(threading, "_shutdown"));
+    Ref nothing = checked(PyCFunction_New(&noShutdown, nullptr));
+    checked(PyObject_SetAttrString(threading, "_shutdown", nothing.get()));
     Ref threadClass = checked(PyObject_GetAttrString(threading, "Thread"));
     Ref mainThread = checked(PyObject_CallMethod(threading, "main_thread", nullptr));
     // On another thread the wait would be for the main one, too, whose lock is among those that 3.12 waits for.
@@ -115,7 +119,8 @@ void waitForThreads() {
     Ref keywords = checked(Py_BuildValue("{sOsO}", "target", shutdown.get(), "daemon", Py_True));
     Ref waiter = checked(PyObject_Call(threadClass.get(), arguments.get(), keywords.get()));
     checked(PyObject_CallMethod(waiter.get(), "start", nullptr));
-    checked(PyObject_CallMethod(waiter.get(), "join", "d", lastThreadsLimit));
+    Ref::steal(PyObject_CallMethod(waiter.get(), "join", "d", lastThreadsLimit));
+    PyErr_Clear(); // Ctrl-C cuts the wait short
     Ref alive = checked(PyObject_CallMethod(waiter.get(), "is_alive", nullptr));
     if (checked(PyObject_IsTrue(alive.get())) == 0) {
         return;
@@ -131,8 +136,14 @@ void waitForThreads() {
                 text == nullptr ? "?" : text);
         }
     }
-    Ref nothing = checked(PyCFunction_New(&noShutdown, nullptr));
-    checked(PyObject_SetAttrString(threading, "_shutdown", nothing.get()));
+}
+
+// Ahead of finalisation, which would run them: until now they can count on this library's functions.
+void runExitHandlers() noexcept {
+    Ref module = Ref::steal(PyImport_ImportModule("atexit"));
+    if (!module || !Ref::steal(PyObject_CallMethod(module.get(), "_run_exitfuncs", nullptr))) {
+        PyErr_Clear(); // finalisation runs them
+    }
 }
 
 } // namespace
@@ -188,18 +199,20 @@ void endInterpreter() noexcept {
     if (!holdsGil()) {
         keepGil();
     }
-    endRegistrations(); // while what the callables use is still there
-    if (PyRun_SimpleString(cleanUpStatement) != 0) {
-        log(SONETRIX_LOG_WARN, "problem while cleaning up CLI global variables");
-    }
+    // Threads and callables come to their end while the globals that they use are still there.
     try {
         waitForThreads();
     } catch (const PythonError &) {
         PyErr_Print();
     }
-    if (!endCallbacks()) {
+    endRegistrations();
+    if (PyRun_SimpleString(cleanUpStatement) != 0) {
+        log(SONETRIX_LOG_WARN, "problem while cleaning up CLI global variables");
+    }
+    runExitHandlers();
+    if (!endCallbacks() || !LibraryFrame::close(lastCallsLimit)) {
         // To finalise under a thread that is inside Python would end it, and the engine with it.
-        log(SONETRIX_LOG_ERROR, "an engine thread does not return from Python: the interpreter is left as it is");
+        log(SONETRIX_LOG_ERROR, "a thread does not return from Python: the interpreter is left as it is");
         giveGilUp();
         return;
     }

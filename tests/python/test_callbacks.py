@@ -1,0 +1,137 @@
+"""notifyChanges, notifyMeters and timeout with callbacks fired at will: registration, delivery, lock order, removal."""
+
+import gc
+import threading
+import unittest
+import weakref
+from unittest import mock
+
+from support import engine_double
+from support.engine_double import CHANGES, FAST_METERS, SLOW_METERS, TIMER, Value, fire, registrations
+
+# The engine's functions to register and to remove, and what is registered with.
+ENGINE = {CHANGES: ("notify_changes_addCallback", "notify_changes_rmCallback", ("engine",)),
+          SLOW_METERS: ("addCallbackMeterManager", "rmCallbackMeterManager", ("engine", 0)),
+          FAST_METERS: ("addCallbackMeterManager", "rmCallbackMeterManager", ("engine", 1)),
+          TIMER: ("addTimer", "delTimer", ("engine", -5))}
+
+
+class CallbackTest(engine_double.TestCase):
+    def make(self, kind, callback):
+        module = self.sonetrix
+        return {CHANGES: module.notifyChanges, FAST_METERS: module.notifyMeters,
+                SLOW_METERS: lambda one: module.notifyMeters(meters_type=0, callback=one),
+                TIMER: lambda one: module.engine.addTimer(-5, one)}[kind](callback)
+
+    def tearDown(self):
+        super().tearDown()
+        self.assertEqual([registrations(kind) for kind in ENGINE], [0] * 4)
+
+    def test_life(self):
+        for kind, (add, remove, sent) in ENGINE.items():
+            received, threads = [], []
+            made = self.make(kind, lambda *arguments: (received.append(arguments),
+                                                       threads.append(threading.get_ident())))
+            fire(kind, {"a": 5, "b": "x"}, threads=2), fire(kind, {})
+            del made
+            fire(kind)
+            self.assertEqual(received, [()] * 3 if kind == TIMER else [({b"a": 5, b"b": b"x"},)] * 2 + [({},)])
+            self.assertNotIn(threading.get_ident(), threads)
+            calls = engine_double.calls("sonetrix_engine_*", clear=True)
+            self.assertEqual([(call.name, call.lock_held) for call in calls],
+                             [("sonetrix_engine_" + name, False) for name in (add, remove)])
+            self.assertEqual(calls[0].args, sent)
+
+    def test_refusals_leave_no_registration(self):
+        module, meters_type = self.sonetrix, "convert {}to enum sonetrix_module_meters_type"
+        for kind, text, call, *arguments in (
+                *((ValueError, "The callback must have only one parameter", make, callback)
+                  for make in (module.notifyChanges, module.notifyMeters)
+                  for callback in (lambda: None, lambda a, b: None)),
+                (TypeError, "5 is not a callable object", module.notifyChanges, 5),
+                (ValueError, "", module.timeout, 1, 5),
+                (OverflowError, "can't " + meters_type.format("negative value "), module.notifyMeters, 5, -1),
+                (OverflowError, "value too large to " + meters_type.format(""), module.notifyMeters, 5, 2**32),
+                (OverflowError, "value too large to convert to int32_t", module.timeout, 2**31, 5),
+                (TypeError, "an integer is required", module.engine.addTimer, "1", 5)):
+            self.assertRefused(kind, text, call, *arguments)
+        with mock.patch.object(module, "signature", side_effect=KeyError):
+            self.assertRaises(KeyError, module.notifyChanges, len)
+        self.assertEqual(engine_double.calls(), [])
+        for add, *_ in ENGINE.values():
+            engine_double.null("sonetrix_engine_" + add)
+        self.assertRefused(MemoryError, "", module.notifyChanges, len)
+        self.assertRefused(MemoryError, "", module.notifyMeters, len)
+        self.assertIsInstance(module.timeout(1, print), module.timeout)
+        self.assertEqual(engine_double.calls("*rmCallback*", "*delTimer"), [])
+
+    def test_lock_order_and_failing_callables(self):
+        for kind, label, word in (CHANGES, "notify", "notification"), (FAST_METERS, "meters", "meter"):
+            received = []
+            made = self.make(kind, lambda entries: received.append(entries) or 1 / entries[b"a"])
+            engine_double.clear()
+            fire(kind, {"a": 1}, threads=0, lock_held=True)
+            fire(kind, {"a": 0})
+            fire(kind, {"odd": Value(99), "a": 1}, threads=0)  # this thread, without the lock
+            self.assertEqual(received, [{b"a": 0}, {b"a": 1}])
+            self.assertEqual(engine_double.log_lines(), [
+                (4, f"GIL LOCK ORDER ERROR! {label} callback invoked with the GIL already acquired"),
+                (3, f"Exception whilee invoking {word} callback registered from Python")])
+            self.assertEqual([call.lock_held for call in engine_double.calls("sonetrix_log_LogString")], [True, False])
+        made = self.make(TIMER, lambda: [][1])
+        engine_double.clear()
+        fire(TIMER, threads=0, lock_held=True)  # no lock order for timers
+        (level, text), = engine_double.log_lines()
+        self.assertEqual(level, 3)
+        self.assertRegex(text,
+                         r"(?s)^exception in callback timer: Traceback \(most.*IndexError: list index out of range\n$")
+        with mock.patch.object(self.sonetrix, "log", None), engine_double.unraisables() as reports:
+            fire(TIMER)
+        self.assertEqual([(name, type(error)) for name, error in reports],
+                         [("sonetrix.timeout.timerCb", AttributeError)])
+
+    def test_removal(self):
+        """By a cycle's collection; by the callable itself; by another thread while it runs; under a finalizer."""
+        for kind in ENGINE:
+            class Owner:
+                def __init__(owner):
+                    owner.made = self.make(kind, owner.call)
+                def call(owner, *_):
+                    seen.append("called")
+            seen, owner = [], Owner()
+            gone = weakref.ref(owner)
+            fire(kind)
+            del owner
+            gc.collect()
+            self.assertEqual((gone(), registrations(kind), seen), (None, 0, ["called"]))
+
+            kept, drops = [], []
+            def drop(*_):
+                kept.clear()
+                gc.collect()
+                drops.append(drop)
+            kept.append(self.make(kind, drop))
+            fire(kind, times=2)
+            self.assertEqual((len(drops), registrations(kind)), (1, 0))
+
+            entered, leave, order = threading.Event(), threading.Event(), []
+            made = [self.make(kind, lambda *_: (entered.set(), leave.wait(), order.append("left")))]
+            firing = threading.Thread(target=fire, args=(kind,))
+            removing = threading.Thread(target=lambda: (made.clear(), order.append("removed")))
+            firing.start(), entered.wait(), removing.start()
+            while registrations(kind):
+                self.assertTrue(removing.is_alive())
+            leave.set(), firing.join(), removing.join()
+            self.assertEqual(order, ["left", "removed"])
+
+            base = type(self.make(kind, len))
+            subclass = type("Subclass", (base,), {"__del__": lambda self: seen.append("finalized")})
+            made = subclass(1, print) if kind == TIMER else subclass(len)
+            made.cycle = made
+            del made
+            gc.collect()
+            self.assertEqual(seen.pop(), "finalized")
+
+
+if __name__ == "__main__":
+    unittest.main()

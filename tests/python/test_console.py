@@ -1,0 +1,210 @@
+"""The console on a terminal, as somebody at the keyboard finds it in the development engine."""
+
+import os
+import re
+import subprocess
+import tempfile
+import unittest
+
+from support import ENGINE, programs
+from support.console import Console
+
+
+class ConsoleTest(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.home = folder.name
+
+    def console(self, *arguments, **options):
+        environment = {"HOME": self.home, "XDG_STATE_HOME": self.home, "PYTHON_COLORS": "0"}
+        return Console(*arguments, environment=environment, **options)
+
+    def assertEnds(self, console, line=None, status=0):
+        self.assertEqual(console.end(line), status, console.transcript)
+        self.assertEqual(console.settings(), console.first_settings)
+
+
+class Dialogue(ConsoleTest):
+    def test_questions_and_answers(self):
+        with self.console() as console:
+            for line, answer in (
+                ("1 + 1", "2"), ("x = 3", ""), ("x; None; _", "3\n3"), ("'\u00e4\u20ac'", "'\u00e4\u20ac'"),
+                ("import sys; sys.ps2, __name__, '__file__' in globals()", "('... ', '__main__', False)"),
+                ("[name for name in globals() if 'sonetrix' in name]", "[]"),
+                ("engine.isRunning(), exit.__module__", "(True, 'sonetrix')"),
+                ("1 / 0", 'Traceback (most recent call last):\n  File "__engine__", line 1, in <module>\n'
+                          "ZeroDivisionError: division by zero"),
+                ("x =", '  File "__engine__", line 1\n    x =\n       ^\nSyntaxError: invalid syntax'),
+                ("from __future__ import annotations", ""),
+                ("def later() -> undefined: pass\n", "..."),
+                ("later.__annotations__", "{'return': 'undefined'}"),
+                ("(1,\n2)", "... (1, 2)"),
+                ("if True:\n\x04", None),  # Ctrl-D ends the statement, not the console
+                ("4", "4"),
+            ):
+                with self.subTest(line):
+                    given = console.ask(line).split("\n" * line.count("\n"))[-1] if line.count("\n") else console.ask(line)
+                    self.assertTrue(answer is None or given.strip().endswith(answer.strip()), console.transcript)
+            console.prompt()
+            console.control("D")
+            self.assertEnds(console)
+
+    def test_help_needs_no_pager(self):
+        with self.console() as console:
+            self.assertTrue(console.ask("help(engine.isRunning)").startswith("Help on "))
+            self.assertGreater(console.ask("help(engine)").count("\n"), 100)  # more than a screenful, and no key is pressed
+
+    def test_a_script_that_spoils_the_console(self):
+        for spoil in ("sys.stdin.close()", "sys.excepthook = None", "del sys.excepthook", "sys.modules.clear()",
+                      "globals().clear()", "sys.last_value = 3", "import signal; signal.signal(signal.SIGURG, signal.SIG_IGN)",
+                      "import threading; threading._shutdown = None", "sys.displayhook = 3",
+                      "import atexit; atexit.register(lambda: 1 / 0)"):
+            with self.subTest(spoil), self.console() as console:
+                console.ask("import sys; " + spoil)
+                console.ask("2 + 2")
+                console.prompt()
+                console.control("D")
+                self.assertEnds(console)
+
+
+class Interruption(ConsoleTest):
+    def test_control_c(self):
+        for typed, under_way, traceback in (
+            ("1 + ", r"1 \+ ", False),
+            ("if True:\n", r"\.\.\. ", False),
+            ("exec(\"print('go' + 'ing')\\nwhile True: pass\")\n", "going", True),
+            ("import time; print('go' + 'ing'); time.sleep(1000)\n", "going", True),
+            ("print('go' + 'ing'); import threading; threading.Event().wait()\n", "going", True),
+            ("input('go' + 'ing')\n", "going", True),
+            ("print('go' + 'ing'); engine.waitUntilEnd()\n", "going", True),
+            ("cpu()\n", "maxtime", True),
+        ):
+            with self.subTest(typed), self.console() as console:
+                for _ in range(2):  # the first leaves the console as it was
+                    console.prompt()
+                    console.write(typed)
+                    console.expect(under_way)
+                    console.control("C")
+                    before = console.expect("KeyboardInterrupt\n")
+                    self.assertEqual("Traceback" in before, traceback, console.transcript)
+                self.assertEqual(console.ask("engine.isRunning()"), "True")
+                console.prompt()
+                console.control("D")
+                self.assertEnds(console)
+
+    def test_where_the_engine_keeps_sigint(self):
+        # The program's own disposition: an interrupt ends the engine, and with it the console.
+        with self.console("--set", "python.sigint:uint32=0") as console:
+            console.prompt()
+            console.control("C")
+            self.assertEnds(console)
+
+    def test_the_end_leaves_the_terminal_as_it_was(self):
+        for line, status in (
+            ("quit()", 0), ("quit(3)", 3), ("exit()", 0), ("exit(4)", 4), ("exit('x')", 1), ("engine.exit()", 0),
+            ("raise SystemExit", 0), ("import sys; sys.exit(256 + 5)", 5), ("raise SystemExit('last words')", 1),
+            ("exec('try: quit(1)\\nfinally: exit(6)')", 1),
+            ("import os, signal; os.kill(os.getpid(), signal.SIGTERM)", 0),
+        ):
+            with self.subTest(line), self.console() as console:
+                console.prompt()
+                self.assertEnds(console, line, status)
+                self.assertNotRegex(console.transcript.split("\n", 1)[1], "SystemExit|Error|ignored")
+                self.assertEqual(len(re.findall("(?m)^last words$", console.transcript)), "last words" in line)
+
+    def test_an_engine_thread_ends_the_console(self):
+        for typed, under_way in (("", "engine> "), ("if True:\n", r"\.\.\. "), ("input('go' + 'ing')\n", "going"),
+                                 ("exec(\"print('go' + 'ing')\\nwhile True: pass\")\n", "going")):
+            with self.subTest(typed), self.console() as console:
+                if typed:
+                    console.ask("timer = timeout(400, lambda: exit(9))")
+                    console.prompt()
+                    console.write(typed)
+                else:
+                    console.prompt()
+                    console.send("timer = timeout(400, lambda: exit(9))")
+                console.expect(under_way)
+                self.assertEnds(console, status=9)
+
+
+class LineEditing(ConsoleTest):
+    def test_completion_and_history(self):
+        with self.console() as console:
+            self.assertIn("readline", console.ask("import sys; [name for name in sys.modules if name == 'readline']"))
+            console.prompt()
+            console.write("engine.isRun\t")
+            console.expect(r"isRunning\(\)")
+            console.send()
+            console.expect("True\n")
+            console.prompt()
+            console.send("6 * 7")
+            console.expect("42\n")
+            console.prompt()
+            console.control("P")
+            console.expect(r"6 \* 7")
+            console.send(" + 1")
+            console.expect("43\n")
+            console.prompt()
+            self.assertEnds(console, "quit()")
+        with self.console() as console:  # the next day
+            console.prompt()
+            for line in (r"quit\(\)", r"6 \* 7 \+ 1"):
+                console.control("P")
+                console.expect(line)
+            console.send()
+            console.expect("43\n")
+            console.prompt()
+            console.control("D")
+            self.assertEnds(console)
+
+
+class Streams(ConsoleTest):
+    def test_a_terminal_for_input_only(self):
+        with tempfile.NamedTemporaryFile("r") as output, self.console(
+                "-c", 'exec "$0" > "$1"', ENGINE, output.name, program="/bin/sh") as console:
+            console.prompt()
+            console.send("print('out' + 'put')")
+            console.prompt()
+            console.write("half")
+            console.control("C")
+            console.expect("KeyboardInterrupt\n")
+            console.prompt()
+            self.assertEnds(console, "exit(3)", 3)
+            self.assertEqual(output.read(), "output\n")
+
+    def test_closed_streams(self):
+        for closed, command, status in ((0, None, 0), (1, "print(1)", 0), (2, "import sys; print(2, file=sys.stderr)", 0),
+                                        ("012", "input()", 1)):
+            with self.subTest(closed):
+                shut = " ".join(f"{number}>&-" for number in str(closed))
+                options = [] if command is None else ["-c", command]
+                result = subprocess.run(["/bin/sh", "-c", f'exec "$0" "$@" {shut}', ENGINE, *options],
+                                        stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60)
+                self.assertEqual((result.returncode, result.stdout, result.stderr), (status, "", ""))
+
+    def test_output_that_nobody_reads(self):
+        read_end, write_end = os.pipe()
+        os.close(read_end)
+        with os.fdopen(write_end, "w") as output:
+            result = subprocess.run([ENGINE, "-c", "print('x' * 100_000, flush=True)"], stdout=output, timeout=60,
+                                    stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("BrokenPipeError", result.stderr)
+
+    def test_standard_input_in_pieces_that_does_not_wait(self):
+        read_end, write_end = os.pipe()
+        os.set_blocking(read_end, False)
+        with subprocess.Popen([ENGINE, "--set", "python.start=print('ready', flush=True)"], stdin=read_end,
+                              stdout=subprocess.PIPE, text=True) as process:
+            os.close(read_end)
+            self.assertEqual(process.stdout.readline(), "ready\n")
+            for piece in ("print('", "a" * 10_000, "')\nprint(2)"):
+                os.write(write_end, piece.encode())
+            os.close(write_end)
+            self.assertEqual(process.communicate(timeout=60)[0], "a" * 10_000 + "\n2\n")
+        self.assertEqual(process.returncode, 0)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,248 @@
+"""listValue and listKeyValue where the fuzz test does not reach: odd records, ownership, Python code within a call."""
+
+import copy
+import ctypes
+import gc
+import pickle
+import threading
+import types
+import unittest
+from unittest import mock
+
+from support import TIME_LIMIT, engine_double
+from support.engine_double import Value
+
+WRONG_TYPE = "Argument '{}' has incorrect type (expected {}, got {})"
+
+
+class Selector:
+    """Equal to what `equals` says, which may do anything."""
+
+    def __init__(self, equals):
+        self.equals = equals
+
+    def __eq__(self, other):
+        return self.equals(other)
+
+
+class ListTestCase(engine_double.TestCase):
+    def setUp(self):
+        super().setUp()
+        self.kinds = self.sonetrix.listValue, self.sonetrix.listKeyValue
+
+    @staticmethod
+    def put(target, value, *rest, key="k"):
+        """Appends to either kind."""
+        return target.append(key, value, *rest) if hasattr(target, "remove") else target.append(value, *rest)
+
+    @staticmethod
+    def values(target):
+        return list(target.toDict().values()) if hasattr(target, "remove") else target.toList()
+
+    def handle(self, target):
+        """The engine list inside: the address in the record of a read."""
+        self.values(target)
+        return engine_double.calls("*ForEach")[-1].args[0]
+
+
+class ValueTest(ListTestCase):
+    def test_empty_objects_make_no_engine_calls(self):
+        plain, keyed = (kind() for kind in self.kinds)
+        self.assertEqual((plain.toList(), plain.toListType(), plain.dup().toList()), ([], [], []))
+        self.assertEqual((keyed.toDict(), keyed.toDictType(), keyed.dup().remove("a").toDict(len)), ({},) * 3)
+        self.assertEqual(keyed.appendFromDict({}).appendFromDictType(d={}).toDict(), {})
+        self.assertEqual(engine_double.calls(), [])
+
+    def test_filters_and_order(self):
+        keyed = self.sonetrix.listKeyValue().append("a", 1).append("b", (1, 2), "int").append(k="a", v=2.5)
+        self.assertEqual(list(keyed.toDictType().items()), [(b"a", (2.5, "float")), (b"b", ((1, 2), "aint32"))])
+        self.assertEqual(keyed.toDict(lambda item: item[0] != b"a"), {b"b": (1, 2)})
+        self.assertEqual(keyed.toDictType(cb=lambda item: item[1][1] == "float"), {b"a": (2.5, "float")})
+        self.assertIs(keyed.remove("missing").remove(b"a"), keyed)
+        self.assertEqual(keyed.toDict(), {b"b": (1, 2)})
+
+    def test_refusals(self):
+        plain, keyed = (kind() for kind in self.kinds)
+        odd = type("OddItems", (dict,), {"items": lambda self: self["items"]})
+        for kind, text, call, argument in (
+                (TypeError, WRONG_TYPE.format("other", "sonetrix.listValue", "sonetrix.listKeyValue"), plain.merge,
+                 keyed),
+                (TypeError, WRONG_TYPE.format("other", "sonetrix.listKeyValue", "NoneType"), keyed.merge, None),
+                (TypeError, WRONG_TYPE.format("d", "dict", "list"), keyed.appendFromDict, []),
+                (TypeError, WRONG_TYPE.format("d", "dict", "NoneType"), keyed.appendFromDictType, None),
+                (TypeError, "cannot unpack non-iterable int object", keyed.appendFromDictType, {"a": 5}),
+                (ValueError, "not enough values to unpack (expected 2, got 1)", keyed.appendFromDictType, {"a": "x"}),
+                (ValueError, "too many values to unpack (expected 2)", keyed.appendFromDictType, {"a": (1, 2, 3)}),
+                (ValueError, "not enough values to unpack (expected 2, got 1)", keyed.appendFromDict, odd(items=["a"])),
+                (TypeError, "cannot unpack non-iterable int object", keyed.appendFromDict, odd(items=[5]))):
+            self.assertRefused(kind, text, call, argument)
+
+    def test_conversion_errors_are_unraisable(self):
+        class Failing(int):
+            def fail(self, *_):
+                raise KeyError("failing")
+            __int__ = __lt__ = fail
+        for target, value, selector, place, error in (
+                (0, (2**31,), "int32", "tupleToInt32", OverflowError),
+                (0, (1, Failing(2)), None, "tupleToInt32", KeyError),
+                (0, (2**32,), "uint32", "tupleToUInt32", OverflowError),
+                (1, (Failing(1),), "uint", "tupleToUInt32", KeyError),
+                (0, (1,), "int", "listValue.appendTuple", Exception),
+                (1, (1,), "int32", "listKeyValue.appendTuple", Exception),
+                (1, (1,), Selector(lambda other: 1 / 0), "listKeyValue.appendTuple", ZeroDivisionError)):
+            with self.subTest(value=value, selector=selector), engine_double.unraisables() as reports:
+                refused = "tuple value type not supported"
+                self.assertRefused(Exception, refused, self.put, self.kinds[target](), value, selector)
+                self.assertEqual([(name, type(kind)) for name, kind in reports], [("sonetrix." + place, error)])
+
+    def test_selectors_compare_by_equality(self):
+        for name, value, expected in (("uint32", 5, "uint32"), (ctypes.c_uint32, 5, "uint32"), (None, 5, "int32"),
+                                      ("double", 0.5, "double"), (ctypes.c_float, 0.5, "float"),
+                                      ("string", b"x", "string")):
+            plain, keyed = (self.put(kind(), value, Selector(lambda other: other == name)) for kind in self.kinds)
+            self.assertEqual([plain.toListType()[0], keyed.toDictType()[b"k"]], [(value, expected)] * 2)
+        with mock.patch.object(self.sonetrix, "ctypes", types.SimpleNamespace(c_int32=int, c_uint32=float)):
+            self.assertEqual(self.sonetrix.listValue().append(2**31, float).toListType(), [(2**31, "uint32")])
+
+    def test_comparison_and_copies(self):
+        for kind in self.kinds:
+            name = f"sonetrix.{kind.__name__}"
+            one, empty = self.put(kind(), 1), kind()
+            self.assertTrue(one == one and empty == kind() and one != None and None != one and not one == None)
+            self.assertFalse(one == one.dup() or one != one)
+            self.assertRefused(TypeError, WRONG_TYPE.format("other", name, "int"), one.__eq__, 5)
+            self.assertRefused(TypeError, f"'<' not supported between instances of '{name}' and '{name}'",
+                               lambda: one < one)
+            self.assertRefused(TypeError, f"unhashable type: '{name}'", hash, one)
+            for refused in pickle.dumps, copy.copy, copy.deepcopy:
+                self.assertRefused(TypeError, "no default __reduce__ due to non-trivial __cinit__", refused, one)
+            other = self.put(one.dup(), 2, key="other")
+            self.assertIsNone(empty.merge(other))
+            empty.merge(empty), empty.merge(kind())
+            self.assertEqual([self.values(each) for each in (one, empty, self.put(other, 3))], [[1], [1, 2], [3]])
+
+    def test_subclasses(self):
+        class Sub(self.sonetrix.listKeyValue):
+            def __init__(self, *names):
+                self.names, self.cycle = list(names), self
+            def append(self, k, v, type=None):
+                self.names.append(k)
+                return super().append(k, v, type)
+        sub = Sub("x").appendFromDict({"a": 1}).appendFromDictType({"b": (2.5, "double")})
+        self.assertEqual((sub.names, sub.toDictType()), (["x", "a", "b"], {b"a": (1, "int32"), b"b": (2.5, "double")}))
+        self.assertIs(type(sub.dup()), self.sonetrix.listKeyValue)
+
+
+class ReadTest(ListTestCase):
+    ODD = [Value(99), Value.of(1), Value(3), Value.of((), "auint32"), Value.of((), "aint32"), Value.of((), "afloat"),
+           Value.of((1, 2**32 - 1), "auint32"), Value(8), Value.of("x"), Value.of(2**32 - 1, "uint32"),
+           Value(5, count=3)]
+    KEYED_ODD = {str(index): value for index, value in enumerate(ODD)}
+    PLAIN = [1, (), (), (), (1, 2**32 - 1), b"x", 2**32 - 1]
+    PAIRS = list(zip(PLAIN, ("int32", "auint32", "aint32", "afloat", "auint32", "string", "uint32")))
+    TYPED = [PAIRS[0], (), (), PAIRS[3], ((1, "auint32"), (2**32 - 1, "auint32")), *PAIRS[5:]]
+
+    def test_odd_records_are_left_out(self):
+        plain, keyed = (self.put(kind(), 0) for kind in self.kinds)
+        engine_double.extend_list(self.handle(plain), self.ODD)
+        engine_double.extend_list(self.handle(keyed), self.KEYED_ODD)
+        self.assertEqual((plain.toList()[1:], plain.toListType()[1:]), (self.PLAIN, self.TYPED))
+        self.assertEqual(list(keyed.toDict().items())[1:],
+                         list(zip([b"1", b"3", b"4", b"5", b"6", b"8", b"9"], self.PLAIN)))
+        self.assertEqual(list(keyed.toDictType().values())[1:], self.PAIRS)
+        for name in "sonetrix_valueListForEach", "sonetrix_keyValueListForEach":
+            engine_double.stop_on_error(name)  # the first odd record ends the reading
+        self.assertEqual((plain.toList(), plain.toListType(), keyed.toDict()), ([0], [(0, "int32")], {b"k": 0}))
+
+    def test_callbacks_with_and_without_the_lock(self):
+        plain, keyed = (self.put(kind(), 0) for kind in self.kinds)
+        for read, entries, expected, report in (
+                (plain.toList, self.ODD, self.PLAIN, None),
+                (plain.toListType, self.ODD, self.TYPED, "create_list_value"),
+                (keyed.toDict, self.KEYED_ODD, self.PLAIN, None),
+                (keyed.toDictType, self.KEYED_ODD, self.PAIRS, "create_list_keyvalue")):
+            for mode in {"lock_held": True}, {"lock_held": False}, {"native_thread": True}:
+                container = type(read())()
+                self.assertEqual(engine_double.read_again(entries, container, **mode), 4)
+                self.assertEqual(list(container.values()) if isinstance(container, dict) else container, expected)
+                with engine_double.unraisables() as reports:  # and with a container that is none
+                    self.assertEqual(engine_double.read_again(entries, (), **mode), 0 if report else len(entries))
+                name = f"sonetrix.{read.__qualname__.split('.')[0]}.{report}_type_nogil"
+                text = f"Expected {type(container).__name__}, got tuple"
+                self.assertEqual([(place, str(error)) for place, error in reports],
+                                 [(name, text)] * (report and len(entries) or 0))
+        other = [5]
+        engine_double.user_data("sonetrix_valueListForEach", other)
+        self.assertEqual((plain.toList(), other), ([], [5, 0]))
+
+
+class OwnershipTest(ListTestCase):
+    """That nothing is destroyed twice or stays behind is checked after each test of this file."""
+
+    def test_engine_without_memory(self):
+        for kind, family, text in zip(self.kinds, ("value", "keyValue"), ("listvalue", "listkey")):
+            one, empty = self.put(kind(), 1), kind()
+            engine_double.null(f"sonetrix_{family}ListNew")
+            engine_double.null(f"sonetrix_{family}ListDeepCopy")
+            self.assertRefused(Exception, text + " cannot be NULL on init", one.dup)
+            self.assertRaises(MemoryError, self.put, empty, 1)
+            self.assertRaises(MemoryError, empty.merge, one)
+            self.assertEqual((self.values(one), self.values(empty)), ([1], []))
+
+    def test_destroyed_at_once(self):
+        for kind in self.kinds:
+            made = [self.put(kind(), 1), self.put(kind(), 2), kind()]
+            made.append(made[0].dup())
+            made[2].merge(made[1])
+            handles = sorted(map(self.handle, made))
+            self.assertRaises(Exception, self.put, made[2], [])
+            engine_double.clear()
+            del made
+            self.assertEqual(sorted(call.args[0] for call in engine_double.calls("*ListDestroy")), handles)
+
+    def test_python_code_in_the_middle(self):
+        """A selector, filter or element that changes the very list, or takes its contents away."""
+        for kind in self.kinds:
+            for change in (lambda one, other: self.put(one, 9), lambda one, other: other.merge(one),
+                           lambda one, other: one.merge(other), lambda one, other: (one.__init__(), gc.collect())):
+                one, other = self.put(kind(), 1), self.put(kind(), 2, key="o")
+                def act(*_):
+                    change(one, other)
+                element = type("Element", (int,), {"__int__": lambda self: act() or 5})
+                self.assertRaises(Exception, self.put, one, 5, Selector(act))
+                self.put(one, (element(1), element(2)))
+                if kind is self.sonetrix.listKeyValue:
+                    self.assertEqual(one.toDict(act), {})
+                    one.appendFromDictType({"a": [(element(3),), Selector(lambda name: act() or name == "int")]})
+                self.values(one), self.values(other)
+        keyed = self.sonetrix.listKeyValue().append("a", 1)
+        self.assertEqual(keyed.toDict(lambda item: keyed.remove("a") and keyed.append("b", 2)), {b"a": 1})
+        growing = {"c": [3, Selector(lambda name: growing.update({len(growing): 1}) or name == "int32")]}
+        self.assertEqual(keyed.appendFromDictType(growing).toDict(), {b"b": 2, b"c": 3})
+
+    def test_other_thread_changes_a_list_that_the_engine_reads(self):
+        """The engine goes on with the list as it was; the change is made at once, and is there."""
+        name = "sonetrix_engine_SetParamsFull"
+        for change, expected in (
+                (lambda one, other: one.append("new", 1), {b"k": 5, b"new": 1}),
+                (lambda one, other: one.remove("k"), {}),
+                (lambda one, other: one.merge(other), {b"k": 5, b"o": 6}), (lambda one, other: other.merge(one), {})):
+            one, other, written = self.put(self.kinds[1](), 5), self.put(self.kinds[1](), 6, key="o"), []
+            engine_double.reset()
+            engine_double.delay(name, TIME_LIMIT)
+            readers = [threading.Thread(target=lambda: written.append(self.sonetrix.engine.setParams(one)))
+                       for _ in "12"]
+            for reader in readers:
+                reader.start()
+            while len(engine_double.calls(name)) < 2:
+                self.assertTrue(readers[0].is_alive())
+            change(one, other)
+            self.assertEqual((one.toDict(), written), (expected, []))
+            engine_double.delay(name, 0)
+            for reader in readers:
+                reader.join()
+            self.assertEqual([result.toDict() for result in written], [{b"k": 5}] * 2)
+
+
+if __name__ == "__main__":
+    unittest.main()
