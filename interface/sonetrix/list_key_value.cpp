@@ -55,7 +55,7 @@ private:
 
 Ref self(ListKeyValue &list) { return Ref::borrow(reinterpret_cast<PyObject *>(&list)); }
 
-void appendEntry(ListKeyValue &list, PyObject *key, PyObject *value, PyObject *selector) {
+[[gnu::always_inline]] inline void appendEntry(ListKeyValue &list, PyObject *key, PyObject *value, PyObject *selector) {
     list.writable();
     const EngineText text = toKey(key);
     appendValue(KeyValueTarget(list, text.get()), value, Selector(selector));

@@ -35,21 +35,22 @@ void printSequence(const char *sequence, const char *end) {
 HiddenCursor::HiddenCursor() { printSequence(hideCursor, "\r"); }
 
 HiddenCursor::~HiddenCursor() {
-    if (!hidden_) {
-        return;
-    }
-    Ref raised = version::takeRaised();
-    try {
-        show();
-    } catch (const PythonError &) {
-        PyErr_Clear(); // the exception that ends the monitor is the one that matters
+    Ref raised = version::takeRaised(); // what ends the monitor is what matters
+    for (int attempts = 3; hidden_ && attempts > 0; --attempts) {
+        try {
+            show();
+        } catch (const PythonError &) {
+            // Another interrupt may strike before the sequence is out.
+            attempts = PyErr_ExceptionMatches(PyExc_KeyboardInterrupt) != 0 ? attempts : 0;
+            PyErr_Clear();
+        }
     }
     version::setRaised(std::move(raised));
 }
 
 void HiddenCursor::show() {
-    hidden_ = false;
     printSequence(showCursor, "\n");
+    hidden_ = false;
 }
 
 bool engineIsRunning() { return checked(PyObject_IsTrue(callEngine(isRunningName).get())) != 0; }

@@ -39,13 +39,17 @@ class Dialogue(ConsoleTest):
                 ("from __future__ import annotations", ""),
                 ("def later() -> undefined: pass\n", "..."),
                 ("later.__annotations__", "{'return': 'undefined'}"),
-                ("(1,\n2)", "... (1, 2)"),
-                ("if True:\n\x04", None),  # Ctrl-D ends the statement, not the console
-                ("4", "4"),
+                ("(1,\n2)", "(1, 2)"),
             ):
                 with self.subTest(line):
                     given = console.ask(line).split("\n" * line.count("\n"))[-1] if line.count("\n") else console.ask(line)
-                    self.assertTrue(answer is None or given.strip().endswith(answer.strip()), console.transcript)
+                    self.assertTrue(given.strip().endswith(answer.strip()), console.transcript)
+            console.prompt()
+            console.send("if True:")
+            console.expect(r"\.\.\. ")
+            console.control("D")  # ends the statement, not the console
+            console.expect("IndentationError.*")
+            self.assertEqual(console.ask("4"), "4")
             console.prompt()
             console.control("D")
             self.assertEnds(console)

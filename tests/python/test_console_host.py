@@ -314,38 +314,34 @@ class Stop(unittest.TestCase):
 
     def test_at_random_moments(self):
         """Whatever the moment: the end comes, in time and whole, and every clear callback has run once."""
-        loops = ["import time\nwhile True: time.sleep(0.0003)", "while True: [str(i) for i in range(50)]",
-                 "while True: engine.getModuleInfos(), log.debug('x'), listValue().append(1)"]
+        loops = "import time\nwhile True: time.sleep(0.0003)", "while True: [str(i) for i in range(50)]"
 
         def attempt(seed):
             pick = random.Random(seed)
             delay = int(pick.expovariate(1 / 25)) * SLOWNESS
-            if pick.random() < 0.4:
+            if pick.random() < 0.25:
                 report = run_console_host("--text", "python.start=" + CLEARED, "--stop-after", 20 * SLOWNESS + delay,
                                           text_input=pick.choice(loops))
                 check_end(report.facts, report.log, report.result.stdout)
-                return report.facts["run"], report.log[-3:]
-            options = ["--stop-after", delay]
-            options += ["--uint", f"python.sigint={pick.choice([0, 1])}"] if pick.random() < 0.4 else []
-            with Host(*options, start=CLEARED + pick.choice(["", "import readline\n"])) as host:
-                kept = "python.sigint=0" in options
+                return report.facts["run"], report.log
+            keep = pick.random() < 0.2
+            options = ["--uint", "python.sigint=0"] if keep else []
+            with Host("--stop-after", delay, *options, start=CLEARED + pick.choice(["", "import readline\n"])) as host:
                 for _ in range(pick.randrange(8)):
                     host.send(pick.choice(["1 + 1", "if True: pass\n", "", "input()", "def f(): pass\n"]))
-                if not kept and pick.random() < 0.3:
-                    host.send(f"exec({pick.choice(loops)!r})")
-                if kept:
-                    host.send("\n" * 20)  # whatever waits in input() gets its line
+                # What the engine keeps from being interrupted ends by itself.
+                host.send("\n" * 20 if keep else pick.choice(["", f"exec({pick.choice(loops)!r})"]))
                 facts, log = host.finish()
-                return facts["run"], log[-3:]
+                return facts["run"], log
 
-        count = int(os.environ.get("SONETRIX_STOPS", 300)) // SLOWNESS
+        count = int(os.environ.get("SONETRIX_STOPS", 200)) // SLOWNESS
         with concurrent.futures.ThreadPoolExecutor(4) as pool:
-            outcomes = {pool.submit(attempt, seed): seed for seed in range(count)}
-            for outcome in concurrent.futures.as_completed(outcomes):
-                with self.subTest(seed=outcomes[outcome]):
-                    run, lines = outcome.result()
+            for seed, outcome in enumerate([pool.submit(attempt, seed) for seed in range(count)]):
+                with self.subTest(seed=seed):
+                    run, log = outcome.result()
                     self.assertEqual(run, ENDED)
-                    self.assertIn(lines[lines.index(STOP_LINES[0]):], (STOP_LINES, STOP_LINES[::2]))  # before the run: no signal
+                    # A request that is faster than the run sends no signal.
+                    self.assertIn([line for line in log if line in STOP_LINES], (STOP_LINES, STOP_LINES[::2]))
 
 
 class End(unittest.TestCase):

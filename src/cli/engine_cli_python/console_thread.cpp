@@ -21,6 +21,9 @@ constexpr auto tick = 10ms;
 constexpr auto grace = 1s; // for running code, before it is interrupted and between two interruptions
 
 PyObject *onWake(PyObject *, PyObject *arguments) noexcept {
+    if (PyErr_Occurred() != nullptr) {
+        return nullptr; // input() looks for signals with KeyboardInterrupt on its way
+    }
     const bool codeIsRunning = PyTuple_GET_SIZE(arguments) == 2 && PyTuple_GET_ITEM(arguments, 1) != Py_None;
     if (ConsoleThread::instance().shouldRaise(codeIsRunning)) {
         PyErr_SetNone(PyExc_KeyboardInterrupt);
