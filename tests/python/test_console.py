@@ -35,20 +35,19 @@ class Dialogue(ConsoleTest):
                 ("engine.isRunning(), exit.__module__", "(True, 'sonetrix')"),
                 ("1 / 0", 'Traceback (most recent call last):\n  File "__engine__", line 1, in <module>\n'
                           "ZeroDivisionError: division by zero"),
-                ("x =", '  File "__engine__", line 1\n    x =\n       ^\nSyntaxError: invalid syntax'),
+                ("x =", 'File "__engine__", line 1\n    x =\n       ^\nSyntaxError: invalid syntax'),
                 ("from __future__ import annotations", ""),
-                ("def later() -> undefined: pass\n", "..."),
-                ("later.__annotations__", "{'return': 'undefined'}"),
+                ("class Later: at: undefined = 4\n", "..."),
+                ("Later.__annotations__", "{'at': 'undefined'}"),
                 ("(1,\n2)", "(1, 2)"),
             ):
                 with self.subTest(line):
-                    given = console.ask(line).split("\n" * line.count("\n"))[-1] if line.count("\n") else console.ask(line)
-                    self.assertTrue(given.strip().endswith(answer.strip()), console.transcript)
+                    self.assertTrue(console.ask(line).endswith(answer), console.transcript)
             console.prompt()
-            console.send("if True:")
+            console.send("def later():")
             console.expect(r"\.\.\. ")
             console.control("D")  # ends the statement, not the console
-            console.expect("IndentationError.*")
+            console.expect("IndentationError")
             self.assertEqual(console.ask("4"), "4")
             console.prompt()
             console.control("D")
@@ -89,8 +88,7 @@ class Interruption(ConsoleTest):
                     console.prompt()
                     console.write(typed)
                     console.expect(under_way)
-                    console.control("C")
-                    before = console.expect("KeyboardInterrupt\n")
+                    before = console.interrupt()
                     self.assertEqual("Traceback" in before, traceback, console.transcript)
                 self.assertEqual(console.ask("engine.isRunning()"), "True")
                 console.prompt()
@@ -117,51 +115,6 @@ class Interruption(ConsoleTest):
                 self.assertNotRegex(console.transcript.split("\n", 1)[1], "SystemExit|Error|ignored")
                 self.assertEqual(len(re.findall("(?m)^last words$", console.transcript)), "last words" in line)
 
-    def test_an_engine_thread_ends_the_console(self):
-        for typed, under_way in (("", "engine> "), ("if True:\n", r"\.\.\. "), ("input('go' + 'ing')\n", "going"),
-                                 ("exec(\"print('go' + 'ing')\\nwhile True: pass\")\n", "going")):
-            with self.subTest(typed), self.console() as console:
-                if typed:
-                    console.ask("timer = timeout(400, lambda: exit(9))")
-                    console.prompt()
-                    console.write(typed)
-                else:
-                    console.prompt()
-                    console.send("timer = timeout(400, lambda: exit(9))")
-                console.expect(under_way)
-                self.assertEnds(console, status=9)
-
-
-class LineEditing(ConsoleTest):
-    def test_completion_and_history(self):
-        with self.console() as console:
-            self.assertIn("readline", console.ask("import sys; [name for name in sys.modules if name == 'readline']"))
-            console.prompt()
-            console.write("engine.isRun\t")
-            console.expect(r"isRunning\(\)")
-            console.send()
-            console.expect("True\n")
-            console.prompt()
-            console.send("6 * 7")
-            console.expect("42\n")
-            console.prompt()
-            console.control("P")
-            console.expect(r"6 \* 7")
-            console.send(" + 1")
-            console.expect("43\n")
-            console.prompt()
-            self.assertEnds(console, "quit()")
-        with self.console() as console:  # the next day
-            console.prompt()
-            for line in (r"quit\(\)", r"6 \* 7 \+ 1"):
-                console.control("P")
-                console.expect(line)
-            console.send()
-            console.expect("43\n")
-            console.prompt()
-            console.control("D")
-            self.assertEnds(console)
-
 
 class Streams(ConsoleTest):
     def test_a_terminal_for_input_only(self):
@@ -171,8 +124,7 @@ class Streams(ConsoleTest):
             console.send("print('out' + 'put')")
             console.prompt()
             console.write("half")
-            console.control("C")
-            console.expect("KeyboardInterrupt\n")
+            console.interrupt()
             console.prompt()
             self.assertEnds(console, "exit(3)", 3)
             self.assertEqual(output.read(), "output\n")
@@ -186,15 +138,6 @@ class Streams(ConsoleTest):
                 result = subprocess.run(["/bin/sh", "-c", f'exec "$0" "$@" {shut}', ENGINE, *options],
                                         stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60)
                 self.assertEqual((result.returncode, result.stdout, result.stderr), (status, "", ""))
-
-    def test_output_that_nobody_reads(self):
-        read_end, write_end = os.pipe()
-        os.close(read_end)
-        with os.fdopen(write_end, "w") as output:
-            result = subprocess.run([ENGINE, "-c", "print('x' * 100_000, flush=True)"], stdout=output, timeout=60,
-                                    stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-        self.assertEqual(result.returncode, 1)
-        self.assertIn("BrokenPipeError", result.stderr)
 
     def test_standard_input_in_pieces_that_does_not_wait(self):
         read_end, write_end = os.pipe()

@@ -10,11 +10,11 @@ import tempfile
 import time
 import unittest
 
-from support import CONSOLE_HOST, ENGINE, MODULE, SLOWNESS, programs
+from support import CONSOLE_HOST, MODULE, SLOWNESS, programs
 from support.console import Console
 from support.programs import run_console_host
 
-DEBUG, INFO, WARN, ERROR = range(1, 5)
+DEBUG, INFO, WARN = range(1, 4)
 ENDED, SUCCEEDED = -1, -2
 REQUEST, SIGNAL, ALREADY = "request to stop cli", "SIGINT to python cli thread", "cli stop already send"
 CLEARING = (DEBUG, "clearing sonetrix Python module")
@@ -212,7 +212,6 @@ class Stop(unittest.TestCase):
     STATES = {
         "prompt": ("", "engine> "),
         "continuation": ("if True:", r"\.\.\. "),
-        "half a line": ("", "engine> "),
         "sleep": ("import time; print('go' + 'ing'); time.sleep(1000)", "going"),
         "lock": ("import threading; print('go' + 'ing'); threading.Event().wait()", "going"),
         "compute": ("exec(\"print('go' + 'ing')\\nwhile True: pass\")", "going"),
@@ -223,17 +222,17 @@ class Stop(unittest.TestCase):
         "help": ("help()", "help> "),
     }
 
-    def enter(self, host, state, text, pattern):
-        if state != "prompt":
+    def enter(self, host, text, pattern):
+        if text:
             host.prompt()
-            host.write(text + "\n" if text else "1 + ")
-        host.expect(pattern if text or state == "prompt" else r"1 \+")
+            host.send(text)
+        host.expect(pattern)
 
     def test_in_every_state(self):
         for (state, (text, pattern)), editing in itertools.product(self.STATES.items(), (False, True)):
             start = CLEARED + ("import readline" if editing else "")
             with self.subTest(state=state, editing=editing), Host(start=start) as host:
-                self.enter(host, state, text, pattern)
+                self.enter(host, text, pattern)
                 began = time.monotonic()
                 host.command("stop", "stop")
                 facts, log = host.finish()
@@ -248,7 +247,7 @@ class Stop(unittest.TestCase):
         for state, editing in itertools.product(("prompt", "continuation"), (False, True)):
             start = CLEARED + ("import readline" if editing else "")
             with self.subTest(state=state, editing=editing), Host("--uint", "python.sigint=0", start=start) as host:
-                self.enter(host, state, *self.STATES[state])
+                self.enter(host, *self.STATES[state])
                 began = time.monotonic()
                 host.command("stop")
                 facts, log = host.finish()
@@ -360,7 +359,9 @@ threading.Thread(target=lambda: time.sleep(1000), name="daemon", daemon=True).st
                 self.assertEqual((report.result.stdout, report.result.stderr), ("" if forgotten else "finished\n", ""))
                 self.assertEqual(report.facts["blocks"], 0)
 
-    DAEMONS = """
+    def test_daemon_threads_inside_the_library_survive_the_end(self):
+        for attempt in range(30 // SLOWNESS):
+            result = programs.run_script("""
 def begin():
     import random, sonetrix, threading, time
     class Slow:
@@ -375,38 +376,26 @@ def begin():
     for index in range(6): threading.Thread(target=(calls, objects)[index % 2], daemon=True).start()
     time.sleep(random.random() * 0.05)
 begin()
-"""
-
-    def test_daemon_threads_inside_the_library_survive_the_end(self):
-        for attempt in range(30 // SLOWNESS):
-            result = programs.run_script(self.DAEMONS, "--log-level", "fatal")
+""", "--log-level", "fatal")
             self.assertEqual((result.returncode, result.stderr), (0, ""))
 
-    def test_a_thread_that_does_not_come_out(self):
+    def test_exit_handlers_find_the_library_and_a_thread_that_stays_inside_is_left_there(self):
         result = programs.run_script("""
-import threading, time, sonetrix
+import atexit, threading, time
 class Never:
     def __index__(self, sleep=time.sleep):
         while True: sleep(0.01)
+def work(over, engine=engine):
+    while not over.is_set(): engine.now()
+def leave(over, worker, engine=engine, print=print): over.set(); worker.join(); print("left", engine.getModuleNames())
+over = threading.Event()
+worker = threading.Thread(target=work, args=(over,), daemon=True); worker.start()
+atexit.register(leave, over, worker)
 threading.Thread(target=lambda log=log, Never=Never: log.setLevel(Never()), daemon=True).start()
 time.sleep(0.1)
-import atexit; atexit.register(lambda print=print: print("exit handler"))
 """, "--log-level", "error")
-        self.assertEqual((result.returncode, result.stdout), (0, "exit handler\n"))
+        self.assertEqual((result.returncode, result.stdout), (0, "left [b'system']\n"))
         self.assertRegex(result.stderr, "^ERROR .*a thread does not return from Python: the interpreter is left as it is\n$")
-
-    def test_exit_handlers_find_the_library(self):
-        result = programs.run_script("""
-import atexit, threading, sonetrix
-over = threading.Event()
-def work(over=over, engine=engine):
-    while not over.is_set(): engine.now()
-def leave(over=over, engine=engine, print=print):
-    over.set(); worker.join(); print("left", engine.getModuleNames())
-worker = threading.Thread(target=work, daemon=True); worker.start()
-atexit.register(lambda leave=leave, worker=worker: leave.__globals__.update(worker=worker) or leave())
-""")
-        self.assertEqual((result.returncode, result.stdout, result.stderr), (0, "left [b'system']\n", ""))
 
     def test_stop_and_exit_in_clear_callbacks(self):
         result = programs.run_script("""

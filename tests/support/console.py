@@ -101,6 +101,20 @@ class Console:
     def control(self, letter):
         self.write(chr(ord(letter.upper()) - 64))
 
+    def interrupt(self):
+        """Ctrl-C, and what comes before the console says so. One that lands between the prompt and the read behind it is
+        noticed at the next key, as at any Python prompt: then it is pressed again."""
+        while True:
+            self.control("C")
+            again = time.monotonic() + 3 * TIME_LIMIT / 30
+            while time.monotonic() < again:
+                if match := re.compile("KeyboardInterrupt\n").search(self.transcript, self._position):
+                    return self.expect(re.escape(match.group()))
+                if select.select([self._terminal], [], [], 0.1)[0]:
+                    self._read()
+            if self._deadline < again:
+                self._fail("Ctrl-C is not noticed")
+
     def signal(self, number=signal.SIGINT):
         self.process.send_signal(number)
 
