@@ -82,12 +82,12 @@ Ref cut(const Ref &text, Py_ssize_t columns) {
     return columns > 0 ? checked(PyUnicode_Substring(text.get(), 0, columns)) : text;
 }
 
-Ref formatted(PyObject *number, const char *specification) {
-    return checked(PyObject_Format(number, checked(PyUnicode_FromString(specification)).get()));
+Ref formatted(PyObject *number, const char *formatSpec) {
+    return checked(PyObject_Format(number, checked(PyUnicode_FromString(formatSpec)).get()));
 }
 
-Ref formatted(double number, const char *specification) {
-    return formatted(checked(PyFloat_FromDouble(number)).get(), specification);
+Ref formatted(double number, const char *formatSpec) {
+    return formatted(checked(PyFloat_FromDouble(number)).get(), formatSpec);
 }
 
 } // namespace sonetrix

@@ -38,9 +38,9 @@ struct TerminalSize {
 TerminalSize terminalSize();
 // The first `columns` characters; all of them when there are no columns.
 Ref cut(const Ref &text, Py_ssize_t columns);
-// format(number, specification)
-Ref formatted(PyObject *number, const char *specification);
-Ref formatted(double number, const char *specification);
+// format(number, formatSpec)
+Ref formatted(PyObject *number, const char *formatSpec);
+Ref formatted(double number, const char *formatSpec);
 
 template <class Redraw> void whileRunning(Redraw &&redraw) {
     while (engineIsRunning()) {

@@ -19,9 +19,9 @@ WARM_UP, ROUNDS = 3, 3
 
 def groups(files):
     for file in files:
-        specification = importlib.util.spec_from_file_location(pathlib.Path(file).stem, file)
-        module = sys.modules[specification.name] = importlib.util.module_from_spec(specification)
-        specification.loader.exec_module(module)
+        found = importlib.util.spec_from_file_location(pathlib.Path(file).stem, file)
+        module = sys.modules[found.name] = importlib.util.module_from_spec(found)
+        found.loader.exec_module(module)
         for case in vars(module).values():
             if isinstance(case, type) and issubclass(case, unittest.TestCase) and case.__module__ == module.__name__:
                 yield case

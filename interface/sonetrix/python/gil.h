@@ -23,8 +23,8 @@ template <class TakeLock> [[gnu::always_inline]] inline auto takeLockOrPark(Take
 }
 
 // A frame of this library that may run Python code. If the interpreter ended a thread somewhere below, it would be
-// unwound through frames that hold references, so the end waits for such threads to come out and lets no more in. All of
-// it is guarded by the interpreter lock.
+// unwound through frames that hold references, so the end waits for such threads to come out and lets no more in. All
+// of it is guarded by the interpreter lock.
 class LibraryFrame {
 public:
     LibraryFrame() noexcept : outer_(counted_) {

@@ -30,7 +30,7 @@ constexpr const char *importStatement = "from sonetrix import *";
 constexpr const char *cleanUpStatement = "globals().clear()\n";
 
 constexpr std::chrono::milliseconds lastCallsLimit{1000}; // for threads inside this library's functions
-constexpr double lastThreadsLimit = 3.0; // seconds that forgotten Python threads delay the end
+constexpr double lastThreadsLimit = 3.0;                  // seconds that forgotten Python threads delay the end
 
 bool ready = false;
 
