@@ -129,6 +129,7 @@ print([call.name for call in double.calls()])
 assert importlib.reload(sonetrix) is sonetrix
 del sys.modules["sonetrix"]
 print(*refusal(importlib.import_module, "sonetrix"))
+sys.stdout.flush()
 import _xxsubinterpreters as interpreters
 interpreters.run_string(interpreters.create(isolated=False), '''
 try:

@@ -27,6 +27,11 @@ TIME_LIMIT = 30.0 * SLOWNESS
 # The thread sanitizer holds a signal back until the thread's next library call, and a busy loop makes none.
 SIGNALS_REACH_BUSY_LOOPS = SANITIZER != "thread"
 
+# What is set here for the user's own interpreters must not change what the tests see: buffering, above all.
+for _name in [name for name in os.environ if name.startswith("PYTHON") and name not in ("PYTHONPATH", "PYTHONMALLOC")]:
+    del os.environ[_name]
+os.environ["PYTHONDONTWRITEBYTECODE"] = "1"
+
 # The sanitizer's run-time library was brought in for this interpreter only; children that need it say so.
 PRELOAD = os.environ.pop("LD_PRELOAD", None)
 

@@ -146,6 +146,15 @@ void runExitHandlers() noexcept {
     }
 }
 
+// What finalisation would have done.
+void flushStandardOutput() noexcept {
+    PyObject *output = PySys_GetObject("stdout");
+    if (output != nullptr && output != Py_None) {
+        Ref::steal(PyObject_CallMethod(output, "flush", nullptr));
+        PyErr_Clear();
+    }
+}
+
 } // namespace
 
 bool registerModule() noexcept {
@@ -213,6 +222,7 @@ void endInterpreter() noexcept {
     if (!endCallbacks() || !LibraryFrame::close(lastCallsLimit)) {
         // To finalise under a thread that is inside Python would end it, and the engine with it.
         log(SONETRIX_LOG_ERROR, "a thread does not return from Python: the interpreter is left as it is");
+        flushStandardOutput();
         giveGilUp();
         return;
     }
