@@ -195,6 +195,7 @@ void Engine::join() {
     notifier_->join();
     timers_.join();
     finishAudio();
+    graph_->join();
 }
 
 void Engine::setExitCode(int32_t code) noexcept {

@@ -56,6 +56,7 @@ public:
     void join();
 
     [[nodiscard]] bool isRunning() const noexcept { return running_; }
+    [[nodiscard]] bool stopRequested() const noexcept { return stopRequested_; }
     void setExitCode(int32_t code) noexcept;
     [[nodiscard]] std::optional<int32_t> exitCode() const noexcept;
 

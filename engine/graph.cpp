@@ -55,13 +55,16 @@ Graph::Graph(std::shared_ptr<SystemModule> system,
     planThread_ = engineThread("sonetrix-graph", [this](const std::stop_token &) { planThreadMain(); });
 }
 
-Graph::~Graph() {
+Graph::~Graph() { join(); }
+
+void Graph::join() {
     {
         const std::lock_guard lock(mutex_);
         ending_ = true;
     }
     changed_.notify_all();
-    planThread_.join();
+    if (planThread_.joinable())
+        planThread_.join();
 }
 
 int32_t Graph::createModule(const char *name, const char *identifier, const ListKeyValue *configuration) {
@@ -258,7 +261,7 @@ void Graph::flush() {
     const uint64_t edits = edits_;
     ++flushing_;
     changed_.notify_all();
-    changed_.wait(lock, [&] { return planned_ >= edits; });
+    changed_.wait(lock, [&] { return ending_ || planned_ >= edits; });
     --flushing_;
 }
 

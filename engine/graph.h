@@ -69,6 +69,9 @@ public:
 
     /// Returns when all edits made before are ready for the audio thread's next block.
     void flush();
+    /// Ends the thread that destroys modules: it must not meet the exit handlers of their plugins' libraries. Edits do
+    /// not reach the audio thread any more.
+    void join();
 
 private:
     struct Entry;

@@ -59,13 +59,13 @@ void addStartCode(ProgramOptions &options) {
 }
 
 /// Runs the module on this thread. The status of what it ran.
-int32_t runModule(CliModule &module, bool scriptOnly, std::atomic<bool> &scriptRuns) {
+int32_t runModule(CliModule &module, const Engine &engine, bool scriptOnly, std::atomic<bool> &scriptRuns) {
     scriptRuns = scriptOnly;
     const bool started = module.start();
     scriptRuns = false;
     if (!started)
         return complain(exitUnavailable, "the scripting module has no interpreter");
-    if (scriptOnly)
+    if (scriptOnly || engine.stopRequested())
         return 0;
     const bool console = ::isatty(STDIN_FILENO) != 0;
     return module.run() == -1 && !console ? exitFailure : 0;
@@ -105,7 +105,7 @@ int runEngine(ProgramOptions options) {
 
     int status = exitUnavailable;
     if (module.construct(engine->startParameters(), error)) {
-        status = runModule(module, options.scriptOnly(), scriptRuns);
+        status = runModule(module, *engine, options.scriptOnly(), scriptRuns);
     } else {
         complain(status, error);
     }

@@ -17,7 +17,7 @@
 
 /// An engine for a test, used as scripts use it: through the C interface.
 class EngineTest : public testing::Test {
-protected:
+public:
     using Options = sonetrix::dev::Engine::Options;
     using ListValue = sonetrix::dev::ListValue;
     using ListKeyValue = sonetrix::dev::ListKeyValue;
@@ -40,10 +40,10 @@ protected:
         ASSERT_EQ(handle, sonetrix::dev::handleOf(engine.get()));
     }
 
-    int32_t add(const char *name, const char *identifier, const ListKeyValue *configuration = nullptr) {
+    int32_t add(const char *name, const char *identifier, const ListKeyValue *configuration = nullptr) const {
         return sonetrix_engine_ModuleNew(handle, name, identifier, configuration);
     }
-    int32_t link(const char *source, const char *sink) { return sonetrix_engine_LinkPort(handle, source, sink); }
+    int32_t link(const char *source, const char *sink) const { return sonetrix_engine_LinkPort(handle, source, sink); }
 
     template <class T> bool set(const char *key, const T &value) {
         ListKeyValue entry;
@@ -52,7 +52,7 @@ protected:
         sonetrix_engine_SetParamsFull(handle, &entry, &written);
         return written.size() == 1 && sonetrix::dev::identical(written[0].value, entry[0].value);
     }
-    std::unique_ptr<ListKeyValue> get(const char *key) {
+    std::unique_ptr<ListKeyValue> get(const char *key) const {
         ListValue keys;
         keys.add(key);
         return std::unique_ptr<ListKeyValue>(sonetrix_engine_GetParams(handle, &keys));
@@ -66,8 +66,8 @@ protected:
                 strings.emplace_back(value.as.string);
         return strings;
     }
-    Names links(const char *port) { return names(sonetrix_engine_GetLinkPort(handle, port)); }
-    Names modules() {
+    Names links(const char *port) const { return names(sonetrix_engine_GetLinkPort(handle, port)); }
+    Names modules() const {
         Names found;
         sonetrix_engine_ForEachModuleSafe(
             handle,

@@ -18,7 +18,7 @@ double seconds(const timespec &time) {
 class EngineLifeTest : public EngineTest {};
 
 TEST_F(EngineLifeTest, refusesOptionsItCannotMeet) {
-    const auto refusal = [](Options options) {
+    const auto refusal = [](const Options &options) {
         std::string error;
         EXPECT_EQ(Engine::create(options, ListKeyValue(), error), nullptr);
         EXPECT_EQ(sonetrix_engineGet(), nullptr);
@@ -178,6 +178,7 @@ TEST_F(EngineLifeTest, parametersAreTypedAndBounded) {
 TEST_F(EngineLifeTest, editsFromSeveralThreadsWhileItRuns) {
     start({.rate = 48000, .block = 32});
     std::vector<std::jthread> editors;
+    editors.reserve(3);
     for (int i = 0; i < 3; ++i)
         editors.emplace_back([&, name = "m" + std::to_string(i)] {
             const std::string output = name + ":output";

@@ -11,7 +11,7 @@ using namespace sonetrix::dev;
 namespace {
 
 class OfflineTest : public EngineTest {
-protected:
+public:
     std::filesystem::path out = directory / "out.wav";
 
     /// A mono file whose samples count up, so that every one tells its place.
