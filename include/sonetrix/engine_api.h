@@ -9,8 +9,9 @@
  *   status    int32_t results are status codes, 0 on success, unless a comment says otherwise.
  *   strings   NUL-terminated bytes; no length ever crosses this border. Names and keys are ASCII, string values UTF-8.
  *   lists     add functions copy the strings and arrays they are given; a list is not safe for concurrent use.
- *   ownership a function that returns a list pointer hands the list over unless a comment says that the engine keeps
- * it. threads   every function may be called from any thread, the lists with the restriction above.
+ *   ownership a function that returns a list hands it over, unless a comment says that the engine keeps it.
+ *   threads   every function may be called from any thread, the lists with the restriction above. A Python thread that
+ *             a script has left behind may still be inside one when the console's `destroy` returns.
  */
 #ifndef SONETRIX_ENGINE_API_H
 #define SONETRIX_ENGINE_API_H

@@ -38,11 +38,6 @@ void unlink(CallbackObject &object) noexcept {
 
 CallbackObject &self(PyObject *object) noexcept { return *reinterpret_cast<CallbackObject *>(object); }
 
-// The callable that this thread, an engine's, is calling, and for what; null elsewhere. Both, since a callable may be
-// registered for several things.
-constinit thread_local PyObject *calledHere = nullptr;
-constinit thread_local const CallbackKind *calledFor = nullptr;
-
 // Ends the registration, if there is one. The object leaves the list before the lock is given up, so that two threads
 // cannot both end it.
 void unregister(CallbackObject &object) noexcept {
@@ -55,9 +50,7 @@ void unregister(CallbackObject &object) noexcept {
     if (engine == nullptr) {
         return;
     }
-    // From inside its own call, removal returns at once; from inside another's it could wait for ever.
-    const bool ownCall = calledHere == object.callback && calledFor == object.kind;
-    if (calledHere != nullptr && !ownCall) {
+    if (CallScope::mustNotWaitFor(object) || (ending && CallScope::isElsewhere(object))) {
         const Removal removal = {object.kind->remove, engine, handle, Py_NewRef(object.callback)};
         if (removeLater(removal)) {
             return;
@@ -133,15 +126,40 @@ Ref addCallbackClass(PyObject *module, const char *name, const char *doc, newfun
     return type;
 }
 
+constinit thread_local CallScope *CallScope::innermost_ = nullptr;
+CallScope *CallScope::all_ = nullptr;
+
 CallScope::CallScope(void *user, const CallbackKind &kind) noexcept
     : callable_(Ref::borrow(static_cast<PyObject *>(user))),
-      outer_(std::exchange(calledHere, callable_.get())),
-      outerKind_(std::exchange(calledFor, &kind)) {}
+      called_(callable_.get()),
+      kind_(&kind),
+      outer_(std::exchange(innermost_, this)),
+      next_(std::exchange(all_, this)) {
+    if (next_ != nullptr) {
+        next_->previous_ = this;
+    }
+}
 
 CallScope::~CallScope() {
     callable_.reset(); // with the last reference go other objects, from inside the call
-    calledHere = outer_;
-    calledFor = outerKind_;
+    innermost_ = outer_;
+    (previous_ == nullptr ? all_ : previous_->next_) = next_;
+    if (next_ != nullptr) {
+        next_->previous_ = previous_;
+    }
+}
+
+bool CallScope::mustNotWaitFor(const CallbackObject &object) noexcept {
+    return innermost_ != nullptr && (!innermost_->mayBeOf(object) || isElsewhere(object));
+}
+
+bool CallScope::isElsewhere(const CallbackObject &object) noexcept {
+    for (const CallScope *call = all_; call != nullptr; call = call->next_) {
+        if (call->thread_ != &innermost_ && call->mayBeOf(object)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 void requireRegistered(const Ref &object) {

@@ -5,14 +5,14 @@
 //              first; always before the callable is let go. So the callable, which is the engine's user pointer, lives
 //              as long as the engine may call.
 //   a call     An engine thread passes the gate, is refused if it holds the interpreter lock already (notifications),
-//   takes
-//              the lock, takes a reference to the callable of its own (the callable may drop its object), and calls.
-//              Errors end in the engine's log.
+//              takes the lock, takes a reference to the callable of its own (the callable may drop its object), and
+//              calls. Errors end in the engine's log.
 //   the engine is called with the interpreter lock released, registration and removal included: removal waits for a
 //              call in progress, and that call needs the lock. A callable that drops another's object does not wait
 //              at all; see callback_reaper.h.
 //   the end    endRegistrations(): those alive are removed in the order in which they were made, and objects made from
 //              then on are not registered. endCallbacks(): the gate is closed, and whoever is inside is waited for.
+//              A callable that does not return is waited for a limited time only.
 #pragma once
 
 #include "clear.h"
@@ -63,10 +63,27 @@ public:
 
     PyObject *callable() const noexcept { return callable_.get(); }
 
+    // Whether this thread is inside a call and must not wait for the end of the object's, which may be waiting for this
+    // one in turn. For its own it does not wait; but which of a callable's registrations a call is for, nobody knows.
+    static bool mustNotWaitFor(const CallbackObject &object) noexcept;
+    // Whether another thread is inside a call that may be the object's.
+    static bool isElsewhere(const CallbackObject &object) noexcept;
+
 private:
+    bool mayBeOf(const CallbackObject &object) const noexcept {
+        return called_ == object.callback && kind_ == object.kind;
+    }
+
+    static constinit thread_local CallScope *innermost_;
+    static CallScope *all_; // guarded by the interpreter lock
+
     Ref callable_;
-    PyObject *outer_;
-    const CallbackKind *outerKind_;
+    PyObject *called_;
+    const CallbackKind *kind_;
+    CallScope *const *thread_ = &innermost_;
+    CallScope *outer_;
+    CallScope *previous_ = nullptr;
+    CallScope *next_;
 };
 
 // The trampoline's part of a notification: `list` as a dict, given to the callable `user`.
@@ -80,6 +97,10 @@ void notify(const Notification &notification, sonetrix_cListKeyValue_t *list, vo
 
 // Refuses a callable that does not take exactly one parameter.
 void requireOneParameter(PyObject *callback);
+
+// A new object of a notification's class; see newCallback.
+template <class Register>
+Ref newNotification(PyTypeObject *type, const CallbackKind &kind, PyObject *callback, Register &&registerCallback);
 
 namespace detail {
 bool registrationsEnded() noexcept;
@@ -98,6 +119,18 @@ Ref newCallback(PyTypeObject *type,
     if (!detail::registrationsEnded()) {
         detail::registered(created, unlocked([&] { return registerCallback(engine); }));
     }
+    return object;
+}
+
+template <class Register>
+Ref newNotification(PyTypeObject *type, const CallbackKind &kind, PyObject *callback, Register &&registerCallback) {
+    requireOneParameter(callback);
+    sonetrix_engine_t *engine = engineHandle();
+    if (engine == nullptr) {
+        raise(PyExc_MemoryError);
+    }
+    Ref object = newCallback(type, kind, callback, engine, registerCallback);
+    requireRegistered(object);
     return object;
 }
 

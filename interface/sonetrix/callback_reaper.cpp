@@ -4,33 +4,30 @@
 
 #include <condition_variable>
 #include <csignal>
+#include <cstddef>
 #include <deque>
 #include <mutex>
+#include <new>
+#include <pthread.h>
 #include <thread>
 
 namespace sonetrix {
 
 namespace {
 
-std::mutex mutex; // taken with the interpreter lock held, never the other way round
-std::condition_variable changed;
-std::deque<Removal> removals;
-bool running = false;
-bool busy = false; // with a removal that is no longer among the others
-bool finishing = false;
-
-// Detached when the process ends without an interpreter's end: a joinable thread may not be destroyed.
-struct ReaperThread {
+struct Reaper {
+    std::mutex mutex; // taken with the interpreter lock held, never the other way round
+    std::condition_variable changed;
+    std::deque<Removal> removals;
+    bool running = false;
+    bool busy = false; // with a removal that is no longer among the others
+    bool finishing = false;
     std::thread thread;
-    ReaperThread() = default;
-    ReaperThread(const ReaperThread &) = delete;
-    ReaperThread &operator=(const ReaperThread &) = delete;
-    ~ReaperThread() {
-        if (thread.joinable()) {
-            thread.detach();
-        }
-    }
-} reaper;
+};
+
+// Never destroyed: when the process ends without the interpreter's end, the thread is still waiting there.
+alignas(Reaper) std::byte reaperMemory[sizeof(Reaper)];
+Reaper &reaper = *new (reaperMemory) Reaper;
 
 void carryOut(const Removal &removal) noexcept {
     removal.remove(removal.engine, removal.handle);
@@ -41,23 +38,24 @@ void carryOut(const Removal &removal) noexcept {
 }
 
 void work() noexcept {
-    std::unique_lock lock(mutex);
+    pthread_setname_np(pthread_self(), "sonetrix-remove"); // else it bears the name of the thread that made it
+    std::unique_lock lock(reaper.mutex);
     for (;;) {
-        changed.wait(lock, [] { return finishing || !removals.empty(); });
-        if (removals.empty()) {
+        reaper.changed.wait(lock, [] { return reaper.finishing || !reaper.removals.empty(); });
+        if (reaper.removals.empty()) {
             break;
         }
-        const Removal removal = removals.front();
-        removals.pop_front();
-        busy = true;
+        const Removal removal = reaper.removals.front();
+        reaper.removals.pop_front();
+        reaper.busy = true;
         lock.unlock();
         carryOut(removal);
         lock.lock();
-        busy = false;
-        changed.notify_all();
+        reaper.busy = false;
+        reaper.changed.notify_all();
     }
-    running = false;
-    changed.notify_all();
+    reaper.running = false;
+    reaper.changed.notify_all();
 }
 
 void startReaper() {
@@ -68,7 +66,7 @@ void startReaper() {
     pthread_sigmask(SIG_SETMASK, &all, &previous);
     try {
         reaper.thread = std::thread(work);
-        running = true;
+        reaper.running = true;
     } catch (...) {
         pthread_sigmask(SIG_SETMASK, &previous, nullptr);
         throw;
@@ -80,15 +78,15 @@ void startReaper() {
 
 bool removeLater(const Removal &removal) noexcept {
     try {
-        const std::lock_guard guard(mutex);
-        if (finishing) {
+        const std::lock_guard guard(reaper.mutex);
+        if (reaper.finishing) {
             return false;
         }
-        if (!running) {
+        if (!reaper.running) {
             startReaper();
         }
-        removals.push_back(removal);
-        changed.notify_all();
+        reaper.removals.push_back(removal);
+        reaper.changed.notify_all();
         return true;
     } catch (...) {
         return false;
@@ -96,18 +94,18 @@ bool removeLater(const Removal &removal) noexcept {
 }
 
 void waitForRemovals(std::chrono::milliseconds limit) noexcept {
-    std::unique_lock lock(mutex);
-    changed.wait_for(lock, limit, [] { return removals.empty() && !busy; });
+    std::unique_lock lock(reaper.mutex);
+    reaper.changed.wait_for(lock, limit, [] { return reaper.removals.empty() && !reaper.busy; });
 }
 
 bool finishRemovals(std::chrono::milliseconds limit) noexcept {
-    std::unique_lock lock(mutex);
-    finishing = true;
-    changed.notify_all();
+    std::unique_lock lock(reaper.mutex);
+    reaper.finishing = true;
+    reaper.changed.notify_all();
     if (!reaper.thread.joinable()) {
         return true;
     }
-    if (!changed.wait_for(lock, limit, [] { return !running; })) {
+    if (!reaper.changed.wait_for(lock, limit, [] { return !reaper.running; })) {
         reaper.thread.detach();
         return false;
     }

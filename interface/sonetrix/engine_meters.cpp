@@ -5,6 +5,8 @@
 #include "meters_type.h"
 #include "python/gil.h"
 
+#include <atomic>
+#include <mutex>
 #include <string>
 
 namespace sonetrix {
@@ -16,7 +18,8 @@ Name typeNameUInt("uint");
 Name emptyName("");
 
 // The engine's read function, while this library is the engine's meter manager.
-sonetrix_readMeters_t readMeters = nullptr;
+std::atomic<sonetrix_readMeters_t> readMeters = nullptr;
+std::mutex managerMutex; // for becoming the manager and ceasing to be it; taken with the interpreter lock released
 
 EngineText toKey(PyObject *object, const char *refusal) {
     EngineText key = EngineText::fromName(object);
@@ -139,27 +142,35 @@ sonetrix_module_meters_type requireMetersType(std::int32_t number) {
 
 std::int32_t toMetersNumber(PyObject *argument) { return argument == nullptr ? 2 : toInt32(argument); }
 
-void becomeMeterManager(sonetrix_engine_t *engine) {
-    if (readMeters != nullptr) {
-        return;
+sonetrix_readMeters_t becomeMeterManager(sonetrix_engine_t *engine) {
+    if (const sonetrix_readMeters_t known = readMeters) {
+        return known;
     }
     sonetrix_readMeters_t read = nullptr;
-    if (unlocked([&] { return sonetrix_engine_registerMeterManager(engine, &read); }) != 0) {
+    const std::int32_t status = unlocked([&] {
+        const std::lock_guard guard(managerMutex);
+        read = readMeters; // another thread may have been quicker
+        const std::int32_t result = read == nullptr ? sonetrix_engine_registerMeterManager(engine, &read) : 0;
+        if (result == 0) {
+            readMeters = read;
+        }
+        return result;
+    });
+    if (status != 0) {
         raisePlain("couldn't register CLI as meter manager");
     }
     if (read == nullptr) {
         raisePlain("Callback to read meters is not valid");
     }
-    readMeters = read;
+    return read;
 }
 
 Ref getMeters(Arguments arguments) {
     const std::int32_t number = toMetersNumber(arguments[1]);
     sonetrix_engine_t *engine = requireEngine("Engine not initialized");
-    becomeMeterManager(engine);
+    const sonetrix_readMeters_t read = becomeMeterManager(engine);
     const EngineText module = toKey(arguments.get(0, emptyName.get()), inputRefused);
     const sonetrix_module_meters_type metersType = requireMetersType(number);
-    const sonetrix_readMeters_t read = readMeters;
     return ListKeyValue::initOrEmpty(unlocked([&] { return read(engine, module.get(), metersType); }));
 }
 
@@ -172,8 +183,11 @@ Ref getMeterInfo(Arguments arguments) {
 
 Ref unregisterMetersManager() {
     sonetrix_engine_t *engine = requireEngine("Engine not initialized");
-    unlocked([&] { sonetrix_engine_unregisterMeterManager(engine); });
-    readMeters = nullptr;
+    unlocked([&] {
+        const std::lock_guard guard(managerMutex);
+        sonetrix_engine_unregisterMeterManager(engine);
+        readMeters = nullptr;
+    });
     return none();
 }
 

@@ -10,6 +10,7 @@ namespace sonetrix {
 namespace {
 
 Name getParamsName("getParams");
+Name toListTypeName("toListType");
 
 // The keys of getParam's argument, as a listValue.
 Ref toKeyList(PyObject *keys) {
@@ -46,8 +47,7 @@ Ref getParam(Arguments arguments) {
     return callEngine(getParamsName, keys.get());
 }
 
-// Refuses a list that holds anything but strings.
-void requireStrings(sonetrix_cListValue_t *keys) {
+bool holdsOnlyStrings(sonetrix_cListValue_t *keys) {
     bool onlyStrings = true;
     sonetrix_valueListForEach(
         keys,
@@ -56,18 +56,40 @@ void requireStrings(sonetrix_cListValue_t *keys) {
             return 0;
         },
         &onlyStrings);
-    if (!onlyStrings) {
-        raisePlain("only string is accepted");
+    return onlyStrings;
+}
+
+// Refuses keys whose toListType() shows anything but strings; None has no such method.
+void requireStrings(PyObject *keys) {
+    if (Py_IS_TYPE(keys, ListValue::pythonClass())) {
+        sonetrix_cListValue_t *list = ListValue::of(keys).list;
+        if (list == nullptr || holdsOnlyStrings(list)) {
+            return;
+        }
+    }
+    Ref second = checked(PyLong_FromLong(1));
+    Ref iterator = checked(PyObject_GetIter(callMethod(keys, toListTypeName).get()));
+    while (Ref element = Ref::steal(PyIter_Next(iterator.get()))) {
+        Ref type = checked(PyObject_GetItem(element.get(), second.get()));
+        if (checked(PyObject_RichCompareBool(type.get(), names::string.get(), Py_NE)) != 0) {
+            raisePlain("only string is accepted");
+        }
+    }
+    if (PyErr_Occurred() != nullptr) {
+        throw PythonError();
     }
 }
 
 Ref getParams(Arguments arguments) {
-    ListValue &keys = ListValue::require("k", arguments[0]);
+    if (arguments[0] != Py_None) {
+        ListValue::require("k", arguments[0]);
+    }
     sonetrix_engine_t *engine = requireEngine();
+    requireStrings(arguments[0]);
+    ListValue &keys = ListValue::of(arguments[0]);
     if (keys.list == nullptr) {
         return ListKeyValue::newEmpty();
     }
-    requireStrings(keys.list);
     const Loan loan(keys);
     return ListKeyValue::initOrEmpty(unlocked([&] { return sonetrix_engine_GetParams(engine, loan.get()); }));
 }

@@ -2,6 +2,7 @@
 
 #include "engine.h"
 #include "list_key_value.h"
+#include "monitor.h"
 #include "python/gil.h"
 
 #include <array>
@@ -10,10 +11,6 @@
 namespace sonetrix {
 
 namespace {
-
-Name isRunningName("isRunning");
-Name timeName("time");
-Name sleepName("sleep");
 
 Ref initEngine() {
     // Twice, as engines expect it: the first call may be what creates the engine.
@@ -48,10 +45,7 @@ Ref isRunning() {
 }
 
 Ref waitUntilEnd() {
-    while (checked(PyObject_IsTrue(callEngine(isRunningName).get())) != 0) {
-        Ref seconds = checked(PyFloat_FromDouble(0.1));
-        callMethod(moduleGlobal(timeName).get(), sleepName, seconds.get());
-    }
+    whileRunning([] {});
     return none();
 }
 

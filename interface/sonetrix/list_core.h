@@ -13,11 +13,14 @@
 
 #include <array>
 #include <cstddef>
+#include <new>
 #include <optional>
 
 namespace sonetrix {
 
 template <class Traits> struct ListObject;
+
+template <class Traits> using OwnedList = std::unique_ptr<typename Traits::List, void (*)(typename Traits::List *)>;
 
 // The use of an object's engine list by somebody who does not expect it to change: the engine, called with the
 // interpreter lock released, or a for-each, during which a finalizer may run. Made and ended with the lock held.
@@ -42,9 +45,10 @@ public:
 
     List *get() const noexcept { return list_; }
 
-    // Leaves the list to the borrowers, the last of whom destroys it.
+    // Leaves the list to the borrowers, the last of whom destroys it. Without memory for that, nothing changes.
     static void leaveTo(Loan *loans, List *list) {
-        const std::shared_ptr<List> shared(list, Traits::destroy);
+        const auto shared = std::make_shared<OwnedList<Traits>>(nullptr, Traits::destroy);
+        shared->reset(list);
         for (Loan *loan = loans; loan != nullptr; loan = loan->next_) {
             loan->abandoned_ = shared;
         }
@@ -54,7 +58,7 @@ private:
     ListObject<Traits> *object_;
     List *list_;
     Loan *next_;
-    std::shared_ptr<List> abandoned_;
+    std::shared_ptr<OwnedList<Traits>> abandoned_;
 };
 
 template <class Traits> struct ListObject {
@@ -72,15 +76,15 @@ template <class Traits> struct ListObject {
         return list;
     }
     [[gnu::noinline, gnu::cold]] void replaceList() {
-        List *fresh = list == nullptr ? Traits::create() : Traits::copy(list);
+        OwnedList<Traits> fresh(list == nullptr ? Traits::create() : Traits::copy(list), Traits::destroy);
         if (fresh == nullptr) {
-            PyErr_NoMemory();
-            throw PythonError();
+            throw std::bad_alloc();
         }
         if (loans != nullptr) {
-            Loan<Traits>::leaveTo(std::exchange(loans, nullptr), list);
+            Loan<Traits>::leaveTo(loans, list);
+            loans = nullptr;
         }
-        list = fresh;
+        list = fresh.release();
     }
 
     void clearFields() noexcept {
@@ -107,7 +111,7 @@ template <class Traits> struct ListObject {
         if (list == nullptr) {
             raisePlain(Traits::nullMessage);
         }
-        std::unique_ptr<List, void (*)(List *)> guard(list, Traits::destroy);
+        OwnedList<Traits> guard(list, Traits::destroy);
         Ref object = newEmpty();
         of(object).list = guard.release();
         return object;

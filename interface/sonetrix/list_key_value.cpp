@@ -87,7 +87,7 @@ std::pair<Ref, Ref> unpackPair(PyObject *pair) {
     }
     Ref iterator = Ref::steal(PyObject_GetIter(pair));
     if (!iterator) {
-        if (PyErr_ExceptionMatches(PyExc_TypeError) != 0) {
+        if (Py_TYPE(pair)->tp_iter == nullptr && PySequence_Check(pair) == 0) {
             raiseFormat(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(pair)->tp_name);
         }
         throw PythonError();
@@ -121,21 +121,20 @@ template <class Action> void forEachItem(PyObject *dict, Action &&action) {
     }
 }
 
-// What `self.append(key, value, selector)` does; the look-up serves a subclass that has an append of its own.
-void callAppend(ListKeyValue &list, PyObject *key, PyObject *value, PyObject *selector) {
+// What `self.append(key, value, selector)` does, without a selector `self.append(key, value)`; the look-up serves a
+// subclass that has an append of its own.
+void callAppend(ListKeyValue &list, PyObject *key, PyObject *value, PyObject *selector = nullptr) {
     auto *object = reinterpret_cast<PyObject *>(&list);
     if (Py_TYPE(object) == ListKeyValue::pythonClass()) {
-        appendEntry(list, key, value, selector);
-    } else if (selector == Py_None) {
-        callMethod(object, appendName, key, value);
+        appendEntry(list, key, value, selector == nullptr ? Py_None : selector);
     } else {
-        callMethod(object, appendName, key, value, selector);
+        callMethod(object, appendName, key, value, selector); // a null argument ends the arguments
     }
 }
 
 Ref appendFromDict(ListKeyValue &list, Arguments arguments) {
     requireDict(arguments[0]);
-    forEachItem(arguments[0], [&](PyObject *key, PyObject *value) { callAppend(list, key, value, Py_None); });
+    forEachItem(arguments[0], [&](PyObject *key, PyObject *value) { callAppend(list, key, value); });
     return self(list);
 }
 

@@ -6,9 +6,9 @@
 #include "clear.h"
 #include "module_init.h"
 #include "python/gil.h"
+#include "python/version.h"
 
 #include <new>
-#include <string>
 #include <utility>
 
 namespace sonetrix {
@@ -278,4 +278,11 @@ void clearPythonModule() noexcept {
 
 } // namespace sonetrix
 
-PyObject *PyInit_sonetrix() { return PyModuleDef_Init(&sonetrix::definition); }
+PyObject *PyInit_sonetrix() {
+    if (!sonetrix::version::matchesHeaders()) {
+        PyErr_Format(PyExc_ImportError, "Module 'sonetrix' was built for Python %d.%d, not for %.100s",
+            PY_MAJOR_VERSION, PY_MINOR_VERSION, Py_GetVersion());
+        return nullptr;
+    }
+    return PyModuleDef_Init(&sonetrix::definition);
+}

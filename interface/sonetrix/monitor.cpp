@@ -30,6 +30,16 @@ void printSequence(const char *sequence, const char *end) {
     }
 }
 
+Ref rawTerminalSize() { return callMethod(moduleGlobal(osName).get(), getTerminalSizeName); }
+
+Py_ssize_t dimension(const Ref &size, const Name &name) {
+    const Py_ssize_t value = PyNumber_AsSsize_t(attribute(size.get(), name).get(), PyExc_OverflowError);
+    if (value == -1 && PyErr_Occurred() != nullptr) {
+        throw PythonError();
+    }
+    return value;
+}
+
 } // namespace
 
 HiddenCursor::HiddenCursor() { printSequence(hideCursor, "\r"); }
@@ -49,7 +59,7 @@ HiddenCursor::~HiddenCursor() {
 }
 
 void HiddenCursor::show() {
-    printSequence(showCursor, "\n");
+    printSequence(showCursor, nullptr);
     hidden_ = false;
 }
 
@@ -58,25 +68,23 @@ bool engineIsRunning() { return checked(PyObject_IsTrue(callEngine(isRunningName
 void sleepATenth() {
     Ref seconds = checked(PyFloat_FromDouble(0.1));
     callMethod(moduleGlobal(timeName).get(), sleepName, seconds.get());
+    // The sleep looks for signals only when one has cut it short, not when one came just before.
+    checked(PyErr_CheckSignals());
 }
 
 void print(PyObject *text, const char *end) {
     Ref arguments = checked(PyTuple_Pack(1, text));
-    Ref keywords = checked(Py_BuildValue("{sssO}", "end", end, "flush", Py_True));
+    Ref keywords = checked(end == nullptr ? Py_BuildValue("{sO}", "flush", Py_True)
+                                          : Py_BuildValue("{sssO}", "end", end, "flush", Py_True));
     checked(PyObject_Call(moduleGlobal(printName).get(), arguments.get(), keywords.get()));
 }
 
 TerminalSize terminalSize() {
-    Ref size = callMethod(moduleGlobal(osName).get(), getTerminalSizeName);
-    const auto number = [&size](const Name &name) {
-        const Py_ssize_t value = PyNumber_AsSsize_t(attribute(size.get(), name).get(), PyExc_OverflowError);
-        if (value == -1 && PyErr_Occurred() != nullptr) {
-            throw PythonError();
-        }
-        return value;
-    };
-    return {number(columnsName), number(linesName)};
+    const Ref size = rawTerminalSize();
+    return {dimension(size, columnsName), dimension(size, linesName)};
 }
+
+Py_ssize_t terminalColumns() { return dimension(rawTerminalSize(), columnsName); }
 
 Ref cut(const Ref &text, Py_ssize_t columns) {
     return columns > 0 ? checked(PyUnicode_Substring(text.get(), 0, columns)) : text;

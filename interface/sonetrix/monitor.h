@@ -1,4 +1,5 @@
-// What the console monitors share: a view that is redrawn in place, ten times a second, until the engine stops.
+// What the console monitors share: a view that is redrawn in place, ten times a second, until the engine stops; and the
+// wait for that stop.
 #pragma once
 
 #include "engine.h"
@@ -22,13 +23,13 @@ private:
     bool hidden_ = true;
 };
 
-// Calls `redraw` at once and then every tenth of a second while engine.isRunning().
+// Calls `redraw` at once and then every tenth of a second while engine.isRunning(); a signal's exception ends it.
 template <class Redraw> void whileRunning(Redraw &&redraw);
 
 bool engineIsRunning();
 void sleepATenth();
 
-// print(text, end=end, flush=True)
+// print(text, end=end, flush=True); without `end` where it is null
 void print(PyObject *text, const char *end);
 // The terminal's size, os.get_terminal_size(); OSError when standard output is not a terminal.
 struct TerminalSize {
@@ -36,6 +37,7 @@ struct TerminalSize {
     Py_ssize_t lines;
 };
 TerminalSize terminalSize();
+Py_ssize_t terminalColumns();
 // The first `columns` characters; all of them when there are no columns.
 Ref cut(const Ref &text, Py_ssize_t columns);
 // format(number, formatSpec)

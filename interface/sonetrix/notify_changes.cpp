@@ -25,16 +25,9 @@ PyObject *construct(PyTypeObject *type, PyObject *positional, PyObject *keywords
         std::array<PyObject *, 1> arguments{};
         bindArguments(constructor, positional, keywords, arguments);
         PyObject *callback = arguments[0];
-        requireOneParameter(callback);
-        sonetrix_engine_t *engine = engineHandle();
-        if (engine == nullptr) {
-            raise(PyExc_MemoryError);
-        }
-        Ref object = newCallback(type, kind, callback, engine, [callback](sonetrix_engine_t *handle) {
-            return sonetrix_engine_notify_changes_addCallback(handle, change, callback);
-        });
-        requireRegistered(object);
-        return object.release();
+        return newNotification(type, kind, callback, [callback](sonetrix_engine_t *engine) {
+            return sonetrix_engine_notify_changes_addCallback(engine, change, callback);
+        }).release();
     });
 }
 

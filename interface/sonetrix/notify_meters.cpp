@@ -27,16 +27,9 @@ PyObject *construct(PyTypeObject *type, PyObject *positional, PyObject *keywords
         bindArguments(constructor, positional, keywords, arguments);
         PyObject *callback = arguments[0];
         const sonetrix_module_meters_type metersType = toMetersType(arguments[1]);
-        requireOneParameter(callback);
-        sonetrix_engine_t *engine = engineHandle();
-        if (engine == nullptr) {
-            raise(PyExc_MemoryError);
-        }
-        Ref object = newCallback(type, kind, callback, engine, [callback, metersType](sonetrix_engine_t *handle) {
-            return sonetrix_engine_addCallbackMeterManager(handle, metersType, meters, callback);
-        });
-        requireRegistered(object);
-        return object.release();
+        return newNotification(type, kind, callback, [callback, metersType](sonetrix_engine_t *engine) {
+            return sonetrix_engine_addCallbackMeterManager(engine, metersType, meters, callback);
+        }).release();
     });
 }
 

@@ -1,7 +1,6 @@
 #include "value.h"
 
 #include <array>
-#include <limits>
 
 namespace sonetrix {
 
@@ -80,22 +79,25 @@ template <class Element> NativeArray<Element> newArray(Py_ssize_t count) {
     return NativeArray<Element>(memory);
 }
 
-// What the three tuple conversions differ in.
+// The int's value, if it can be had without running Python code and fits.
+template <class Element> bool convertPlainInt(PyObject *object, Element &element) noexcept {
+    if (!PyLong_CheckExact(object) && !PyBool_Check(object)) {
+        return false;
+    }
+    int overflow = 0;
+    const long value = PyLong_AsLongAndOverflow(object, &overflow);
+    element = static_cast<Element>(value);
+    return overflow == 0 && value == static_cast<long>(element);
+}
+
+// What the three tuple conversions differ in. `convertPlain` is for elements that can be had without running Python
+// code and without an error.
 struct Int32Elements {
     using Element = std::int32_t;
     static constexpr const char *name = "sonetrix.tupleToInt32";
     static bool accepts(PyObject *object) { return PyLong_Check(object); }
     static Element convert(PyObject *object) { return toInt32(checked(PyNumber_Long(object)).get()); }
-    // The element, if it can be had without running Python code and without an error.
-    static bool convertPlain(PyObject *object, Element &element) noexcept {
-        if (!PyLong_CheckExact(object) && !PyBool_Check(object)) {
-            return false;
-        }
-        int overflow = 0;
-        const long value = PyLong_AsLongAndOverflow(object, &overflow);
-        element = static_cast<Element>(value);
-        return overflow == 0 && value == element;
-    }
+    static constexpr auto convertPlain = convertPlainInt<Element>;
 };
 
 struct UInt32Elements {
@@ -106,15 +108,7 @@ struct UInt32Elements {
                checked(PyObject_RichCompareBool(object, checked(PyLong_FromLong(0)).get(), Py_LT)) == 0;
     }
     static Element convert(PyObject *object) { return toUInt32(checked(PyNumber_Long(object)).get()); }
-    static bool convertPlain(PyObject *object, Element &element) noexcept {
-        if (!PyLong_CheckExact(object) && !PyBool_Check(object)) {
-            return false;
-        }
-        int overflow = 0;
-        const long value = PyLong_AsLongAndOverflow(object, &overflow);
-        element = static_cast<Element>(value);
-        return overflow == 0 && value == static_cast<long>(element);
-    }
+    static constexpr auto convertPlain = convertPlainInt<Element>;
 };
 
 struct FloatElements {

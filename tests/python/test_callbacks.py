@@ -132,6 +132,22 @@ class CallbackTest(engine_double.TestCase):
             gc.collect()
             self.assertEqual(seen.pop(), "finalized")
 
+    def test_one_callable_for_slow_and_fast_meters_drops_both_at_the_same_time(self):
+        pool, both = {}, threading.Barrier(2)
+        def drop(entries):
+            both.wait(10)
+            pool.pop(entries[b"victim"])
+        pool.update({kind: self.make(kind, drop) for kind in (SLOW_METERS, FAST_METERS)})
+        threads = [threading.Thread(target=fire, args=(kind, {"victim": other}), daemon=True)
+                   for kind, other in ((SLOW_METERS, FAST_METERS), (FAST_METERS, SLOW_METERS))]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join(10)
+        self.assertEqual(([thread.is_alive() for thread in threads], pool), ([False, False], {}))
+        while registrations(SLOW_METERS) or registrations(FAST_METERS):
+            pass  # each is ended when the other's call is over
+
 
 if __name__ == "__main__":
     unittest.main()

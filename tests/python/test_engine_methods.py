@@ -1,8 +1,12 @@
 """The class engine against the recording engine: calls, lock, results, nulls, refusals and texts."""
 
+import concurrent.futures
+import ctypes
 import io
 import pathlib
+import signal
 import tempfile
+import types
 import unittest
 from unittest import mock
 
@@ -59,7 +63,7 @@ NULLS = ["listAvailableModules()", "getPortNames()", "getLink('p')", "getParam('
 REFUSALS = {
     TypeError: {
         "an integer is required": ["getMeterInfo('1')"],
-        WRONG_TYPE.format("k", "sonetrix.listValue", "NoneType"): ["getParams(None)"],
+        WRONG_TYPE.format("k", "sonetrix.listValue", "list"): ["getParams([])"],
         WRONG_TYPE.format("k", "sonetrix.listKeyValue", "sonetrix.listValue"): ["setParams(L())", "setParamsCli(L())"],
         WRONG_TYPE.format("info", "sonetrix.listKeyValue", "int"): ["newModule('a', 'b', 5)"],
         WRONG_TYPE.format("filename", "str", "bytes"): ["dot(b'a')"],
@@ -85,6 +89,8 @@ REFUSALS = {
         "type not supported": [f"addDebugMeter('k', 'x', {kind})" for kind in ("'string'", "None", "'double'", "5")],
         **{f"value type {kind} incompatible with provided value {value}": [f"addDebugMeter('k', {value}, '{kind}')"]
            for kind, value in (("uint", 1.5), ("uint32", None), ("int", b""), ("int32", 1.0), ("float", 1))}},
+    AttributeError: {"'NoneType' object has no attribute 'toListType'": ["getParams(None)"]},
+    IndexError: {"tuple index out of range": ["getParams(L().append((1,)))"]},
     UnicodeEncodeError: {None: [call.format("'é'") for call in (
         "getParam({})", "getParam([{}])", "newModule('a', {}, 5)", "delModule({})", "getLink({})", "link({}, 1)",
         "link('a', {})",
@@ -178,6 +184,17 @@ class CallTest(EngineTestCase):
         changed = self.engine.param().append("b", 2)
         self.assertEqual((self.engine.param().toDict(), changed.toDict()), ({b"a": 1}, {b"a": 1, b"b": 2}))
 
+    def test_waiting_ends_at_a_signal_that_did_not_strike_in_the_sleep(self):
+        self.addCleanup(signal.signal, signal.SIGINT, signal.signal(signal.SIGINT, signal.default_int_handler))
+        strike = ctypes.PyDLL(None)["PyErr_SetInterrupt"]  # only takes note of it, as the handler in C does
+        strike.restype, strike.argtypes = None, [ctypes.c_double]
+        for running in 1, 1, 0:
+            engine_double.result("sonetrix_engine_IsRunning", running, lasting=False)
+        with (mock.patch.object(self.sonetrix, "time", types.SimpleNamespace(sleep=strike)),
+              self.assertRaises(KeyboardInterrupt)):
+            self.engine.waitUntilEnd()
+        self.assertEqual(len(engine_double.calls("sonetrix_engine_IsRunning")), 1)
+
     def test_last_meters_by_prefix(self):
         given = {"m.a": 1, "m.ab": (2.5, "double"), "m.b": "x", "n.a": ((1.0,), "afloat")}
         engine_double.gives("sonetrix_engine_GetLastMeters", given)
@@ -208,6 +225,13 @@ class CallTest(EngineTestCase):
         self.assertEqual(self.made(), [registered] * 3 + [(read, E, b"m", 1), (read, E, b"", 0), (read, E, b"\xff", 1),
                                                           ("unregisterMeterManager", E), registered,
                                                           (read, E, b"m", 1)])
+
+    def test_threads_register_one_meter_manager(self):
+        self.addCleanup(self.engine.unregisterMetersManager)
+        engine_double.delay("sonetrix_engine_registerMeterManager", 0.1)
+        with concurrent.futures.ThreadPoolExecutor(2) as pool:
+            list(pool.map(lambda module: self.engine.getMeters(module, 1), "mn"))
+        self.assertEqual(len(engine_double.calls("sonetrix_engine_registerMeterManager")), 1)
 
 
 class ModulesTest(EngineTestCase):

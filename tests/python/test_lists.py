@@ -125,11 +125,12 @@ class ValueTest(ListTestCase):
         class Sub(self.sonetrix.listKeyValue):
             def __init__(self, *names):
                 self.names, self.cycle = list(names), self
-            def append(self, k, v, type=None):
-                self.names.append(k)
-                return super().append(k, v, type)
-        sub = Sub("x").appendFromDict({"a": 1}).appendFromDictType({"b": (2.5, "double")})
-        self.assertEqual((sub.names, sub.toDictType()), (["x", "a", "b"], {b"a": (1, "int32"), b"b": (2.5, "double")}))
+            def append(self, k, v, *type):
+                self.names.append((k, *type))
+                return super().append(k, v, *type)
+        sub = Sub("x").appendFromDict({"a": 1}).appendFromDictType({"b": (2.5, "double"), "c": (3, None)})
+        self.assertEqual(sub.names, ["x", ("a",), ("b", "double"), ("c", None)])
+        self.assertEqual(sub.toDictType(), {b"a": (1, "int32"), b"b": (2.5, "double"), b"c": (3, "int32")})
         self.assertIs(type(sub.dup()), self.sonetrix.listKeyValue)
 
 

@@ -117,8 +117,6 @@ class SurfaceTest(engine_double.TestCase):
         engine_double.null("sonetrix_engineGet")
         self.assertIsNone(self.sonetrix.exit(3))
         self.assertEqual(engine_double.calls(code, stop), [])
-        self.assertRefused(ValueError, "", self.sonetrix.add_clear_callback, 5)
-        self.assertIsNone(self.sonetrix.add_clear_callback(callback=print))
 
 
 class ImportTest(unittest.TestCase):

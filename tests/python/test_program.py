@@ -116,6 +116,21 @@ class Scripts(unittest.TestCase):
                 self.assertEqual(result.returncode, status)
                 self.assertEqual(result.stdout, "in\n" if "in" in source else "")
 
+    def test_an_exit_in_the_start_code_leaves_standard_input_unread(self):
+        with running("--set", "python.start=print(1, flush=True); exit(3)", stdin=subprocess.PIPE) as process:
+            self.assertEqual(process.wait(TIME_LIMIT), 3)
+
+    def test_a_callable_that_does_not_return_is_told_of(self):
+        with running("-c", """
+import threading, time
+held, entered = threading.Lock(), threading.Event()
+held.acquire()
+made = timeout(1, lambda: (entered.set(), held.acquire()))
+entered.wait()
+print(flush=True)
+""") as process:
+            self.assertIn("a thread does not return from Python", process.stderr.readline())
+
 
 class Signals(unittest.TestCase):
     STUBBORN = "while True:\n  try: time.sleep(.01)\n  except KeyboardInterrupt: pass\n"

@@ -43,6 +43,8 @@ public:
     // From now on, blocks all threads but the calling one that enter such a frame. Waits, with the lock given up in
     // between, for those that are in one; false when some still are after `limit`.
     static bool close(std::chrono::milliseconds limit) noexcept;
+    // For an interpreter that is started after another one's end.
+    static void open() noexcept { closed_ = false; }
 
 private:
     friend class GilReleased;

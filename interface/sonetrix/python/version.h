@@ -11,6 +11,9 @@
 
 namespace sonetrix::version {
 
+// Whether the running interpreter is of the minor version that this was compiled for; no other lays out objects so.
+inline bool matchesHeaders() noexcept { return Py_Version >> 16 == PY_VERSION_HEX >> 16; }
+
 // Takes the current exception away from the thread: the exception object, or none.
 inline Ref takeRaised() noexcept {
 #if PY_VERSION_HEX >= 0x030C0000
@@ -33,11 +36,15 @@ inline Ref takeRaised() noexcept {
 #endif
 }
 
-// Makes `exception` the thread's current exception.
+// Makes `exception` the thread's current exception; none clears it.
 inline void setRaised(Ref exception) noexcept {
 #if PY_VERSION_HEX >= 0x030C0000
     PyErr_SetRaisedException(exception.release());
 #else
+    if (!exception) {
+        PyErr_Clear();
+        return;
+    }
     PyObject *type = Py_NewRef(reinterpret_cast<PyObject *>(Py_TYPE(exception.get())));
     PyObject *traceback = PyException_GetTraceback(exception.get());
     PyErr_Restore(type, exception.release(), traceback);

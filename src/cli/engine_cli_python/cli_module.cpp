@@ -5,6 +5,7 @@
 #include "host_log.h"
 #include "interpreter_session.h"
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -17,10 +18,28 @@ namespace sonetrix::cli {
 
 namespace {
 
-// The dispositions that the record's console replaced, with their flags and masks.
+// The dispositions that the record's console and its interpreter replaced, with their flags and masks.
 struct sigaction savedSigint {};
-struct sigaction savedSigpipe {};
-struct sigaction savedWake {};
+constexpr std::array otherSignals = {SIGPIPE, SIGXFSZ, SIGURG};
+std::array<struct sigaction, otherSignals.size()> savedOthers{};
+
+// Holds SIGINT back on this thread until the interpreter's handler is there: the default disposition, which makes the
+// interpreter install it, would end the process.
+class SigintBlocked {
+public:
+    SigintBlocked() noexcept {
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGINT);
+        pthread_sigmask(SIG_BLOCK, &signals, &previousMask_);
+    }
+    ~SigintBlocked() { pthread_sigmask(SIG_SETMASK, &previousMask_, nullptr); }
+    SigintBlocked(const SigintBlocked &) = delete;
+    SigintBlocked &operator=(const SigintBlocked &) = delete;
+
+private:
+    sigset_t previousMask_{};
+};
 
 void start(sonetrix_cliModule_t *module) {
     if (interpreterIsReady()) {
@@ -53,8 +72,9 @@ void restoreSignals(sonetrix_cliModule_t &module) noexcept {
         sigaction(SIGINT, &savedSigint, nullptr);
         module.savedSigintHandler = nullptr;
     }
-    sigaction(SIGPIPE, &savedSigpipe, nullptr);
-    sigaction(SIGURG, &savedWake, nullptr);
+    for (std::size_t index = 0; index < otherSignals.size(); ++index) {
+        sigaction(otherSignals[index], &savedOthers[index], nullptr);
+    }
 }
 
 void release(sonetrix_cliModule_t *module) noexcept {
@@ -68,7 +88,7 @@ void destroy(sonetrix_cliModule_t *module) {
         return;
     }
     if (interpreterIsReady()) {
-        endInterpreter();
+        endInterpreter(*module);
     }
     ConsoleThread::instance().close();
     restoreSignals(*module);
@@ -88,15 +108,18 @@ void readStartParameters(sonetrix_cliModule_t &module, sonetrix_cListKeyValue_t 
         module.scriptPath = strdup(text);
         log(SONETRIX_LOG_DEBUG, "python.start: %s", text);
     }
-    if (sonetrix_keyValueListGetIU(parameters, "python.sigint", &module.sigintMode) == 0) {
-        log(SONETRIX_LOG_DEBUG, "python.sigint: %d", static_cast<int>(module.sigintMode));
+    std::uint32_t mode = 0;
+    if (sonetrix_keyValueListGetIU(parameters, "python.sigint", &mode) == 0) {
+        module.sigintMode = mode;
+        log(SONETRIX_LOG_DEBUG, "python.sigint: %d", static_cast<int>(mode));
     }
 }
 
 void saveSignals() noexcept {
     sigaction(SIGINT, nullptr, &savedSigint);
-    sigaction(SIGPIPE, nullptr, &savedSigpipe);
-    sigaction(SIGURG, nullptr, &savedWake);
+    for (std::size_t index = 0; index < otherSignals.size(); ++index) {
+        sigaction(otherSignals[index], nullptr, &savedOthers[index]);
+    }
 }
 
 // On a terminal the console is interactive, and the default disposition of SIGINT makes the interpreter install its
@@ -142,6 +165,7 @@ extern "C" sonetrix_cliModule_t *sonetrix_engineCliCostructor(sonetrix_cListKeyV
     if (registered) {
         saveSignals();
     }
+    const SigintBlocked blocked;
     chooseMode(*module, registered);
     if (!registered) {
         log(SONETRIX_LOG_WARN, "could not extend in-built modules table");

@@ -59,6 +59,9 @@ ssize_t readSome(std::span<char> part) noexcept {
 File readStandardInput() noexcept {
     const int descriptor = memfd_create("standard input", MFD_CLOEXEC);
     File script(descriptor < 0 ? std::tmpfile() : fdopen(descriptor, "w+"));
+    if (!script && descriptor >= 0) {
+        close(descriptor);
+    }
     std::array<char, 65536> part{};
     while (script) {
         const ssize_t count = readSome(part);

@@ -5,6 +5,7 @@
 
 #include <pthread.h>
 #include <unistd.h>
+#include <utility>
 
 #ifndef sigev_notify_thread_id
 #define sigev_notify_thread_id _sigev_un._tid
@@ -18,16 +19,25 @@ using namespace std::chrono_literals;
 
 constexpr int wakeSignal = SIGURG;
 constexpr auto tick = 10ms;
-constexpr auto grace = 1s; // for running code, before it is interrupted and between two interruptions
+constexpr auto grace = 1s;  // for running code, before it is interrupted and between two interruptions
+constexpr int patience = 3; // how many of them it may swallow
+
+thread_local bool displaying = false;
 
 PyObject *onWake(PyObject *, PyObject *arguments) noexcept {
     if (PyErr_Occurred() != nullptr) {
         return nullptr; // input() looks for signals with KeyboardInterrupt on its way
     }
-    const bool codeIsRunning = PyTuple_GET_SIZE(arguments) == 2 && PyTuple_GET_ITEM(arguments, 1) != Py_None;
-    if (ConsoleThread::instance().shouldRaise(codeIsRunning)) {
+    const bool hasFrame = PyTuple_GET_SIZE(arguments) == 2 && PyTuple_GET_ITEM(arguments, 1) != Py_None;
+    switch (ConsoleThread::instance().nextInterruption(hasFrame || displaying)) {
+    case ConsoleThread::Interruption::keyboardInterrupt:
         PyErr_SetNone(PyExc_KeyboardInterrupt);
         return nullptr;
+    case ConsoleThread::Interruption::systemExit:
+        PyErr_SetNone(PyExc_SystemExit);
+        return nullptr;
+    case ConsoleThread::Interruption::none:
+        break;
     }
     return Py_NewRef(Py_None);
 }
@@ -90,12 +100,17 @@ ConsoleThread::Activity::~Activity() {
     pthread_sigmask(SIG_SETMASK, &previousMask_, nullptr);
 }
 
+ConsoleThread::Display::Display() noexcept : outer_(std::exchange(displaying, true)) {}
+
+ConsoleThread::Display::~Display() { displaying = outer_; }
+
 void ConsoleThread::begin(Activity::Kind kind) noexcept {
     const std::lock_guard guard(mutex_);
     active_ = true;
     recorded_ = kind == Activity::Kind::run;
     requested_ = false;
     sigintSent_ = false;
+    raised_ = 0;
     thread_ = pthread_self();
 }
 
@@ -157,19 +172,24 @@ bool ConsoleThread::isInterrupted() noexcept {
     return requested_;
 }
 
-bool ConsoleThread::shouldRaise(bool codeIsRunning) noexcept {
+ConsoleThread::Interruption ConsoleThread::nextInterruption(bool codeIsRunning) noexcept {
     const std::lock_guard guard(mutex_);
     if (!requested_) {
-        return false;
+        return Interruption::none;
     }
     if (!codeIsRunning) {
-        return true;
+        return Interruption::keyboardInterrupt;
     }
     if (keepSigint_ || Clock::now() < nextRaise_) {
-        return false;
+        return Interruption::none;
     }
     nextRaise_ = Clock::now() + grace;
-    return true;
+    return ++raised_ > patience ? Interruption::systemExit : Interruption::keyboardInterrupt;
+}
+
+bool ConsoleThread::hasRaisedSystemExit() noexcept {
+    const std::lock_guard guard(mutex_);
+    return raised_ > patience;
 }
 
 } // namespace sonetrix::cli

@@ -7,7 +7,9 @@
 //
 //   at the prompt       it raises KeyboardInterrupt at once, whoever handles SIGINT
 //   in running code     it raises KeyboardInterrupt a second after the request, and again every second, for code that
-//                       SIGINT did not reach or that swallowed it; never when the engine keeps SIGINT for itself
+//                       SIGINT did not reach or that swallowed it; never when the engine keeps SIGINT for itself.
+//                       Who swallows several (pdb, code.interact) gets SystemExit
+//   showing an error    the same: what is shown shall be whole
 //
 // What is still on its way when the console ends is discarded then, so that it cannot strike the clean-up.
 #pragma once
@@ -46,14 +48,29 @@ public:
         sigset_t previousMask_{};
     };
 
+    // While one of these lives, its thread shows an exception: without Python code, but not at the prompt either.
+    class Display {
+    public:
+        Display() noexcept;
+        ~Display();
+        Display(const Display &) = delete;
+        Display &operator=(const Display &) = delete;
+
+    private:
+        bool outer_;
+    };
+
     // For any thread: the request is in the record already. Never waits for the console.
     void interrupt() noexcept;
     // Whether a request has come during the present activity.
     bool isInterrupted() noexcept;
 
-    // For the signal handler, on the console thread: whether to raise KeyboardInterrupt, given that Python code is
-    // running or that the console is at its prompt.
-    bool shouldRaise(bool codeIsRunning) noexcept;
+    enum class Interruption { none, keyboardInterrupt, systemExit };
+    // For the signal handler, on the console thread: what to raise, given that Python code is running or that the
+    // console is at its prompt.
+    Interruption nextInterruption(bool codeIsRunning) noexcept;
+    // Whether a SystemExit without a code may be such an interruption, and so no exit that anybody has asked for.
+    bool hasRaisedSystemExit() noexcept;
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -71,6 +88,7 @@ private:
     bool sigintSent_ = false;
     bool keepSigint_ = false;
     Clock::time_point nextRaise_;
+    int raised_ = 0; // in running code, during this activity
     std::optional<timer_t> timer_;
 };
 

@@ -9,6 +9,7 @@
 #include "statement.h"
 
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
@@ -146,6 +147,21 @@ void runExitHandlers() noexcept {
     }
 }
 
+// Finalisation would put the default disposition in the place of the interpreter's handler, and Ctrl-C would end the
+// process before the engine's own disposition is back. One that is ignored, it leaves.
+void ignoreSigint() noexcept {
+    Ref signals = Ref::steal(PyImport_ImportModule("_signal"));
+    for (int attempt = 0; signals && attempt < 10; ++attempt) {
+        PyErr_Clear();
+        PyOS_InterruptOccurred(); // forgets it
+        Ref ignore = Ref::steal(PyObject_GetAttrString(signals.get(), "SIG_IGN"));
+        if (ignore && Ref::steal(PyObject_CallMethod(signals.get(), "signal", "iO", SIGINT, ignore.get()))) {
+            break;
+        }
+    }
+    PyErr_Clear();
+}
+
 // What finalisation would have done.
 void flushStandardOutput() noexcept {
     PyObject *output = PySys_GetObject("stdout");
@@ -173,6 +189,7 @@ void startInterpreter(const sonetrix_cliModule_t &module) noexcept {
         }
     }
     ready = true;
+    LibraryFrame::open();
     const GilHeld held;
     ConsoleThread::instance().installHandler();
     installExceptHook();
@@ -185,6 +202,9 @@ bool interpreterIsReady() noexcept { return ready; }
 
 void setUpConsole(sonetrix_cliModule_t &module) noexcept {
     const GilHeld held;
+    if (module.interactive != 0) {
+        PyOS_InterruptOccurred(); // forgets a Ctrl-C from before there was a console
+    }
     const ConsoleThread::Activity activity(ConsoleThread::Activity::Kind::start);
     if (PyRun_SimpleString(promptScript) != 0) {
         log(SONETRIX_LOG_WARN, "problem settings python prompt");
@@ -202,7 +222,7 @@ void setUpConsole(sonetrix_cliModule_t &module) noexcept {
     }
 }
 
-void endInterpreter() noexcept {
+void endInterpreter(const sonetrix_cliModule_t &module) noexcept {
     ready = false;
     clearPythonModule();
     if (!holdsGil()) {
@@ -212,7 +232,11 @@ void endInterpreter() noexcept {
     try {
         waitForThreads();
     } catch (const PythonError &) {
-        PyErr_Print();
+        if (PyErr_ExceptionMatches(PyExc_KeyboardInterrupt) != 0) {
+            PyErr_Clear();
+        } else {
+            PyErr_Print();
+        }
     }
     endRegistrations();
     if (PyRun_SimpleString(cleanUpStatement) != 0) {
@@ -225,6 +249,9 @@ void endInterpreter() noexcept {
         flushStandardOutput();
         giveGilUp();
         return;
+    }
+    if (module.savedSigintHandler != nullptr) {
+        ignoreSigint();
     }
     Py_FinalizeEx();
 }

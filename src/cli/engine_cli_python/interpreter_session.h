@@ -21,6 +21,6 @@ bool interpreterIsReady() noexcept;
 void setUpConsole(sonetrix_cliModule_t &module) noexcept;
 
 // Clear callbacks, the console's namespace, threads and callbacks that are left, finalisation.
-void endInterpreter() noexcept;
+void endInterpreter(const sonetrix_cliModule_t &module) noexcept;
 
 } // namespace sonetrix::cli

@@ -1,5 +1,6 @@
 #include "statement.h"
 
+#include "console_thread.h"
 #include "python/errors.h"
 #include "python/gil.h"
 
@@ -14,12 +15,19 @@ PyObject *exceptHook(PyObject *, PyObject *arguments) noexcept {
     if (PyErr_GivenExceptionMatches(type, PyExc_SystemExit) != 0) {
         return Py_NewRef(Py_None);
     }
+    const ConsoleThread::Display display;
     PyObject *original = PySys_GetObject("__excepthook__");
     return original == nullptr ? Py_NewRef(Py_None) : PyObject_Call(original, arguments, nullptr);
 }
 
 PyMethodDef exceptHookMethod = {
     "excepthook", exceptHook, METH_VARARGS, "Displays an exception on sys.stderr; SystemExit asks the engine to stop."};
+
+bool hasNoCode(PyObject *exception) noexcept {
+    const Ref code = Ref::steal(PyObject_GetAttrString(exception, "code"));
+    PyErr_Clear();
+    return code.get() == Py_None;
+}
 
 // Python's own reading of SystemExit.code: none is 0, an int is itself, anything else is printed and is 1.
 std::int32_t readExitCode(PyObject *exception) noexcept {
@@ -58,6 +66,9 @@ std::optional<std::int32_t> exitIfRequested(const Ref &previous) noexcept {
     const Ref exception = lastException();
     if (!exception || exception.get() == previous.get() ||
         PyErr_GivenExceptionMatches(exception.get(), PyExc_SystemExit) == 0) {
+        return std::nullopt;
+    }
+    if (ConsoleThread::instance().hasRaisedSystemExit() && hasNoCode(exception.get())) {
         return std::nullopt;
     }
     const std::int32_t code = readExitCode(exception.get());
