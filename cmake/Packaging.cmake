@@ -57,13 +57,15 @@ macro(_package component name summary description)
     set(CPACK_COMPONENT_${upper}_DESCRIPTION "${summary}\n${description}")
 endmacro()
 _package(module sonetrix "Python scripting layer of the SoneTrix audio engine"
-    "The module sonetrix and the engine's Python console, in one library that an engine loads.")
+    "The module sonetrix and the engine's Python console,\nin one library that an engine loads.")
 _package(development sonetrix-dev "SoneTrix scripting layer, interface for engines"
     "The C header of the functions that an engine provides to the scripting layer.")
 _package(documentation sonetrix-doc "SoneTrix scripting layer, documentation"
     "How it is used and built, and example scripts.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_SECTION doc)
 
 set(SONETRIX_DEBIAN_BINARIES_MODULE $<TARGET_FILE:sonetrix>)
 if(TARGET sonetrix_engine)

@@ -49,7 +49,7 @@ class Install(unittest.TestCase):
             self.assertEqual(terminal.ask("engine.isRunning()"), "True")
             self.assertEqual(terminal.ask("import _ctypes, _json"), "")  # extension modules find the interpreter
             self.assertEqual(terminal.end("exit(3)"), 3)
-        result = programs.run(*self.program, "-c", "print(open('/proc/self/maps').read())")
+        result = programs.run(*self.program, "-c", "import pathlib; print(pathlib.Path('/proc/self/maps').read_text())")
         self.assertEqual((result.returncode, result.stderr), (0, ""))
         loaded = set(re.findall(r"/\S*sonetrix\S*", result.stdout))
         self.assertGreaterEqual(loaded, {str(self.root / "lib/sonetrix" / name)

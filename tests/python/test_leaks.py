@@ -95,12 +95,17 @@ class LeakTest(engine_double.TestCase):
                 exec(f"def run(rounds):\n for _ in range(rounds):\n  {statement}", names)
                 names["run"](200)
                 gc.collect()
-                blocks, native = sys.getallocatedblocks(), self.native_bytes()
-                names["run"](ROUNDS)
-                gc.collect()
-                blocks, native = sys.getallocatedblocks() - blocks, self.native_bytes() - native
-                if blocks > ROUNDS / 10 or native > ROUNDS * 4:
-                    leaks.append((statement, blocks / ROUNDS, native / ROUNDS))
+                growth = []
+                for _ in range(2):  # a table of the interpreter's may grow once
+                    blocks, native = sys.getallocatedblocks(), self.native_bytes()
+                    names["run"](ROUNDS)
+                    gc.collect()
+                    blocks, native = sys.getallocatedblocks() - blocks, self.native_bytes() - native
+                    growth.append((blocks / ROUNDS, native / ROUNDS))
+                    if blocks <= ROUNDS / 10 and native <= ROUNDS * 4:
+                        break
+                else:
+                    leaks.append((statement, growth))
         self.assertEqual(leaks, [])
 
 
