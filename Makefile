@@ -1,10 +1,11 @@
 # Thin front door: every target is one or two commands that can be typed by hand.
 
 .DEFAULT_GOAL := help
-.PHONY: help setup run build build-arm test test-asan test-tsan test-arm test-matrix package package-arm bench lint format docs-graph soak clean
+.PHONY: help setup run build build-arm test test-asan test-tsan test-arm test-matrix coverage fuzz package package-arm bench lint format docs-graph soak clean
 
 ARGS ?=
 SECONDS ?= 120
+FUZZ_SECONDS ?= 60
 
 help: ## Show this list
 	@grep -hE '^[a-z-]+:.*## ' $(MAKEFILE_LIST) | sort | awk -F ':.*## ' '{printf "  make %-12s %s\n", $$1, $$2}'
@@ -37,6 +38,22 @@ build-arm:
 test-arm: build-arm ## Build for 64-bit Arm and run all tests in emulation
 	@PYTHONPATH=tests python3 -m support.emulation --list
 	@ctest --preset aarch64
+
+coverage: setup ## Run all tests with the library's lines counted: build/coverage/report
+	@tools/setup coverage
+	@cmake --preset coverage --log-level=NOTICE
+	@cmake --build --preset coverage
+	@find build/coverage -name '*.gcda' -delete
+	@ctest --preset coverage
+	@mkdir -p build/coverage/report
+	@cd build/coverage && gcovr --root ../.. --filter ../../interface/ --filter ../../src/ --exclude-throw-branches \
+		--html-details report/index.html --txt - --print-summary --fail-under-line 95 .
+
+fuzz: setup ## Run the fuzz targets, FUZZ_SECONDS=60 each
+	@tools/setup fuzz
+	@cmake --preset fuzz --log-level=NOTICE
+	@cmake --build --preset fuzz
+	@tools/fuzz $(FUZZ_SECONDS)
 
 test-matrix: setup ## Build and test against every suitable CPython on the machine
 	@tools/test-matrix

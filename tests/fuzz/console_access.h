@@ -1,0 +1,6 @@
+// The Python module `console_access`: the console's parts, for a target.
+#pragma once
+
+#include "python/ref.h"
+
+PyObject *newConsoleAccess();
