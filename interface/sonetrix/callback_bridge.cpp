@@ -22,6 +22,7 @@ Name parametersName("parameters");
 CallbackObject *oldest = nullptr;
 CallbackObject *newest = nullptr;
 bool ending = false;
+bool overdue = false; // a callable has not returned within the limit: it is not waited for again
 
 void link(CallbackObject &object) noexcept {
     object.previous = newest;
@@ -216,7 +217,9 @@ void endRegistrations() noexcept {
         const Ref object = Ref::borrow(reinterpret_cast<PyObject *>(oldest));
         unregister(self(object.get()));
     }
-    unlocked([] { waitForRemovals(lastCallLimit); });
+    if (!overdue) {
+        overdue = !unlocked([] { return waitForRemovals(lastCallLimit); });
+    }
 }
 
 bool endCallbacks() noexcept {
@@ -225,7 +228,8 @@ bool endCallbacks() noexcept {
     }
     endRegistrations();
     dropKeyCache();
-    return unlocked([] { return finishRemovals(lastCallLimit) && interpreterGate().close(lastCallLimit); });
+    const std::chrono::milliseconds limit = overdue ? 0ms : lastCallLimit;
+    return unlocked([limit] { return endReaper(limit) && interpreterGate().close(limit); });
 }
 
 } // namespace sonetrix

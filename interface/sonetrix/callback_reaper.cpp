@@ -93,12 +93,12 @@ bool removeLater(const Removal &removal) noexcept {
     }
 }
 
-void waitForRemovals(std::chrono::milliseconds limit) noexcept {
+bool waitForRemovals(std::chrono::milliseconds limit) noexcept {
     std::unique_lock lock(reaper.mutex);
-    reaper.changed.wait_for(lock, limit, [] { return reaper.removals.empty() && !reaper.busy; });
+    return reaper.changed.wait_for(lock, limit, [] { return reaper.removals.empty() && !reaper.busy; });
 }
 
-bool finishRemovals(std::chrono::milliseconds limit) noexcept {
+bool endReaper(std::chrono::milliseconds limit) noexcept {
     std::unique_lock lock(reaper.mutex);
     reaper.finishing = true;
     reaper.changed.notify_all();

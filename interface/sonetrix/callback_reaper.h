@@ -24,12 +24,12 @@ struct Removal {
 // Hands a removal over; needs the interpreter lock. False when there is no thread for it.
 bool removeLater(const Removal &removal) noexcept;
 
-// Waits until all removals handed over so far are done, or the limit is over. The caller must not hold the interpreter
-// lock.
-void waitForRemovals(std::chrono::milliseconds limit) noexcept;
+// Waits until all removals handed over so far are done; false when some are not after `limit`. The caller must not hold
+// the interpreter lock.
+bool waitForRemovals(std::chrono::milliseconds limit) noexcept;
 
 // Waits until all removals are done and ends the thread; false when some are not after `limit`. The caller must not
 // hold the interpreter lock.
-bool finishRemovals(std::chrono::milliseconds limit) noexcept;
+bool endReaper(std::chrono::milliseconds limit) noexcept;
 
 } // namespace sonetrix

@@ -1,6 +1,7 @@
 // engine: the processing graph as a Graphviz file.
 
 #include "engine.h"
+#include "info_keys.h"
 #include "python/version.h"
 
 #include <algorithm>
@@ -23,13 +24,6 @@ Name utf8Name("utf-8");
 Name writeModeName("w");
 Name newlineName("\n");
 Name indentName("  ");
-Name nameKey("name");
-Name typeKey("type");
-Name libraryKey("library");
-Name configurationKey("configuration");
-Name sinkKey("sink");
-Name sourceKey("src");
-Name linkKey("link");
 
 // ------------------------------------------------------------------------------------------------------- templates
 
@@ -162,7 +156,6 @@ private:
         callEngine(writeLinesName, file_, text.get(), depth.get());
     }
 
-    static Ref item(PyObject *dict, const Name &key) { return checked(PyObject_GetItem(dict, key.get())); }
     static bool has(PyObject *dict, const Name &key) { return checked(PySequence_Contains(dict, key.get())) != 0; }
     static Ref decoded(const Ref &bytes) { return callMethod(bytes.get(), decodeName, utf8Name.get()); }
     static Py_ssize_t size(const Ref &sequence) {
@@ -175,7 +168,7 @@ private:
 
     static bool isDriver(PyObject *info) {
         Ref driverType = checked(PyLong_FromLong(0));
-        return checked(PyObject_RichCompareBool(item(info, typeKey).get(), driverType.get(), Py_EQ)) != 0;
+        return checked(PyObject_RichCompareBool(item(info, infoKey::type).get(), driverType.get(), Py_EQ)) != 0;
     }
 
     static Ref shortened(const Ref &text) {
@@ -189,15 +182,15 @@ private:
     }
 
     static Ref moduleLabel(PyObject *info) {
-        Ref label = decoded(item(info, nameKey));
-        if (has(info, libraryKey)) {
+        Ref label = decoded(item(info, infoKey::name));
+        if (has(info, infoKey::library)) {
             Ref os = checked(PyImport_ImportModule("os"));
             Ref path = attribute(os.get(), pathName);
-            Ref base = callMethod(path.get(), basenameName, decoded(item(info, libraryKey)).get());
+            Ref base = callMethod(path.get(), basenameName, decoded(item(info, infoKey::library)).get());
             label = checked(PyUnicode_FromFormat("%S\n(%S)", label.get(), base.get()));
         }
-        if (has(info, configurationKey)) {
-            Ref text = shortened(checked(PyObject_Str(item(info, configurationKey).get())));
+        if (has(info, infoKey::configuration)) {
+            Ref text = shortened(checked(PyObject_Str(item(info, infoKey::configuration).get())));
             label = checked(PyUnicode_FromFormat("%S\n%U", label.get(), text.get()));
         }
         return label;
@@ -222,8 +215,8 @@ private:
         ++depth_;
         line(nodeHeader, moduleName.c_str(), colour);
         ++depth_;
-        const Ref sinks = group.sinks ? item(info, sinkKey) : Ref();
-        const Ref sources = group.sources ? item(info, sourceKey) : Ref();
+        const Ref sinks = group.sinks ? item(info, infoKey::sink) : Ref();
+        const Ref sources = group.sources ? item(info, infoKey::source) : Ref();
         const Py_ssize_t sinkCount = sinks ? size(sinks) : 0;
         const Py_ssize_t sourceCount = sources ? size(sources) : 0;
         for (Py_ssize_t row = 0; row < std::max(sinkCount, sourceCount); ++row) {
@@ -245,7 +238,7 @@ private:
     }
 
     void writeCell(const char *format, const Ref &ports, Py_ssize_t row, Py_ssize_t module) {
-        Ref name = item(checked(PySequence_GetItem(ports.get(), row)).get(), nameKey);
+        Ref name = item(checked(PySequence_GetItem(ports.get(), row)).get(), infoKey::name);
         Ref record = checked(Py_BuildValue("(nn)", PyDict_GET_SIZE(ports_.get()), module));
         checked(PyDict_SetItem(ports_.get(), name.get(), record.get()));
         line(format, port(name).id, decoded(name).get());
@@ -258,7 +251,7 @@ private:
     }
 
     Port firstPort(const Ref &ports) const {
-        return port(item(checked(PySequence_GetItem(ports.get(), 0)).get(), nameKey));
+        return port(item(checked(PySequence_GetItem(ports.get(), 0)).get(), infoKey::name));
     }
 
     static const char *sourceSuffix(bool driver) noexcept { return driver ? "src" : "src_sink"; }
@@ -266,8 +259,8 @@ private:
 
     // An invisible edge from a module's sources to its sinks, which steers the layout.
     void writeLayoutEdge(PyObject *info, Py_ssize_t index, bool driver) {
-        const Ref sources = item(info, sourceKey);
-        const Ref sinks = item(info, sinkKey);
+        const Ref sources = item(info, infoKey::source);
+        const Ref sinks = item(info, infoKey::sink);
         if (size(sources) == 0 || size(sinks) == 0) {
             return;
         }
@@ -276,14 +269,14 @@ private:
     }
 
     void writeLinks(PyObject *infos, PyObject *info, Py_ssize_t index) {
-        const Ref sinks = item(info, sinkKey);
+        const Ref sinks = item(info, infoKey::sink);
         for (Py_ssize_t row = 0; row < size(sinks); ++row) {
             const Ref sink = checked(PySequence_GetItem(sinks.get(), row));
-            if (!has(sink.get(), linkKey)) {
+            if (!has(sink.get(), infoKey::link)) {
                 continue;
             }
-            const Port to = port(item(sink.get(), nameKey));
-            const Port from = port(item(sink.get(), linkKey));
+            const Port to = port(item(sink.get(), infoKey::name));
+            const Port from = port(item(sink.get(), infoKey::link));
             const Ref feeding = checked(PySequence_GetItem(infos, from.module));
             line(linkEdge, from.module, sourceSuffix(isDriver(feeding.get())), from.id, index,
                 sinkSuffix(isDriver(info)), to.id);

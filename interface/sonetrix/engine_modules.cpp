@@ -1,6 +1,7 @@
 // engine: modules, ports and links.
 
 #include "engine.h"
+#include "info_keys.h"
 #include "list_key_value.h"
 #include "list_value.h"
 #include "log.h"
@@ -12,18 +13,6 @@
 namespace sonetrix {
 
 namespace {
-
-Name nameKey("name");
-Name typeKey("type");
-Name linkKey("link");
-Name sourceKey("src");
-Name sinkKey("sink");
-Name libraryKey("library");
-Name configurationKey("configuration");
-Name paramKey("param");
-Name absoluteKey("absolute");
-Name relativeKey("relative");
-Name processIdKey("processId");
 
 // ------------------------------------------------------------------------------------------------- module iteration
 
@@ -95,8 +84,8 @@ void set(const Ref &dict, const Name &key, const Ref &value) {
 
 Ref portRecord(const sonetrix_port_t &port) {
     Ref record = checked(PyDict_New());
-    set(record, nameKey, checked(PyBytes_FromString(port.name)));
-    set(record, typeKey, checked(PyLong_FromUnsignedLong(port.type)));
+    set(record, infoKey::name, checked(PyBytes_FromString(port.name)));
+    set(record, infoKey::type, checked(PyLong_FromUnsignedLong(port.type)));
     return record;
 }
 
@@ -114,7 +103,7 @@ Ref sinkRecords(const sonetrix_module_t &module) {
         const sonetrix_port_t &port = *module.sinks[index];
         Ref record = portRecord(port);
         if (port.link != nullptr) {
-            set(record, linkKey, checked(PyBytes_FromString(port.link)));
+            set(record, infoKey::link, checked(PyBytes_FromString(port.link)));
         }
         append(records.get(), record);
     }
@@ -141,8 +130,8 @@ void setStartParameters(const Ref &record, const sonetrix_module_t &module) {
     if (library == nullptr) {
         raisePlain("module without a library");
     }
-    set(record, libraryKey, checked(PyBytes_FromString(library)));
-    set(record, configurationKey, configurationDict);
+    set(record, infoKey::library, checked(PyBytes_FromString(library)));
+    set(record, infoKey::configuration, configurationDict);
 }
 
 Ref currentParameters(const sonetrix_module_t &module) {
@@ -159,16 +148,16 @@ Ref currentParameters(const sonetrix_module_t &module) {
 
 Ref moduleRecord(const sonetrix_module_t &module) {
     Ref record = checked(PyDict_New());
-    set(record, nameKey, checked(PyBytes_FromString(module.name)));
-    set(record, typeKey, checked(PyLong_FromUnsignedLong(module.type)));
+    set(record, infoKey::name, checked(PyBytes_FromString(module.name)));
+    set(record, infoKey::type, checked(PyLong_FromUnsignedLong(module.type)));
     if (unlocked([&] { return sonetrix_engine_DriverIsLoaded(module.reference); }) == 0) {
-        set(record, sourceKey, sourceRecords(module));
-        set(record, sinkKey, sinkRecords(module));
+        set(record, infoKey::source, sourceRecords(module));
+        set(record, infoKey::sink, sinkRecords(module));
     }
     if (module.type == 1) {
         setStartParameters(record, module);
     }
-    set(record, paramKey, currentParameters(module));
+    set(record, infoKey::param, currentParameters(module));
     return record;
 }
 
@@ -237,9 +226,9 @@ Ref getUsageInfo() {
             continue;
         }
         Ref usage = checked(PyDict_New());
-        set(usage, absoluteKey, checked(PyFloat_FromDouble(static_cast<double>(absolute))));
-        set(usage, relativeKey, checked(PyFloat_FromDouble(static_cast<double>(relative))));
-        set(usage, processIdKey, checked(PyLong_FromUnsignedLong(processId)));
+        set(usage, infoKey::absolute, checked(PyFloat_FromDouble(static_cast<double>(absolute))));
+        set(usage, infoKey::relative, checked(PyFloat_FromDouble(static_cast<double>(relative))));
+        set(usage, infoKey::processId, checked(PyLong_FromUnsignedLong(processId)));
         checked(PyDict_SetItem(usages.get(), name.get(), usage.get()));
     }
     return usages;

@@ -1,5 +1,6 @@
 // usageInfo(): a live table of the modules' processing load.
 
+#include "info_keys.h"
 #include "monitor.h"
 
 #include <algorithm>
@@ -13,9 +14,6 @@ Name getUsageInfoName("getUsageInfo");
 Name decodeName("decode");
 Name utf8Name("utf-8");
 Name replaceName("replace");
-Name absoluteKey("absolute");
-Name relativeKey("relative");
-Name processIdKey("processId");
 
 // A quotient that is 0 where there is nothing to divide by.
 double safediv(double dividend, double divisor) noexcept { return divisor == 0 ? 0 : dividend / divisor; }
@@ -27,8 +25,6 @@ struct Row {
     double absolute;
 };
 
-Ref item(PyObject *dict, const Name &key) { return checked(PyObject_GetItem(dict, key.get())); }
-
 // engine.getUsageInfo() as rows, the busiest module first.
 std::vector<Row> usageRows() {
     Ref usages = callEngine(getUsageInfoName);
@@ -37,12 +33,13 @@ std::vector<Row> usageRows() {
     for (Py_ssize_t index = 0; index < PyList_GET_SIZE(names.get()); ++index) {
         PyObject *name = PyList_GET_ITEM(names.get(), index);
         const Ref usage = checked(PyObject_GetItem(usages.get(), name));
-        const long processId = PyLong_AsLong(item(usage.get(), processIdKey).get());
+        const long processId = PyLong_AsLong(item(usage.get(), infoKey::processId).get());
         if (processId == -1 && PyErr_Occurred() != nullptr) {
             throw PythonError();
         }
         rows.push_back({callMethod(name, decodeName, utf8Name.get(), replaceName.get()), processId,
-            toDouble(item(usage.get(), relativeKey).get()), toDouble(item(usage.get(), absoluteKey).get())});
+            toDouble(item(usage.get(), infoKey::relative).get()),
+            toDouble(item(usage.get(), infoKey::absolute).get())});
     }
     std::stable_sort(rows.begin(), rows.end(), [](const Row &a, const Row &b) { return a.absolute > b.absolute; });
     return rows;

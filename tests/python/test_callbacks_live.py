@@ -289,6 +289,16 @@ class Ends(live.LiveTest):
             outcomes = list(pool.map(lambda run: end(*run), runs))
         self.assertEqual([outcome for outcome in outcomes if outcome is not True], [])
 
+    def test_the_process_may_exit_in_c_with_everything_there(self):
+        result = programs.run_script("""
+import ctypes, threading
+done, kept = threading.Event(), [timeout(10_000, int)]
+dropping = timeout(1, lambda: (kept.clear(), done.set()))
+done.wait()
+ctypes.CDLL(None).exit(3)
+""")
+        self.assertEqual((result.returncode, result.stdout + result.stderr), (3, ""))
+
     def test_consoles_end_under_fire(self):
         script = self.enterContext(ScriptFile(UNDER_FIRE))
         for seed, (line, status) in enumerate([("exit(7)", 7), ("engine.exit()", 0), ("raise SystemExit(7)", 7),

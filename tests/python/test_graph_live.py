@@ -167,8 +167,9 @@ print((edits, looks, xruns, sizes, engine.getFrameRate() / 256 * {seconds}))
         # the audio thread wait would cost one with each of the thousands of edits.
         self.assertLess(sum(busy) - sum(quiet), 3 * blocks * (0.05 if not live.SANITIZED else 0.5), (quiet, busy, blocks))
         if not live.SANITIZED:
-            # In emulation the process holds the code's translation, too.
-            self.assertLess(sizes[2] - sizes[0], 4_000_000 * live.SLOWNESS, sizes)
+            # Leaks are for the leak sanitizer to find: this is about what is never given back. In emulation the process
+            # holds the code's translation, too.
+            self.assertLess(sizes[2] - sizes[0], 10_000_000 * live.SLOWNESS, sizes)
 
     def test_five_thousand_modules(self):
         self.run_live("""

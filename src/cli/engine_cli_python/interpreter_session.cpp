@@ -6,6 +6,7 @@
 #include "module_init.h"
 #include "python/errors.h"
 #include "python/gil.h"
+#include "python_threads.h"
 #include "statement.h"
 
 #include <chrono>
@@ -31,7 +32,6 @@ constexpr const char *importStatement = "from sonetrix import *";
 constexpr const char *cleanUpStatement = "globals().clear()\n";
 
 constexpr std::chrono::milliseconds lastCallsLimit{1000}; // for threads inside this library's functions
-constexpr double lastThreadsLimit = 3.0;                  // seconds that forgotten Python threads delay the end
 
 bool ready = false;
 
@@ -93,51 +93,6 @@ void runScriptFile(const char *path) noexcept {
 
 // Frees a string of the record and clears its field.
 void consume(char *&text) noexcept { std::free(std::exchange(text, nullptr)); }
-
-PyObject *doNothing(PyObject *, PyObject *) noexcept { return Py_NewRef(Py_None); }
-PyMethodDef noShutdown = {"_shutdown", doNothing, METH_NOARGS, nullptr};
-
-// Finalisation waits for Python threads that are not daemons, without end. So the same wait is done here on a daemon
-// thread, for a limited time; whoever is still running then is named and left behind.
-void waitForThreads() {
-    PyObject *threading = PyDict_GetItemString(PyImport_GetModuleDict(), "threading");
-    if (threading == nullptr) {
-        return;
-    }
-    Ref shutdown = checked(PyObject_GetAttrString(threading, "_shutdown"));
-    Ref nothing = checked(PyCFunction_New(&noShutdown, nullptr));
-    checked(PyObject_SetAttrString(threading, "_shutdown", nothing.get()));
-    Ref threadClass = checked(PyObject_GetAttrString(threading, "Thread"));
-    Ref mainThread = checked(PyObject_CallMethod(threading, "main_thread", nullptr));
-    // On another thread the wait would be for the main one, too, whose lock is among those that 3.12 waits for.
-    if (Ref locks = Ref::steal(PyObject_GetAttrString(threading, "_shutdown_locks"))) {
-        Ref mainLock = checked(PyObject_GetAttrString(mainThread.get(), "_tstate_lock"));
-        checked(PyObject_CallMethod(locks.get(), "discard", "O", mainLock.get()));
-    } else {
-        PyErr_Clear();
-    }
-    Ref arguments = checked(PyTuple_New(0));
-    Ref keywords = checked(Py_BuildValue("{sOsO}", "target", shutdown.get(), "daemon", Py_True));
-    Ref waiter = checked(PyObject_Call(threadClass.get(), arguments.get(), keywords.get()));
-    checked(PyObject_CallMethod(waiter.get(), "start", nullptr));
-    Ref::steal(PyObject_CallMethod(waiter.get(), "join", "d", lastThreadsLimit));
-    PyErr_Clear(); // Ctrl-C cuts the wait short
-    Ref alive = checked(PyObject_CallMethod(waiter.get(), "is_alive", nullptr));
-    if (checked(PyObject_IsTrue(alive.get())) == 0) {
-        return;
-    }
-    Ref threads = checked(PyObject_CallMethod(threading, "enumerate", nullptr));
-    for (Py_ssize_t index = 0; index < PyList_GET_SIZE(threads.get()); ++index) {
-        PyObject *thread = PyList_GET_ITEM(threads.get(), index);
-        Ref daemon = checked(PyObject_GetAttrString(thread, "daemon"));
-        if (thread != mainThread.get() && checked(PyObject_IsTrue(daemon.get())) == 0) {
-            Ref name = checked(PyObject_Str(checked(PyObject_GetAttrString(thread, "name")).get()));
-            const char *text = PyUnicode_AsUTF8(name.get());
-            log(SONETRIX_LOG_WARN, "python thread '%s' is still running and is left behind",
-                text == nullptr ? "?" : text);
-        }
-    }
-}
 
 // Ahead of finalisation, which would run them: until now they can count on this library's functions.
 void runExitHandlers() noexcept {
@@ -229,15 +184,7 @@ void endInterpreter(const sonetrix_cliModule_t &module) noexcept {
         keepGil();
     }
     // Threads and callables come to their end while the globals that they use are still there.
-    try {
-        waitForThreads();
-    } catch (const PythonError &) {
-        if (PyErr_ExceptionMatches(PyExc_KeyboardInterrupt) != 0) {
-            PyErr_Clear();
-        } else {
-            PyErr_Print();
-        }
-    }
+    waitForPythonThreads();
     endRegistrations();
     if (PyRun_SimpleString(cleanUpStatement) != 0) {
         log(SONETRIX_LOG_WARN, "problem while cleaning up CLI global variables");
