@@ -95,9 +95,11 @@ if(NOT TARGET EnginePython::EnginePython)
     add_library(EnginePython::EnginePython SHARED IMPORTED)
     set_target_properties(EnginePython::EnginePython PROPERTIES
         IMPORTED_LOCATION ${SONETRIX_PYTHON_LIBRARY} INTERFACE_INCLUDE_DIRECTORIES ${_include})
-    # The headers of the distribution's debug build are links to those of the other one, apart from pyconfig.h, which is
-    # found only by a compiler that does not follow the links first.
-    target_compile_options(EnginePython::EnginePython INTERFACE
-        $<$<COMPILE_LANG_AND_ID:C,GNU>:-fno-canonical-system-headers>
-        $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fno-canonical-system-headers>)
+    if(SONETRIX_PYTHON_LIBRARY MATCHES "d\\.so")
+        # The headers of the distribution's debug build are links to those of the other one, apart from pyconfig.h, which
+        # is found only by a compiler that does not follow the links first.
+        target_compile_options(EnginePython::EnginePython INTERFACE
+            $<$<COMPILE_LANG_AND_ID:C,GNU>:-fno-canonical-system-headers>
+            $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fno-canonical-system-headers>)
+    endif()
 endif()
