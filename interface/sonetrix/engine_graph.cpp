@@ -168,7 +168,7 @@ private:
 
     static bool isDriver(PyObject *info) {
         Ref driverType = checked(PyLong_FromLong(0));
-        return checked(PyObject_RichCompareBool(item(info, infoKey::type).get(), driverType.get(), Py_EQ)) != 0;
+        return checked(PyObject_RichCompareBool(item(info, info_key::type).get(), driverType.get(), Py_EQ)) != 0;
     }
 
     static Ref shortened(const Ref &text) {
@@ -182,15 +182,15 @@ private:
     }
 
     static Ref moduleLabel(PyObject *info) {
-        Ref label = decoded(item(info, infoKey::name));
-        if (has(info, infoKey::library)) {
+        Ref label = decoded(item(info, info_key::name));
+        if (has(info, info_key::library)) {
             Ref os = checked(PyImport_ImportModule("os"));
             Ref path = attribute(os.get(), pathName);
-            Ref base = callMethod(path.get(), basenameName, decoded(item(info, infoKey::library)).get());
+            Ref base = callMethod(path.get(), basenameName, decoded(item(info, info_key::library)).get());
             label = checked(PyUnicode_FromFormat("%S\n(%S)", label.get(), base.get()));
         }
-        if (has(info, infoKey::configuration)) {
-            Ref text = shortened(checked(PyObject_Str(item(info, infoKey::configuration).get())));
+        if (has(info, info_key::configuration)) {
+            Ref text = shortened(checked(PyObject_Str(item(info, info_key::configuration).get())));
             label = checked(PyUnicode_FromFormat("%S\n%U", label.get(), text.get()));
         }
         return label;
@@ -215,8 +215,8 @@ private:
         ++depth_;
         line(nodeHeader, moduleName.c_str(), colour);
         ++depth_;
-        const Ref sinks = group.sinks ? item(info, infoKey::sink) : Ref();
-        const Ref sources = group.sources ? item(info, infoKey::source) : Ref();
+        const Ref sinks = group.sinks ? item(info, info_key::sink) : Ref();
+        const Ref sources = group.sources ? item(info, info_key::source) : Ref();
         const Py_ssize_t sinkCount = sinks ? size(sinks) : 0;
         const Py_ssize_t sourceCount = sources ? size(sources) : 0;
         for (Py_ssize_t row = 0; row < std::max(sinkCount, sourceCount); ++row) {
@@ -238,7 +238,7 @@ private:
     }
 
     void writeCell(const char *format, const Ref &ports, Py_ssize_t row, Py_ssize_t module) {
-        Ref name = item(checked(PySequence_GetItem(ports.get(), row)).get(), infoKey::name);
+        Ref name = item(checked(PySequence_GetItem(ports.get(), row)).get(), info_key::name);
         Ref record = checked(Py_BuildValue("(nn)", PyDict_GET_SIZE(ports_.get()), module));
         checked(PyDict_SetItem(ports_.get(), name.get(), record.get()));
         line(format, port(name).id, decoded(name).get());
@@ -251,7 +251,7 @@ private:
     }
 
     Port firstPort(const Ref &ports) const {
-        return port(item(checked(PySequence_GetItem(ports.get(), 0)).get(), infoKey::name));
+        return port(item(checked(PySequence_GetItem(ports.get(), 0)).get(), info_key::name));
     }
 
     static const char *sourceSuffix(bool driver) noexcept { return driver ? "src" : "src_sink"; }
@@ -259,8 +259,8 @@ private:
 
     // An invisible edge from a module's sources to its sinks, which steers the layout.
     void writeLayoutEdge(PyObject *info, Py_ssize_t index, bool driver) {
-        const Ref sources = item(info, infoKey::source);
-        const Ref sinks = item(info, infoKey::sink);
+        const Ref sources = item(info, info_key::source);
+        const Ref sinks = item(info, info_key::sink);
         if (size(sources) == 0 || size(sinks) == 0) {
             return;
         }
@@ -269,14 +269,14 @@ private:
     }
 
     void writeLinks(PyObject *infos, PyObject *info, Py_ssize_t index) {
-        const Ref sinks = item(info, infoKey::sink);
+        const Ref sinks = item(info, info_key::sink);
         for (Py_ssize_t row = 0; row < size(sinks); ++row) {
             const Ref sink = checked(PySequence_GetItem(sinks.get(), row));
-            if (!has(sink.get(), infoKey::link)) {
+            if (!has(sink.get(), info_key::link)) {
                 continue;
             }
-            const Port to = port(item(sink.get(), infoKey::name));
-            const Port from = port(item(sink.get(), infoKey::link));
+            const Port to = port(item(sink.get(), info_key::name));
+            const Port from = port(item(sink.get(), info_key::link));
             const Ref feeding = checked(PySequence_GetItem(infos, from.module));
             line(linkEdge, from.module, sourceSuffix(isDriver(feeding.get())), from.id, index,
                 sinkSuffix(isDriver(info)), to.id);

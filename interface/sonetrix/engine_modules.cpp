@@ -84,8 +84,8 @@ void set(const Ref &dict, const Name &key, const Ref &value) {
 
 Ref portRecord(const sonetrix_port_t &port) {
     Ref record = checked(PyDict_New());
-    set(record, infoKey::name, checked(PyBytes_FromString(port.name)));
-    set(record, infoKey::type, checked(PyLong_FromUnsignedLong(port.type)));
+    set(record, info_key::name, checked(PyBytes_FromString(port.name)));
+    set(record, info_key::type, checked(PyLong_FromUnsignedLong(port.type)));
     return record;
 }
 
@@ -103,7 +103,7 @@ Ref sinkRecords(const sonetrix_module_t &module) {
         const sonetrix_port_t &port = *module.sinks[index];
         Ref record = portRecord(port);
         if (port.link != nullptr) {
-            set(record, infoKey::link, checked(PyBytes_FromString(port.link)));
+            set(record, info_key::link, checked(PyBytes_FromString(port.link)));
         }
         append(records.get(), record);
     }
@@ -130,8 +130,8 @@ void setStartParameters(const Ref &record, const sonetrix_module_t &module) {
     if (library == nullptr) {
         raisePlain("module without a library");
     }
-    set(record, infoKey::library, checked(PyBytes_FromString(library)));
-    set(record, infoKey::configuration, configurationDict);
+    set(record, info_key::library, checked(PyBytes_FromString(library)));
+    set(record, info_key::configuration, configurationDict);
 }
 
 Ref currentParameters(const sonetrix_module_t &module) {
@@ -148,16 +148,16 @@ Ref currentParameters(const sonetrix_module_t &module) {
 
 Ref moduleRecord(const sonetrix_module_t &module) {
     Ref record = checked(PyDict_New());
-    set(record, infoKey::name, checked(PyBytes_FromString(module.name)));
-    set(record, infoKey::type, checked(PyLong_FromUnsignedLong(module.type)));
+    set(record, info_key::name, checked(PyBytes_FromString(module.name)));
+    set(record, info_key::type, checked(PyLong_FromUnsignedLong(module.type)));
     if (unlocked([&] { return sonetrix_engine_DriverIsLoaded(module.reference); }) == 0) {
-        set(record, infoKey::source, sourceRecords(module));
-        set(record, infoKey::sink, sinkRecords(module));
+        set(record, info_key::source, sourceRecords(module));
+        set(record, info_key::sink, sinkRecords(module));
     }
     if (module.type == 1) {
         setStartParameters(record, module);
     }
-    set(record, infoKey::param, currentParameters(module));
+    set(record, info_key::param, currentParameters(module));
     return record;
 }
 
@@ -226,9 +226,9 @@ Ref getUsageInfo() {
             continue;
         }
         Ref usage = checked(PyDict_New());
-        set(usage, infoKey::absolute, checked(PyFloat_FromDouble(static_cast<double>(absolute))));
-        set(usage, infoKey::relative, checked(PyFloat_FromDouble(static_cast<double>(relative))));
-        set(usage, infoKey::processId, checked(PyLong_FromUnsignedLong(processId)));
+        set(usage, info_key::absolute, checked(PyFloat_FromDouble(static_cast<double>(absolute))));
+        set(usage, info_key::relative, checked(PyFloat_FromDouble(static_cast<double>(relative))));
+        set(usage, info_key::processId, checked(PyLong_FromUnsignedLong(processId)));
         checked(PyDict_SetItem(usages.get(), name.get(), usage.get()));
     }
     return usages;

@@ -5,7 +5,7 @@
 
 namespace sonetrix {
 
-namespace infoKey {
+namespace info_key {
 inline Name name("name");
 inline Name type("type");
 inline Name link("link");
@@ -17,7 +17,7 @@ inline Name param("param");
 inline Name absolute("absolute");
 inline Name relative("relative");
 inline Name processId("processId");
-} // namespace infoKey
+} // namespace info_key
 
 // info[key]
 inline Ref item(PyObject *info, const Name &key) { return checked(PyObject_GetItem(info, key.get())); }

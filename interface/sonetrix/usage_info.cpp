@@ -33,13 +33,13 @@ std::vector<Row> usageRows() {
     for (Py_ssize_t index = 0; index < PyList_GET_SIZE(names.get()); ++index) {
         PyObject *name = PyList_GET_ITEM(names.get(), index);
         const Ref usage = checked(PyObject_GetItem(usages.get(), name));
-        const long processId = PyLong_AsLong(item(usage.get(), infoKey::processId).get());
+        const long processId = PyLong_AsLong(item(usage.get(), info_key::processId).get());
         if (processId == -1 && PyErr_Occurred() != nullptr) {
             throw PythonError();
         }
         rows.push_back({callMethod(name, decodeName, utf8Name.get(), replaceName.get()), processId,
-            toDouble(item(usage.get(), infoKey::relative).get()),
-            toDouble(item(usage.get(), infoKey::absolute).get())});
+            toDouble(item(usage.get(), info_key::relative).get()),
+            toDouble(item(usage.get(), info_key::absolute).get())});
     }
     std::stable_sort(rows.begin(), rows.end(), [](const Row &a, const Row &b) { return a.absolute > b.absolute; });
     return rows;
