@@ -270,8 +270,6 @@ elif way == "SIGTERM":
 """
 WAYS = {"end of script": 0, "exit": 7, "exit and wait": 7, "SystemExit": 7, "stop from a callback": 7,
         "stop from a thread": 7, "SIGTERM": 0}
-# The leak checker itself crashes at a thread that outlives the interpreter. It checks the runs without one.
-OUTLIVED = {"ASAN_OPTIONS": "detect_leaks=0"}
 
 
 class Ends(live.LiveTest):
@@ -282,7 +280,7 @@ class Ends(live.LiveTest):
 
         def end(seed, way, status):
             threads = 1 + seed // len(ways) % 2  # the second is a daemon
-            result = programs.run_engine(script, way, seed, threads, environment=OUTLIVED if threads == 2 else None)
+            result = programs.run_engine(script, way, seed, threads, environment=programs.OUTLIVED if threads == 2 else None)
             return result.returncode == status and not result.stdout + result.stderr or f"{way}, {seed}: {result}"
 
         with concurrent.futures.ThreadPoolExecutor(2) as pool:
@@ -304,7 +302,7 @@ ctypes.CDLL(None).exit(3)
         for seed, (line, status) in enumerate([("exit(7)", 7), ("engine.exit()", 0), ("raise SystemExit(7)", 7),
                                                ("\4", 0), ("cpu() # exit", 7)]):
             with self.subTest(line), console.Console(
-                    "-i", script, "end of script", seed, 2, environment=OUTLIVED) as terminal:
+                    "-i", script, "end of script", seed, 2, environment=programs.OUTLIVED) as terminal:
                 terminal.prompt()
                 if line.startswith("cpu"):
                     terminal.send("quitter = timeout(300, lambda: exit(7))")

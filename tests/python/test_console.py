@@ -9,6 +9,7 @@ import unittest
 
 from support import ENGINE
 from support.console import Console
+from support.programs import OUTLIVED
 
 
 class ConsoleTest(unittest.TestCase):
@@ -17,8 +18,8 @@ class ConsoleTest(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         self.home = folder.name
 
-    def console(self, *arguments, **options):
-        environment = {"HOME": self.home, "XDG_STATE_HOME": self.home, "PYTHON_COLORS": "0"}
+    def console(self, *arguments, environment={}, **options):
+        environment = {"HOME": self.home, "XDG_STATE_HOME": self.home, "PYTHON_COLORS": "0", **environment}
         return Console(*arguments, environment=environment, **options)
 
     def assertEnds(self, console, line=None, status=0):
@@ -34,8 +35,7 @@ class Dialogue(ConsoleTest):
                 ("import sys; sys.ps2, __name__, '__file__' in globals()", "('... ', '__main__', False)"),
                 ("[name for name in globals() if 'sonetrix' in name]", "[]"),
                 ("engine.isRunning(), exit.__module__", "(True, 'sonetrix')"),
-                ("1 / 0", 'Traceback (most recent call last):\n  File "__engine__", line 1, in <module>\n'
-                          "ZeroDivisionError: division by zero"),
+                ("1 / 0", "ZeroDivisionError: division by zero"),
                 ("x =", 'File "__engine__", line 1\n    x =\n       ^\nSyntaxError: invalid syntax'),
                 ("from __future__ import annotations", ""),
                 ("class Later: at: undefined = 4\n", "..."),
@@ -99,7 +99,7 @@ class Interruption(ConsoleTest):
     def test_control_c_held_down_at_the_end(self):
         # Twice, once the console has given SIGINT back: the engine's own hurried end.
         for _ in range(5):
-            with self.console() as console:
+            with self.console(environment=OUTLIVED) as console:
                 console.prompt()
                 console.send("add_clear_callback(lambda: print('clea' + 'ring', flush=True)); exit(5)")
                 console.expect("clearing\r?\n")  # before that, Ctrl-C may strike the line

@@ -375,7 +375,7 @@ class End(unittest.TestCase):
 import threading, time
 threading.Thread(target={target}, name="some thread").start()
 threading.Thread(target=lambda: time.sleep(1000), name="daemon", daemon=True).start()
-""")
+""", environment=programs.OUTLIVED)
                 self.assertLess(time.monotonic() - began, IN_TIME)
                 left_behind = [(WARN, "python thread 'some thread' is still running and is left behind")]
                 self.assertEqual([line for line in report.log if line[0] == WARN], left_behind if forgotten else [])
@@ -399,7 +399,7 @@ def begin():
     for index in range(6): threading.Thread(target=(calls, objects)[index % 2], daemon=True).start()
     time.sleep(random.random() * 0.05)
 begin()
-""", "--log-level", "fatal")
+""", "--log-level", "fatal", environment=programs.OUTLIVED)
             self.assertEqual((result.returncode, result.stderr), (0, ""))
 
     def test_exit_handlers_find_the_library_and_a_thread_that_stays_inside_is_left_there(self):
@@ -416,7 +416,7 @@ worker = threading.Thread(target=work, args=(over,), daemon=True); worker.start(
 atexit.register(leave, over, worker)
 threading.Thread(target=lambda log=log, Never=Never: log.setLevel(Never()), daemon=True).start()
 time.sleep(0.1)
-""", "--log-level", "error")
+""", "--log-level", "error", environment=programs.OUTLIVED)
         self.assertEqual((result.returncode, result.stdout), (0, "left [b'system']\n"))
         self.assertRegex(result.stderr, "^ERROR .*a thread does not return from Python: the interpreter is left as it is\n$")
 

@@ -5,7 +5,7 @@ import random
 import sys
 import unittest
 
-from support import SOURCE
+from support import SOURCE, engine_double
 
 FUZZ = SOURCE / "tests" / "fuzz"
 INPUTS = 1000
@@ -13,6 +13,7 @@ INPUTS = 1000
 
 class FuzzTest(unittest.TestCase):
     def run_target(self, name):
+        self.addCleanup(engine_double.reset)
         self.addCleanup(setattr, sys, "stderr", sys.stderr)
         self.addCleanup(setattr, sys, "unraisablehook", sys.unraisablehook)
         sys.path.insert(0, str(FUZZ))

@@ -46,6 +46,10 @@ def run(source, **variables):
     return result.stdout.splitlines()
 
 
+def unspaced(text):
+    return "".join(text.split())
+
+
 class SurfaceTest(engine_double.TestCase):
     def functions(self):
         """(qualified name, function) of all, methods included."""
@@ -66,7 +70,7 @@ class SurfaceTest(engine_double.TestCase):
                 self.assertEqual(function.__annotations__, {key: value for key, value in shown.items()
                                                             if value is not inspect.Parameter.empty})
                 page = pydoc.render_doc(function, renderer=pydoc.plaintext)
-                self.assertIn(f"{function.__name__}{signature}", page)
+                self.assertIn(unspaced(f"{function.__name__}{signature}"), unspaced(page))
                 self.assertIn(function.__doc__.split("\n")[0], page)
         self.assertEqual(self.sonetrix.exit.__annotations__, {"exitcode": "int | None"})
         for name, constants in CONSTANTS.items():
@@ -128,8 +132,13 @@ assert importlib.reload(sonetrix) is sonetrix
 del sys.modules["sonetrix"]
 print(*refusal(importlib.import_module, "sonetrix"))
 sys.stdout.flush()
-import _xxsubinterpreters as interpreters
-interpreters.run_string(interpreters.create(isolated=False), '''
+try:
+    import _interpreters as interpreters
+    other = interpreters.create("legacy")
+except ImportError: # before 3.13
+    import _xxsubinterpreters as interpreters
+    other = interpreters.create(isolated=False)
+interpreters.run_string(other, '''
 try:
     import sonetrix
 except ImportError as error:
