@@ -294,7 +294,7 @@ done, kept = threading.Event(), [timeout(10_000, int)]
 dropping = timeout(1, lambda: (kept.clear(), done.set()))
 done.wait()
 ctypes.CDLL(None).exit(3)
-""")
+""", environment=programs.OUTLIVED)
         self.assertEqual((result.returncode, result.stdout + result.stderr), (3, ""))
 
     def test_consoles_end_under_fire(self):

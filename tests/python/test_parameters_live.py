@@ -16,8 +16,7 @@ def read(keys):
 class Parameters(live.LiveTest):
     def test_keys(self):
         self.run_live(SETUP + """
-own = {b"engine.rate": (44100, "uint32"), b"engine.block": (64, "uint32"), b"engine.xruns": (0, "uint32"),
-       b"engine.log.level": (3, "int32")}
+own = {b"engine.rate": (44100, "uint32"), b"engine.block": (64, "uint32"), b"engine.log.level": (3, "int32")}
 echo = {b"echo.delay_seconds": (1.0, "float"), b"echo.dry_wet_balance": (0.5, "float")}
 amp = {b"amp.gain": (0.5, "float")}
 for keys, expected in [
@@ -30,6 +29,7 @@ for keys, expected in [
 ]:
     assert read(keys) == expected, (keys, read(keys))
 assert own.keys() <= read("engine.").keys() and engine.getFrameRate() == 44100
+assert read("engine.xruns")[b"engine.xruns"][1] == "uint32"
 for method, argument, text in [
     (engine.getParam, ["amp.gain", 5], "only string is accepted"),
     (engine.getParam, 5, "only string/byte/list/tuple is accepted as input"),

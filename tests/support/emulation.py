@@ -13,7 +13,6 @@ TOO_SLOW = "plays in real time, while the emulated interpreter takes longer to s
 UNSUITABLE = {
     "test_examples.Examples.test_chain_in_real_time": TOO_SLOW,
     "test_examples.Examples.test_wait_for_event": TOO_SLOW,
-    "test_parameters_live.Parameters.test_keys": "expects that the driver has missed no deadline",
 }
 
 
