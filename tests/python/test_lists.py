@@ -61,6 +61,16 @@ class ValueTest(ListTestCase):
         self.assertIs(keyed.remove("missing").remove(b"a"), keyed)
         self.assertEqual(keyed.toDict(), {b"b": (1, 2)})
 
+    def test_long_lists(self):
+        for count in 10, 1_000, 200_000, 300, 3_000:  # the reading's room is kept for the next
+            values = [float(number) if number % 3 else (number, -number) for number in range(count)]
+            listed, keyed = self.sonetrix.listValue(), self.sonetrix.listKeyValue()
+            for number, value in enumerate(values):
+                listed.append(value), keyed.append(f"key{number}", value)
+            self.assertEqual(listed.toList(), values)
+            self.assertEqual(keyed.toDict(), {b"key%d" % number: value for number, value in enumerate(values)})
+            self.assertEqual(listed.dup().toList(), values)
+
     def test_refusals(self):
         plain, keyed = (kind() for kind in self.kinds)
         odd = type("OddItems", (dict,), {"items": lambda self: self["items"]})
