@@ -182,7 +182,7 @@ int main(int argc, char **argv) {
         if (options.run) {
             note("run", module->run(module));
         }
-        note("stopRequested", module->stopRequested);
+        note("stopRequested", __atomic_load_n(&module->stopRequested, __ATOMIC_SEQ_CST)); // a stop may still come
         threads.clear();
         const auto destroy = module->destroy;
         destroy(module);
