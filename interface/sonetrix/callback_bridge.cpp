@@ -22,6 +22,7 @@ Name parametersName("parameters");
 CallbackObject *oldest = nullptr;
 CallbackObject *newest = nullptr;
 bool ending = false;
+int beginning = 0;    // registrations that the engine may have, and that are not in the list yet
 bool overdue = false; // a callable has not returned within the limit: it is not waited for again
 
 void link(CallbackObject &object) noexcept {
@@ -107,7 +108,10 @@ CallbackObject &allocateCallback(Ref &object, PyTypeObject *type, const Callback
 
 bool registrationsEnded() noexcept { return ending; }
 
-void registered(CallbackObject &object, void *handle) noexcept {
+void beginRegistration() noexcept { ++beginning; }
+
+void endRegistration(CallbackObject &object, void *handle) noexcept {
+    --beginning;
     object.handle = handle;
     if (handle != nullptr) {
         link(object);
@@ -163,6 +167,18 @@ bool CallScope::isElsewhere(const CallbackObject &object) noexcept {
     return false;
 }
 
+bool CallScope::isOfTheDropped() const noexcept {
+    if (!awaitsRemoval(kind_->remove, called_) || beginning != 0) {
+        return false;
+    }
+    for (const CallbackObject *object = oldest; object != nullptr; object = object->next) {
+        if (mayBeOf(*object)) {
+            return false; // which of a callable's registrations a call is for, nobody knows
+        }
+    }
+    return true;
+}
+
 void requireRegistered(const Ref &object) {
     if (self(object.get()).handle == nullptr && !ending) {
         raise(PyExc_MemoryError);
@@ -191,6 +207,9 @@ void notify(const Notification &notification, sonetrix_cListKeyValue_t *list, vo
         return;
     }
     const CallScope scope(user, *notification.kind);
+    if (scope.isOfTheDropped()) {
+        return;
+    }
     try {
         Ref dict;
         try {
@@ -223,13 +242,14 @@ void endRegistrations() noexcept {
 }
 
 bool endCallbacks() noexcept {
-    if (interpreterGate().isClosed()) {
-        return true;
+    if (!interpreterGate().isClosed()) {
+        endRegistrations();
+        dropKeyCache();
     }
-    endRegistrations();
-    dropKeyCache();
     const std::chrono::milliseconds limit = overdue ? 0ms : lastCallLimit;
-    return unlocked([limit] { return endReaper(limit) && interpreterGate().close(limit); });
+    const bool allOut = unlocked([limit] { return endReaper(limit) && interpreterGate().close(limit); });
+    overdue = overdue || !allOut;
+    return allOut;
 }
 
 } // namespace sonetrix

@@ -6,7 +6,7 @@
 //              as long as the engine may call.
 //   a call     An engine thread passes the gate, is refused if it holds the interpreter lock already (notifications),
 //              takes the lock, takes a reference to the callable of its own (the callable may drop its object), and
-//              calls. Errors end in the engine's log.
+//              calls. Errors end in the engine's log. Nothing is called for an object that is gone.
 //   the engine is called with the interpreter lock released, registration and removal included: removal waits for a
 //              call in progress, and that call needs the lock. A callable that drops another's object does not wait
 //              at all; see callback_reaper.h.
@@ -69,6 +69,10 @@ public:
     // Whether another thread is inside a call that may be the object's.
     static bool isElsewhere(const CallbackObject &object) noexcept;
 
+    // Whether the call is only for registrations whose objects are gone: the engine has them until the reaper gets to
+    // them, the script does not.
+    bool isOfTheDropped() const noexcept;
+
 private:
     bool mayBeOf(const CallbackObject &object) const noexcept {
         return called_ == object.callback && kind_ == object.kind;
@@ -105,7 +109,9 @@ Ref newNotification(PyTypeObject *type, const CallbackKind &kind, PyObject *call
 namespace detail {
 bool registrationsEnded() noexcept;
 CallbackObject &allocateCallback(Ref &object, PyTypeObject *type, const CallbackKind &kind, PyObject *callback);
-void registered(CallbackObject &object, void *handle) noexcept;
+// A registration's beginning and end, with the interpreter lock held; in between, the engine may call already.
+void beginRegistration() noexcept;
+void endRegistration(CallbackObject &object, void *handle) noexcept;
 } // namespace detail
 
 template <class Register>
@@ -117,7 +123,8 @@ Ref newCallback(PyTypeObject *type,
     Ref object;
     CallbackObject &created = detail::allocateCallback(object, type, kind, callback);
     if (!detail::registrationsEnded()) {
-        detail::registered(created, unlocked([&] { return registerCallback(engine); }));
+        detail::beginRegistration();
+        detail::endRegistration(created, unlocked([&] { return registerCallback(engine); }));
     }
     return object;
 }

@@ -6,10 +6,12 @@
 #include <csignal>
 #include <cstddef>
 #include <deque>
+#include <map>
 #include <mutex>
 #include <new>
 #include <pthread.h>
 #include <thread>
+#include <utility>
 
 namespace sonetrix {
 
@@ -23,16 +25,26 @@ struct Reaper {
     bool busy = false; // with a removal that is no longer among the others
     bool finishing = false;
     std::thread thread;
+    // How many of a callable's registrations are not ended yet; guarded by the interpreter lock.
+    std::map<std::pair<const PyObject *, decltype(Removal::remove)>, std::size_t> awaited;
 };
 
 // Never destroyed: when the process ends without the interpreter's end, the thread is still waiting there.
 alignas(Reaper) std::byte reaperMemory[sizeof(Reaper)];
 Reaper &reaper = *new (reaperMemory) Reaper;
 
+void awaitNoMore(const Removal &removal) noexcept {
+    const auto found = reaper.awaited.find({removal.callback, removal.remove});
+    if (--found->second == 0) {
+        reaper.awaited.erase(found);
+    }
+}
+
 void carryOut(const Removal &removal) noexcept {
     removal.remove(removal.engine, removal.handle);
     // After the interpreter's end there is nothing left to let go of.
     if (const EngineThreadEntry entry(EngineThreadEntry::LockOrder::ignore); entry) {
+        awaitNoMore(removal);
         Ref::steal(removal.callback);
     }
 }
@@ -85,12 +97,22 @@ bool removeLater(const Removal &removal) noexcept {
         if (!reaper.running) {
             startReaper();
         }
-        reaper.removals.push_back(removal);
+        ++reaper.awaited[{removal.callback, removal.remove}];
+        try {
+            reaper.removals.push_back(removal);
+        } catch (...) {
+            awaitNoMore(removal);
+            throw;
+        }
         reaper.changed.notify_all();
         return true;
     } catch (...) {
         return false;
     }
+}
+
+bool awaitsRemoval(decltype(Removal::remove) remove, const PyObject *callback) noexcept {
+    return !reaper.awaited.empty() && reaper.awaited.contains({callback, remove});
 }
 
 bool waitForRemovals(std::chrono::milliseconds limit) noexcept {
@@ -102,16 +124,12 @@ bool endReaper(std::chrono::milliseconds limit) noexcept {
     std::unique_lock lock(reaper.mutex);
     reaper.finishing = true;
     reaper.changed.notify_all();
-    if (!reaper.thread.joinable()) {
-        return true;
-    }
-    if (!reaper.changed.wait_for(lock, limit, [] { return !reaper.running; })) {
-        reaper.thread.detach();
-        return false;
-    }
+    const bool ended = reaper.changed.wait_for(lock, limit, [] { return !reaper.running; });
     lock.unlock();
-    reaper.thread.join();
-    return true;
+    if (reaper.thread.joinable()) {
+        ended ? reaper.thread.join() : reaper.thread.detach();
+    }
+    return ended;
 }
 
 } // namespace sonetrix

@@ -24,6 +24,10 @@ struct Removal {
 // Hands a removal over; needs the interpreter lock. False when there is no thread for it.
 bool removeLater(const Removal &removal) noexcept;
 
+// Whether such a registration of the callable has been handed over and is not ended yet, so that the engine may still
+// call for it; needs the interpreter lock.
+bool awaitsRemoval(decltype(Removal::remove) remove, const PyObject *callback) noexcept;
+
 // Waits until all removals handed over so far are done; false when some are not after `limit`. The caller must not hold
 // the interpreter lock.
 bool waitForRemovals(std::chrono::milliseconds limit) noexcept;

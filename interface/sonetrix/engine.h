@@ -14,7 +14,11 @@ extern const std::span<const Method> engineTimerFunctions;     // timeout.cpp
 
 // Calls of `engine`'s own functions as Python code would make them, looked up on the class each time.
 template <class... Args> Ref callEngine(const Name &name, Args *...args) {
-    return callMethod(state().engineClass.get(), name, args...);
+    PyObject *engineClass = state().engineClass.get();
+    if (engineClass == nullptr) {
+        raiseModuleGone();
+    }
+    return callMethod(engineClass, name, args...);
 }
 
 } // namespace sonetrix

@@ -61,7 +61,7 @@ bool holdsOnlyStrings(sonetrix_cListValue_t *keys) {
 
 // Refuses keys whose toListType() shows anything but strings; None has no such method.
 void requireStrings(PyObject *keys) {
-    if (Py_IS_TYPE(keys, ListValue::pythonClass())) {
+    if (ListValue::hasOriginalMethods(keys)) {
         sonetrix_cListValue_t *list = ListValue::of(keys).list;
         if (list == nullptr || holdsOnlyStrings(list)) {
             return;

@@ -84,10 +84,10 @@ Ref getDriverName() {
     sonetrix_engine_t *engine = requireEngine();
     char *name = nullptr;
     const std::int32_t status = unlocked([&] { return sonetrix_engine_DriverGetName(engine, &name); });
-    const std::unique_ptr<char, Free> owned(name);
     if (status != 0 || name == nullptr) {
-        raisePlain("could not get driver name");
+        raisePlain("could not get driver name"); // what a failed call leaves behind is not the caller's
     }
+    const std::unique_ptr<char, Free> owned(name);
     return checked(PyUnicode_DecodeASCII(name, static_cast<Py_ssize_t>(std::strlen(name)), "strict"));
 }
 

@@ -1,7 +1,5 @@
 #include "list_core.h"
 
-#include "python/version.h"
-
 #include <algorithm>
 #include <new>
 

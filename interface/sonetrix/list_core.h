@@ -9,6 +9,7 @@
 
 #include "python/gil.h"
 #include "python/types.h"
+#include "python/version.h"
 #include "value.h"
 
 #include <array>
@@ -99,7 +100,7 @@ template <class Traits> struct ListObject {
 
     static Ref newEmpty() {
         if (pythonClass() == nullptr) {
-            raise(PyExc_RuntimeError, "the module sonetrix is gone");
+            raiseModuleGone();
         }
         Ref object = checked(pythonClass()->tp_alloc(pythonClass(), 0));
         of(object).clearFields();
@@ -121,6 +122,9 @@ template <class Traits> struct ListObject {
 
     // Refuses anything but an object of this class or a subclass.
     static ListObject &require(const char *argument, PyObject *given) {
+        if (pythonClass() == nullptr) {
+            raiseModuleGone();
+        }
         if (PyObject_TypeCheck(given, pythonClass()) == 0) {
             raiseArgumentType(argument, Traits::className, given);
         }
@@ -190,13 +194,22 @@ template <class Traits> struct ListObject {
                 slot(Py_tp_richcompare, compare), slot(Py_tp_hash, PyObject_HashNotImplemented)});
         addMethods(asType(type), methods);
         checked(PyModule_AddType(module, asType(type)));
+        original_.remember(asType(type));
         return type;
     }
+
+    // Whether the object is of this very class, and the class still as it was made: then its methods are those here.
+    static bool hasOriginalMethods(PyObject *object) noexcept {
+        return Py_IS_TYPE(object, pythonClass()) && original_.isUnchanged(pythonClass());
+    }
+
+private:
+    static inline OriginalClass original_;
 };
 
 // One reading of an engine list by the thread that holds the interpreter lock. The engine's for-each hands the callback
-// the Python container as user data; when that is the container of the thread's current reading, the lock is known to
-// be held, and what is read is collected here, so that the result can be made in its final size at once.
+// the Python container as user data; when that is the container of the thread's current reading, and the thread has not
+// given the lock up since, what is read is collected here, so that the result can be made in its final size at once.
 class ListReading {
 public:
     explicit ListReading(Ref container) noexcept : container_(std::move(container)), outer_(current_) {
@@ -208,9 +221,12 @@ public:
 
     PyObject *container() const noexcept { return container_.get(); }
 
-    // The reading that fills `user` on this thread, or null.
+    // The reading that fills `user` on this thread, which holds the lock; else null.
     static ListReading *of(const void *user) noexcept {
-        return current_ != nullptr && current_->container_.get() == user ? current_ : nullptr;
+        ListReading *reading = current_;
+        const bool usable = reading != nullptr && reading->container_.get() == user &&
+                            version::currentThreadState() == reading->thread_;
+        return usable ? reading : nullptr;
     }
 
     void add(Ref item) {
@@ -241,6 +257,7 @@ private:
     Ref take() noexcept { return Ref::steal(items_[taken_++]); }
 
     Ref container_;
+    PyThreadState *thread_ = version::currentThreadState();
     ListReading *outer_; // a finalizer that runs during a reading may read a list, too
     // Owned references, those before `taken_` excepted; most lists need no memory of their own for them.
     std::array<PyObject *, usualCount> usualItems_;

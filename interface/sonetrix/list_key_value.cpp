@@ -121,11 +121,11 @@ template <class Action> void forEachItem(PyObject *dict, Action &&action) {
     }
 }
 
-// What `self.append(key, value, selector)` does, without a selector `self.append(key, value)`; the look-up serves a
-// subclass that has an append of its own.
+// What `self.append(key, value, selector)` does, without a selector `self.append(key, value)`; the look-up serves an
+// append that is not this class's own.
 void callAppend(ListKeyValue &list, PyObject *key, PyObject *value, PyObject *selector = nullptr) {
     auto *object = reinterpret_cast<PyObject *>(&list);
-    if (Py_TYPE(object) == ListKeyValue::pythonClass()) {
+    if (ListKeyValue::hasOriginalMethods(object)) {
         appendEntry(list, key, value, selector == nullptr ? Py_None : selector);
     } else {
         callMethod(object, appendName, key, value, selector); // a null argument ends the arguments

@@ -76,8 +76,7 @@ const Level levels[] = {
     {"fatal", Name("FATAL"), SONETRIX_LOG_FATAL},
 };
 
-// The class's version as it was made; 0 when unknown.
-unsigned int originalVersion = 0;
+OriginalClass originalClass;
 // A version of the module's namespace in which `log` was that class; 0 when unknown.
 std::uint64_t originalNamespace = 0;
 
@@ -95,7 +94,7 @@ bool nothingReplaced() noexcept {
         }
         originalNamespace = current;
     }
-    return originalVersion != 0 && version::typeVersion(asType(known.logClass)) == originalVersion;
+    return originalClass.isUnchanged(asType(known.logClass));
 }
 
 template <std::size_t index> Ref logAtLevel(Arguments arguments) {
@@ -226,8 +225,7 @@ void addLog(PyObject *module) {
         checked(PyObject_CallFunction(reinterpret_cast<PyObject *>(&PyType_Type), "s()O", "log", dictionary.get()));
     addStaticFunctions(logClass.get(), functions);
     bindInModule(module, "log", logClass);
-    attribute(logClass.get(), logName); // a look-up gives the class its version
-    originalVersion = version::typeVersion(reinterpret_cast<PyTypeObject *>(logClass.get()));
+    originalClass.remember(asType(logClass));
     state().logClass = std::move(logClass);
 }
 

@@ -17,12 +17,14 @@ namespace {
 
 ModuleState *theState = nullptr;
 ModuleState noState;
+bool importing = false;
 bool imported = false; // once and for all: the gate does not open again
 
 Name logName("log");
 Name debugName("debug");
 Name errorName("error");
 Name nameName("__name__");
+Name ctypesName("ctypes");
 Name initEngineName("initEngine");
 
 // exit(exitcode=None)
@@ -81,6 +83,7 @@ void importStandardModules(PyObject *module) {
     for (const char *name : {"time", "math", "ctypes", "traceback"}) {
         importAs(module, name);
     }
+    state().ctypes = moduleGlobal(ctypesName);
     Ref inspect = checked(PyImport_ImportModule("inspect"));
     bindInModule(module, "signature", checked(PyObject_GetAttrString(inspect.get(), "signature")));
     importAs(module, "typing");
@@ -98,6 +101,10 @@ constexpr Method atExitFunction = {"end_callbacks", "()", "", function<endAtExit
 void dropState() noexcept { std::exchange(theState, nullptr)->~ModuleState(); }
 
 int execute(PyObject *module) noexcept {
+    if (theState != nullptr) {
+        dropState(); // of a module whose import failed
+    }
+    importing = true;
     try {
         theState = new (PyModule_GetState(module)) ModuleState;
         ModuleState &created = *theState;
@@ -127,39 +134,35 @@ int execute(PyObject *module) noexcept {
         checked(PyObject_CallMethod(atExit.get(), "register", "O", handler.get()));
     } catch (...) {
         translateException();
-        dropState(); // a later import may succeed
+        importing = false;
         return -1;
     }
+    importing = false;
     imported = true;
     return 0;
 }
 
 // One interpreter, one module per process: the engine handle and the callbacks' gate are the process's.
 PyObject *create(PyObject *spec, PyModuleDef *) noexcept {
-    static std::int64_t interpreter = -1;
-    const std::int64_t current = PyInterpreterState_GetID(PyInterpreterState_Get());
-    if (interpreter != -1 && interpreter != current) {
+    if (PyInterpreterState_Get() != PyInterpreterState_Main()) {
         PyErr_SetString(PyExc_ImportError,
             "Interpreter change detected - this module can only be loaded into one interpreter per process.");
         return nullptr;
     }
-    if (imported || theState != nullptr) {
+    if (imported || importing) {
         PyErr_SetString(
             PyExc_ImportError, "Module 'sonetrix' has already been imported. Re-initialisation is not supported.");
         return nullptr;
     }
     Ref name = Ref::steal(PyObject_GetAttrString(spec, "name"));
-    PyObject *module = name ? PyModule_NewObject(name.get()) : nullptr;
-    if (module != nullptr) {
-        interpreter = current;
-    }
-    return module;
+    return name ? PyModule_NewObject(name.get()) : nullptr;
 }
 
 // Visits, or lets go of, each strong reference of the state.
 template <class Action> void forEachReference(ModuleState &state, Action &&action) {
     for (Ref *reference : {&state.engineClass, &state.logClass, &state.listValueClass, &state.listKeyValueClass,
-             &state.notifyChangesClass, &state.notifyMetersClass, &state.timeoutClass, &state.clearCallbacks}) {
+             &state.notifyChangesClass, &state.notifyMetersClass, &state.timeoutClass, &state.ctypes,
+             &state.clearCallbacks}) {
         action(*reference);
     }
 }
@@ -192,13 +195,16 @@ int clear(PyObject *module) noexcept {
 void freeModule(void *module) noexcept {
     if (stateOf(static_cast<PyObject *>(module)) != nullptr) {
         dropState();
-        Name::dropAll();
+        if (imported) {
+            Name::dropAll();
+        }
     }
 }
 
 PyModuleDef_Slot slots[] = {
     {Py_mod_create, reinterpret_cast<void *>(create)},
     {Py_mod_exec, reinterpret_cast<void *>(execute)},
+    version::createdInAnyInterpreter(),
     {0, nullptr},
 };
 
@@ -218,10 +224,12 @@ PyModuleDef definition = {
 
 ModuleState &state() noexcept { return theState != nullptr ? *theState : noState; }
 
+void raiseModuleGone() { raise(PyExc_RuntimeError, "the module sonetrix is gone"); }
+
 Ref moduleGlobal(const Name &name) {
     PyObject *module = state().module;
     if (module == nullptr) {
-        raise(PyExc_RuntimeError, "the module sonetrix is gone");
+        raiseModuleGone();
     }
     PyObject *globals = PyModule_GetDict(module);
     if (PyObject *found = PyDict_GetItemWithError(globals, name.get())) {

@@ -21,10 +21,12 @@ struct ModuleState {
     Ref notifyChangesClass;
     Ref notifyMetersClass;
     Ref timeoutClass;
+    Ref ctypes;         // the module, as it was imported
     Ref clearCallbacks; // list of callables, in the order of their registration
 };
 
-// Without references once the module is gone, or when its import has failed: what it made may outlive it.
+// Without references once the module is gone: what it made may outlive it. A module whose import failed for want of an
+// engine keeps its state, as long as it lives and no other is imported.
 ModuleState &state() noexcept;
 
 namespace detail {
@@ -42,6 +44,9 @@ inline sonetrix_engine_t *requireEngine(const char *message = "engine not initia
     }
     return engine;
 }
+
+// For what needs the module when that is gone.
+[[noreturn]] void raiseModuleGone();
 
 // A global of the module as Python code in it would see it: the module's namespace, then the builtins.
 Ref moduleGlobal(const Name &name);

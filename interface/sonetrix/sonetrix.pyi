@@ -16,6 +16,7 @@ _Scalar: TypeAlias = int | float | bytes
 _Read: TypeAlias = _Scalar | tuple[int, ...] | tuple[float, ...]
 _Write: TypeAlias = str | bytes | int | float | tuple[int, ...] | tuple[float, ...]
 _Name: TypeAlias = str | bytes  # ASCII
+_GraphName: TypeAlias = _Name | bytearray  # of a module, a plugin or a port
 _Selector: TypeAlias = str | type | None  # what to store: None, a type name or a ctypes class
 _LogLevel: TypeAlias = int
 _Filter: TypeAlias = Callable[[tuple[bytes, Any]], object] | None
@@ -28,13 +29,13 @@ class _Port(TypedDict):
     type: int
     link: NotRequired[bytes]  # of a linked sink: the source port that feeds it
 
-class _ModuleInfo(TypedDict, total=False):
+class _ModuleInfo(TypedDict):
     name: bytes
     type: int  # 0 the driver, 1 a module with a library and a configuration
-    src: list[_Port]
-    sink: list[_Port]
-    library: bytes
-    configuration: dict[bytes, _Read]
+    src: NotRequired[list[_Port]]
+    sink: NotRequired[list[_Port]]
+    library: NotRequired[bytes]
+    configuration: NotRequired[dict[bytes, _Read]]
     param: dict[bytes, _Read]
 
 class _Usage(TypedDict):
@@ -92,7 +93,8 @@ class notifyMeters:
     def __new__(cls, callback: Callable[[dict[bytes, _Read]], object], meters_type: int = 1) -> notifyMeters: ...
 
 class timeout:
-    """Calls back each time the time elapses, on a thread of the engine, for as long as the object lives."""
+    """Calls back when the time elapses, on a thread of the engine; dropping the object removes the timer. Whether it
+    elapses once or again and again is the engine's choice."""
 
     def __new__(cls, timeout_ms: int, callback: Callable[[], object]) -> timeout: ...
 
@@ -154,9 +156,9 @@ class engine:
     @staticmethod
     def listAvailableModules() -> list[bytes]: ...
     @staticmethod
-    def newModule(name: _Name, identifier: _Name, info: listKeyValue | None) -> int: ...
+    def newModule(name: _GraphName, identifier: _GraphName, info: listKeyValue | None) -> int: ...
     @staticmethod
-    def delModule(name: _Name) -> int: ...
+    def delModule(name: _GraphName) -> int: ...
     @staticmethod
     def getModuleNames() -> list[bytes]: ...
     @staticmethod
@@ -166,9 +168,9 @@ class engine:
     @staticmethod
     def getPortNames() -> list[bytes]: ...
     @staticmethod
-    def getLink(p: _Name) -> list[bytes]: ...
+    def getLink(p: _GraphName) -> list[bytes]: ...
     @staticmethod
-    def link(p1: _Name, p2: _Name | None = None) -> int:
+    def link(p1: _GraphName, p2: _GraphName | None = None) -> int:
         """Without a second port, or with an empty one, removes all links of the first."""
 
     # Meters

@@ -16,6 +16,9 @@ void timerCb(void *user) {
         return;
     }
     const CallScope scope(user, kind);
+    if (scope.isOfTheDropped()) {
+        return;
+    }
     const Ref result = Ref::steal(PyObject_CallNoArgs(scope.callable()));
     if (result) {
         return;

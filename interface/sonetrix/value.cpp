@@ -208,7 +208,9 @@ bool Selector::isText(const Name &text) const {
 }
 
 bool Selector::isCtypes(const Name &className) const {
-    return !isPlain() && equals(attribute(moduleGlobal(ctypesName).get(), className).get());
+    const Ref ctypes = moduleGlobal(ctypesName);
+    // None and a text equal none of the classes: with the module as it was imported they need no comparison.
+    return !(isPlain() && ctypes.get() == state().ctypes.get()) && equals(attribute(ctypes.get(), className).get());
 }
 
 NativeArray<std::int32_t> tupleToInt32(PyObject *tuple) noexcept { return convertTuple<Int32Elements>(tuple); }

@@ -34,10 +34,11 @@ double numberAt(const Script &script, size_t index) {
     return index < script.numbers.size() ? script.numbers[index] : 0;
 }
 
-int32_t giveText(const Call &call, char **text, const char *fallback) {
+// What a failure leaves behind is not the caller's to free.
+int32_t giveText(const Call &call, char **text, char *fallback) {
     const Script script = call.script();
     const int32_t status = call.status();
-    *text = status == 0 ? strdup(script.hasText ? script.text.c_str() : fallback) : nullptr;
+    *text = status == 0 ? strdup(script.hasText ? script.text.c_str() : fallback) : fallback;
     return status;
 }
 
@@ -101,7 +102,8 @@ int32_t sonetrix_engine_DriverIsLoaded(const void *reference) {
     return Call(__func__, reference).status(reference ? 1 : 0);
 }
 int32_t sonetrix_engine_DriverGetName(sonetrix_engine_t *engine, char **name) {
-    return giveText(Call(__func__, engine), name, "double");
+    static char driver[] = "double";
+    return giveText(Call(__func__, engine), name, driver);
 }
 int32_t sonetrix_clock_sample_timestamp(sonetrix_engine_t *engine, timespec *time) {
     return giveTime(Call(__func__, engine), time);
@@ -163,7 +165,8 @@ int32_t sonetrix_engine_ModuleGetStartParameter(sonetrix_engine_t *engine,
     char **library,
     sonetrix_cListKeyValue_t **configuration) {
     const Call call(__func__, engine, module->name);
-    const int32_t status = giveText(call, library, "library.so");
+    static char libraryName[] = "library.so";
+    const int32_t status = giveText(call, library, libraryName);
     *configuration = status == 0 ? scriptedList<sonetrix_cListKeyValue_t>(call) : nullptr;
     return status;
 }
@@ -316,6 +319,9 @@ void double_numbers(const char *name, const double *numbers, size_t count) {
 }
 void double_user(const char *name, void *user) {
     Recorder::instance().withScript(name, [&](Script &script) { script.user = user; });
+}
+void double_givesLockUp(const char *name, int32_t does) {
+    Recorder::instance().withScript(name, [&](Script &script) { script.givesLockUp = does != 0; });
 }
 void double_stopOnError(const char *name, int32_t stops) {
     Recorder::instance().withScript(name, [&](Script &script) { script.stopsOnError = stops != 0; });

@@ -155,6 +155,7 @@ template <typename Callback> int32_t forEach(const Call &call, const List *list,
     const Script script = call.script();
     const std::vector<Entry> entries = list->entries;
     for (const Entry &entry : entries) {
+        const LockGivenUp without(script.givesLockUp);
         if (callback(entry, script.user ? script.user : user) != 0 && script.stopsOnError) {
             break;
         }

@@ -43,12 +43,27 @@ std::string literal(const void *pointer) {
     return pointer == engineHandle() ? "'engine'" : std::to_string(reinterpret_cast<uintptr_t>(pointer));
 }
 
+namespace {
+
+// The double knows no Python headers, as an engine does not.
+template <typename Function> Function *python(const char *name) {
+    return reinterpret_cast<Function *>(dlsym(RTLD_DEFAULT, name));
+}
+
+} // namespace
+
 int lockHeld() {
-    using Query = int (*)();
-    static const auto find = [](const char *name) { return reinterpret_cast<Query>(dlsym(RTLD_DEFAULT, name)); };
-    const Query initialized = find("Py_IsInitialized");
-    const Query check = find("PyGILState_Check");
+    auto *const initialized = python<int()>("Py_IsInitialized");
+    auto *const check = python<int()>("PyGILState_Check");
     return initialized && check && initialized() ? check() : -1;
+}
+
+LockGivenUp::LockGivenUp(bool really) : state_(really ? python<void *()>("PyEval_SaveThread")() : nullptr) {}
+
+LockGivenUp::~LockGivenUp() {
+    if (state_) {
+        python<void(void *)>("PyEval_RestoreThread")(state_);
+    }
 }
 
 Recorder &Recorder::instance() {

@@ -50,6 +50,7 @@ struct Script {
     std::vector<double> numbers;
     const void *list = nullptr; // kept by the recorder's control functions
     void *user = nullptr;       // replaces the user pointer of an iteration
+    bool givesLockUp = false;   // an iteration calls back without the interpreter lock that its caller holds
     bool stopsOnError = false;  // an iteration ends when its callback returns non-zero
 };
 
@@ -98,6 +99,18 @@ private:
     std::map<std::string, Script> scripts_;
     std::deque<std::string> calls_;
     bool recording_ = true;
+};
+
+// The interpreter lock given up, if `really`, by a thread that holds it.
+class LockGivenUp {
+public:
+    explicit LockGivenUp(bool really);
+    ~LockGivenUp();
+    LockGivenUp(const LockGivenUp &) = delete;
+    LockGivenUp &operator=(const LockGivenUp &) = delete;
+
+private:
+    void *state_ = nullptr;
 };
 
 // 1 or 0 as the calling thread holds the interpreter lock, -1 where no interpreter is running.

@@ -6,7 +6,7 @@ import unittest
 import weakref
 from unittest import mock
 
-from support import engine_double
+from support import TIME_LIMIT, engine_double
 from support.engine_double import CHANGES, FAST_METERS, SLOW_METERS, TIMER, Value, fire, registrations
 
 # The engine's functions to register and to remove, and what is registered with.
@@ -131,6 +131,26 @@ class CallbackTest(engine_double.TestCase):
             del made
             gc.collect()
             self.assertEqual(seen.pop(), "finalized")
+
+    def test_nothing_is_called_for_an_object_that_another_callable_has_dropped(self):
+        for kind, (_, remove, _) in ENGINE.items():
+            called, kept = [], []
+            def callback(*_):
+                called.append(kind)
+            remove = "sonetrix_engine_" + remove
+            engine_double.delay(remove, TIME_LIMIT)  # the engine keeps the registration that long
+            dropping = self.make(CHANGES if kind == TIMER else TIMER, lambda *_: kept.clear())
+            kept.append(self.make(kind, callback))
+            fire(CHANGES if kind == TIMER else TIMER, {})
+            fire(kind, {})
+            self.assertEqual((registrations(kind), kept, called), (1, [], []))
+            again = self.make(kind, callback)
+            fire(kind, {})  # may be for this one
+            self.assertIn(kind, called)
+            engine_double.delay(remove, 0)
+            del dropping, again
+            while registrations(kind):
+                pass
 
     def test_one_callable_for_slow_and_fast_meters_drops_both_at_the_same_time(self):
         pool, both = {}, threading.Barrier(2)

@@ -79,7 +79,7 @@ class Interruption(ConsoleTest):
             ("if True:\n", r"\.\.\. ", False),
             (f"exec(\"print('go' + 'ing')\\nwhile True: {BUSY}\")\n", "going", True),
             ("import time; print('go' + 'ing'); time.sleep(1000)\n", "going", True),
-            ("print('go' + 'ing'); import threading; threading.Event().wait()\n", "going", True),
+            ("import threading; print('go' + 'ing'); threading.Event().wait()\n", "going", True),
             ("input('go' + 'ing')\n", "going", True),
             ("print('go' + 'ing'); engine.waitUntilEnd()\n", "going", True),
             ("cpu()\n", "maxtime", True),

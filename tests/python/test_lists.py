@@ -113,6 +113,11 @@ class ValueTest(ListTestCase):
             self.assertEqual([plain.toListType()[0], keyed.toDictType()[b"k"]], [(value, expected)] * 2)
         with mock.patch.object(self.sonetrix, "ctypes", types.SimpleNamespace(c_int32=int, c_uint32=float)):
             self.assertEqual(self.sonetrix.listValue().append(2**31, float).toListType(), [(2**31, "uint32")])
+        with mock.patch.object(self.sonetrix, "ctypes", types.SimpleNamespace(c_int32="i", c_uint32="u")):
+            self.assertEqual(self.sonetrix.listValue().append(2**31, "u").toListType(), [(2**31, "uint32")])
+        with mock.patch.object(self.sonetrix, "ctypes"):
+            del self.sonetrix.ctypes
+            self.assertRefused(NameError, "name 'ctypes' is not defined", self.sonetrix.listValue().append, 5, "int32")
 
     def test_comparison_and_copies(self):
         for kind in self.kinds:
@@ -142,6 +147,15 @@ class ValueTest(ListTestCase):
         self.assertEqual(sub.names, ["x", ("a",), ("b", "double"), ("c", None)])
         self.assertEqual(sub.toDictType(), {b"a": (1, "int32"), b"b": (2.5, "double"), b"c": (3, "int32")})
         self.assertIs(type(sub.dup()), self.sonetrix.listKeyValue)
+
+    def test_replaced_methods(self):
+        with mock.patch.object(self.sonetrix.listKeyValue, "append") as append:
+            self.sonetrix.listKeyValue().appendFromDict({"a": 1}).appendFromDictType({"b": (2, "int32")})
+        self.assertEqual(append.mock_calls, [mock.call("a", 1), mock.call("b", 2, "int32")])
+        with mock.patch.object(self.sonetrix.listValue, "toListType", return_value=[(1, "int32")]):
+            keys = self.sonetrix.listValue().append("a")
+            self.assertRefused(Exception, "only string is accepted", self.sonetrix.engine.getParams, keys)
+        self.assertEqual(self.sonetrix.listKeyValue().appendFromDict({"a": 1}).toDict(), {b"a": 1})
 
 
 class ReadTest(ListTestCase):
@@ -182,6 +196,11 @@ class ReadTest(ListTestCase):
                 text = f"Expected {type(container).__name__}, got tuple"
                 self.assertEqual([(place, str(error)) for place, error in reports],
                                  [(name, text)] * (report and len(entries) or 0))
+        plain, keyed = (self.put(kind(), 0) for kind in self.kinds)
+        for name in "sonetrix_valueListForEach", "sonetrix_keyValueListForEach":
+            engine_double.gives_lock_up(name)
+        self.assertEqual((plain.toList(), plain.toListType(), keyed.toDict(), keyed.toDictType()),
+                         ([0], [(0, "int32")], {b"k": 0}, {b"k": (0, "int32")}))
         other = [5]
         engine_double.user_data("sonetrix_valueListForEach", other)
         self.assertEqual((plain.toList(), other), ([], [5, 0]))

@@ -105,7 +105,8 @@ for _name, _result, *_arguments in (
     ("null", None, ctypes.c_char_p, ctypes.c_int32), ("delay", None, ctypes.c_char_p, ctypes.c_int32),
     ("text", None, ctypes.c_char_p, ctypes.c_char_p), ("user", None, ctypes.c_char_p, ctypes.c_void_p),
     ("numbers", None, ctypes.c_char_p, ctypes.POINTER(ctypes.c_double), ctypes.c_size_t),
-    ("stopOnError", None, ctypes.c_char_p, ctypes.c_int32), ("listNew", ctypes.c_void_p),
+    ("stopOnError", None, ctypes.c_char_p, ctypes.c_int32), ("givesLockUp", None, ctypes.c_char_p, ctypes.c_int32),
+    ("listNew", ctypes.c_void_p),
     ("listAdd", None, ctypes.c_void_p, ctypes.c_char_p, ctypes.POINTER(Value)),
     ("readAgain", ctypes.c_int32, ctypes.c_void_p, ctypes.c_void_p, ctypes.c_int32),
     ("list", None, ctypes.c_char_p, ctypes.c_void_p), ("modules", None, ctypes.c_void_p, ctypes.c_size_t),
@@ -177,6 +178,11 @@ def user_data(name, value):
     """Replaces the user pointer of an iteration by this object."""
     _kept[name, "user"] = value
     _library.double_user(name.encode(), id(value))
+
+
+def gives_lock_up(name, does=True):
+    """Makes an iteration call back without the interpreter lock that its caller holds."""
+    _library.double_givesLockUp(name.encode(), does)
 
 
 def stop_on_error(name, stops=True):

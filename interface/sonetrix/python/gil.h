@@ -3,6 +3,7 @@
 #pragma once
 
 #include "python.h"
+#include "version.h"
 
 #include <chrono>
 #include <utility>
@@ -124,8 +125,12 @@ template <class Call> decltype(auto) unlocked(Call &&call) {
 inline void keepGil() noexcept { PyGILState_Ensure(); }
 inline void giveGilUp() noexcept { PyEval_SaveThread(); }
 
-// Whether the calling thread holds the interpreter lock.
-inline bool holdsGil() noexcept { return PyGILState_Check() != 0; }
+// Whether the calling thread holds the interpreter lock. Not PyGILState_Check(), which says yes to every thread once a
+// script has made a second interpreter.
+inline bool holdsGil() noexcept {
+    PyThreadState *const own = PyGILState_GetThisThreadState();
+    return own != nullptr && own == version::currentThreadState();
+}
 
 // The entry of an engine thread into Python: passes the gate, then takes the lock. The thread's interpreter state is
 // kept until the thread ends, since making one for each call costs ten times the call.

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "errors.h"
+#include "version.h"
 
 #include <initializer_list>
 #include <vector>
@@ -27,6 +28,21 @@ Ref newClass(PyObject *module, const char *name, unsigned int flags, std::initia
     };
     return checked(PyType_FromModuleAndSpec(module, &spec, nullptr));
 }
+
+// Knows whether a class still is as it was made; until Python code changes it, what a look-up on it finds is known.
+class OriginalClass {
+public:
+    void remember(PyTypeObject *type) {
+        checked(PyObject_GetAttrString(reinterpret_cast<PyObject *>(type), "__doc__")); // gives the class its version
+        version_ = version::typeVersion(type);
+    }
+    bool isUnchanged(PyTypeObject *type) const noexcept {
+        return version_ != 0 && version::typeVersion(type) == version_;
+    }
+
+private:
+    unsigned int version_ = 0; // unknown
+};
 
 inline PyTypeObject *asType(const Ref &type) noexcept { return reinterpret_cast<PyTypeObject *>(type.get()); }
 

@@ -113,6 +113,25 @@ inline unsigned int typeVersion(PyTypeObject *type) noexcept {
     return type->tp_version_tag;
 }
 
+// In a module's slots: it is made in any kind of interpreter, and says itself which ones it refuses.
+inline PyModuleDef_Slot createdInAnyInterpreter() noexcept {
+#if PY_VERSION_HEX >= 0x030C0000
+    return {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED};
+#else
+    return {0, nullptr};
+#endif
+}
+
+// The state of the thread that holds the interpreter lock, as the calling thread sees it: its own when it is that one,
+// else null or another's.
+inline PyThreadState *currentThreadState() noexcept {
+#if PY_VERSION_HEX >= 0x030D0000
+    return PyThreadState_GetUnchecked();
+#else
+    return _PyThreadState_UncheckedGet();
+#endif
+}
+
 // The dictionary of a type.
 inline Ref typeDict(PyTypeObject *type) noexcept {
 #if PY_VERSION_HEX >= 0x030C0000

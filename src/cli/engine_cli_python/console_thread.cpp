@@ -19,8 +19,8 @@ using namespace std::chrono_literals;
 
 constexpr int wakeSignal = SIGURG;
 constexpr auto tick = 10ms;
-constexpr auto grace = 1s;  // for running code, before it is interrupted and between two interruptions
-constexpr int patience = 3; // how many of them it may swallow
+constexpr auto grace = 3s;  // for running code, before it is interrupted and between two interruptions
+constexpr int patience = 2; // how many of them it may swallow
 
 thread_local bool displaying = false;
 

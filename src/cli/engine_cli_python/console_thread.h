@@ -6,9 +6,10 @@
 // calls every few milliseconds until the console has ended. Its Python-level handler does the rest:
 //
 //   at the prompt       it raises KeyboardInterrupt at once, whoever handles SIGINT
-//   in running code     it raises KeyboardInterrupt a second after the request, and again every second, for code that
-//                       SIGINT did not reach or that swallowed it; never when the engine keeps SIGINT for itself.
-//                       Who swallows several (pdb, code.interact) gets SystemExit
+//   in running code     it raises KeyboardInterrupt three seconds after the request and three seconds after that, for
+//                       code that SIGINT did not reach (that of the start included) or that swallowed it, and
+//                       SystemExit for code that swallows those, too (pdb, code.interact); never when the engine
+//                       keeps SIGINT for itself. Three seconds are for a script that tidies up
 //   showing an error    the same: what is shown shall be whole
 //
 // What is still on its way when the console ends is discarded then, so that it cannot strike the clean-up.
