@@ -224,8 +224,8 @@ public:
     // The reading that fills `user` on this thread, which holds the lock; else null.
     static ListReading *of(const void *user) noexcept {
         ListReading *reading = current_;
-        const bool usable = reading != nullptr && reading->container_.get() == user &&
-                            version::currentThreadState() == reading->thread_;
+        const bool usable =
+            reading != nullptr && reading->container_.get() == user && version::holdsLock(reading->thread_);
         return usable ? reading : nullptr;
     }
 
@@ -257,7 +257,7 @@ private:
     Ref take() noexcept { return Ref::steal(items_[taken_++]); }
 
     Ref container_;
-    PyThreadState *thread_ = version::currentThreadState();
+    PyThreadState *thread_ = PyThreadState_Get();
     ListReading *outer_; // a finalizer that runs during a reading may read a list, too
     // Owned references, those before `taken_` excepted; most lists need no memory of their own for them.
     std::array<PyObject *, usualCount> usualItems_;

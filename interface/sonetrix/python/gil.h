@@ -125,12 +125,8 @@ template <class Call> decltype(auto) unlocked(Call &&call) {
 inline void keepGil() noexcept { PyGILState_Ensure(); }
 inline void giveGilUp() noexcept { PyEval_SaveThread(); }
 
-// Whether the calling thread holds the interpreter lock. Not PyGILState_Check(), which says yes to every thread once a
-// script has made a second interpreter.
-inline bool holdsGil() noexcept {
-    PyThreadState *const own = PyGILState_GetThisThreadState();
-    return own != nullptr && own == version::currentThreadState();
-}
+// Whether the calling thread holds the interpreter lock.
+inline bool holdsGil() noexcept { return version::holdsLock(); }
 
 // The entry of an engine thread into Python: passes the gate, then takes the lock. The thread's interpreter state is
 // kept until the thread ends, since making one for each call costs ten times the call.

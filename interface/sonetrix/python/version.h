@@ -122,13 +122,25 @@ inline PyModuleDef_Slot createdInAnyInterpreter() noexcept {
 #endif
 }
 
-// The state of the thread that holds the interpreter lock, as the calling thread sees it: its own when it is that one,
-// else null or another's.
-inline PyThreadState *currentThreadState() noexcept {
+// Whether the calling thread holds the interpreter lock. Not PyGILState_Check(), which says yes to every thread once a
+// script has made a second interpreter.
+inline bool holdsLock() noexcept {
 #if PY_VERSION_HEX >= 0x030D0000
-    return PyThreadState_GetUnchecked();
+    return PyThreadState_GetUnchecked() != nullptr;
+#elif PY_VERSION_HEX >= 0x030C0000
+    return _PyThreadState_UncheckedGet() != nullptr;
 #else
-    return _PyThreadState_UncheckedGet();
+    const PyThreadState *holder = _PyThreadState_UncheckedGet();
+    return holder != nullptr && holder == PyGILState_GetThisThreadState();
+#endif
+}
+
+// The same for a calling thread that knows its state; one load, for what is asked for every element of a list.
+inline bool holdsLock(const PyThreadState *own) noexcept {
+#if PY_VERSION_HEX >= 0x030C0000
+    return own->_status.active != 0;
+#else
+    return own == _PyThreadState_UncheckedGet();
 #endif
 }
 
