@@ -14,6 +14,8 @@ using namespace std::chrono_literals;
 
 // How long the interpreter's end waits for a callable that is running on an engine thread.
 constexpr std::chrono::milliseconds lastCallLimit = 5s;
+// And for Python threads in functions of this library.
+constexpr std::chrono::milliseconds lastFrameLimit = 1s;
 
 Name signatureName("signature");
 Name parametersName("parameters");
@@ -36,6 +38,19 @@ void unlink(CallbackObject &object) noexcept {
     (object.next == nullptr ? newest : object.next->previous) = object.previous;
     object.previous = nullptr;
     object.next = nullptr;
+}
+
+bool isRegistered(const PyObject *callback, const CallbackKind *kind) noexcept {
+    const CallbackObject *object = oldest;
+    while (object != nullptr && (object->callback != callback || object->kind != kind)) {
+        object = object->next;
+    }
+    return object != nullptr;
+}
+
+// Whether, beside one that is in the list no more, the engine may have other registrations of the callable.
+bool hasOthers(const PyObject *callback, const CallbackKind *kind) noexcept {
+    return beginning != 0 || awaitsRemoval(kind->remove, callback) || isRegistered(callback, kind);
 }
 
 CallbackObject &self(PyObject *object) noexcept { return *reinterpret_cast<CallbackObject *>(object); }
@@ -155,7 +170,8 @@ CallScope::~CallScope() {
 }
 
 bool CallScope::mustNotWaitFor(const CallbackObject &object) noexcept {
-    return innermost_ != nullptr && (!innermost_->mayBeOf(object) || isElsewhere(object));
+    return innermost_ != nullptr &&
+           (!innermost_->mayBeOf(object) || isElsewhere(object) || hasOthers(object.callback, object.kind));
 }
 
 bool CallScope::isElsewhere(const CallbackObject &object) noexcept {
@@ -168,15 +184,8 @@ bool CallScope::isElsewhere(const CallbackObject &object) noexcept {
 }
 
 bool CallScope::isOfTheDropped() const noexcept {
-    if (!awaitsRemoval(kind_->remove, called_) || beginning != 0) {
-        return false;
-    }
-    for (const CallbackObject *object = oldest; object != nullptr; object = object->next) {
-        if (mayBeOf(*object)) {
-            return false; // which of a callable's registrations a call is for, nobody knows
-        }
-    }
-    return true;
+    // Which of a callable's registrations a call is for, nobody knows.
+    return awaitsRemoval(kind_->remove, called_) && beginning == 0 && !isRegistered(called_, kind_);
 }
 
 void requireRegistered(const Ref &object) {
@@ -219,7 +228,8 @@ void notify(const Notification &notification, sonetrix_cListKeyValue_t *list, vo
             reportUnraisable(notification.reportName);
             dict = checked(PyDict_New());
         }
-        const Ref result = Ref::steal(PyObject_CallOneArg(scope.callable(), dict.get()));
+        const Ref result =
+            Ref::steal(takeLockOrPark([&] { return PyObject_CallOneArg(scope.callable(), dict.get()); }));
         if (!result) {
             PyErr_Clear();
             logFromBridge(SONETRIX_LOG_WARN, notification.failure);
@@ -241,15 +251,18 @@ void endRegistrations() noexcept {
     }
 }
 
-bool endCallbacks() noexcept {
+bool closeLibrary() noexcept {
     if (!interpreterGate().isClosed()) {
         endRegistrations();
         dropKeyCache();
     }
     const std::chrono::milliseconds limit = overdue ? 0ms : lastCallLimit;
-    const bool allOut = unlocked([limit] { return endReaper(limit) && interpreterGate().close(limit); });
+    const bool allOut = unlocked([limit] {
+        const bool reaped = endReaper(limit);
+        return interpreterGate().close(reaped ? limit : 0ms) && reaped;
+    });
     overdue = overdue || !allOut;
-    return allOut;
+    return LibraryFrame::close(lastFrameLimit) && allOut;
 }
 
 } // namespace sonetrix

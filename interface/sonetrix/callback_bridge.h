@@ -11,7 +11,7 @@
 //              call in progress, and that call needs the lock. A callable that drops another's object does not wait
 //              at all; see callback_reaper.h.
 //   the end    endRegistrations(): those alive are removed in the order in which they were made, and objects made from
-//              then on are not registered. endCallbacks(): the gate is closed, and whoever is inside is waited for.
+//              then on are not registered. closeLibrary(): the gate is closed, and whoever is inside is waited for.
 //              A callable that does not return is waited for a limited time only.
 #pragma once
 
@@ -65,6 +65,7 @@ public:
 
     // Whether this thread is inside a call and must not wait for the end of the object's, which may be waiting for this
     // one in turn. For its own it does not wait; but which of a callable's registrations a call is for, nobody knows.
+    // The object has left the list of registrations.
     static bool mustNotWaitFor(const CallbackObject &object) noexcept;
     // Whether another thread is inside a call that may be the object's.
     static bool isElsewhere(const CallbackObject &object) noexcept;

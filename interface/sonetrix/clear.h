@@ -10,9 +10,9 @@ void clearPythonModule() noexcept;
 // without one: none of them would be called. Needs the interpreter lock.
 void endRegistrations() noexcept;
 
-// Ends the registrations and closes the gate; see callback_bridge.h. To be called with the interpreter lock held,
-// before the interpreter is finalised. False when an engine thread is still inside Python after the time limit: the
-// interpreter must then be left alive.
-bool endCallbacks() noexcept;
+// Ends the registrations, closes the gate to engine threads and the library's functions to other Python threads; see
+// callback_bridge.h and python/gil.h. To be called with the interpreter lock held, before the interpreter is finalised.
+// False when a thread is still inside after a limited time: the interpreter had better be left alive.
+bool closeLibrary() noexcept;
 
 } // namespace sonetrix

@@ -90,17 +90,31 @@ void importStandardModules(PyObject *module) {
     importAs(module, "os");
 }
 
-// An interpreter that embeds no console of ours takes its leave here, at its exit handlers.
+// An interpreter that embeds no console of ours takes its leave here, at its exit handlers. Whoever does not come out
+// in time stays where he is: nobody can keep the interpreter from going.
 Ref endAtExit() {
-    endCallbacks();
+    closeLibrary();
     return none();
 }
 
-constexpr Method atExitFunction = {"end_callbacks", "()", "", function<endAtExit>};
+constexpr Method atExitFunction = {"close_library", "()", "", function<endAtExit>};
 
 void dropState() noexcept { std::exchange(theState, nullptr)->~ModuleState(); }
 
+// Once per process: whether it is too late for another module.
+bool refuseReimport() noexcept {
+    if (imported || importing) {
+        PyErr_SetString(
+            PyExc_ImportError, "Module 'sonetrix' has already been imported. Re-initialisation is not supported.");
+        return true;
+    }
+    return false;
+}
+
 int execute(PyObject *module) noexcept {
+    if (refuseReimport()) {
+        return -1;
+    }
     if (theState != nullptr) {
         dropState(); // of a module whose import failed
     }
@@ -149,9 +163,7 @@ PyObject *create(PyObject *spec, PyModuleDef *) noexcept {
             "Interpreter change detected - this module can only be loaded into one interpreter per process.");
         return nullptr;
     }
-    if (imported || importing) {
-        PyErr_SetString(
-            PyExc_ImportError, "Module 'sonetrix' has already been imported. Re-initialisation is not supported.");
+    if (refuseReimport()) {
         return nullptr;
     }
     Ref name = Ref::steal(PyObject_GetAttrString(spec, "name"));

@@ -19,7 +19,7 @@ void timerCb(void *user) {
     if (scope.isOfTheDropped()) {
         return;
     }
-    const Ref result = Ref::steal(PyObject_CallNoArgs(scope.callable()));
+    const Ref result = Ref::steal(takeLockOrPark([&] { return PyObject_CallNoArgs(scope.callable()); }));
     if (result) {
         return;
     }

@@ -209,8 +209,10 @@ bool Selector::isText(const Name &text) const {
 
 bool Selector::isCtypes(const Name &className) const {
     const Ref ctypes = moduleGlobal(ctypesName);
-    // None and a text equal none of the classes: with the module as it was imported they need no comparison.
-    return !(isPlain() && ctypes.get() == state().ctypes.get()) && equals(attribute(ctypes.get(), className).get());
+    // None and a text equal none of the classes: with the module as it was imported they need no comparison. At the
+    // interpreter's end there is None in its place, and finalizers may still write to lists.
+    const bool isOriginal = ctypes.get() == state().ctypes.get() || ctypes.get() == Py_None;
+    return !(isPlain() && isOriginal) && equals(attribute(ctypes.get(), className).get());
 }
 
 NativeArray<std::int32_t> tupleToInt32(PyObject *tuple) noexcept { return convertTuple<Int32Elements>(tuple); }

@@ -1,7 +1,9 @@
 """notifyChanges, notifyMeters and timeout with callbacks fired at will: registration, delivery, lock order, removal."""
 
 import gc
+import sys
 import threading
+import time
 import unittest
 import weakref
 from unittest import mock
@@ -151,6 +153,26 @@ class CallbackTest(engine_double.TestCase):
             del dropping, again
             while registrations(kind):
                 pass
+
+    def test_one_callable_for_slow_and_fast_meters_drops_both_while_the_other_call_waits_for_the_lock(self):
+        self.addCleanup(sys.setswitchinterval, sys.getswitchinterval())
+        sys.setswitchinterval(5)
+        pool, alone = [], threading.Lock()
+        def drop(_):
+            with alone:
+                until = time.monotonic() + 0.1
+                while pool and time.monotonic() < until:
+                    pass
+                pool.clear()
+        pool += [self.make(kind, drop) for kind in (SLOW_METERS, FAST_METERS)]
+        threads = [threading.Thread(target=fire, args=(kind, {}), daemon=True) for kind in (SLOW_METERS, FAST_METERS)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join(10)
+        self.assertEqual([thread.is_alive() for thread in threads], [False, False])
+        while registrations(SLOW_METERS) or registrations(FAST_METERS):
+            pass
 
     def test_one_callable_for_slow_and_fast_meters_drops_both_at_the_same_time(self):
         pool, both = {}, threading.Barrier(2)

@@ -27,7 +27,7 @@ DOCSTRINGS = {
 
 # Python run in an interpreter of its own: the double is loaded, the module is not.
 PRELUDE = """
-import gc, importlib, os, sys, threading
+import gc, importlib, os, sys, threading, time
 from support import engine_double as double
 def refusal(call, *arguments):
     try:
@@ -215,8 +215,14 @@ def fire():
     while True:
         for kind in range(4):
             double.fire(kind, {"a": 1}, threads=2)
-for _ in range(2):
-    threading.Thread(target=fire, daemon=True).start()
+def read():
+    while True:
+        sonetrix.listKeyValue().append("a", 1).toDict(lambda entry: time.sleep(0.02))
+for target in fire, fire, read:
+    threading.Thread(target=target, daemon=True).start()
+class Late:
+    def __del__(self, sleep=time.sleep): sleep(0.2)
+sys.late = Late()
 """, ASAN_OPTIONS="detect_leaks=0"),  # what such threads hold on to stays behind
             ["['addTimer', 'rmCallback', 'delTimer', 'rmCallbackMeterManager'] 0 0 0 0"])
 
@@ -226,11 +232,12 @@ sonetrix = double.load()
 class Finalized:
     __slots__ = ()
     def __del__(self, lists=(sonetrix.listValue, sonetrix.listKeyValue), engine=sonetrix.engine, write=os.write):
-        text = f"{lists[0]().append(1).dup().toList()} {lists[1]().append('a', 1).dup().toDict()} {engine.isRunning()}"
+        lists = lists[0]().append(1, "int32").dup().toList(), lists[1]().append("a", (1,), "int").dup().toDict()
+        text = f"{lists} {engine.isRunning()}"
         write(1, (text + "\\n").encode())
 cycle = type("Cycle", (), {})()
 sys.one, sonetrix.engine.two, cycle.three, cycle.cycle = Finalized(), Finalized(), Finalized(), cycle
-"""), ["[1] {b'a': 1} True"] * 3)
+"""), ["([1], {b'a': (1,)}) True"] * 3)
 
 
 if __name__ == "__main__":

@@ -31,8 +31,6 @@ constexpr const char *pagerScript = "try:\n"
 constexpr const char *importStatement = "from sonetrix import *";
 constexpr const char *cleanUpStatement = "globals().clear()\n";
 
-constexpr std::chrono::milliseconds lastCallsLimit{1000}; // for threads inside this library's functions
-
 bool ready = false;
 
 // The standard library's extension modules do not name libpython among their needs; they look its symbols up globally.
@@ -190,7 +188,7 @@ void endInterpreter(const sonetrix_cliModule_t &module) noexcept {
         log(SONETRIX_LOG_WARN, "problem while cleaning up CLI global variables");
     }
     runExitHandlers();
-    if (!endCallbacks() || !LibraryFrame::close(lastCallsLimit)) {
+    if (!closeLibrary()) {
         // To finalise under a thread that is inside Python would end it, and the engine with it.
         log(SONETRIX_LOG_ERROR, "a thread does not return from Python: the interpreter is left as it is");
         flushStandardOutput();
