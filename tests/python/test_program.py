@@ -146,6 +146,7 @@ class Signals(unittest.TestCase):
         for loop in self.LOOPS:
             for number, status, words in (signal.SIGINT, 130, "KeyboardInterrupt"), (signal.SIGTERM, 0, ""):
                 with self.subTest(loop, signal=number), running("-c", f"print(flush=True)\n{loop}") as process:
+                    time.sleep(0.1 * SLOWNESS)  # a signal just before the sleep would be noticed only after it
                     begin = time.monotonic()
                     process.send_signal(number)
                     got, _, errors = outcome(process)
