@@ -90,8 +90,8 @@ void importStandardModules(PyObject *module) {
     importAs(module, "os");
 }
 
-// An interpreter that embeds no console of ours takes its leave here, at its exit handlers. Whoever does not come out
-// in time stays where he is: nobody can keep the interpreter from going.
+// An interpreter that embeds no console of ours takes its leave here, at its exit handlers. It goes on to its end even
+// when a thread does not come out in time.
 Ref endAtExit() {
     closeLibrary();
     return none();
