@@ -16,6 +16,8 @@ set(CMAKE_C_FLAGS_RELEASE "-O2 -DNDEBUG")
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
 
 add_compile_options(-Wall -Wextra -Wconversion -Wshadow -Werror -fno-plt)
+# Log lines name files from the root of the sources, wherever that was.
+add_compile_options(-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)
 add_link_options(-Wl,--as-needed)
 
 if(SONETRIX_SANITIZE)

@@ -29,7 +29,7 @@ install(FILES ${CMAKE_BINARY_DIR}/sonetrix-engine-apiConfigVersion.cmake DESTINA
 install(FILES ${CMAKE_BINARY_DIR}/sonetrix-engine-api.pc DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgconfig
     COMPONENT development)
 
-install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
+install(FILES README.md CONTRIBUTING.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
 install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation
     PATTERN __pycache__ EXCLUDE)
 

@@ -67,7 +67,7 @@ void unregister(CallbackObject &object) noexcept {
     if (engine == nullptr) {
         return;
     }
-    if (CallScope::mustNotWaitFor(object) || (ending && CallScope::isElsewhere(object))) {
+    if (ending || CallScope::mustNotWaitFor(object)) {
         const Removal removal = {object.kind->remove, engine, handle, Py_NewRef(object.callback)};
         if (removeLater(removal)) {
             return;

@@ -6,7 +6,8 @@
 //              as long as the engine may call.
 //   a call     An engine thread passes the gate, is refused if it holds the interpreter lock already (notifications),
 //              takes the lock, takes a reference to the callable of its own (the callable may drop its object), and
-//              calls. Errors end in the engine's log. Nothing is called for an object that is gone.
+//              calls. A callable's errors end in the engine's log. What can only be for an object that is gone is not
+//              called.
 //   the engine is called with the interpreter lock released, registration and removal included: removal waits for a
 //              call in progress, and that call needs the lock. A callable that drops another's object does not wait
 //              at all; see callback_reaper.h.
@@ -67,9 +68,6 @@ public:
     // one in turn. For its own it does not wait; but which of a callable's registrations a call is for, nobody knows.
     // The object has left the list of registrations.
     static bool mustNotWaitFor(const CallbackObject &object) noexcept;
-    // Whether another thread is inside a call that may be the object's.
-    static bool isElsewhere(const CallbackObject &object) noexcept;
-
     // Whether the call is only for registrations whose objects are gone: the engine has them until the reaper gets to
     // them, the script does not.
     bool isOfTheDropped() const noexcept;
@@ -78,6 +76,8 @@ private:
     bool mayBeOf(const CallbackObject &object) const noexcept {
         return called_ == object.callback && kind_ == object.kind;
     }
+    // Whether another thread is inside a call that may be the object's.
+    static bool isElsewhere(const CallbackObject &object) noexcept;
 
     static constinit thread_local CallScope *innermost_;
     static CallScope *all_; // guarded by the interpreter lock

@@ -1,8 +1,8 @@
-// Ends registrations on behalf of callables that run on engine threads.
+// Ends registrations on a thread of its own, for those who must not wait.
 //
-// Removal waits for a call in progress on another thread. A callable that drops somebody else's object would so wait,
-// on its engine thread, for another engine thread's callable, which may be waiting for it in turn. So such removals are
-// handed to a thread of their own, which nobody waits for.
+// Removal waits for a call in progress on another thread. A callable that drops an object would so wait, on its engine
+// thread, for another engine thread's callable, which may be waiting for it in turn; and the interpreter's end would
+// wait for ever for a callable that does not return. Only the end waits for this thread, for a limited time.
 #pragma once
 
 #include "python/ref.h"

@@ -8,7 +8,7 @@ namespace sonetrix {
 
 constexpr std::size_t cachedKeyPositions = 128; // two for each entry
 
-// The key from the cache, or new and in the cache from then on.
+// The key from the cache, or new and, if it is no long one, in the cache from then on.
 Ref cachedKeyBytes(const char *key);
 
 // The key as bytes. The first keys of each list come from a small cache: notifications and meters bring the same few

@@ -4,6 +4,7 @@
 //   List                              the engine's list
 //   create, destroy, copy, merge      the engine's functions for it
 //   className, nullMessage            "sonetrix.listValue"; what the factory raises on null
+//   equalName, unequalName            of the comparisons, for tracebacks
 //   pythonClass()                     the Python class
 #pragma once
 

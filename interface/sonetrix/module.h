@@ -9,7 +9,7 @@
 
 namespace sonetrix {
 
-// Every strong reference that the library keeps. There is one interpreter and one module per process, so there is one
+// The module's strong references. There is one interpreter and one module per process, so there is one
 // state; it lives from the module's import to the end of its interpreter.
 struct ModuleState {
     PyObject *module = nullptr;      // borrowed: the module owns the state

@@ -1,5 +1,5 @@
-// Typed values: what an engine value becomes in Python, and what a Python value becomes in the engine. Both lists, the
-// parameters, the meters and the notifications use this one place.
+// Typed values: what an engine value becomes in Python, and what a Python value becomes in the engine. Both lists, and
+// with them parameters, meters and notifications, use this one place.
 #pragma once
 
 #include "module.h"

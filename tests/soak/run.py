@@ -8,6 +8,7 @@ Ends with status 1 when resident memory, threads or open files have grown, or wh
 import ast
 import pathlib
 import sys
+import tempfile
 import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).parents[1]))
@@ -26,7 +27,8 @@ def mean(numbers):
 
 def soak(seconds):
     load = pathlib.Path(__file__).with_name("load.py")
-    with Console("--log-level", "fatal", "-i", load, time_limit=seconds + 120) as console:
+    with (tempfile.TemporaryDirectory() as state, Console("--log-level", "fatal", "-i", load, time_limit=seconds + 120,
+                                                          environment={"XDG_STATE_HOME": state}) as console):
         console.ask("__import__('readline').set_auto_history(False)")  # it would be the one thing that grows
         end = time.monotonic() + seconds
         typed = 0

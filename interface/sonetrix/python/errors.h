@@ -1,5 +1,5 @@
-// Errors: a failed Python call throws PythonError, with the interpreter's error indicator set, and one border turns it
-// back into the null that the interpreter expects.
+// Errors: a failed Python call throws PythonError, with the interpreter's error indicator set, and the border (see
+// function.h) turns it back into the null that the interpreter expects.
 #pragma once
 
 #include "ref.h"

@@ -1,8 +1,8 @@
 // Functions and methods that Python calls, each one line in a table: name, signature, docstring, C++ body.
 //
 // The signature is Python's own notation, "(p1: str | bytes, p2: str | bytes | None = None) -> int". It is read at
-// compile time for what the call needs (names, what is required) and again, on request only, for `__signature__` and
-// `__annotations__`; so what inspect shows is what the call does.
+// compile time for what the call needs (names, what is required), at import for the docstring, and on request for
+// `__signature__` and `__annotations__`; so what inspect shows is what the call does.
 //
 // In Python they are the interpreter's own builtin functions and method descriptors, which it calls faster than any
 // callable type of ours: only for these exact types does it specialise calls. They have no place for annotations, so

@@ -14,8 +14,8 @@ namespace sonetrix {
 [[noreturn]] void parkThread() noexcept;
 
 // The interpreter ends a thread that asks for the lock during finalisation by unwinding it. The frames above hold
-// references that may not be dropped without the lock, so such a thread stays where it is instead. `takeLock` is a call
-// of the interpreter's own, below which there are none of our frames.
+// references that may not be dropped without the lock, so such a thread stays where it is instead. `takeLock` calls the
+// interpreter directly.
 template <class TakeLock> [[gnu::always_inline]] inline auto takeLockOrPark(TakeLock &&takeLock) noexcept {
     try {
         return std::forward<TakeLock>(takeLock)();

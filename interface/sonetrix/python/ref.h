@@ -6,7 +6,8 @@
 
 namespace sonetrix {
 
-// An owned reference, or none. A raw `PyObject *` anywhere in this library is therefore a borrowed one.
+// An owned reference, or none. A raw `PyObject *` in this library is a borrowed one unless it is said to be
+// owned.
 // Making, copying and dropping a Ref needs the interpreter lock.
 class Ref {
 public:

@@ -1,4 +1,4 @@
-// Everything that differs between the supported interpreters (3.11 and later; 3.12 is the reference).
+// What the library's own code does differently for the supported interpreters (3.11 and later; 3.12 is the reference).
 #pragma once
 
 #include "ref.h"
