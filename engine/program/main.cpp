@@ -109,6 +109,12 @@ int runEngine(ProgramOptions options) {
     } else {
         complain(status, error);
     }
+    if (TerminationSignals::isForked()) {
+        // The engine's threads are not here; what the script has left to say is said by the interpreter's end.
+        module.destroy();
+        std::fflush(nullptr);
+        ::_exit(engine->exitCode().value_or(status));
+    }
     // The module holds the interpreter's lock until it is destroyed, and engine threads may be waiting for it.
     engine->requestStop();
     module.destroy();

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <pthread.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -34,6 +35,18 @@ void handle(int number) {
     ::sigaction(number, &action, nullptr);
 }
 
+bool forked = false;
+
+void onFork() {
+    forked = true;
+    for (const int number : {SIGTERM, SIGHUP, SIGINT}) {
+        struct sigaction current {};
+        if (::sigaction(number, nullptr, &current) == 0 && (current.sa_flags & SA_SIGINFO) != 0 &&
+            current.sa_sigaction == onSignal)
+            std::signal(number, SIG_DFL);
+    }
+}
+
 bool isIgnored(int number) {
     struct sigaction current {};
     return ::sigaction(number, nullptr, &current) == 0 && current.sa_handler == SIG_IGN;
@@ -50,6 +63,7 @@ TerminationSignals::TerminationSignals(bool withInterrupt, std::function<void()>
     writeEnd_ = FileDescriptor(ends[1]);
     ::fcntl(writeEnd_.get(), F_SETFL, O_NONBLOCK);
     handlerPipe = writeEnd_.get();
+    ::pthread_atfork(nullptr, nullptr, onFork);
     thread_ = std::thread(&TerminationSignals::threadMain, this);
     handle(SIGTERM);
     if (!isIgnored(SIGHUP)) // as under nohup
@@ -63,6 +77,8 @@ TerminationSignals::~TerminationSignals() {
     thread_.join();
     handlerPipe = -1;
 }
+
+bool TerminationSignals::isForked() noexcept { return forked; }
 
 void TerminationSignals::threadMain() {
     blockSignalsInThisThread();

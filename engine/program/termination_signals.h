@@ -20,6 +20,9 @@ public:
 
     /// Whether such a signal has come.
     [[nodiscard]] bool received() const noexcept { return received_; }
+    /// Whether this is a process that a script has forked: signals end it in their usual way, and it has no thread but
+    /// the one that forked it.
+    [[nodiscard]] static bool isForked() noexcept;
 
 private:
     void threadMain();

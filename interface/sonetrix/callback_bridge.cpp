@@ -77,31 +77,50 @@ void unregister(CallbackObject &object) noexcept {
     unlocked([&] { object.kind->remove(engine, handle); });
 }
 
-// Runs before the garbage collector clears anything of a cycle: whatever the callable uses is still whole then.
-void finalize(PyObject *object) noexcept {
-    const Ref raised = version::takeRaised(); // a finalizer may run while an exception is on its way
-    unregister(self(object));
-    if (raised) {
-        version::setRaised(raised);
+// A part of each object, so of each cycle that the object is in. All finalizers of a cycle run before the garbage
+// collector clears anything of it, so whatever the callable uses is still whole when the registration ends here. The
+// object's own finalizer would not do: a subclass replaces it by defining __del__.
+struct Guard {
+    PyObject_HEAD CallbackObject *owner;
+
+    static Guard &of(PyObject *object) noexcept { return *reinterpret_cast<Guard *>(object); }
+
+    static int traverse(PyObject *object, visitproc visit, void *arg) noexcept {
+        Py_VISIT(Py_TYPE(object));
+        return 0;
     }
-}
+
+    static void finalize(PyObject *object) noexcept {
+        if (CallbackObject *owner = of(object).owner) {
+            unregister(*owner);
+        }
+    }
+
+    static void deallocate(PyObject *object) noexcept {
+        PyObject_GC_UnTrack(object);
+        PyTypeObject *type = Py_TYPE(object);
+        type->tp_free(object);
+        Ref::steal(reinterpret_cast<PyObject *>(type));
+    }
+};
 
 int traverse(PyObject *object, visitproc visit, void *arg) noexcept {
     Py_VISIT(Py_TYPE(object));
     Py_VISIT(self(object).callback);
+    Py_VISIT(self(object).guard);
     return 0;
 }
 
 int clear(PyObject *object) noexcept {
-    unregister(self(object)); // a subclass may have replaced the finalizer
+    unregister(self(object));
+    if (const Ref guard = Ref::steal(std::exchange(self(object).guard, nullptr))) {
+        Guard::of(guard.get()).owner = nullptr;
+    }
     Ref::steal(std::exchange(self(object).callback, nullptr));
     return 0;
 }
 
 void deallocate(PyObject *object) noexcept {
-    if (PyObject_CallFinalizerFromDealloc(object) < 0) {
-        return; // brought back to life
-    }
     PyObject_GC_UnTrack(object);
     clear(object);
     PyTypeObject *type = Py_TYPE(object);
@@ -118,6 +137,10 @@ CallbackObject &allocateCallback(Ref &object, PyTypeObject *type, const Callback
     CallbackObject &created = self(object.get());
     created.kind = &kind;
     created.callback = Py_NewRef(callback);
+    PyTypeObject *guardClass = asType(state().callbackGuardClass);
+    Ref guard = checked(guardClass->tp_alloc(guardClass, 0));
+    Guard::of(guard.get()).owner = &created;
+    created.guard = guard.release();
     return created;
 }
 
@@ -139,9 +162,15 @@ void endRegistration(CallbackObject &object, void *handle) noexcept {
 } // namespace detail
 
 Ref addCallbackClass(PyObject *module, const char *name, const char *doc, newfunc construct) {
+    if (!state().callbackGuardClass) {
+        state().callbackGuardClass =
+            newClass<Guard>(module, "sonetrix.callbackGuard", Py_TPFLAGS_DISALLOW_INSTANTIATION | Py_TPFLAGS_HAVE_GC,
+                {slot(Py_tp_finalize, Guard::finalize), slot(Py_tp_traverse, Guard::traverse),
+                    slot(Py_tp_dealloc, Guard::deallocate)});
+    }
     Ref type = newClass<CallbackObject>(module, name, Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC,
-        {slot(Py_tp_doc, doc), slot(Py_tp_new, construct), slot(Py_tp_finalize, finalize),
-            slot(Py_tp_traverse, traverse), slot(Py_tp_clear, clear), slot(Py_tp_dealloc, deallocate)});
+        {slot(Py_tp_doc, doc), slot(Py_tp_new, construct), slot(Py_tp_traverse, traverse), slot(Py_tp_clear, clear),
+            slot(Py_tp_dealloc, deallocate)});
     checked(PyModule_AddType(module, asType(type)));
     return type;
 }

@@ -1,9 +1,9 @@
 // Engine threads -> Python callables: what notifyChanges, notifyMeters and timeout share.
 //
 //   life       An object of these classes owns a callable and one registration with the engine. The registration ends
-//              when the object is finalized, deallocated, or still there when the interpreter ends, whichever comes
-//              first; always before the callable is let go. So the callable, which is the engine's user pointer, lives
-//              as long as the engine may call.
+//              when the object is deallocated, when the garbage collector finalizes the cycle that it is in, or when
+//              the interpreter ends, whichever comes first; always before the callable is let go. So the callable,
+//              which is the engine's user pointer, lives as long as the engine may call.
 //   a call     An engine thread passes the gate, is refused if it holds the interpreter lock already (notifications),
 //              takes the lock, takes a reference to the callable of its own (the callable may drop its object), and
 //              calls. A callable's errors end in the engine's log. What can only be for an object that is gone is not
@@ -32,6 +32,7 @@ struct CallbackKind {
 struct CallbackObject {
     PyObject_HEAD const CallbackKind *kind;
     PyObject *callback; // owned
+    PyObject *guard;    // owned; ends the registration when the object is part of a cycle that is collected
     void *handle;       // the engine's; null when not registered
     // The neighbours in the list of all registrations, in the order in which they were made.
     CallbackObject *previous;

@@ -173,8 +173,8 @@ PyObject *create(PyObject *spec, PyModuleDef *) noexcept {
 // Visits, or lets go of, each strong reference of the state.
 template <class Action> void forEachReference(ModuleState &state, Action &&action) {
     for (Ref *reference : {&state.engineClass, &state.logClass, &state.listValueClass, &state.listKeyValueClass,
-             &state.notifyChangesClass, &state.notifyMetersClass, &state.timeoutClass, &state.ctypes,
-             &state.clearCallbacks}) {
+             &state.notifyChangesClass, &state.notifyMetersClass, &state.timeoutClass, &state.callbackGuardClass,
+             &state.ctypes, &state.clearCallbacks}) {
         action(*reference);
     }
 }

@@ -21,6 +21,7 @@ struct ModuleState {
     Ref notifyChangesClass;
     Ref notifyMetersClass;
     Ref timeoutClass;
+    Ref callbackGuardClass;
     Ref ctypes;         // the module, as it was imported
     Ref clearCallbacks; // list of callables, in the order of their registration
 };

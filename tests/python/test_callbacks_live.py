@@ -213,6 +213,26 @@ assert before == [count.calls for count in counts.values()]
 """)
 
 
+    def test_cycles_of_a_subclass_with_a_finalizer_of_its_own(self):
+        self.run_live("""
+class Own(timeout):
+    def __del__(self): pass
+def function():
+    def called(): return time, sys
+    return called
+gc.disable()
+end = time.monotonic() + 2
+while time.monotonic() < end:
+    functions = [function() for _ in range(40)]
+    timers = [Own(1, one) for one in functions]
+    for one in functions:
+        one.timers = timers
+    del functions, timers, one
+    time.sleep(0.003)
+    gc.collect()
+""")
+
+
 # Ends in the way that the first argument names, with registrations alive in globals, in cycles and in threads.
 UNDER_FIRE = """\
 import os, random, signal, sys, threading

@@ -212,6 +212,8 @@ class Script(unittest.TestCase):
             "add_clear_callback(lambda: sys.exit(3))",
             "class Late:\n    def __del__(self, sys=sys): sys.exit(3)\nlate = Late()",
             "sys.displayhook = sys.unraisablehook = lambda *details: sys.exit(3)\ndel add_clear_callback",
+            "class Err:\n    def write(self, text): sys.stderr = sys.__stderr__\n    def flush(self): pass\n"
+            "sys.stderr = Err(); sys.exit('text')",
             "sys.ps1 = sys.ps2 = sys.stdout = sys.stderr = sys.stdin = None; sys.exit(3)",
         ):
             with self.subTest(text):
@@ -368,18 +370,21 @@ raise error
 
 class End(unittest.TestCase):
     def test_forgotten_threads(self):
-        for target, forgotten in (("lambda: (time.sleep(0.3), print('finished'))", False), ("lambda: time.sleep(1000)", True)):
+        for target, output, named in (
+                ("lambda: (time.sleep(0.3), print('finished'))", "finished\n", False),
+                ("lambda: time.sleep(1000)", "", True),
+                ("lambda: (setattr(threading, 'enumerate', lambda: ()), time.sleep(1000))", "", False)):
             with self.subTest(target):
                 began = time.monotonic()
                 report = run_console_host(text_input=f"""
 import threading, time
-threading.Thread(target={target}, name="some thread").start()
+threading.Thread(target={target}, name="some \\udc80 thread").start()
 threading.Thread(target=lambda: time.sleep(1000), name="daemon", daemon=True).start()
 """, environment=programs.OUTLIVED)
                 self.assertLess(time.monotonic() - began, IN_TIME)
-                left_behind = [(WARN, "python thread 'some thread' is still running and is left behind")]
-                self.assertEqual([line for line in report.log if line[0] == WARN], left_behind if forgotten else [])
-                self.assertEqual((report.result.stdout, report.result.stderr), ("" if forgotten else "finished\n", ""))
+                left_behind = [(WARN, "python thread 'some \\udc80 thread' is still running and is left behind")]
+                self.assertEqual([line for line in report.log if line[0] == WARN], left_behind if named else [])
+                self.assertEqual((report.result.stdout, report.result.stderr), (output, ""))
                 self.assertEqual(report.facts["blocks"], 0)
 
     def test_daemon_threads_inside_the_library_survive_the_end(self):

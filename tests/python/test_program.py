@@ -138,6 +138,26 @@ print(flush=True)
                 self.assertIsNone(process.poll())
 
 
+    def test_a_forked_child_has_an_end_of_its_own(self):
+        result = run_engine("-c", """
+import os, signal, sys, time, warnings
+warnings.simplefilter("ignore")  # of threads that the child does not have
+for leave, signals in (lambda: sys.exit(7), ()), (lambda: time.sleep(60), [signal.SIGTERM]):
+    child = os.fork()
+    if child == 0:
+        print("child")
+        leave()
+    for number in signals:
+        time.sleep(0.2)
+        os.kill(child, number)
+    print(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]), engine.isRunning(), flush=True)
+os.kill(os.getpid(), signal.SIGTERM)
+engine.waitUntilEnd()
+print("on")
+""")
+        self.assertEqual((result.stdout, result.returncode), ("child\n7 True\n-15 True\n", 0))
+
+
 class Signals(unittest.TestCase):
     STUBBORN = "while True:\n  try: time.sleep(.01)\n  except KeyboardInterrupt: pass\n"
     LOOPS = "import time\nwhile True: time.sleep(60)", "while True: " + BUSY

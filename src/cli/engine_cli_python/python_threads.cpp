@@ -49,14 +49,15 @@ bool callInTime(PyObject *threading, const Ref &function) {
 
 void nameThreads(PyObject *threading, PyObject *mainThread) {
     Ref threads = checked(PyObject_CallMethod(threading, "enumerate", nullptr));
+    threads = checked(PySequence_List(threads.get())); // a script may have replaced the function
     for (Py_ssize_t index = 0; index < PyList_GET_SIZE(threads.get()); ++index) {
         PyObject *thread = PyList_GET_ITEM(threads.get(), index);
         Ref daemon = checked(PyObject_GetAttrString(thread, "daemon"));
         if (thread != mainThread && checked(PyObject_IsTrue(daemon.get())) == 0) {
             Ref name = checked(PyObject_Str(checked(PyObject_GetAttrString(thread, "name")).get()));
-            const char *text = PyUnicode_AsUTF8(name.get());
+            const Ref text = checked(PyUnicode_AsEncodedString(name.get(), "utf-8", "backslashreplace"));
             log(SONETRIX_LOG_WARN, "python thread '%s' is still running and is left behind",
-                text == nullptr ? "?" : text);
+                PyBytes_AS_STRING(text.get()));
         }
     }
 }
@@ -64,16 +65,16 @@ void nameThreads(PyObject *threading, PyObject *mainThread) {
 } // namespace
 
 void waitForPythonThreads() noexcept {
-    PyObject *threading = PyDict_GetItemString(PyImport_GetModuleDict(), "threading");
-    if (threading == nullptr) {
+    const Ref threading = Ref::borrow(PyDict_GetItemString(PyImport_GetModuleDict(), "threading"));
+    if (!threading) {
         return;
     }
     try {
-        const Ref shutdown = takeShutdown(threading);
-        const Ref mainThread = checked(PyObject_CallMethod(threading, "main_thread", nullptr));
-        leaveOut(mainThread.get(), threading);
-        if (!callInTime(threading, shutdown)) {
-            nameThreads(threading, mainThread.get());
+        const Ref shutdown = takeShutdown(threading.get());
+        const Ref mainThread = checked(PyObject_CallMethod(threading.get(), "main_thread", nullptr));
+        leaveOut(mainThread.get(), threading.get());
+        if (!callInTime(threading.get(), shutdown)) {
+            nameThreads(threading.get(), mainThread.get());
         }
     } catch (const PythonError &) {
         if (PyErr_ExceptionMatches(PyExc_KeyboardInterrupt) != 0) {

@@ -41,9 +41,10 @@ std::int32_t readExitCode(PyObject *exception) noexcept {
         PyErr_Clear();
         return static_cast<std::int32_t>(value);
     }
-    if (PyObject *standardError = PySys_GetObject("stderr"); standardError != nullptr && standardError != Py_None) {
-        PyFile_WriteObject(code.get(), standardError, Py_PRINT_RAW);
-        PyFile_WriteString("\n", standardError);
+    const Ref standardError = Ref::borrow(PySys_GetObject("stderr")); // writing may take it out of sys
+    if (standardError && standardError.get() != Py_None) {
+        PyFile_WriteObject(code.get(), standardError.get(), Py_PRINT_RAW);
+        PyFile_WriteString("\n", standardError.get());
     }
     PyErr_Clear();
     return 1;
