@@ -12,7 +12,7 @@ import tempfile
 import time
 import unittest
 
-from support import BUSY, ENGINE, SLOWNESS, TIME_LIMIT
+from support import BUSY, ENGINE, SANITIZER, SLOWNESS, TIME_LIMIT
 from support.console import Console
 from support.programs import run_engine, run_script
 
@@ -138,6 +138,7 @@ print(flush=True)
                 self.assertIsNone(process.poll())
 
 
+    @unittest.skipIf(SANITIZER == "thread", "the thread sanitizer knows no threads that a forked process starts")
     def test_a_forked_child_has_an_end_of_its_own(self):
         result = run_engine("-c", """
 import os, signal, sys, time, warnings
