@@ -179,11 +179,14 @@ def run(data):
         sys.__dict__.pop(name, None)
     while gc.collect():
         pass  # finalizers make new objects
-    until = time.monotonic() + 5  # some removals are left to a thread
-    while any(map(engine_double.registrations, range(4))) and time.monotonic() < until:
+    until = time.monotonic() + 5  # some removals are left to a thread, which lets the callable go after that
+    while (left := remains()) != (before, [0] * 4) and time.monotonic() < until:
         time.sleep(0.0001)
-    assert not any(map(engine_double.registrations, range(4)))
-    assert fuzz_input.left() == before, (fuzz_input.left(), before)
+    assert left == (before, [0] * 4), (left, before)
+
+
+def remains():
+    return fuzz_input.left(), list(map(engine_double.registrations, range(4)))
 
 
 sonetrix = fuzz_input.prepare()
