@@ -4,7 +4,6 @@
 #include "key_cache.h"
 #include "list_key_value.h"
 #include "log.h"
-#include "python/version.h"
 
 namespace sonetrix {
 
@@ -133,11 +132,14 @@ void deallocate(PyObject *object) noexcept {
 namespace detail {
 
 CallbackObject &allocateCallback(Ref &object, PyTypeObject *type, const CallbackKind &kind, PyObject *callback) {
+    PyTypeObject *guardClass = asType(state().callbackGuardClass);
+    if (guardClass == nullptr) {
+        raiseModuleGone(); // a finalizer's, at the interpreter's end
+    }
     object = checked(type->tp_alloc(type, 0)); // zeroed
     CallbackObject &created = self(object.get());
     created.kind = &kind;
     created.callback = Py_NewRef(callback);
-    PyTypeObject *guardClass = asType(state().callbackGuardClass);
     Ref guard = checked(guardClass->tp_alloc(guardClass, 0));
     Guard::of(guard.get()).owner = &created;
     created.guard = guard.release();

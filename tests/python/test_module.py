@@ -231,7 +231,10 @@ sys.late = Late()
 sonetrix = double.load()
 class Finalized:
     __slots__ = ()
-    def __del__(self, lists=(sonetrix.listValue, sonetrix.listKeyValue), engine=sonetrix.engine, write=os.write):
+    def __del__(self, lists=(sonetrix.listValue, sonetrix.listKeyValue), engine=sonetrix.engine, write=os.write,
+                timeout=sonetrix.timeout, RuntimeError=RuntimeError):
+        try: timeout(1, write)
+        except RuntimeError: pass  # the module is gone
         lists = lists[0]().append(1, "int32").dup().toList(), lists[1]().append("a", (1,), "int").dup().toDict()
         text = f"{lists} {engine.isRunning()}"
         write(1, (text + "\\n").encode())
