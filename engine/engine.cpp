@@ -1,8 +1,8 @@
 #include "engine.h"
 
-#include "clock_driver.h"
-#include "engine_thread.h"
-#include "offline_driver.h"
+#include "driver/clock_driver.h"
+#include "driver/offline_driver.h"
+#include "thread.h"
 
 #include <cstdlib>
 #include <system_error>

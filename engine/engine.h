@@ -1,14 +1,14 @@
 #pragma once
 
-#include "audio_path.h"
-#include "driver.h"
-#include "graph.h"
-#include "ladspa_catalogue.h"
-#include "lists.h"
-#include "meters.h"
-#include "notifier.h"
-#include "parameters.h"
-#include "timer_service.h"
+#include "driver/driver.h"
+#include "events/meters.h"
+#include "events/notifier.h"
+#include "events/timer_service.h"
+#include "graph/audio_path.h"
+#include "graph/graph.h"
+#include "graph/parameters.h"
+#include "ladspa/ladspa_catalogue.h"
+#include "lists/lists.h"
 
 #include <atomic>
 #include <cstdint>

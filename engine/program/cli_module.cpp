@@ -1,4 +1,4 @@
-#include "cli_module.h"
+#include "program/cli_module.h"
 
 #include <dlfcn.h>
 #include <utility>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "lists.h"
+#include "lists/lists.h"
 
 #include <cstdint>
 #include <filesystem>

@@ -1,8 +1,8 @@
-#include "cli_module.h"
-#include "exit_status.h"
-#include "options.h"
-#include "start_code.h"
-#include "termination_signals.h"
+#include "program/cli_module.h"
+#include "program/exit_status.h"
+#include "program/options.h"
+#include "program/start_code.h"
+#include "program/termination_signals.h"
 
 #include <atomic>
 #include <cerrno>

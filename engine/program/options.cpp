@@ -1,6 +1,6 @@
-#include "options.h"
+#include "program/options.h"
 
-#include "exit_status.h"
+#include "program/exit_status.h"
 
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>

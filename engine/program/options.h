@@ -1,7 +1,7 @@
 #pragma once
 
 #include "engine.h"
-#include "lists.h"
+#include "lists/lists.h"
 
 #include <cstdint>
 #include <filesystem>

@@ -1,4 +1,4 @@
-#include "start_code.h"
+#include "program/start_code.h"
 
 #include <fmt/format.h>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "file_descriptor.h"
+#include "program/file_descriptor.h"
 
 #include <atomic>
 #include <functional>

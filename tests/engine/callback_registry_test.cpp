@@ -1,4 +1,4 @@
-#include "callback_registry.h"
+#include "events/callback_registry.h"
 
 #include <array>
 #include <atomic>

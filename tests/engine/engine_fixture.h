@@ -1,6 +1,6 @@
 #pragma once
 
-#include "engine_handle.h"
+#include "api/engine_handle.h"
 
 #include <algorithm>
 #include <chrono>

@@ -1,7 +1,7 @@
 #include "engine_fixture.h"
 
-#include "port_names.h"
-#include "status.h"
+#include "api/status.h"
+#include "ladspa/port_names.h"
 
 #include <cstring>
 #include <fstream>

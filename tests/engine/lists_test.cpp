@@ -1,4 +1,4 @@
-#include "lists.h"
+#include "lists/lists.h"
 
 #include <cstring>
 #include <gtest/gtest.h>

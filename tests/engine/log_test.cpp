@@ -1,5 +1,5 @@
-#include "file_descriptor.h"
-#include "log.h"
+#include "log/log.h"
+#include "program/file_descriptor.h"
 
 #include <algorithm>
 #include <cstdlib>

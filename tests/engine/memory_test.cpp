@@ -1,4 +1,4 @@
-#include "memory.h"
+#include "api/memory.h"
 
 #include "sonetrix/engine_api.h"
 

@@ -1,5 +1,5 @@
-#include "plan.h"
-#include "plan_exchange.h"
+#include "graph/plan.h"
+#include "graph/plan_exchange.h"
 
 #include <gtest/gtest.h>
 #include <thread>

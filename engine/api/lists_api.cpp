@@ -1,0 +1,141 @@
+#include "api/status.h"
+#include "lists/lists.h"
+
+#include <span>
+
+using namespace sonetrix::dev;
+
+namespace {
+
+template <class List, class Value> int32_t addValue(List *list, const Value &value) noexcept {
+    if (list == nullptr)
+        return statusInvalid;
+    return guarded([&] {
+        list->add(value);
+        return statusOk;
+    });
+}
+
+template <class Value> int32_t addEntry(ListKeyValue *list, const char *key, const Value &value) noexcept {
+    if (list == nullptr || key == nullptr)
+        return statusInvalid;
+    return guarded([&] {
+        list->add(key, value);
+        return statusOk;
+    });
+}
+
+template <class List> List *copyOf(const List *list) noexcept {
+    return guardedPointer([&] { return list == nullptr ? nullptr : std::make_unique<List>(*list).release(); });
+}
+
+template <class List> List *newList() noexcept {
+    return guardedPointer([] { return std::make_unique<List>().release(); });
+}
+
+template <class List> void destroy(List *list) noexcept { std::unique_ptr<List>{list}; }
+
+template <class List> int32_t merge(List *list, List *other) noexcept {
+    if (list == nullptr)
+        return statusInvalid;
+    return guarded([&] {
+        if (other != nullptr)
+            list->merge(*other);
+        return statusOk;
+    });
+}
+
+template <class List, class Callback> int32_t forEach(const List *list, Callback callback, void *user) {
+    return list == nullptr || callback == nullptr ? statusInvalid : list->forEach(callback, user);
+}
+
+} // namespace
+
+ListValue *sonetrix_valueListNew() { return newList<ListValue>(); }
+void sonetrix_valueListDestroy(ListValue *list) { destroy(list); }
+ListValue *sonetrix_valueListDeepCopy(const ListValue *list) { return copyOf(list); }
+int32_t sonetrix_valueListMerge(ListValue *list, ListValue *other) { return merge(list, other); }
+
+int32_t sonetrix_valueListAddS(ListValue *list, const char *text) {
+    return text == nullptr ? statusInvalid : addValue(list, text);
+}
+int32_t sonetrix_valueListAddI32(ListValue *list, int32_t number) { return addValue(list, number); }
+int32_t sonetrix_valueListAddU32(ListValue *list, uint32_t number) { return addValue(list, number); }
+int32_t sonetrix_valueListAddF(ListValue *list, float number) { return addValue(list, number); }
+int32_t sonetrix_valueListAddD(ListValue *list, double number) { return addValue(list, number); }
+int32_t sonetrix_valueListAddAi32(ListValue *list, const int32_t *elements, size_t count) {
+    return addValue(list, std::span(elements, count));
+}
+int32_t sonetrix_valueListAddAfloat(ListValue *list, const float *elements, size_t count) {
+    return addValue(list, std::span(elements, count));
+}
+
+int32_t sonetrix_valueListForEach(ListValue *list, sonetrix_valueCallback_t callback, void *user) {
+    return forEach(list, callback, user);
+}
+
+ListKeyValue *sonetrix_keyValueListNew() { return newList<ListKeyValue>(); }
+void sonetrix_keyValueListDestroy(ListKeyValue *list) { destroy(list); }
+ListKeyValue *sonetrix_keyValueListDeepCopy(const ListKeyValue *list) { return copyOf(list); }
+int32_t sonetrix_keyValueListMerge(ListKeyValue *list, ListKeyValue *other) { return merge(list, other); }
+
+int32_t sonetrix_keyValueListRemoveKey(ListKeyValue *list, const char *key) {
+    if (list == nullptr || key == nullptr)
+        return statusInvalid;
+    return guarded([&] { return list->remove(key) != 0 ? statusOk : statusNotFound; });
+}
+
+int32_t sonetrix_keyValueListAddSS(ListKeyValue *list, const char *key, const char *text) {
+    return text == nullptr ? statusInvalid : addEntry(list, key, text);
+}
+int32_t sonetrix_keyValueListAddSI32(ListKeyValue *list, const char *key, int32_t number) {
+    return addEntry(list, key, number);
+}
+int32_t sonetrix_keyValueListAddSU32(ListKeyValue *list, const char *key, uint32_t number) {
+    return addEntry(list, key, number);
+}
+int32_t sonetrix_keyValueListAddSF(ListKeyValue *list, const char *key, float number) {
+    return addEntry(list, key, number);
+}
+int32_t sonetrix_keyValueListAddSD(ListKeyValue *list, const char *key, double number) {
+    return addEntry(list, key, number);
+}
+int32_t sonetrix_keyValueListAddSAi32(ListKeyValue *list, const char *key, const int32_t *elements, size_t count) {
+    return addEntry(list, key, std::span(elements, count));
+}
+int32_t sonetrix_keyValueListAddSAu32(ListKeyValue *list, const char *key, const uint32_t *elements, size_t count) {
+    return addEntry(list, key, std::span(elements, count));
+}
+int32_t sonetrix_keyValueListAddSAfloat(ListKeyValue *list, const char *key, const float *elements, size_t count) {
+    return addEntry(list, key, std::span(elements, count));
+}
+
+int32_t sonetrix_keyValueListForEach(ListKeyValue *list, sonetrix_keyValueCallback_t callback, void *user) {
+    return forEach(list, callback, user);
+}
+
+int32_t sonetrix_keyValueListGetS(ListKeyValue *list, const char *key, const char **text) {
+    if (list == nullptr || key == nullptr || text == nullptr)
+        return statusInvalid;
+    const sonetrix_value_t *value = list->find(key);
+    if (value == nullptr || value->type != SONETRIX_VALUE_STRING)
+        return statusNotFound;
+    *text = value->as.string;
+    return statusOk;
+}
+
+int32_t sonetrix_keyValueListGetIU(ListKeyValue *list, const char *key, uint32_t *number) {
+    if (list == nullptr || key == nullptr || number == nullptr)
+        return statusInvalid;
+    const sonetrix_value_t *value = list->find(key);
+    if (value == nullptr)
+        return statusNotFound;
+    if (value->type == SONETRIX_VALUE_INT32 && value->as.int32 >= 0) {
+        *number = static_cast<uint32_t>(value->as.int32);
+    } else if (value->type == SONETRIX_VALUE_UINT32) {
+        *number = value->as.uint32;
+    } else {
+        return statusNotFound;
+    }
+    return statusOk;
+}

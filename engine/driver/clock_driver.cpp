@@ -1,0 +1,65 @@
+#include "driver/clock_driver.h"
+
+#include "clock.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <pthread.h>
+
+namespace sonetrix::dev {
+
+namespace {
+
+void askForRealtimeScheduling() noexcept {
+    constexpr int priority = 60;
+    sched_param parameters{};
+    parameters.sched_priority = priority;
+    pthread_setschedparam(pthread_self(), SCHED_FIFO, &parameters);
+}
+
+void sleepUntil(int64_t monotonic) noexcept {
+    const timespec deadline = timespecOf(monotonic);
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
+    }
+}
+
+/// Block boundaries, exact for ever: every one is computed from the grid's origin.
+class Grid {
+public:
+    Grid(uint32_t rate, uint32_t block) noexcept : rate_(rate), block_(block) { restart(); }
+
+    void restart() noexcept {
+        origin_ = nanosecondsOf(CLOCK_MONOTONIC);
+        frames_ = 0;
+    }
+    void advance() noexcept { frames_ += block_; }
+    [[nodiscard]] int64_t boundary() const noexcept {
+        return origin_ + frames_ / rate_ * nanosecondsPerSecond + frames_ % rate_ * nanosecondsPerSecond / rate_;
+    }
+
+private:
+    const int64_t rate_;
+    const int64_t block_;
+    int64_t origin_ = 0;
+    int64_t frames_ = 0;
+};
+
+} // namespace
+
+void ClockDriver::run() noexcept {
+    askForRealtimeScheduling();
+    Grid grid(rate(), block());
+    while (!stopping()) {
+        const int64_t lateness = nanosecondsOf(CLOCK_MONOTONIC) - grid.boundary();
+        processBlock(block(), secondsOf(std::max<int64_t>(lateness, 0)));
+        grid.advance();
+        if (nanosecondsOf(CLOCK_MONOTONIC) > grid.boundary()) {
+            countXrun();
+            grid.restart();
+        } else {
+            sleepUntil(grid.boundary());
+        }
+    }
+}
+
+} // namespace sonetrix::dev

@@ -1,0 +1,21 @@
+#pragma once
+
+#include "driver/driver.h"
+
+namespace sonetrix::dev {
+
+/// Real time without a sound card: blocks begin on a fixed grid of the monotonic clock, each due when the next begins.
+/// A block that is not finished by then is an xrun, and the grid starts anew. The audio thread runs under SCHED_FIFO
+/// where that is permitted.
+class ClockDriver final : public Driver {
+public:
+    using Driver::Driver;
+    ~ClockDriver() override { stop(); }
+
+    [[nodiscard]] const char *name() const noexcept override { return "clock"; }
+
+private:
+    void run() noexcept override;
+};
+
+} // namespace sonetrix::dev

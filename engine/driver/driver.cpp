@@ -1,0 +1,45 @@
+#include "driver/driver.h"
+
+#include "clock.h"
+#include "driver/denormals.h"
+#include "thread.h"
+
+#include <unistd.h>
+
+namespace sonetrix::dev {
+
+Driver::Driver(uint32_t rate, uint32_t block, BlockProcessor &processor)
+    : rate_(rate), block_(block), processor_(processor), load_(static_cast<double>(block) / rate) {}
+
+Driver::~Driver() = default;
+
+void Driver::start() {
+    const std::lock_guard lock(threadMutex_);
+    thread_ = engineThread("sonetrix-audio", [this](const std::stop_token &) { threadMain(); });
+    loaded_.store(true, std::memory_order_release);
+}
+
+void Driver::stop() noexcept {
+    const std::lock_guard lock(threadMutex_);
+    stopping_.store(true, std::memory_order_release);
+    interrupt();
+    if (thread_.joinable())
+        thread_.join();
+    loaded_.store(false, std::memory_order_release);
+}
+
+void Driver::threadMain() noexcept {
+    flushDenormalsInThisThread();
+    threadId_.store(static_cast<uint32_t>(gettid()), std::memory_order_relaxed);
+    run();
+    threadId_.store(0, std::memory_order_relaxed);
+}
+
+void Driver::processBlock(uint32_t wanted, double lateness) noexcept {
+    blockBegan_.store(nanosecondsOf(CLOCK_REALTIME), std::memory_order_relaxed);
+    const int64_t began = nanosecondsOf(CLOCK_MONOTONIC);
+    processor_.processBlock(wanted);
+    load_.add(secondsOf(nanosecondsOf(CLOCK_MONOTONIC) - began), lateness);
+}
+
+} // namespace sonetrix::dev

@@ -1,0 +1,70 @@
+#pragma once
+
+#include "driver/cpu_load.h"
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <thread>
+
+namespace sonetrix::dev {
+
+/// What a driver drives. Called on the audio thread: it must not wait, allocate or log.
+class BlockProcessor {
+public:
+    virtual ~BlockProcessor() = default;
+    /// Processes one whole block, of which the first `wanted` frames count.
+    virtual void processBlock(uint32_t wanted) noexcept = 0;
+};
+
+/// Owns the audio thread and decides when it processes a block. A derived class stops the thread in its destructor.
+class Driver {
+public:
+    Driver(uint32_t rate, uint32_t block, BlockProcessor &processor);
+    Driver(const Driver &) = delete;
+    Driver &operator=(const Driver &) = delete;
+    virtual ~Driver();
+
+    [[nodiscard]] virtual const char *name() const noexcept = 0;
+    /// Throws std::system_error when there is no thread to be had.
+    void start();
+    /// Returns when the audio thread has ended. May be called repeatedly and from any other thread.
+    void stop() noexcept;
+
+    [[nodiscard]] bool isLoaded() const noexcept { return loaded_.load(std::memory_order_acquire); }
+    [[nodiscard]] uint32_t rate() const noexcept { return rate_; }
+    [[nodiscard]] uint32_t block() const noexcept { return block_; }
+    [[nodiscard]] uint32_t xruns() const noexcept { return xruns_.load(std::memory_order_relaxed); }
+    [[nodiscard]] CpuFigures cpuFigures() const noexcept { return load_.figures(); }
+    /// When the current block began, in nanoseconds on CLOCK_REALTIME; 0 before the first.
+    [[nodiscard]] int64_t blockBegan() const noexcept { return blockBegan_.load(std::memory_order_relaxed); }
+    /// The audio thread's id as the system knows it; 0 while there is none.
+    [[nodiscard]] uint32_t threadId() const noexcept { return threadId_.load(std::memory_order_relaxed); }
+
+protected:
+    /// The audio thread's body; ends when `stopping()`.
+    virtual void run() noexcept = 0;
+    /// Called by `stop`: ends whatever `run` waits for.
+    virtual void interrupt() noexcept {}
+
+    [[nodiscard]] bool stopping() const noexcept { return stopping_.load(std::memory_order_acquire); }
+    void processBlock(uint32_t wanted, double lateness) noexcept;
+    void countXrun() noexcept { xruns_.fetch_add(1, std::memory_order_relaxed); }
+
+private:
+    void threadMain() noexcept;
+
+    const uint32_t rate_;
+    const uint32_t block_;
+    BlockProcessor &processor_;
+    CpuLoad load_;
+    std::atomic<bool> loaded_{false};
+    std::atomic<bool> stopping_{false};
+    std::atomic<uint32_t> xruns_{0};
+    std::atomic<uint32_t> threadId_{0};
+    std::atomic<int64_t> blockBegan_{0};
+    std::mutex threadMutex_;
+    std::jthread thread_;
+};
+
+} // namespace sonetrix::dev

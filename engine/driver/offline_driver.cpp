@@ -1,0 +1,53 @@
+#include "driver/offline_driver.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace sonetrix::dev {
+
+OfflineDriver::OfflineDriver(uint32_t rate, uint32_t block, BlockProcessor &processor, double totalSeconds)
+    : Driver(rate, block, processor), total_(framesIn(totalSeconds)) {}
+
+int64_t OfflineDriver::framesIn(double seconds) const noexcept { return std::llround(seconds * rate()); }
+
+bool OfflineDriver::render(double seconds) {
+    std::unique_lock lock(mutex_);
+    if (!isLoaded() || ended_ || !(seconds >= 0) || seconds * rate() > static_cast<double>(total_ - asked_) + 0.5)
+        return false;
+    asked_ = std::min(asked_ + framesIn(seconds), total_);
+    const int64_t goal = asked_;
+    changed_.notify_all();
+    changed_.wait(lock, [&] { return rendered_ >= goal; });
+    return true;
+}
+
+double OfflineDriver::secondsLeft() const {
+    const std::lock_guard lock(mutex_);
+    return static_cast<double>(total_ - asked_) / rate();
+}
+
+void OfflineDriver::run() noexcept {
+    std::unique_lock lock(mutex_);
+    while (!ended_) {
+        changed_.wait(lock, [this] { return stopping() || rendered_ < asked_; });
+        if (stopping()) {
+            asked_ = total_;
+            ended_ = true;
+        }
+        while (rendered_ < asked_) {
+            const auto wanted = std::min<int64_t>(block(), total_ - rendered_);
+            lock.unlock();
+            processBlock(static_cast<uint32_t>(wanted), 0);
+            lock.lock();
+            rendered_ += block();
+        }
+        changed_.notify_all();
+    }
+}
+
+void OfflineDriver::interrupt() noexcept {
+    const std::lock_guard lock(mutex_);
+    changed_.notify_all();
+}
+
+} // namespace sonetrix::dev

@@ -1,0 +1,42 @@
+#pragma once
+
+#include "driver/driver.h"
+
+#include <condition_variable>
+#include <mutex>
+
+namespace sonetrix::dev {
+
+/// Renders a given time as fast as the processor can, exactly reproducible: nothing depends on a clock, and an edit or
+/// a parameter takes effect where the renderer stood when it was made.
+///
+/// It stands still until `render` asks for some seconds, which returns when they are done. Whatever is left of the
+/// total is rendered as the driver stops, so that a script that only builds a graph need not ask. Rendering goes in
+/// whole blocks, up to the end of the block that contains the last frame asked for; the next request goes on from
+/// there, without rounding errors adding up. Of the last block only the frames within the total are wanted.
+class OfflineDriver final : public Driver {
+public:
+    OfflineDriver(uint32_t rate, uint32_t block, BlockProcessor &processor, double totalSeconds);
+    ~OfflineDriver() override { stop(); }
+
+    [[nodiscard]] const char *name() const noexcept override { return "offline"; }
+
+    /// False, and nothing is rendered, when there is less left than that.
+    bool render(double seconds);
+    /// What nobody has asked for yet.
+    [[nodiscard]] double secondsLeft() const;
+
+private:
+    void run() noexcept override;
+    void interrupt() noexcept override;
+    [[nodiscard]] int64_t framesIn(double seconds) const noexcept;
+
+    const int64_t total_;
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    int64_t asked_ = 0;
+    int64_t rendered_ = 0;
+    bool ended_ = false;
+};
+
+} // namespace sonetrix::dev

@@ -1,0 +1,185 @@
+#include "events/meters.h"
+
+#include "graph/graph.h"
+#include "thread.h"
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <condition_variable>
+
+namespace sonetrix::dev {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto shortestPeriod = 10ms;
+constexpr auto slowPeriod = 100ms;
+constexpr size_t ringBlocks = 1024;
+constexpr size_t floatsPerBlock = sizeof(SystemModule::Levels) / sizeof(float);
+
+bool belongsTo(std::string_view key, std::string_view module) noexcept {
+    return module.empty() || (key.starts_with(module) && (key.size() == module.size() || key[module.size()] == '.'));
+}
+
+/// "module:port" as the beginning of a meter's key
+std::string portKey(std::string port) {
+    std::ranges::replace(port, ':', '.');
+    return port;
+}
+
+/// The next due time from now on; those that were missed are left out.
+std::chrono::steady_clock::time_point nextOnGrid(
+    std::chrono::steady_clock::time_point due, std::chrono::nanoseconds period) {
+    const auto late = std::max<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - due, 0ns);
+    return due + period * (late / period + 1);
+}
+
+} // namespace
+
+Meters::Meters(const Graph &graph, const SystemModule &system, uint32_t rate, uint32_t block)
+    : graph_(graph),
+      system_(system),
+      fastPeriod_(std::max<std::chrono::nanoseconds>(shortestPeriod, block * 1'000'000'000ns / rate)),
+      levels_(ringBlocks * floatsPerBlock) {
+    size_t port = 0;
+    for (const auto *names : {&system.sources(), &system.sinks()})
+        for (const std::string &name : *names)
+            portKeys_.at(port++) = portKey(name);
+}
+
+void Meters::start() {
+    thread_ = engineThread("sonetrix-meters", [this](const std::stop_token &stop) { threadMain(stop); });
+}
+
+void Meters::join() {
+    requestEnd();
+    if (thread_.joinable())
+        thread_.join();
+}
+
+void Meters::blockProcessed(const Plan & /*plan*/) noexcept {
+    const auto floats = std::bit_cast<std::array<float, floatsPerBlock>>(system_.levels());
+    if (levels_.room() < floats.size()) {
+        dropped_.fetch_add(1, std::memory_order_relaxed);
+    } else {
+        levels_.write(floats);
+    }
+}
+
+void Meters::threadMain(const std::stop_token &stop) {
+    std::mutex waiting;
+    std::condition_variable_any never; // is notified by the stop only
+    std::unique_lock lock(waiting);
+    auto nextFast = std::chrono::steady_clock::now();
+    auto nextSlow = nextFast + slowPeriod;
+    for (;;) {
+        nextFast = nextOnGrid(nextFast, fastPeriod_);
+        never.wait_until(lock, stop, nextFast, [] { return false; });
+        if (stop.stop_requested())
+            return;
+        gather();
+        emit(SONETRIX_METERS_FAST);
+        if (std::chrono::steady_clock::now() >= nextSlow) {
+            nextSlow = nextOnGrid(nextSlow, slowPeriod);
+            emit(SONETRIX_METERS_SLOW);
+        }
+    }
+}
+
+void Meters::gather() {
+    const std::lock_guard lock(mutex_);
+    while (levels_.available() >= floatsPerBlock) {
+        std::array<float, floatsPerBlock> floats;
+        levels_.read(floats);
+        const auto block = std::bit_cast<BlockLevels>(floats);
+        for (Kind &kind : kinds_) {
+            ++kind.blocks;
+            for (size_t port = 0; port < block.size(); ++port) {
+                kind.gathered[port].peak = std::max(kind.gathered[port].peak, block[port].peak);
+                kind.gathered[port].meanSquare += block[port].meanSquare;
+            }
+        }
+    }
+}
+
+void Meters::emit(sonetrix_module_meters_type type) {
+    Kind &kind = kinds_[type];
+    {
+        const std::lock_guard lock(mutex_);
+        if (kind.blocks != 0) {
+            for (PortLevel &level : kind.gathered)
+                level.meanSquare /= static_cast<float>(kind.blocks);
+            kind.emitted = std::exchange(kind.gathered, {});
+            kind.blocks = 0;
+        }
+    }
+    if (kind.callbacks.empty())
+        return;
+    ListKeyValue meters = read(type, "");
+    kind.callbacks.callAll(&meters);
+}
+
+template <class Visit>
+void Meters::forEachMeter(sonetrix_module_meters_type type, std::string_view module, Visit visit) const {
+    if (belongsTo(SystemModule::moduleName, module)) {
+        BlockLevels levels;
+        {
+            const std::lock_guard lock(mutex_);
+            levels = kinds_[type].emitted;
+        }
+        for (size_t port = 0; port < levels.size(); ++port) {
+            visit(portKeys_[port] + ".peak", valueRecord(levels[port].peak), "highest magnitude; full scale is 1");
+            visit(portKeys_[port] + ".mean", valueRecord(std::sqrt(levels[port].meanSquare)),
+                "root mean square; full scale is 1");
+        }
+    }
+    const auto visitModule = [&](const Module &one) {
+        const auto &names = one.controlOutputNames();
+        for (size_t i = 0; i < names.size(); ++i)
+            visit(one.name() + '.' + names[i], valueRecord(one.controlOutput(i)), "control output of the plugin");
+    };
+    if (module.empty()) {
+        for (const auto &one : graph_.modules())
+            visitModule(*one);
+    } else if (const auto one = graph_.module(module)) {
+        visitModule(*one);
+    }
+    const std::lock_guard lock(mutex_);
+    for (const auto &[key, value] : kinds_[type].debugMeters)
+        if (belongsTo(key, module))
+            visit(key, value.record(), "debug meter");
+}
+
+ListKeyValue Meters::read(sonetrix_module_meters_type type, std::string_view module) const {
+    ListKeyValue meters;
+    forEachMeter(type, module,
+        [&](const std::string &key, const sonetrix_value_t &value, const char *) { meters.add(key, value); });
+    return meters;
+}
+
+ListKeyValue Meters::descriptions(sonetrix_module_meters_type type) const {
+    ListKeyValue texts;
+    forEachMeter(
+        type, "", [&](const std::string &key, const sonetrix_value_t &, const char *text) { texts.add(key, text); });
+    return texts;
+}
+
+void Meters::setDebugMeter(sonetrix_module_meters_type type, std::string key, const sonetrix_value_t &value) {
+    Value copy(value);
+    const std::lock_guard lock(mutex_);
+    kinds_[type].debugMeters.insert_or_assign(std::move(key), std::move(copy));
+}
+
+bool Meters::removeDebugMeter(sonetrix_module_meters_type type, std::string_view key) {
+    const std::lock_guard lock(mutex_);
+    auto &meters = kinds_[type].debugMeters;
+    const auto found = meters.find(key);
+    if (found == meters.end())
+        return false;
+    meters.erase(found);
+    return true;
+}
+
+} // namespace sonetrix::dev

@@ -1,0 +1,93 @@
+#pragma once
+
+#include "events/callback_registry.h"
+#include "files/sample_ring.h"
+#include "graph/audio_path.h"
+#include "graph/port_level.h"
+#include "graph/system_module.h"
+#include "lists/lists.h"
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+
+namespace sonetrix::dev {
+
+class Graph;
+
+/// The engine's meters, with keys `module.name`: peak and mean level of the system module's ports, the control outputs
+/// of plugins, and debug meters that anybody sets. Slow ones are emitted ten times a second; fast ones once per block,
+/// at most a hundred times a second. Levels are those since the last emission of the same kind.
+///
+/// The audio thread leaves the levels of every block in a ring; when that is full they are dropped and counted.
+class Meters final : public BlockObserver {
+public:
+    using Callbacks = CallbackRegistry<sonetrix_listCallback_t>;
+
+    /// `graph` must outlive the thread.
+    Meters(const Graph &graph, const SystemModule &system, uint32_t rate, uint32_t block);
+
+    void start();
+    /// Returns at once; the emission in progress is the last.
+    void requestEnd() noexcept { thread_.request_stop(); }
+    void join();
+
+    static bool isType(sonetrix_module_meters_type type) noexcept { return type <= SONETRIX_METERS_FAST; }
+    // All types below are ones for which that holds.
+
+    Callbacks &callbacks(sonetrix_module_meters_type type) noexcept { return kinds_[type].callbacks; }
+
+    void setDebugMeter(sonetrix_module_meters_type type, std::string key, const sonetrix_value_t &value);
+    bool removeDebugMeter(sonetrix_module_meters_type type, std::string_view key);
+
+    /// Levels as last emitted and everything else as it is now, of one module, or of all when the name is empty.
+    [[nodiscard]] ListKeyValue read(sonetrix_module_meters_type type, std::string_view module) const;
+    /// Descriptions in place of values, for all modules.
+    [[nodiscard]] ListKeyValue descriptions(sonetrix_module_meters_type type) const;
+
+    /// There is one meter manager at most.
+    bool claimManager() noexcept { return !hasManager_.exchange(true); }
+    bool releaseManager() noexcept { return hasManager_.exchange(false); }
+    [[nodiscard]] bool hasManager() const noexcept { return hasManager_; }
+
+    void blockProcessed(const Plan &plan) noexcept override;
+    /// Blocks whose levels were dropped.
+    [[nodiscard]] uint32_t dropped() const noexcept { return dropped_.load(std::memory_order_relaxed); }
+
+private:
+    using BlockLevels = SystemModule::Levels;
+    struct Kind {
+        BlockLevels gathered{};
+        uint32_t blocks = 0; // in `gathered`
+        BlockLevels emitted{};
+        std::map<std::string, Value, std::less<>> debugMeters;
+        Callbacks callbacks;
+    };
+
+    void threadMain(const std::stop_token &stop);
+    void gather();
+    void emit(sonetrix_module_meters_type type);
+    template <class Visit>
+    void forEachMeter(sonetrix_module_meters_type type, std::string_view module, Visit visit) const;
+
+    const Graph &graph_;
+    const SystemModule &system_;
+    const std::chrono::nanoseconds fastPeriod_;
+    std::array<std::string, BlockLevels().size()> portKeys_;
+
+    SampleRing levels_; // audio thread to meters thread
+    std::atomic<uint32_t> dropped_{0};
+
+    mutable std::mutex mutex_; // guards the kinds' levels and debug meters
+    std::array<Kind, 2> kinds_;
+    std::atomic<bool> hasManager_{false};
+    std::jthread thread_;
+};
+
+} // namespace sonetrix::dev

@@ -1,0 +1,124 @@
+#pragma once
+
+#include "graph/module_record.h"
+#include "graph/parameters.h"
+#include "graph/plan_exchange.h"
+#include "graph/system_module.h"
+#include "ladspa/ladspa_catalogue.h"
+#include "lists/lists.h"
+
+#include <condition_variable>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+namespace sonetrix::dev {
+
+/// The modules and their links. Safe for concurrent use; none of its functions makes the audio thread wait.
+///
+/// A source may feed many sinks, a sink has one source at most. Edits take effect in the books at once; a thread of the
+/// graph's own then turns the books into a plan for the audio thread, one plan for edits that come in quick succession,
+/// and frees what is no longer in use.
+class Graph {
+public:
+    using Records = std::vector<std::shared_ptr<const ModuleRecord>>;
+
+    /// What a plugin module was made from.
+    struct Origin {
+        std::string library;
+        ListKeyValue configuration;
+    };
+
+    Graph(std::shared_ptr<SystemModule> system,
+        uint32_t rate,
+        uint32_t block,
+        LadspaCatalogue &catalogue,
+        Parameters &parameters,
+        PlanExchange &plans);
+    Graph(const Graph &) = delete;
+    Graph &operator=(const Graph &) = delete;
+    ~Graph();
+
+    // These return a status, and log why when it is not 0.
+    int32_t createModule(const char *name, const char *identifier, const ListKeyValue *configuration);
+    int32_t deleteModule(std::string_view name);
+    /// A sink that is linked already has to be unlinked first.
+    int32_t link(std::string_view source, std::string_view sink);
+    /// Removes every link of a source or a sink.
+    int32_t unlink(std::string_view port);
+
+    [[nodiscard]] std::vector<std::string> portNames() const;
+    /// The sinks that a source feeds, or the source that feeds a sink.
+    [[nodiscard]] std::vector<std::string> links(std::string_view port) const;
+    /// The modules in creation order, the system module first.
+    [[nodiscard]] std::shared_ptr<const Records> records() const;
+    /// The same modules themselves.
+    [[nodiscard]] std::vector<std::shared_ptr<const Module>> modules() const;
+    /// Null when there is no such module.
+    [[nodiscard]] std::shared_ptr<const Module> module(std::string_view name) const;
+    /// Empty when there is no such module or it is not from a plugin.
+    [[nodiscard]] std::optional<Origin> origin(std::string_view name) const;
+
+    /// Returns when all edits made before are ready for the audio thread's next block.
+    void flush();
+    /// Ends the thread that destroys modules: it must not meet the exit handlers of their plugins' libraries. Edits do
+    /// not reach the audio thread any more.
+    void join();
+
+private:
+    struct Entry;
+    struct Port {
+        Entry *owner;
+        size_t index;
+        bool isSource;
+        Port *source = nullptr;    // a sink's
+        std::vector<Port *> sinks; // a source's
+    };
+    struct Entry {
+        std::shared_ptr<Module> module;
+        std::optional<Origin> origin;
+        std::vector<Port *> sources;
+        std::vector<Port *> sinks;
+        mutable std::shared_ptr<const ModuleRecord> record; // null: has to be made anew
+    };
+
+    // The functions below are called with the mutex held.
+    Entry &insert(std::shared_ptr<Module> module, std::optional<Origin> origin);
+    void unlink(Port &port);
+    void unlinkSink(Port &sink);
+    [[nodiscard]] Port *findPort(std::string_view name);
+    [[nodiscard]] std::vector<WiredModule> wiring() const;
+    void edited();
+
+    void planThreadMain();
+    void publishPlan(std::span<const WiredModule> modules) noexcept;
+
+    const uint32_t rate_;
+    const uint32_t block_;
+    LadspaCatalogue &catalogue_;
+    Parameters &parameters_;
+    PlanExchange &plans_;
+
+    mutable std::mutex mutex_;
+    std::list<Entry> entries_; // in creation order
+    std::unordered_map<std::string_view, std::list<Entry>::iterator> modules_;
+    std::unordered_map<std::string_view, Port> ports_;
+    mutable std::shared_ptr<const Records> records_; // null: has to be made anew
+
+    uint64_t edits_ = 0;
+    uint64_t planned_ = 0; // of the edits
+    uint32_t flushing_ = 0;
+    bool ending_ = false;
+    std::condition_variable changed_;
+    std::jthread planThread_;
+};
+
+} // namespace sonetrix::dev

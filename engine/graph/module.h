@@ -1,0 +1,69 @@
+#pragma once
+
+#include "graph/audio_buffer.h"
+#include "graph/parameters.h"
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace sonetrix::dev {
+
+/// A module as the graph and the audio thread see it. What it consists of is fixed at its creation; an audio source is
+/// a port that the module fills, a sink one that it reads.
+class Module {
+public:
+    enum class Type : uint32_t { driver = 0, plugin = 1 };
+
+    /// Longest names, without the terminating NUL.
+    static constexpr size_t nameMaximum = sizeof(sonetrix_module_t::name) - 1;
+    static constexpr size_t portNameMaximum = sizeof(sonetrix_port_t::name) - 1;
+
+    /// Port names are without the module's.
+    Module(std::string name,
+        Type type,
+        const std::vector<std::string> &sources,
+        const std::vector<std::string> &sinks,
+        uint32_t block);
+    Module(const Module &) = delete;
+    Module &operator=(const Module &) = delete;
+    virtual ~Module() = default;
+
+    [[nodiscard]] const std::string &name() const noexcept { return name_; }
+    [[nodiscard]] Type type() const noexcept { return type_; }
+    /// Engine-wide names, `module:port`.
+    [[nodiscard]] const std::vector<std::string> &sources() const noexcept { return sources_; }
+    [[nodiscard]] const std::vector<std::string> &sinks() const noexcept { return sinks_; }
+    /// Where the module leaves what a source carries; one block.
+    [[nodiscard]] float *output(size_t source) const noexcept { return outputs_[source].data(); }
+
+    /// Audio thread: one block, with one input per sink.
+    virtual void process(const float *const *inputs, uint32_t frames) noexcept = 0;
+
+    /// What a plugin tells besides audio: names without the module's, and values after the last block.
+    [[nodiscard]] virtual const std::vector<std::string> &controlOutputNames() const noexcept { return noNames; }
+    [[nodiscard]] virtual float controlOutput(size_t /*index*/) const noexcept { return 0; }
+
+    /// Audio thread: enters the time that a block took into the running mean, and returns the mean.
+    double addTime(double seconds, double weight) noexcept {
+        meanTime_ += weight * (seconds - meanTime_);
+        publishedTime_.store(static_cast<float>(meanTime_), std::memory_order_relaxed);
+        return meanTime_;
+    }
+    /// Mean processing time per block over about the last second, in seconds.
+    [[nodiscard]] float meanTime() const noexcept { return publishedTime_.load(std::memory_order_relaxed); }
+
+private:
+    static inline const std::vector<std::string> noNames;
+
+    const std::string name_;
+    const Type type_;
+    const std::vector<std::string> sources_;
+    const std::vector<std::string> sinks_;
+    std::vector<AudioBuffer> outputs_;
+    double meanTime_ = 0;
+    std::atomic<float> publishedTime_{0};
+};
+
+} // namespace sonetrix::dev
