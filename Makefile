@@ -1,7 +1,7 @@
 # Thin front door: every target is one or two commands that can be typed by hand.
 
 .DEFAULT_GOAL := help
-.PHONY: help setup run build build-arm test test-asan test-tsan test-arm test-matrix coverage fuzz package package-arm bench lint format docs-graph soak clean
+.PHONY: help setup run program build build-arm test test-asan test-tsan test-arm test-matrix test-references coverage fuzz package package-arm bench lint format docs-graph soak clean
 
 ARGS ?=
 SECONDS ?= 120
@@ -10,11 +10,16 @@ FUZZ_SECONDS ?= 60
 help: ## Show this list
 	@grep -hE '^[a-z-]+:.*## ' $(MAKEFILE_LIST) | sort | awk -F ':.*## ' '{printf "  make %-12s %s\n", $$1, $$2}'
 
-setup: ## Install what is missing to build (Debian, Ubuntu)
-	@tools/setup
+setup: ## Install what is missing to build and test (Debian, Ubuntu)
+	@tools/setup test
 
-run: build ## Build and open the console; ARGS="..." goes to sonetrix-engine
+run: program ## Build what it needs and open the console; ARGS="..." goes to sonetrix-engine
 	@build/release/bin/sonetrix-engine $(ARGS)
+
+program:
+	@tools/setup run
+	@cmake --preset release --log-level=NOTICE
+	@cmake --build --preset release --target sonetrix sonetrix-engine
 
 build: setup ## Build the release preset
 	@cmake --preset release --log-level=NOTICE
@@ -58,6 +63,10 @@ fuzz: setup ## Run the fuzz targets, FUZZ_SECONDS=60 each
 test-matrix: setup ## Build and test against every suitable CPython on the machine
 	@tools/test-matrix
 
+test-references: setup ## Run the tests in the distribution's debug interpreter, counting references and blocks
+	@tools/setup references
+	@tools/test-matrix /usr/bin/python3.*-dbg
+
 package: setup ## Make Debian packages, in build/package, for the distribution's Python
 	@cmake --preset release -B build/package -DSONETRIX_PYTHON_ROOT=/usr -DSONETRIX_TESTS=OFF -DSONETRIX_BENCH=OFF \
 		--log-level=NOTICE
@@ -81,7 +90,8 @@ format: ## Format all C and C++ sources in place
 	@tools/setup lint
 	@tools/lint --fix-format
 
-docs-graph: build ## Draw docs/graph.svg anew, from examples/graph_dot.py
+docs-graph: program ## Draw docs/graph.svg anew, from examples/graph_dot.py
+	@tools/setup test
 	@build/release/bin/sonetrix-engine examples/graph_dot.py build/graph.dot
 	@dot -Tsvg build/graph.dot -o docs/graph.svg
 
