@@ -30,6 +30,30 @@ extern "C" {
 
 SONETRIX_STATIC_ASSERT(sizeof(void *) == 8 && sizeof(long) == 8, "the interface is defined for LP64 only");
 
+/* ------------------------------------------------------------------------------------------------------- version */
+
+/* Of this interface, of the library and of the module (`sonetrix.__version__`). With the same first number, what was
+ * built against one version goes with the library of another, as long as the functions are there that it calls.
+ * SONETRIX_API_VERSION is the text, "1.0.0". */
+#define SONETRIX_API_VERSION_MAJOR 1
+#define SONETRIX_API_VERSION_MINOR 0
+#define SONETRIX_API_VERSION_PATCH 0
+#define SONETRIX_API_JOIN_LITERALLY(major, minor, patch) #major "." #minor "." #patch
+#define SONETRIX_API_JOIN(major, minor, patch) SONETRIX_API_JOIN_LITERALLY(major, minor, patch)
+#define SONETRIX_API_VERSION                                                                                           \
+    SONETRIX_API_JOIN(SONETRIX_API_VERSION_MAJOR, SONETRIX_API_VERSION_MINOR, SONETRIX_API_VERSION_PATCH)
+
+/*
+ * Optional, at file scope (and outside any namespace) in one source file of an engine:
+ *
+ *     SONETRIX_ENGINE_BUILT_WITH_THIS_API;
+ *
+ * The library then refuses an engine that was built with another first number, instead of misreading its records.
+ */
+#define SONETRIX_ENGINE_BUILT_WITH_THIS_API                                                                            \
+    extern __attribute__((visibility("default"))) const uint32_t sonetrix_engineApiVersion;                            \
+    const uint32_t sonetrix_engineApiVersion = SONETRIX_API_VERSION_MAJOR
+
 /* ------------------------------------------------------------------------------------------------ opaque handles */
 
 typedef struct sonetrix_engine sonetrix_engine_t;

@@ -4,6 +4,7 @@
 
 #include "callback_bridge.h"
 #include "clear.h"
+#include "engine_check.h"
 #include "module_init.h"
 #include "python/gil.h"
 #include "python/version.h"
@@ -135,6 +136,7 @@ int execute(PyObject *module) noexcept {
         addNotifyMeters(module);
         addMemory(module);
         importStandardModules(module);
+        checked(PyModule_AddStringConstant(module, "__version__", SONETRIX_API_VERSION));
         created.clearCallbacks = checked(PyList_New(0));
         addFunctions(module, functions);
         addLog(module);
@@ -302,6 +304,10 @@ PyObject *PyInit_sonetrix() {
     if (!sonetrix::version::matchesHeaders()) {
         PyErr_Format(PyExc_ImportError, "Module 'sonetrix' was built for Python %d.%d, not for %.100s",
             PY_MAJOR_VERSION, PY_MINOR_VERSION, Py_GetVersion());
+        return nullptr;
+    }
+    if (const std::string mismatch = sonetrix::engineMismatch(); !mismatch.empty()) {
+        PyErr_SetString(PyExc_ImportError, mismatch.c_str());
         return nullptr;
     }
     return PyModuleDef_Init(&sonetrix::definition);

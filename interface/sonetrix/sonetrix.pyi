@@ -10,6 +10,8 @@ import typing as typing
 from inspect import signature as signature
 from typing import Any, Callable, ClassVar, Mapping, NotRequired, Protocol, TypeAlias, TypedDict
 
+__version__: str
+
 # In the engine a value is one of: uint32, int32, float (32 bits), double, string, or an array of uint32, int32 or float.
 # From the engine, strings are bytes and arrays are tuples; towards it, str is encoded as UTF-8.
 _Scalar: TypeAlias = int | float | bytes

@@ -2,6 +2,7 @@
 
 #include "console.h"
 #include "console_thread.h"
+#include "engine_check.h"
 #include "host_log.h"
 #include "interpreter_session.h"
 
@@ -148,6 +149,10 @@ void chooseMode(sonetrix_cliModule_t &module, bool hasInterpreter) noexcept {
 
 extern "C" sonetrix_cliModule_t *sonetrix_engineCliCostructor(sonetrix_cListKeyValue_t *parameters, void *context) {
     using namespace sonetrix::cli;
+    if (const std::string mismatch = sonetrix::engineMismatch(); !mismatch.empty()) {
+        std::fprintf(stderr, "sonetrix.so: %s\n", mismatch.c_str()); // there may be no log
+        return nullptr;
+    }
     void *memory = sonetrix_malloc(sizeof(sonetrix_cliModule_t));
     if (memory == nullptr) {
         log(SONETRIX_LOG_WARN, "error creating python cli");
