@@ -6,6 +6,8 @@
 
 using namespace sonetrix::dev;
 
+SONETRIX_ENGINE_BUILT_WITH_THIS_API;
+
 sonetrix_engine_t *sonetrix_engineGet(void) { return handleOf(Engine::current()); }
 
 void sonetrix_engine_RequestStop(sonetrix_engine_t *engine) {
