@@ -43,17 +43,15 @@ void openStandardStreams() {
 }
 
 /// What the program has to have run in the module's `start`, in front of a "python.start" that was set by hand.
-void addStartCode(ProgramOptions &options) {
-    std::string text;
-    if (!options.scriptOnly() && ::isatty(STDIN_FILENO) != 0)
-        text += lineEditingCode();
+void addStartCode(ProgramOptions &options, const std::filesystem::path &packages) {
+    std::string text = searchPathCode(packages);
+    if (!options.scriptOnly())
+        text += consoleCode();
     if (options.code || options.script)
         text += scriptRunCode({options.code, options.script, options.scriptArguments, options.scriptOnly()});
-    if (text.empty())
-        return;
     const char *byHand = nullptr;
     if (sonetrix_keyValueListGetS(&options.startParameters, "python.start", &byHand) == 0)
-        text += std::string("\n") + byHand;
+        text += byHand;
     options.startParameters.remove("python.start");
     options.startParameters.add("python.start", text);
 }
@@ -76,7 +74,10 @@ int runEngine(ProgramOptions options) {
     CliModule module;
     if (!module.load(options.module, error))
         return complain(exitUnavailable, error);
-    addStartCode(options);
+    const std::filesystem::path packages = pythonPackages();
+    if (!std::filesystem::exists(packages / "sonetrix_console"))
+        return complain(exitUnavailable, "there is no sonetrix_console in " + packages.string());
+    addStartCode(options, packages);
     // Never destroyed: a Python thread that a script has left behind may be inside it to the program's very end.
     Engine *const engine = Engine::create(options.engine, std::move(options.startParameters), error).release();
     if (engine == nullptr)

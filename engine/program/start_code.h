@@ -1,10 +1,20 @@
 #pragma once
 
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace sonetrix::dev {
+
+/// Where the Python package of the console is, as the program's own place tells: in the build tree and installed.
+std::filesystem::path pythonPackages();
+
+/// Python text that lets the interpreter find the packages in that folder, after all others.
+std::string searchPathCode(const std::filesystem::path &packages);
+
+/// Python text that turns the console's package on.
+std::string consoleCode();
 
 /// Python text that runs the code, then the script, in `__main__`, the way the interpreter's own command line would:
 /// arguments, search path, tracebacks. With `ends` a failure becomes the engine's exit code, the script is interrupted
@@ -16,8 +26,5 @@ struct ScriptRun {
     bool ends = false;
 };
 std::string scriptRunCode(const ScriptRun &run);
-
-/// Python text that gives the console completion and a history kept over sessions, where readline is there.
-std::string lineEditingCode();
 
 } // namespace sonetrix::dev

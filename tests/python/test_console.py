@@ -33,7 +33,7 @@ class Dialogue(ConsoleTest):
             for line, answer in (
                 ("1 + 1", "2"), ("x = 3", ""), ("x; None; _", "3\n3"), ("'\u00e4\u20ac'", "'\u00e4\u20ac'"),
                 ("import sys; sys.ps2, __name__, '__file__' in globals()", "('... ', '__main__', False)"),
-                ("[name for name in globals() if 'sonetrix' in name]", "[]"),
+                ("[name for name in globals() if 'sonetrix' in name]", "['sonetrix_console']"),
                 ("engine.isRunning(), exit.__module__", "(True, 'sonetrix')"),
                 ("1 / 0", "ZeroDivisionError: division by zero"),
                 ("x =", 'File "__engine__", line 1\n    x =\n       ^\nSyntaxError: invalid syntax'),
@@ -118,7 +118,7 @@ class Interruption(ConsoleTest):
             with self.subTest(line), self.console() as console:
                 console.prompt()
                 self.assertEnds(console, line, status)
-                self.assertNotRegex(console.transcript.split("\n", 1)[1], "SystemExit|Error|ignored")
+                self.assertNotRegex(console.transcript.split("\n", 2)[2], "SystemExit|Error|ignored")
                 self.assertEqual(len(re.findall("(?m)^last words$", console.transcript)), "last words" in line)
 
 

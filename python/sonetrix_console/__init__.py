@@ -1,0 +1,30 @@
+"""A console for people, on any engine that has the module sonetrix: one line of its start parameter "python.start".
+
+    import sonetrix_console; sonetrix_console.install()
+
+Scripts import what they use: `from sonetrix_console import get, put`.
+"""
+
+import __main__
+
+import sys
+
+from . import prompt
+
+__version__ = "1.0.0"
+__all__ = ["install"]  # and, one by one, what install() makes names of the console
+
+
+def install() -> None:
+    """Makes the words of this package names of the console and, on a terminal, turns line editing and all else on.
+
+    In the start code of an engine, or by hand:
+
+        import sonetrix_console; sonetrix_console.install()
+    """
+    words = {name: globals()[name] for name in __all__ if name != "install"}
+    __main__.__dict__.update(words)
+    if "" not in sys.path:
+        sys.path.insert(0, "")
+    if sys.stdin is not None and sys.stdin.isatty():
+        prompt.install()
