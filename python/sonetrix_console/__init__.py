@@ -11,7 +11,6 @@ import sys
 
 from . import prompt
 
-__version__ = "1.0.0"
 __all__ = ["install"]  # and, one by one, what install() makes names of the console
 
 

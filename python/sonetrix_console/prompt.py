@@ -74,13 +74,11 @@ def banner() -> str:
     >>> banner()
     'SoneTrix 1.0.0, Python 3.12.1, driver clock at 48000 Hz; help() shows what there is'
     """
-    from . import __version__
-
     version = ".".join(map(str, sys.version_info[:3]))
     driver = "no driver"
     if sonetrix.engine.hasDriver():
         driver = f"driver {sonetrix.engine.getDriverName()} at {sonetrix.engine.getFrameRate()} Hz"
-    return f"SoneTrix {__version__}, Python {version}, {driver}; help() shows what there is"
+    return f"SoneTrix {sonetrix.__version__}, Python {version}, {driver}; help() shows what there is"
 
 
 def display(value: Any) -> None:
