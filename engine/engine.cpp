@@ -2,9 +2,11 @@
 
 #include "driver/clock_driver.h"
 #include "driver/offline_driver.h"
+#include "graph/refusal.h"
 #include "thread.h"
 
 #include <cstdlib>
+#include <fmt/format.h>
 #include <system_error>
 
 namespace sonetrix::dev {
@@ -46,20 +48,12 @@ std::chrono::nanoseconds blockTime(const Engine::Options &options) {
     return std::chrono::nanoseconds(std::chrono::seconds(options.block)) / options.rate;
 }
 
-template <class T> Parameter readOnly(const char *name, T read) {
-    return {name, [read] { return valueRecord(read()); }, nullptr};
-}
-
 Parameter logLevelParameter() {
-    const auto read = [] { return valueRecord(static_cast<int32_t>(sonetrix_log_GetLogLevel())); };
-    const auto write = [](const sonetrix_value_t &level) {
-        const bool isLevel = level.type == SONETRIX_VALUE_INT32 && level.as.int32 >= SONETRIX_LOG_TRACE &&
-                             level.as.int32 <= SONETRIX_LOG_FATAL;
-        if (isLevel)
+    return {"log.level", [] { return Value(valueRecord(static_cast<int32_t>(sonetrix_log_GetLogLevel()))); },
+        {SONETRIX_VALUE_INT32, SONETRIX_LOG_TRACE, SONETRIX_LOG_FATAL},
+        [](const sonetrix_value_t &level) {
             sonetrix_log_SetLogLevel(static_cast<sonetrix_log_level_t>(level.as.int32));
-        return isLevel;
-    };
-    return {"log.level", read, write};
+        }};
 }
 
 } // namespace
@@ -91,6 +85,7 @@ std::unique_ptr<Engine> Engine::create(const Options &options, ListKeyValue star
 
 Engine::Engine(const Options &options, ListKeyValue startParameters)
     : startParameters_(std::move(startParameters)),
+      catalogue_(LadspaCatalogue::standardDirectories(), options.rate),
       system_(makeSystem(options)),
       graph_(std::make_unique<Graph>(system_, options.rate, options.block, catalogue_, parameters_, plans_)),
       audioPath_(std::make_unique<AudioPath>(system_, plans_)),
@@ -117,30 +112,28 @@ Engine::~Engine() {
 void Engine::addOwnParameters() {
     const Driver &driver = *driver_;
     std::vector<Parameter> own;
-    own.push_back(readOnly("rate", [&driver] { return driver.rate(); }));
-    own.push_back(readOnly("block", [&driver] { return driver.block(); }));
-    own.push_back(readOnly("xruns", [&driver] { return driver.xruns(); }));
-    own.push_back(readOnly("input.missed", [this] { return system_->framesMissed(); }));
-    own.push_back(readOnly("record.dropped", [this] { return system_->framesDropped(); }));
-    own.push_back(readOnly("meters.dropped", [this] { return meters_->dropped(); }));
+    own.push_back(readOnlyParameter("rate", [&driver] { return driver.rate(); }));
+    own.push_back(readOnlyParameter("block", [&driver] { return driver.block(); }));
+    own.push_back(readOnlyParameter("xruns", [&driver] { return driver.xruns(); }));
+    own.push_back(readOnlyParameter("input.missed", [this] { return system_->framesMissed(); }));
+    own.push_back(readOnlyParameter("record.dropped", [this] { return system_->framesDropped(); }));
+    own.push_back(readOnlyParameter("meters.dropped", [this] { return meters_->dropped(); }));
     own.push_back(logLevelParameter());
     parameters_.add("engine", std::move(own));
+    parameters_.addReader("plugins", [this](auto name, ListKeyValue &result) { catalogue_.describe(name, result); });
 }
 
 void Engine::addOfflineParameters(OfflineDriver &driver) {
     const auto asked = std::make_shared<std::atomic<float>>(0.0F);
-    const auto read = [asked] { return valueRecord(asked->load()); };
-    const auto write = [this, &driver, asked](const sonetrix_value_t &seconds) {
-        if (seconds.type != SONETRIX_VALUE_FLOAT)
-            return false;
+    const auto run = [this, &driver, asked](const sonetrix_value_t &seconds) {
         graph_->flush();
         if (!driver.render(static_cast<double>(seconds.as.float32)))
-            return false;
+            throw Refusal(statusRange, fmt::format("{:g} s are left to render", driver.secondsLeft()));
         asked->store(seconds.as.float32);
-        return true;
     };
-    parameters_.add(
-        "engine", {readOnly("offline.left", [&driver] { return driver.secondsLeft(); }), {"offline.run", read, write}});
+    parameters_.add("engine", {readOnlyParameter("offline.left", [&driver] { return driver.secondsLeft(); }),
+                                  {"offline.run", [asked] { return Value(valueRecord(asked->load())); },
+                                      {SONETRIX_VALUE_FLOAT, 0, longestOfflineRun, "s"}, run}});
 }
 
 bool Engine::start(std::string &error) {

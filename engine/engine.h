@@ -82,7 +82,7 @@ private:
 
     ListKeyValue startParameters_;
     Parameters parameters_;
-    LadspaCatalogue catalogue_{LadspaCatalogue::standardDirectories()};
+    LadspaCatalogue catalogue_;
     PlanExchange plans_;
     std::shared_ptr<SystemModule> system_;
     std::unique_ptr<Graph> graph_;

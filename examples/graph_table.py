@@ -1,4 +1,4 @@
-"""Prints the processing graph as a table: modules, their parameters, their ports and what feeds them.
+"""Prints the processing graph as a table: modules, what they are, their parameters, their ports and what feeds them.
 
     sonetrix-engine examples/graph_table.py
 """
@@ -10,8 +10,8 @@ from sonetrix import engine
 def table():
     """Names come from the engine as bytes."""
     for module in engine.getModuleInfos():
-        kind = module["library"].decode().rpartition("/")[2] if "library" in module else "driver"
-        yield module["name"].decode(), kind, ""
+        plugin = module["param"].pop(module["name"] + b".plugin", b"driver")
+        yield module["name"].decode(), plugin.decode(), ""
         for key, value in module["param"].items():
             yield "", "parameter", f"{key.decode()} = {value!r}"
         for port in module["sink"]:

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <fmt/format.h>
 #include <stdexcept>
 #include <utility>
 
@@ -15,31 +16,24 @@ namespace sonetrix::dev {
 
 namespace {
 
-constexpr std::string_view reservedModuleName = "engine"; // the engine's own parameters
-constexpr std::chrono::milliseconds gathering{1};         // edits within this time share a plan
-constexpr std::chrono::milliseconds collecting{10};       // until the audio thread is expected to have left a plan
+constexpr std::chrono::milliseconds gathering{1};   // edits within this time share a plan
+constexpr std::chrono::milliseconds collecting{10}; // until the audio thread is expected to have left a plan
 
-/// Runs an edit of the graph; what refuses it becomes a log line and a status.
-template <class Edit> int32_t attempt(const std::string &what, Edit &&edit) {
-    int32_t status = statusFailed;
-    std::string reason;
-    try {
-        edit();
-        return statusOk;
-    } catch (const Refusal &refusal) {
-        status = refusal.status();
-        reason = refusal.what();
-    } catch (const std::bad_alloc &) {
-        status = statusNoMemory;
-        reason = "out of memory";
-    } catch (const std::exception &failure) {
-        reason = failure.what();
-    }
-    sonetrix_log(SONETRIX_LOG_WARN, __FILE__, __LINE__, 1, "cannot %s: %s", what.c_str(), reason.c_str());
-    return status;
+/// Refuses what cannot be a module's name; "engine" and "plugins" stand before parameters of other kinds.
+void checkModuleName(std::string_view name) {
+    if (!isModuleName(name))
+        throw Refusal(statusInvalid,
+            fmt::format("a module's name has 1 to {} letters, digits, \"_\" and \"-\"", Module::nameMaximum));
+    if (name == "engine" || name == "plugins")
+        throw Refusal(statusInvalid, "that name is taken by the engine's own parameters");
 }
 
-std::string quoted(std::string_view text) { return '"' + std::string(text) + '"'; }
+template <class Names> std::string suggestion(std::string_view given, const Names &names) {
+    Suggestion suggestion(given);
+    for (const auto &[name, what] : names)
+        suggestion.consider(name);
+    return suggestion.text();
+}
 
 } // namespace
 
@@ -68,75 +62,69 @@ void Graph::join() {
 }
 
 int32_t Graph::createModule(const char *name, const char *identifier, const ListKeyValue *configuration) {
-    return attempt("create module " + quoted(name) + " from " + quoted(identifier), [&] {
-        if (!isModuleName(name) || std::string_view(name) == reservedModuleName)
-            throw Refusal(statusInvalid, "a module cannot have that name");
-        const auto *plugin = catalogue_.find(identifier);
-        if (plugin == nullptr)
-            throw Refusal(statusNotFound, "there is no such plugin");
+    const auto what = [&] { return "cannot create module " + inQuotes(name) + " from " + inQuotes(identifier); };
+    return attempt(what, [&] {
+        checkModuleName(name);
+        const LadspaPlugin &plugin = catalogue_.plugin(identifier);
         if (module(name))
             throw Refusal(statusExists, "there is a module of that name");
-        const auto created = LadspaModule::create(name, plugin->library, plugin->index, rate_, block_, configuration);
-        Origin origin{plugin->library, configuration != nullptr ? *configuration : ListKeyValue()};
+        const auto created = std::make_shared<LadspaModule>(name, plugin, rate_, block_, configuration);
+        Origin origin{plugin.library, configuration != nullptr ? *configuration : ListKeyValue()};
 
         const std::lock_guard lock(mutex_);
         if (modules_.contains(created->name()))
             throw Refusal(statusExists, "there is a module of that name");
-        insert(created, std::move(origin));
-        parameters_.add(created->name(), LadspaModule::parameters(created));
+        try {
+            insert(created, std::move(origin));
+            parameters_.add(created->name(), LadspaModule::parameters(created));
+        } catch (...) {
+            remove(*created);
+            throw;
+        }
     });
 }
 
 int32_t Graph::deleteModule(std::string_view name) {
-    return attempt("delete module " + quoted(name), [&] {
-        std::list<Entry> deleted; // ends after the lock
-        const std::lock_guard lock(mutex_);
-        const auto found = modules_.find(name);
-        if (found == modules_.end())
-            throw Refusal(statusNotFound, "there is no such module");
-        const auto entry = found->second;
-        if (entry->module->type() == Module::Type::driver)
-            throw Refusal(statusInvalid, "it belongs to the driver");
-        for (const auto *ports : {&entry->sources, &entry->sinks})
-            for (Port *port : *ports)
-                unlink(*port);
-        for (const auto *names : {&entry->module->sources(), &entry->module->sinks()})
-            for (const std::string &port : *names)
-                ports_.erase(port);
-        parameters_.removeModule(entry->module->name());
-        modules_.erase(found);
-        deleted.splice(deleted.begin(), entries_, entry);
-        edited();
-    });
+    return attempt([&] { return "cannot delete module " + inQuotes(name); },
+        [&] {
+            std::shared_ptr<Module> deleted; // ends after the lock
+            const std::lock_guard lock(mutex_);
+            const auto found = modules_.find(name);
+            if (found == modules_.end())
+                throw Refusal(statusNotFound, "there is no such module" + suggestion(name, modules_));
+            deleted = found->second->module;
+            if (deleted->type() == Module::Type::driver)
+                throw Refusal(statusInvalid, "it belongs to the driver");
+            remove(*deleted);
+        });
 }
 
 int32_t Graph::link(std::string_view sourceName, std::string_view sinkName) {
-    return attempt("link " + quoted(sourceName) + " to " + quoted(sinkName), [&] {
+    const auto what = [&] { return "cannot link " + inQuotes(sourceName) + " to " + inQuotes(sinkName); };
+    return attempt(what, [&] {
         const std::lock_guard lock(mutex_);
-        Port *source = findPort(sourceName);
-        Port *sink = findPort(sinkName);
-        if (source == nullptr || sink == nullptr)
-            throw Refusal(statusNotFound, "there is no port " + quoted(source == nullptr ? sourceName : sinkName));
-        if (!source->isSource || sink->isSource)
+        Port &source = port(sourceName);
+        Port &sink = port(sinkName);
+        if (!source.isSource || sink.isSource)
             throw Refusal(statusInvalid, "a link goes from a source to a sink");
-        if (sink->source != nullptr)
-            throw Refusal(statusBusy, "the sink is linked already");
-        source->sinks.push_back(sink);
-        sink->source = source;
-        sink->owner->record.reset();
+        if (sink.source == &source)
+            return;
+        if (sink.source != nullptr)
+            throw Refusal(statusBusy, "the sink is linked already, to " + inQuotes(sink.source->name()));
+        source.sinks.push_back(&sink);
+        sink.source = &source;
+        sink.owner->record.reset();
         edited();
     });
 }
 
 int32_t Graph::unlink(std::string_view name) {
-    return attempt("unlink " + quoted(name), [&] {
-        const std::lock_guard lock(mutex_);
-        Port *port = findPort(name);
-        if (port == nullptr)
-            throw Refusal(statusNotFound, "there is no such port");
-        unlink(*port);
-        edited();
-    });
+    return attempt([&] { return "cannot unlink " + inQuotes(name); },
+        [&] {
+            const std::lock_guard lock(mutex_);
+            unlink(port(name));
+            edited();
+        });
 }
 
 std::vector<std::string> Graph::portNames() const {
@@ -158,9 +146,9 @@ std::vector<std::string> Graph::links(std::string_view name) const {
         return names;
     const Port &port = found->second;
     if (port.source != nullptr)
-        names.push_back(port.source->owner->module->sources()[port.source->index]);
+        names.push_back(port.source->name());
     for (const Port *sink : port.sinks)
-        names.push_back(sink->owner->module->sinks()[sink->index]);
+        names.push_back(sink->name());
     return names;
 }
 
@@ -175,7 +163,7 @@ std::shared_ptr<const Graph::Records> Graph::records() const {
             std::vector<std::string> links(entry.sinks.size());
             for (size_t i = 0; i < links.size(); ++i)
                 if (const Port *source = entry.sinks[i]->source)
-                    links[i] = source->owner->module->sources()[source->index];
+                    links[i] = source->name();
             entry.record = std::make_shared<const ModuleRecord>(*entry.module, std::move(links));
         }
         records.push_back(entry.record);
@@ -205,9 +193,10 @@ std::optional<Graph::Origin> Graph::origin(std::string_view name) const {
     return found == modules_.end() ? std::nullopt : found->second->origin;
 }
 
-Graph::Entry &Graph::insert(std::shared_ptr<Module> module, std::optional<Origin> origin) {
+void Graph::insert(std::shared_ptr<Module> module, std::optional<Origin> origin) {
+    auto &position = modules_.emplace(module->name(), entries_.end()).first->second;
     const auto entry = entries_.insert(entries_.end(), Entry{std::move(module), std::move(origin), {}, {}, {}});
-    modules_.emplace(entry->module->name(), entry);
+    position = entry;
     const auto addPorts = [&](const std::vector<std::string> &names, bool areSources, std::vector<Port *> &ports) {
         for (size_t i = 0; i < names.size(); ++i)
             ports.push_back(&ports_.emplace(names[i], Port{&*entry, i, areSources, nullptr, {}}).first->second);
@@ -215,7 +204,24 @@ Graph::Entry &Graph::insert(std::shared_ptr<Module> module, std::optional<Origin
     addPorts(entry->module->sources(), true, entry->sources);
     addPorts(entry->module->sinks(), false, entry->sinks);
     edited();
-    return *entry;
+}
+
+void Graph::remove(const Module &module) {
+    const auto found = modules_.find(module.name());
+    if (found == modules_.end())
+        return;
+    if (const auto entry = found->second; entry != entries_.end()) {
+        for (const auto *ports : {&entry->sources, &entry->sinks})
+            for (Port *port : *ports)
+                unlink(*port);
+        for (const auto *names : {&module.sources(), &module.sinks()})
+            for (const std::string &port : *names)
+                ports_.erase(port);
+        entries_.erase(entry);
+    }
+    modules_.erase(found);
+    parameters_.removeModule(module.name());
+    edited();
 }
 
 void Graph::unlink(Port &port) {
@@ -232,9 +238,15 @@ void Graph::unlinkSink(Port &sink) {
     sink.owner->record.reset();
 }
 
-Graph::Port *Graph::findPort(std::string_view name) {
+const std::string &Graph::Port::name() const {
+    return (isSource ? owner->module->sources() : owner->module->sinks())[index];
+}
+
+Graph::Port &Graph::port(std::string_view name) {
     const auto found = ports_.find(name);
-    return found == ports_.end() ? nullptr : &found->second;
+    if (found == ports_.end())
+        throw Refusal(statusNotFound, "there is no port " + inQuotes(name) + suggestion(name, ports_));
+    return found->second;
 }
 
 std::vector<WiredModule> Graph::wiring() const {

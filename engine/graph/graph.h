@@ -50,7 +50,7 @@ public:
     // These return a status, and log why when it is not 0.
     int32_t createModule(const char *name, const char *identifier, const ListKeyValue *configuration);
     int32_t deleteModule(std::string_view name);
-    /// A sink that is linked already has to be unlinked first.
+    /// A sink that is linked to another source has to be unlinked first.
     int32_t link(std::string_view source, std::string_view sink);
     /// Removes every link of a source or a sink.
     int32_t unlink(std::string_view port);
@@ -81,6 +81,8 @@ private:
         bool isSource;
         Port *source = nullptr;    // a sink's
         std::vector<Port *> sinks; // a source's
+
+        [[nodiscard]] const std::string &name() const;
     };
     struct Entry {
         std::shared_ptr<Module> module;
@@ -91,10 +93,13 @@ private:
     };
 
     // The functions below are called with the mutex held.
-    Entry &insert(std::shared_ptr<Module> module, std::optional<Origin> origin);
+    void insert(std::shared_ptr<Module> module, std::optional<Origin> origin);
+    /// Also one that has been inserted in part. The caller keeps the module until the mutex is free.
+    void remove(const Module &module);
     void unlink(Port &port);
     void unlinkSink(Port &sink);
-    [[nodiscard]] Port *findPort(std::string_view name);
+    /// Throws Refusal when there is none.
+    [[nodiscard]] Port &port(std::string_view name);
     [[nodiscard]] std::vector<WiredModule> wiring() const;
     void edited();
 

@@ -4,8 +4,10 @@
 
 #include <atomic>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -13,15 +15,35 @@
 
 namespace sonetrix::dev {
 
+/// What a parameter takes when it is written: a scalar in a range, or a string.
+struct Domain {
+    sonetrix_value_type_t type = SONETRIX_VALUE_FLOAT;
+    double minimum = -std::numeric_limits<double>::infinity();
+    double maximum = std::numeric_limits<double>::infinity();
+    std::string unit{};
+
+    /// The value as one of the type. Numbers are converted where they fit: integers to any number, a double to a float.
+    [[nodiscard]] std::optional<sonetrix_value_t> converted(const sonetrix_value_t &value) const noexcept;
+    /// "a float from 0 to 24000 Hz"
+    [[nodiscard]] std::string text() const;
+};
+
+/// "220 (int32)"
+std::string valueText(const sonetrix_value_t &value);
+
 /// One parameter of a module. Both functions may be called from any thread, several at a time, and read a parameter
 /// that is as old as its module: what they refer to must live as long as they do.
 struct Parameter {
     std::string name;
-    /// The current value: a record of a scalar or of a string that is never freed.
-    std::function<sonetrix_value_t()> read;
-    /// Whether the value was of the right type and in range, and written. Null: the parameter cannot be written.
-    std::function<bool(const sonetrix_value_t &)> write;
+    std::function<Value()> read;
+    Domain domain{};
+    /// Gets a value of the domain; may throw Refusal. Null: the parameter cannot be written.
+    std::function<void(const sonetrix_value_t &)> write{};
 };
+
+template <class Read> Parameter readOnlyParameter(std::string name, Read read) {
+    return {std::move(name), [read = std::move(read)] { return Value(valueRecord(read())); }};
+}
 
 /// Learns of every parameter written, on the writing thread, which holds no lock of the engine. Must be quick.
 class ParameterListener {
@@ -34,23 +56,36 @@ public:
 /// Safe for concurrent use. A module's parameters come and go together.
 class Parameters {
 public:
+    /// Adds what the key's part behind the module's name asks for.
+    using Reader = std::function<void(std::string_view name, ListKeyValue &result)>;
+
     /// Adds parameters to those the module has.
     void add(const std::string &module, std::vector<Parameter> parameters);
+    /// The module's parameters are read by this function and cannot be written.
+    void addReader(const std::string &module, Reader reader);
     void removeModule(const std::string &module);
 
     /// The parameters that the string values of `keys` name, in that order; a key "module." means all of that module.
     /// What is not there is left out.
     [[nodiscard]] ListKeyValue read(const ListValue &keys) const;
-    /// Writes what can be written and adds that to `written`. True when it was everything.
+    /// Writes what can be written and adds that to `written`, as it now is. The log says why the others are refused.
+    /// True when it was everything.
     bool write(const ListKeyValue &parameters, ListKeyValue &written);
 
     /// Null: nobody listens. The listener must outlive the last write.
     void setListener(ParameterListener *listener) noexcept { listener_ = listener; }
 
 private:
-    using Module = std::vector<Parameter>;
+    struct Module {
+        std::vector<Parameter> parameters;
+        Reader reader;
+
+        [[nodiscard]] const Parameter *find(std::string_view name) const noexcept;
+    };
 
     [[nodiscard]] std::shared_ptr<const Module> find(std::string_view module) const;
+    [[nodiscard]] std::string suggestion(std::string_view key) const;
+    void writeOne(const sonetrix_keyValue_t &entry, ListKeyValue &written);
 
     mutable std::mutex mutex_; // guards the table only: nobody reads, writes or calls out with it held
     std::unordered_map<std::string, std::shared_ptr<const Module>> modules_;

@@ -1,9 +1,15 @@
-#include "ladspa/ladspa_catalogue.h"
+#include "ladspa_catalogue.h"
 
-#include "ladspa/ladspa_library.h"
+#include "graph/refusal.h"
 #include "sonetrix/engine_api.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <dlfcn.h>
+#include <elf.h>
+#include <fmt/ranges.h>
+#include <fstream>
+#include <limits>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -25,10 +31,59 @@ constexpr const char *customaryPath =
 std::set<std::filesystem::path> librariesIn(const std::filesystem::path &directory) {
     std::set<std::filesystem::path> libraries;
     std::error_code unreadable; // a directory that is not there has no plugins
-    for (const auto &entry : std::filesystem::directory_iterator(directory, unreadable))
-        if (entry.path().extension() == ".so")
-            libraries.insert(entry.path());
+    for (std::filesystem::directory_iterator entry(directory, unreadable), end; !unreadable && entry != end;
+         entry.increment(unreadable))
+        if (entry->path().extension() == ".so")
+            libraries.insert(entry->path());
     return libraries;
+}
+
+/// The loader maps what a library's headers name, and dies of it when the file is shorter.
+bool isTruncated(const std::filesystem::path &path) {
+    std::ifstream file(path, std::ios::binary);
+    Elf64_Ehdr header{};
+    Elf64_Phdr segment{};
+    if (!file.read(reinterpret_cast<char *>(&header), sizeof header) || header.e_phentsize != sizeof segment)
+        return false; // no library at all: the loader says so
+    const uint64_t size = std::filesystem::file_size(path);
+    file.seekg(static_cast<std::streamoff>(header.e_phoff));
+    for (int i = 0; i < header.e_phnum; ++i)
+        if (!file.read(reinterpret_cast<char *>(&segment), sizeof segment) ||
+            segment.p_offset + segment.p_filesz > size)
+            return true;
+    return false;
+}
+
+LADSPA_Descriptor_Function openLibrary(const std::filesystem::path &path) {
+    if (isTruncated(path))
+        throw std::runtime_error(path.string() + ": file too short");
+    void *library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+    if (library == nullptr)
+        throw std::runtime_error(dlerror());
+    const auto descriptors = reinterpret_cast<LADSPA_Descriptor_Function>(dlsym(library, "ladspa_descriptor"));
+    if (descriptors == nullptr)
+        throw std::runtime_error(path.string() + ": is not a plugin library");
+    return descriptors;
+}
+
+float inFloat(double bound) noexcept {
+    constexpr double most = std::numeric_limits<float>::max();
+    return static_cast<float>(std::clamp(bound, -most, most));
+}
+
+/// All there is to tell about a plugin, with keys that `prefix` begins.
+ListKeyValue description(const std::string &prefix, const LadspaPlugin &plugin) {
+    ListKeyValue entries;
+    entries.add(prefix + "title", plugin.descriptor->Name);
+    entries.add(prefix + "sinks", fmt::format("{}", fmt::join(plugin.sinkNames, " ")));
+    entries.add(prefix + "sources", fmt::format("{}", fmt::join(plugin.sourceNames, " ")));
+    for (const auto &control : plugin.controls) {
+        entries.add(prefix + control.name + ".minimum", inFloat(control.domain.minimum));
+        entries.add(prefix + control.name + ".maximum", inFloat(control.domain.maximum));
+        entries.add(prefix + control.name + ".default", control.initial);
+        entries.add(prefix + control.name + ".unit", control.domain.unit);
+    }
+    return entries;
 }
 
 } // namespace
@@ -50,39 +105,61 @@ std::vector<std::string> LadspaCatalogue::identifiers() {
     return names;
 }
 
-const LadspaCatalogue::Plugin *LadspaCatalogue::find(std::string_view identifier) {
+const LadspaPlugin &LadspaCatalogue::plugin(std::string_view identifier) {
     const auto &all = plugins();
-    const auto found = all.find(identifier);
-    return found == all.end() ? nullptr : &found->second;
+    if (const auto found = all.find(identifier); found != all.end())
+        return found->second;
+    Suggestion suggestion(identifier);
+    for (const auto &[candidate, plugin] : all)
+        suggestion.consider(candidate);
+    throw Refusal(statusNotFound, "there is no such plugin" + suggestion.text());
 }
 
-const std::map<std::string, LadspaCatalogue::Plugin, std::less<>> &LadspaCatalogue::plugins() {
-    std::call_once(scanned_, [this] { scan(); });
+void LadspaCatalogue::describe(std::string_view name, ListKeyValue &result) {
+    const std::string key = "plugins." + std::string(name);
+    for (const auto &[identifier, plugin] : plugins()) {
+        const std::string prefix = "plugins." + identifier + '.';
+        if (name.empty())
+            result.add(prefix + "title", plugin.descriptor->Name);
+        else if (key.starts_with(prefix))
+            for (const auto &entry : description(prefix, plugin))
+                if (key == prefix || key == entry.key)
+                    result.add(entry.key, entry.value);
+    }
+}
+
+const LadspaCatalogue::Plugins &LadspaCatalogue::plugins() {
+    std::call_once(scanned_, [this] { plugins_ = scan(); });
     return plugins_;
 }
 
-void LadspaCatalogue::scan() {
+LadspaCatalogue::Plugins LadspaCatalogue::scan() const {
+    Plugins plugins;
     std::set<std::filesystem::path> fileNames;
     for (const auto &directory : directories_) {
         for (const auto &library : librariesIn(directory)) {
             if (!fileNames.insert(library.filename()).second)
                 continue;
             try {
-                addLibrary(library);
+                addLibrary(library, plugins);
             } catch (const std::runtime_error &reason) {
                 sonetrix_log(SONETRIX_LOG_WARN, __FILE__, __LINE__, 1, "plugin library skipped: %s", reason.what());
             }
         }
     }
+    return plugins;
 }
 
-void LadspaCatalogue::addLibrary(const std::filesystem::path &path) {
-    const LadspaLibrary library(path);
-    for (unsigned long index = 0; const LADSPA_Descriptor *descriptor = library.descriptor(index); ++index) {
+void LadspaCatalogue::addLibrary(const std::filesystem::path &path, Plugins &plugins) const {
+    const std::lock_guard lock(pluginMutex());
+    const LADSPA_Descriptor_Function descriptors = openLibrary(path);
+    for (unsigned long index = 0; const LADSPA_Descriptor *descriptor = descriptors(index); ++index) {
+        if (descriptor->Label == nullptr)
+            throw std::runtime_error(path.string() + ": has a plugin without a label");
+        LadspaPlugin plugin(path, *descriptor, rate_);
         const std::string label = descriptor->Label;
-        const Plugin plugin{path, index};
-        if (!plugins_.try_emplace(label, plugin).second)
-            plugins_.try_emplace(path.stem().string() + '.' + label, plugin);
+        plugin.identifier = plugins.contains(label) ? path.stem().string() + '.' + label : label;
+        plugins.try_emplace(plugin.identifier, plugin);
     }
 }
 

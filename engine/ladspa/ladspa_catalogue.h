@@ -1,5 +1,8 @@
 #pragma once
 
+#include "ladspa_plugin.h"
+#include "lists/lists.h"
+
 #include <filesystem>
 #include <map>
 #include <mutex>
@@ -14,29 +17,32 @@ namespace sonetrix::dev {
 /// file name an earlier directory has too is hidden by that one.
 class LadspaCatalogue {
 public:
-    struct Plugin {
-        std::filesystem::path library;
-        unsigned long index;
-    };
-
-    explicit LadspaCatalogue(std::vector<std::filesystem::path> directories) : directories_(std::move(directories)) {}
+    /// `rate` is what some plugins' ranges depend on.
+    LadspaCatalogue(std::vector<std::filesystem::path> directories, uint32_t rate)
+        : directories_(std::move(directories)), rate_(rate) {}
 
     /// LADSPA_PATH, or the customary directories.
     static std::vector<std::filesystem::path> standardDirectories();
 
     /// The libraries are looked through when somebody asks for the first time. Safe for concurrent use.
     [[nodiscard]] std::vector<std::string> identifiers();
-    /// Null when there is none; valid as long as the catalogue.
-    [[nodiscard]] const Plugin *find(std::string_view identifier);
+    /// Valid as long as the catalogue. Throws Refusal when there is none.
+    [[nodiscard]] const LadspaPlugin &plugin(std::string_view identifier);
+
+    /// Parameters that describe plugins: for an empty name all plugins' titles, for "identifier." all of that plugin.
+    void describe(std::string_view name, ListKeyValue &result);
 
 private:
-    const std::map<std::string, Plugin, std::less<>> &plugins();
-    void scan();
-    void addLibrary(const std::filesystem::path &path);
+    using Plugins = std::map<std::string, LadspaPlugin, std::less<>>;
+
+    const Plugins &plugins();
+    [[nodiscard]] Plugins scan() const;
+    void addLibrary(const std::filesystem::path &path, Plugins &plugins) const;
 
     const std::vector<std::filesystem::path> directories_;
+    const uint32_t rate_;
     std::once_flag scanned_;
-    std::map<std::string, Plugin, std::less<>> plugins_;
+    Plugins plugins_;
 };
 
 } // namespace sonetrix::dev

@@ -56,11 +56,11 @@ system  driver
         sink       system:playback_2 <- gain:output
         source     system:capture_1 -> nothing
         source     system:capture_2 -> nothing
-tone    cmt.so
+tone    sine_fcac
         parameter  tone.frequency = 440.0
         parameter  tone.amplitude = 0.5
         source     tone:output -> gain:input
-gain    amp.so
+gain    amp_mono
         parameter  gain.gain = 0.5
         sink       gain:input <- tone:output
         source     gain:output -> system:playback_1, system:playback_2

@@ -43,7 +43,7 @@ EDITS = [
     ("engine.delModule('gain')", None, None),
     ("new('gain', 'amp_mono', gain=2.0)", None, None),  # a new module has none of the old one's links
     ("engine.link('gain:output', 'system:playback_1'); engine.link('tone:output', 'gain:input')", (1000, 1), None),
-    ("assert not write('tone.frequency', 1e6) | write('tone.amplitude', 1) | write('no.such', 1.0)", (1000, 1), None),
+    ("assert not write('tone.frequency', 1e6) | write('tone.amplitude', '1') | write('no.such', 1.0)", (1000, 1), None),
     ("new('low', 'sine_fcac', frequency=100.0, amplitude=0.25); engine.link('gain:input')", None, None),
     ("engine.link('low:output', 'gain:input')", (100, 0.5), None),
     ("engine.delModule('tone'), engine.delModule('system'), engine.delModule('nobody')", (100, 0.5), None),

@@ -1,0 +1,111 @@
+#include "ladspa_plugin.h"
+
+#include "graph/module.h"
+#include "port_names.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cmath>
+#include <utility>
+
+namespace sonetrix::dev {
+
+namespace {
+
+/// Room is left for the longest module name.
+constexpr size_t portNameMaximum = Module::portNameMaximum - Module::nameMaximum - 1;
+
+/// What plugins write behind a control's name, in parentheses and in lower case, and the unit that it is.
+constexpr std::array<std::pair<std::string_view, const char *>, 13> units{{{"(hz)", "Hz"}, {"(db)", "dB"}, {"(s)", "s"},
+    {"(seconds)", "s"}, {"(secs)", "s"}, {"(ms)", "ms"}, {"(in ms)", "ms"}, {"(%)", "%"}, {"(percent)", "%"},
+    {"(octaves)", "octaves"}, {"(samples)", "samples"}, {"(inches)", "inches"}, {"(m)", "m"}}};
+
+std::string unitOf(std::string_view portName, bool isRatedFrequency) {
+    std::string name(portName);
+    std::ranges::transform(name, name.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    for (const auto &[written, unit] : units)
+        if (name.find(written) != std::string::npos)
+            return unit;
+    return isRatedFrequency ? "Hz" : "";
+}
+
+Domain domainOf(const LADSPA_PortRangeHint &hint, std::string_view portName, uint32_t rate) {
+    const LADSPA_PortRangeHintDescriptor flags = hint.HintDescriptor;
+    Domain domain;
+    domain.unit = unitOf(portName, LADSPA_IS_HINT_SAMPLE_RATE(flags));
+    const float scale = LADSPA_IS_HINT_SAMPLE_RATE(flags) ? static_cast<float>(rate) : 1.0F;
+    if (LADSPA_IS_HINT_TOGGLED(flags) || LADSPA_IS_HINT_BOUNDED_BELOW(flags))
+        domain.minimum = LADSPA_IS_HINT_TOGGLED(flags) ? 0.0F : hint.LowerBound * scale;
+    if (LADSPA_IS_HINT_TOGGLED(flags) || LADSPA_IS_HINT_BOUNDED_ABOVE(flags))
+        domain.maximum = LADSPA_IS_HINT_TOGGLED(flags) ? 1.0F : hint.UpperBound * scale;
+    return domain;
+}
+
+/// A point between the bounds: 0 the lower, 1 the upper.
+double between(const Domain &domain, double position, bool logarithmic) noexcept {
+    if (logarithmic && domain.minimum > 0)
+        return std::exp(std::lerp(std::log(domain.minimum), std::log(domain.maximum), position));
+    return std::lerp(domain.minimum, domain.maximum, position);
+}
+
+double hintedDefault(const LADSPA_PortRangeHint &hint, const Domain &domain) noexcept {
+    const bool logarithmic = LADSPA_IS_HINT_LOGARITHMIC(hint.HintDescriptor);
+    switch (hint.HintDescriptor & LADSPA_HINT_DEFAULT_MASK) {
+    case LADSPA_HINT_DEFAULT_MINIMUM:
+        return domain.minimum;
+    case LADSPA_HINT_DEFAULT_LOW:
+        return between(domain, 0.25, logarithmic);
+    case LADSPA_HINT_DEFAULT_MIDDLE:
+        return between(domain, 0.5, logarithmic);
+    case LADSPA_HINT_DEFAULT_HIGH:
+        return between(domain, 0.75, logarithmic);
+    case LADSPA_HINT_DEFAULT_MAXIMUM:
+        return domain.maximum;
+    case LADSPA_HINT_DEFAULT_1:
+        return 1;
+    case LADSPA_HINT_DEFAULT_100:
+        return 100;
+    case LADSPA_HINT_DEFAULT_440:
+        return 440;
+    default:
+        return 0;
+    }
+}
+
+float initialOf(const LADSPA_PortRangeHint &hint, const Domain &domain) noexcept {
+    const double value = hintedDefault(hint, domain);
+    const double finite = std::isfinite(value) ? value : 0;
+    const double rounded = LADSPA_IS_HINT_INTEGER(hint.HintDescriptor) ? std::round(finite) : finite;
+    return static_cast<float>(std::min(std::max(rounded, domain.minimum), domain.maximum));
+}
+
+} // namespace
+
+std::mutex &pluginMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+
+LadspaPlugin::LadspaPlugin(std::filesystem::path file, const LADSPA_Descriptor &plugin, uint32_t rate)
+    : library(std::move(file)), descriptor(&plugin) {
+    PortNames audioNames(portNameMaximum);
+    PortNames controlNames(portNameMaximum);
+    for (unsigned long port = 0; port < plugin.PortCount; ++port) {
+        const LADSPA_PortDescriptor kind = plugin.PortDescriptors[port];
+        const char *name = plugin.PortNames[port];
+        if (LADSPA_IS_PORT_AUDIO(kind)) {
+            (LADSPA_IS_PORT_INPUT(kind) ? sinks : sources).push_back(port);
+            (LADSPA_IS_PORT_INPUT(kind) ? sinkNames : sourceNames).push_back(audioNames.add(name));
+        } else if (LADSPA_IS_PORT_INPUT(kind)) {
+            const LADSPA_PortRangeHint &hint = plugin.PortRangeHints[port];
+            const Domain domain = domainOf(hint, name, rate);
+            controls.push_back({controlNames.add(name), port, domain, initialOf(hint, domain)});
+        } else {
+            outputs.push_back(port);
+            outputNames.push_back(controlNames.add(name));
+        }
+    }
+}
+
+} // namespace sonetrix::dev
