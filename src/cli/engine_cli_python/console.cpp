@@ -1,13 +1,16 @@
 #include "console.h"
 
 #include "console_thread.h"
+#include "python/errors.h"
 #include "python/gil.h"
+#include "python/version.h"
 #include "statement.h"
 
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <poll.h>
 #include <span>
@@ -81,6 +84,60 @@ File readStandardInput() noexcept {
     return nullptr;
 }
 
+// Calls sys.linehook; `line` may be null. The str that it returns, as bytes, or none. KeyboardInterrupt stays set.
+Ref callLineHook(const char *prompt, const char *line) noexcept {
+    const Ref hook = Ref::borrow(PySys_GetObject("linehook"));
+    if (!hook || hook.get() == Py_None) {
+        return {};
+    }
+    Ref earlier = version::takeRaised(); // that of an interrupted line
+    Ref result;
+    try {
+        const Ref promptText = checked(PyUnicode_DecodeFSDefault(prompt));
+        const Ref lineText = line == nullptr ? Ref::borrow(Py_None) : checked(PyUnicode_DecodeFSDefault(line));
+        result = checked(PyObject_CallFunctionObjArgs(hook.get(), promptText.get(), lineText.get(), nullptr));
+        result = PyUnicode_Check(result.get()) ? checked(PyUnicode_EncodeFSDefault(result.get())) : Ref();
+    } catch (const PythonError &) {
+        if (PyErr_ExceptionMatches(PyExc_KeyboardInterrupt) != 0) {
+            return {};
+        }
+        reportUnraisable("sys.linehook");
+    }
+    version::setRaised(std::move(earlier));
+    return result;
+}
+
+decltype(PyOS_ReadlineFunctionPointer) interpreterReadLine = nullptr;
+
+// In front of the interpreter's own, which may be that of line editing. Called without the interpreter lock; null
+// stands for an interrupted line.
+char *readLine(std::FILE *input, std::FILE *output, const char *prompt) noexcept {
+    {
+        const GilHeld held;
+        callLineHook(prompt, nullptr);
+        if (PyErr_Occurred() != nullptr) {
+            return nullptr;
+        }
+    }
+    char *line = interpreterReadLine(input, output, prompt);
+    const GilHeld held;
+    const Ref replacement = callLineHook(prompt, line == nullptr ? "" : line);
+    if (line == nullptr || (!replacement && PyErr_Occurred() == nullptr)) {
+        return line;
+    }
+    PyMem_RawFree(line);
+    auto *copy =
+        replacement ? PyMem_RawMalloc(static_cast<std::size_t>(PyBytes_GET_SIZE(replacement.get())) + 1) : nullptr;
+    return copy == nullptr ? nullptr : std::strcpy(static_cast<char *>(copy), PyBytes_AS_STRING(replacement.get()));
+}
+
+// Before each statement: importing readline puts its own reader there. Without it, there is none before the first line.
+void hookLineReader() noexcept {
+    if (PyOS_ReadlineFunctionPointer != nullptr && PyOS_ReadlineFunctionPointer != readLine) {
+        interpreterReadLine = std::exchange(PyOS_ReadlineFunctionPointer, readLine);
+    }
+}
+
 } // namespace
 
 bool stopRequested(const sonetrix_cliModule_t &module) noexcept {
@@ -91,6 +148,7 @@ std::int32_t runConsole(const sonetrix_cliModule_t &module) noexcept {
     const TerminalSettings settings;
     PyCompilerFlags flags = {.cf_flags = 0, .cf_feature_version = PY_MINOR_VERSION}; // `from __future__` lasts
     while (!stopRequested(module)) {
+        hookLineReader();
         const StatementResult step =
             runStatement([&flags] { return PyRun_InteractiveOneFlags(stdin, fileName, &flags); });
         if (step.result == endOfInput || step.result == noMemory) {
