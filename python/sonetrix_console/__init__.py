@@ -10,8 +10,10 @@ import __main__
 import sys
 
 from . import prompt
+from .paste import paste
 
-__all__ = ["install"]  # and, one by one, what install() makes names of the console
+# And, one by one, what install() makes names of the console.
+__all__ = ["install", "paste"]
 
 
 def install() -> None:

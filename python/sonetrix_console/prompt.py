@@ -3,7 +3,6 @@ file. Each of it does without what it does not find."""
 
 import __main__
 
-import atexit
 import builtins
 import os
 import pathlib
@@ -12,6 +11,8 @@ import sys
 from typing import Any
 
 import sonetrix
+
+from . import output, paste
 
 try:
     import readline
@@ -32,7 +33,6 @@ class History:
 
     def __init__(self, path: pathlib.Path) -> None:
         self.path = path
-        self.loaded = 0
 
     def load(self) -> None:
         """Into line editing, with the file cut to the last lines."""
@@ -48,12 +48,6 @@ class History:
             return
         for line in lines[-_HISTORY_LENGTH:]:
             readline.add_history(line.replace("\x1e", "\n"))
-        self.loaded = readline.get_current_history_length()
-
-    def add_new(self) -> None:
-        """What was typed in this session."""
-        for index in range(self.loaded, readline.get_current_history_length()):
-            self.add(readline.get_history_item(index + 1))
 
     def add(self, entry: str) -> None:
         """Several lines that were pasted as one stay one entry."""
@@ -72,12 +66,12 @@ def banner() -> str:
     """The line that a console begins with.
 
     >>> banner()
-    'SoneTrix 1.0.0, Python 3.12.1, driver clock at 48000 Hz; help() shows what there is'
+    'SoneTrix 1.0.0, Python 3.12.1, clock at 48000 Hz; help() shows what there is'
     """
     version = ".".join(map(str, sys.version_info[:3]))
     driver = "no driver"
     if sonetrix.engine.hasDriver():
-        driver = f"driver {sonetrix.engine.getDriverName()} at {sonetrix.engine.getFrameRate()} Hz"
+        driver = f"{sonetrix.engine.getDriverName()} at {sonetrix.engine.getFrameRate()} Hz"
     return f"SoneTrix {sonetrix.__version__}, Python {version}, {driver}; help() shows what there is"
 
 
@@ -111,13 +105,20 @@ def run_startup_file() -> None:
 
 def install() -> None:
     """Turns all of it on."""
+    history = History(_folder("XDG_STATE_HOME", ".local/state") / "history")
     if readline is not None:
         editline = "libedit" in (readline.__doc__ or "")
         readline.parse_and_bind("bind ^I rl_complete" if editline else "tab: complete")
-        history = History(_folder("XDG_STATE_HOME", ".local/state") / "history")
+        if not editline and os.environ.get("TERM", "dumb") != "dumb":
+            readline.parse_and_bind("set enable-bracketed-paste on")
         history.load()
-        atexit.register(history.add_new)
+
+    def line_typed(prompt: str, line: str) -> str | None:
+        history.add(line)
+        return paste.one_line(prompt, line)
+
     sys.displayhook = display
     if sys.stdout is not None and sys.stdout.isatty():
         print(banner())
+        output.install(line_typed)
     run_startup_file()

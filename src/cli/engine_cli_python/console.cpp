@@ -126,9 +126,13 @@ char *readLine(std::FILE *input, std::FILE *output, const char *prompt) noexcept
         return line;
     }
     PyMem_RawFree(line);
-    auto *copy =
-        replacement ? PyMem_RawMalloc(static_cast<std::size_t>(PyBytes_GET_SIZE(replacement.get())) + 1) : nullptr;
-    return copy == nullptr ? nullptr : std::strcpy(static_cast<char *>(copy), PyBytes_AS_STRING(replacement.get()));
+    if (!replacement) {
+        return nullptr;
+    }
+    const auto size = static_cast<std::size_t>(PyBytes_GET_SIZE(replacement.get())) + 1;
+    void *copy = PyMem_RawMalloc(size);
+    return copy == nullptr ? nullptr
+                           : static_cast<char *>(std::memcpy(copy, PyBytes_AS_STRING(replacement.get()), size));
 }
 
 // Before each statement: importing readline puts its own reader there. Without it, there is none before the first line.

@@ -1,0 +1,242 @@
+"""What callbacks, threads and the engine print while a line is being typed comes above that line, which stays whole.
+
+Such output waits in a pipe: what threads write to `sys.stdout` and `sys.stderr`, and, when standard error is the console's
+terminal, whatever the process writes there, the engine's log above all. Only while a line is being typed: statements, and
+the programs that they start, write to the terminal itself. Nobody ever waits for the pipe; what it has no room for is left
+out. The console's own thread takes the text from it, woken by a signal, and draws the line anew below.
+"""
+
+import contextlib
+import ctypes
+import fcntl
+import io
+import os
+import select
+import signal
+import sys
+import threading
+import time
+from collections.abc import Callable, Iterator
+from types import FrameType
+from typing import IO, Any, TextIO, cast
+
+import sonetrix
+
+try:
+    import readline
+except ImportError:
+    readline = None  # type: ignore[assignment]
+
+# Ignored where nobody handles it. The console's host uses it, too, so its handler is called as well.
+_WAKE = signal.SIGURG
+_REDRAWS_PER_SECOND = 50
+_PIPE_SIZE = 1 << 20
+
+
+class _LineEditor:
+    """The line editor's own functions for output in between: none of them is in the module readline."""
+
+    def __init__(self) -> None:
+        library = ctypes.CDLL(getattr(readline, "__file__", None))
+        self._clear, self._on_new_line = library.rl_clear_visible_line, library.rl_on_new_line
+        self._redisplay = library.rl_redisplay
+        self._stream = ctypes.c_void_p.in_dll(library, "rl_outstream")
+        self._fputs = ctypes.CDLL(None).fputs
+        self._fputs.argtypes = ctypes.c_char_p, ctypes.c_void_p
+        capability = library.rl_get_termcap
+        capability.argtypes, capability.restype = [ctypes.c_char_p], ctypes.c_char_p
+        self._can_clear = bool(capability(b"ce"))
+
+    def print_above(self, text: bytes) -> None:
+        """Where the terminal cannot clear, the line stays where it is and comes again below."""
+        if self._can_clear:
+            self._clear()
+        else:
+            text = b"\n" + text
+        self._fputs(text, self._stream)
+        self._on_new_line()
+        self._redisplay()
+
+
+class _Console:
+    """The terminal, with a line that is being typed or without."""
+
+    def __init__(self) -> None:
+        self.lock = threading.RLock()  # held by who writes to the terminal while no line is being typed
+        self.prompt: str | None = None  # of the line that is being typed
+        self._reader: FrameType | None = None  # who reads it: none at the console's own prompt
+        self._thread = threading.get_ident()
+        self._terminal = os.dup(sys.__stdout__.fileno())
+        self._pipe, self._entry = os.pipe()
+        os.set_blocking(self._pipe, False)
+        os.set_blocking(self._entry, False)
+        with contextlib.suppress(OSError):
+            fcntl.fcntl(self._entry, fcntl.F_SETPIPE_SZ, _PIPE_SIZE)
+        self._error_output: int | None = None  # the terminal as standard error, while that is the pipe
+        self._shares_errors = os.path.sameopenfile(1, 2) if os.isatty(2) else False
+        self._editor: _LineEditor | None = None
+        if readline is not None:
+            with contextlib.suppress(AttributeError, OSError, ValueError):
+                self._editor = _LineEditor()
+        self._previous_handler = signal.signal(_WAKE, self._on_wake)
+        self._waker = threading.Thread(target=self._wake, name="console output", daemon=True)
+        self._ended = False
+        self._waker.start()
+
+    def begin_line(self, prompt: str, reader: FrameType | None) -> None:
+        with self.lock:
+            self._write(self._take())
+            if self._shares_errors:
+                self._error_output = os.dup(2)
+                os.dup2(self._entry, 2)
+            self._reader = reader
+            self.prompt = prompt
+
+    def end_line(self, whole: bool) -> None:
+        with self.lock:
+            self.prompt = self._reader = None
+            if self._error_output is not None:
+                os.dup2(self._error_output, 2)
+                os.close(self._error_output)
+                self._error_output = None
+            if whole:
+                self._write(self._take())
+
+    def post(self, text: bytes) -> None:
+        with contextlib.suppress(BlockingIOError):
+            while text:
+                text = text[os.write(self._entry, text):]
+
+    def end(self) -> None:
+        """Everything is as it was before."""
+        self.end_line(whole=True)
+        self._ended = True
+        self.post(b"\0")
+        self._waker.join(1)
+        signal.signal(_WAKE, self._previous_handler)
+
+    def _take(self) -> bytes:
+        parts = []
+        with contextlib.suppress(BlockingIOError):
+            while part := os.read(self._pipe, _PIPE_SIZE):
+                parts.append(part)
+        text = b"".join(parts).replace(b"\0", b"")
+        return text + b"\n" if text and not text.endswith(b"\n") else text
+
+    def _write(self, text: bytes) -> None:
+        with contextlib.suppress(OSError):
+            while text:
+                text = text[os.write(self._terminal, text):]
+
+    def _wake(self) -> None:
+        """Has the console's thread look into the pipe, again and again until it has: a signal may come a moment before
+        that thread waits for a key, which then would come first."""
+        while select.select([self._pipe], [], [])[0] and not self._ended:
+            if self.prompt is not None:
+                signal.pthread_kill(self._thread, _WAKE)
+            else:
+                with self.lock:
+                    if self.prompt is None:
+                        self._write(self._take())
+            time.sleep(1 / _REDRAWS_PER_SECOND)
+
+    def _on_wake(self, number: int, frame: FrameType | None) -> None:
+        if callable(self._previous_handler):
+            self._previous_handler(number, frame)
+        # In any other frame it is a completion that runs, or the line is not there yet or not any more.
+        if self.prompt is None or frame is not self._reader:
+            return
+        text = self._take()
+        if text and self._editor is not None:
+            self._editor.print_above(text)
+        elif text:
+            typed = readline.get_line_buffer() if readline is not None else ""
+            self._write(b"\n" + text + (self.prompt + typed).encode(errors="replace"))
+
+
+class Stream(io.TextIOBase):
+    """Stands for `sys.stdout` or `sys.stderr`."""
+
+    def __init__(self, stream: TextIO, console: _Console) -> None:
+        self._stream = stream
+        self._console = console
+        self._begun: dict[int, str] = {}  # lines without an end, by thread
+
+    def __getattr__(self, name: str) -> Any:
+        return getattr(self._stream, name)
+
+    def write(self, text: str) -> int:
+        redirected = getattr(_redirected, "stream", None)
+        if redirected is not None:
+            return int(redirected.write(text))
+        with self._console.lock:
+            pending = self._begun.pop(threading.get_ident(), "") + text
+            if self._console.prompt is None:
+                self._stream.write(pending)
+                return len(text)
+            lines, end, rest = pending.rpartition("\n")
+            if end:
+                self._console.post((lines + end).encode(errors="replace"))
+            if rest:
+                self._begun[threading.get_ident()] = rest
+        return len(text)
+
+    def flush(self) -> None:
+        redirected = getattr(_redirected, "stream", None)
+        (redirected or self._stream).flush()
+
+    def fileno(self) -> int:
+        return self._stream.fileno()
+
+    def isatty(self) -> bool:
+        return getattr(_redirected, "stream", None) is None and self._stream.isatty()
+
+    @property
+    def encoding(self) -> str:  # type: ignore[override]
+        return self._stream.encoding
+
+    @property
+    def errors(self) -> str | None:  # type: ignore[override]
+        return self._stream.errors
+
+
+_redirected = threading.local()
+
+
+@contextlib.contextmanager
+def redirect(stream: IO[str]) -> Iterator[None]:
+    """What this thread prints goes to the stream.
+
+        with redirect(io.StringIO()) as text:
+            graph()
+    """
+    previous = getattr(_redirected, "stream", None)
+    _redirected.stream = stream
+    try:
+        yield
+    finally:
+        _redirected.stream = previous
+
+
+def install(line_typed: Callable[[str, str], str | None]) -> None:
+    """Takes care of the console's output from now on; `line_typed(prompt, line)` may replace a line of the console's."""
+    console = _Console()
+
+    def hook(prompt: str, line: str | None) -> str | None:
+        reader = sys._getframe().f_back
+        if line is None:
+            console.begin_line(prompt, reader)
+            return None
+        console.end_line(whole=line.endswith("\n"))
+        return line_typed(prompt, line) if reader is None else None
+
+    streams = sys.stdout, sys.stderr
+
+    def end() -> None:
+        delattr(sys, "linehook")
+        sys.stdout, sys.stderr = streams
+        console.end()
+
+    sys.stdout, sys.stderr = (cast(TextIO, Stream(stream, console)) for stream in streams)
+    setattr(sys, "linehook", hook)
+    sonetrix.add_clear_callback(end)
