@@ -13,20 +13,20 @@ import time
 import types
 
 import fuzz_input
-from support import SOURCE, engine_double
+from support import SOURCE, record
 
 NAMES = ["a", "a:out", "m.x", "m.", "", b"m", "string", "int32", "uint32", "int", "uint", "float", "double", "é"]
 ERRORS = [ValueError, TypeError, KeyError, StopIteration, RecursionError, MemoryError, KeyboardInterrupt, SystemExit,
           lambda: UnicodeDecodeError("ascii", b"\xff", 0, 1, "reason")]
 # As the engine gives them: with unknown type codes, null strings and null arrays among them.
 VALUES = [5, 1.5, "text", b"\xff", (7, "uint32"), ((1, 2), "auint32"), ((-1,), "aint32"), ((0.5,), "afloat"),
-          ((), "aint32"), (0.1, "double"), *(engine_double.Value(code) for code in (3, 4, 8, 2**32 - 1)),
-          engine_double.Value(5, count=9)]
-LISTS = [engine_double.make_list(VALUES), engine_double.make_list([]), engine_double.make_list([b"a:out", b"b:in"] * 9),
-         engine_double.make_list({f"m.{index}": value for index, value in enumerate(VALUES)})]
+          ((), "aint32"), (0.1, "double"), *(record.Value(code) for code in (3, 4, 8, 2**32 - 1)),
+          record.Value(5, count=9)]
+LISTS = [record.make_list(VALUES), record.make_list([]), record.make_list([b"a:out", b"b:in"] * 9),
+         record.make_list({f"m.{index}": value for index, value in enumerate(VALUES)})]
 PORTS = [(b"out", 1), (b"\xff", 2), (b"", 2**31)]
-MODULES = [engine_double.Module.of(b"driver", 0), engine_double.Module.of(b"\xc3", 1, 1, PORTS, [(b"in", 1, b"m:out")]),
-           engine_double.Module.of(b"m" * 39, 9, None, [(b"p" * 131, 1)], [(b"in", 2, b"\xff:\xfe"), (b"in", 1)])]
+MODULES = [record.Module.of(b"driver", 0), record.Module.of(b"\xc3", 1, 1, PORTS, [(b"in", 1, b"m:out")]),
+           record.Module.of(b"m" * 39, 9, None, [(b"p" * 131, 1)], [(b"in", 2, b"\xff:\xfe"), (b"in", 1)])]
 FUNCTIONS = sorted(set(re.findall(r"\b(sonetrix_\w+)\(", (SOURCE / "include/sonetrix/engine_api.h").read_text())))
 # They make as much text as a number asks for.
 GREEDY = "newModule", "delModule", "getLink", "link", "logOnFile", "_writeLinesWithHeader"
@@ -116,16 +116,16 @@ class Session:
         """Something that the engine answers from now on."""
         name, form = self.source.pick(FUNCTIONS), self.source.byte()
         if name == "sonetrix_engine_IsRunning":
-            engine_double.result(name, 1, lasting=False)  # else the monitors would not end
+            record.result(name, 1, lasting=False)  # else the monitors would not end
         elif form & 3 == 0:
-            engine_double.result(name, self.source.pick([0, -1, 1, 2**31 - 1]), form & 4)
+            record.result(name, self.source.pick([0, -1, 1, 2**31 - 1]), form & 4)
         elif form & 3 == 1:
-            engine_double.null(name, form >> 2)
+            record.null(name, form >> 2)
         elif form & 3 == 2:
-            engine_double.numbers(name, *(self.source.byte() for _ in range(form >> 5)))
-            engine_double.text(name, self.source.bytes())
+            record.numbers(name, *(self.source.byte() for _ in range(form >> 5)))
+            record.text(name, self.source.bytes())
         else:
-            engine_double._library.double_list(name.encode(), self.source.pick(LISTS))
+            record._library.record_list(name.encode(), self.source.pick(LISTS))
 
     def call(self):
         function, parameters = self.source.pick(CALLABLES)
@@ -144,9 +144,9 @@ class Session:
         if form < 30:
             self.script()
         elif form < 60:
-            engine_double._library.double_fire(form & 3, self.source.pick([None, *LISTS]), 0, 1 + (form & 1))
+            record._library.record_fire(form & 3, self.source.pick([None, *LISTS]), 0, 1 + (form & 1))
         elif form < 64:
-            engine_double._holding_lock.double_fire(form & 3, LISTS[3], 0, 1)
+            record._holding_lock.record_fire(form & 3, LISTS[3], 0, 1)
         elif form < 80 and self.pool:
             del self.pool[self.source.byte() % len(self.pool)]
         else:
@@ -161,13 +161,13 @@ class Session:
 def run(data):
     gc.collect()
     before = fuzz_input.left()
-    engine_double.reset()
-    engine_double.recording(False)
-    engine_double.result("sonetrix_engine_IsRunning", 0)
+    record.reset()
+    record.recording(False)
+    record.result("sonetrix_engine_IsRunning", 0)
     session = Session(data)
     for _ in range(session.source.byte() % 4):
         session.script()
-    engine_double.modules(*MODULES[session.source.byte() % 4:])
+    record.modules(*MODULES[session.source.byte() % 4:])
     while session.source:
         session.step()
     session.pool.clear()
@@ -186,7 +186,7 @@ def run(data):
 
 
 def remains():
-    return fuzz_input.left(), list(map(engine_double.registrations, range(4)))
+    return fuzz_input.left(), list(map(record.registrations, range(4)))
 
 
 sonetrix = fuzz_input.prepare()

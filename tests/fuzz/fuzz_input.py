@@ -5,7 +5,7 @@ import io
 import struct
 import sys
 
-from support import engine_double
+from support import record
 
 Named = collections.namedtuple("Named", "a b")
 IntSubclass, FloatSubclass, StrSubclass, BytesSubclass, TupleSubclass = (
@@ -69,14 +69,14 @@ class Input:
 
 
 def prepare():
-    """The module; for the whole run, what it reports is let go and the double keeps no record."""
+    """The module; for the whole run, what it reports is let go and the layer keeps no record."""
     sys.unraisablehook = lambda report: None
     sys.stderr = type("Null", (io.TextIOBase,), {"write": lambda self, text: len(text)})()
-    sonetrix = engine_double.load()
-    engine_double.recording(False)
+    sonetrix = record.load()
+    record.recording(False)
     return sonetrix
 
 
 def left():
     """What the engine holds for the module, and how often its lists were misused."""
-    return engine_double.live_lists(), engine_double.live_values(), engine_double.live_blocks(), engine_double.misuses()
+    return record.live(), record.violations()

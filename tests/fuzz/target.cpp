@@ -1,7 +1,6 @@
 // A libFuzzer program: the interpreter with the module built in. What an input means is up to the target's Python
 // module, whose function `run` gets the bytes; an exception that comes out of it is a finding.
 
-#include "console_access.h"
 #include "module_init.h"
 #include "python/ref.h"
 
@@ -32,7 +31,6 @@ void startInterpreter() {
     config.write_bytecode = 0;
     if (PyStatus_Exception(Py_PreInitialize(&allocation)) != 0 ||
         PyImport_AppendInittab("sonetrix", PyInit_sonetrix) != 0 ||
-        PyImport_AppendInittab("console_access", newConsoleAccess) != 0 ||
         PyStatus_Exception(Py_InitializeFromConfig(&config)) != 0) {
         std::abort();
     }

@@ -3,7 +3,7 @@
 import ctypes
 
 import fuzz_input
-from support import engine_double
+from support import record
 
 SELECTORS = [None] * 5 + ["string", "int32", "uint32", "float", "double", "int", "uint", "bool", "", b"int32", 0]
 SELECTORS += ctypes.c_int32, ctypes.c_uint32, ctypes.c_float, ctypes.c_double, ctypes.c_char_p, ctypes.c_int8

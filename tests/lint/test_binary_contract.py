@@ -4,7 +4,7 @@ import re
 import subprocess
 import unittest
 
-from support import BUILD, DOUBLE, MODULE, SANITIZER, SOURCE
+from support import BUILD, RECORD, MODULE, SANITIZER, SOURCE
 
 EXPORTS = {"sonetrix_engineCliCostructor", "PyInit_sonetrix"}
 
@@ -45,7 +45,7 @@ class BinaryContract(unittest.TestCase):
 
     def test_the_engines_have_the_whole_interface(self):
         self.assertGreater(len(interface()), 80)
-        for library in (BUILD / "lib" / "libsonetrix_engine.so", DOUBLE):
+        for library in (BUILD / "lib" / "libsonetrix_engine.so", RECORD):
             with self.subTest(library.name):
                 self.assertEqual(interface() - symbols(library, "--defined-only"), set())
 

@@ -11,16 +11,13 @@ import types
 import unittest
 import unittest.mock
 
-from support import engine_double
-from support.engine_double import Module, gives, modules, null
+from support import record
+from support.record import Module, gives, modules, null
 
-sonetrix = engine_double.load()
+sonetrix = record.load()
 engine, log, listValue, listKeyValue = sonetrix.engine, sonetrix.log, sonetrix.listValue, sonetrix.listKeyValue
 
-_library = engine_double._holding_lock
-_library.double_failAllocation.restype, _library.double_failAllocation.argtypes = None, [engine_double.ctypes.c_int64]
-_library.double_endAllocationFailure.restype = engine_double.ctypes.c_int64
-_library.double_endAllocationFailure.argtypes = []
+_library = record._holding_lock
 
 ENTRIES = {"a.gain": 0.5, "a.name": b"text", "a.table": ((1, 2), "aint32")}
 
@@ -94,12 +91,12 @@ CALLS = {
 
 def run_with_failure(call, number):
     """The exception of a call whose allocation of that number fails, and how many allocations it made."""
-    _library.double_failAllocation(number)
+    _library.record_failAllocation(number)
     try:
         result, error = call(), None
     except BaseException as caught:
         result, error = None, caught
-    count = _library.double_endAllocationFailure()
+    count = _library.record_endAllocationFailure()
     return error, count
 
 
@@ -112,9 +109,9 @@ class AllocationFailures(unittest.TestCase):
             gives("sonetrix_engine_" + name, ENTRIES)
         modules(Module.of(b"system", 0, sources=[(b"system:in", 0)], sinks=[(b"system:out", 0, b"a:out")]),
                 Module.of(b"a", 1, sources=[(b"a:out", 0)], sinks=[(b"a:in", 0)]))
-        engine_double.recording(False)
-        self.addCleanup(engine_double.recording, True)
-        self.addCleanup(engine_double.reset)
+        record.recording(False)
+        self.addCleanup(record.recording, True)
+        self.addCleanup(record.reset)
 
     def test_each_allocation_of_each_method(self):
         faults = 0
@@ -123,7 +120,7 @@ class AllocationFailures(unittest.TestCase):
                 for _ in range(3):  # caches and free lists settle
                     usual, _ = run_with_failure(call, -1)
                 gc.collect()
-                lists = engine_double.live_lists()
+                lists = record.live()
                 number, count = 0, 1
                 while number < count:
                     with contextlib.redirect_stderr(io.StringIO()):
@@ -137,10 +134,10 @@ class AllocationFailures(unittest.TestCase):
                     number += 1
                     faults += 1
                 gc.collect()
-                self.assertEqual(engine_double.live_lists(), lists, "lists left behind")
+                self.assertEqual(record.live(), lists, "lists left behind")
                 again, _ = run_with_failure(call, -1)
                 self.assertIs(type(again), type(usual), again)
-        self.assertEqual(engine_double.misuses(), 0)
+        self.assertEqual(record.violations(), [])
         print(f"{faults} allocation failures in {len(CALLS)} calls", file=sys.stderr)
 
     def test_a_null_from_the_engine_wherever_it_makes_something(self):
@@ -156,14 +153,14 @@ class AllocationFailures(unittest.TestCase):
             ("sonetrix_engine_meterInfoList", CALLS["engine.getMeterInfo"], Exception),
         ):
             with self.subTest(name):
-                lists = engine_double.live_lists()
+                lists = record.live()
                 null(name)
                 with self.assertRaises(error):
                     call()
                 null(name, 0)
                 call()
                 gc.collect()
-                self.assertEqual(engine_double.live_lists(), lists)
+                self.assertEqual(record.live(), lists)
 
 
 if __name__ == "__main__":

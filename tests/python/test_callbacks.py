@@ -8,8 +8,8 @@ import unittest
 import weakref
 from unittest import mock
 
-from support import TIME_LIMIT, engine_double
-from support.engine_double import CHANGES, FAST_METERS, SLOW_METERS, TIMER, Value, fire, registrations
+from support import TIME_LIMIT, record
+from support.record import CHANGES, FAST_METERS, SLOW_METERS, TIMER, Value, fire, registrations
 
 # The engine's functions to register and to remove, and what is registered with.
 ENGINE = {CHANGES: ("notify_changes_addCallback", "notify_changes_rmCallback", ("engine",)),
@@ -18,7 +18,7 @@ ENGINE = {CHANGES: ("notify_changes_addCallback", "notify_changes_rmCallback", (
           TIMER: ("addTimer", "delTimer", ("engine", -5))}
 
 
-class CallbackTest(engine_double.TestCase):
+class CallbackTest(record.TestCase):
     def make(self, kind, callback):
         module = self.sonetrix
         return {CHANGES: module.notifyChanges, FAST_METERS: module.notifyMeters,
@@ -39,7 +39,7 @@ class CallbackTest(engine_double.TestCase):
             fire(kind)
             self.assertEqual(received, [()] * 3 if kind == TIMER else [({b"a": 5, b"b": b"x"},)] * 2 + [({},)])
             self.assertNotIn(threading.get_ident(), threads)
-            calls = engine_double.calls("sonetrix_engine_*", clear=True)
+            calls = record.calls("sonetrix_engine_*", clear=True)
             self.assertEqual([(call.name, call.lock_held) for call in calls],
                              [("sonetrix_engine_" + name, False) for name in (add, remove)])
             self.assertEqual(calls[0].args, sent)
@@ -59,35 +59,35 @@ class CallbackTest(engine_double.TestCase):
             self.assertRefused(kind, text, call, *arguments)
         with mock.patch.object(module, "signature", side_effect=KeyError):
             self.assertRaises(KeyError, module.notifyChanges, len)
-        self.assertEqual(engine_double.calls(), [])
+        self.assertEqual(record.calls(), [])
         for add, *_ in ENGINE.values():
-            engine_double.null("sonetrix_engine_" + add)
+            record.null("sonetrix_engine_" + add)
         self.assertRefused(MemoryError, "", module.notifyChanges, len)
         self.assertRefused(MemoryError, "", module.notifyMeters, len)
         self.assertIsInstance(module.timeout(1, print), module.timeout)
-        self.assertEqual(engine_double.calls("*rmCallback*", "*delTimer"), [])
+        self.assertEqual(record.calls("*rmCallback*", "*delTimer"), [])
 
     def test_lock_order_and_failing_callables(self):
         for kind, label, word in (CHANGES, "notify", "notification"), (FAST_METERS, "meters", "meter"):
             received = []
             made = self.make(kind, lambda entries: received.append(entries) or 1 / entries[b"a"])
-            engine_double.clear()
+            record.clear()
             fire(kind, {"a": 1}, threads=0, lock_held=True)
             fire(kind, {"a": 0})
             fire(kind, {"odd": Value(99), "a": 1}, threads=0)  # this thread, without the lock
             self.assertEqual(received, [{b"a": 0}, {b"a": 1}])
-            self.assertEqual(engine_double.log_lines(), [
+            self.assertEqual(record.log_lines(), [
                 (4, f"GIL LOCK ORDER ERROR! {label} callback invoked with the GIL already acquired"),
                 (3, f"Exception whilee invoking {word} callback registered from Python")])
-            self.assertEqual([call.lock_held for call in engine_double.calls("sonetrix_log_LogString")], [True, False])
+            self.assertEqual([call.lock_held for call in record.calls("sonetrix_log_LogString")], [True, False])
         made = self.make(TIMER, lambda: [][1])
-        engine_double.clear()
+        record.clear()
         fire(TIMER, threads=0, lock_held=True)  # no lock order for timers
-        (level, text), = engine_double.log_lines()
+        (level, text), = record.log_lines()
         self.assertEqual(level, 3)
         self.assertRegex(text,
                          r"(?s)^exception in callback timer: Traceback \(most.*IndexError: list index out of range\n$")
-        with mock.patch.object(self.sonetrix, "log", None), engine_double.unraisables() as reports:
+        with mock.patch.object(self.sonetrix, "log", None), record.unraisables() as reports:
             fire(TIMER)
         self.assertEqual([(name, type(error)) for name, error in reports],
                          [("sonetrix.timeout.timerCb", AttributeError)])
@@ -140,7 +140,7 @@ class CallbackTest(engine_double.TestCase):
             def callback(*_):
                 called.append(kind)
             remove = "sonetrix_engine_" + remove
-            engine_double.delay(remove, TIME_LIMIT)  # the engine keeps the registration that long
+            record.delay(remove, TIME_LIMIT)  # the engine keeps the registration that long
             dropping = self.make(CHANGES if kind == TIMER else TIMER, lambda *_: kept.clear())
             kept.append(self.make(kind, callback))
             fire(CHANGES if kind == TIMER else TIMER, {})
@@ -149,7 +149,7 @@ class CallbackTest(engine_double.TestCase):
             again = self.make(kind, callback)
             fire(kind, {})  # may be for this one
             self.assertIn(kind, called)
-            engine_double.delay(remove, 0)
+            record.delay(remove, 0)
             del dropping, again
             while registrations(kind):
                 pass

@@ -34,12 +34,15 @@ add_clear_callback(cleared)
 class Host(Console):
     """The console host on a terminal, with a line of command and a report at its end."""
 
-    def __init__(self, *options, start=CLEARED, **keywords):
+    def __init__(self, *operations, start=CLEARED, flags=(), **keywords):
         self.folder = tempfile.TemporaryDirectory()
         self.report_path = os.path.join(self.folder.name, "report")
         read_end, self._commands = os.pipe()
-        super().__init__(MODULE, "--report", self.report_path, "--commands", read_end, "--text", "python.start=" + start,
-                         *options, program=CONSOLE_HOST, pass_fds=(read_end,), **keywords)
+        if "construct" not in operations:
+            operations += "construct", "start", "run", "destroy"
+        super().__init__(MODULE, "--report", self.report_path, "--commands", read_end, *flags,
+                         "text", "python.start=" + start, *operations,
+                         program=CONSOLE_HOST, pass_fds=(read_end,), **keywords)
         os.close(read_end)
 
     def __exit__(self, *arguments):
@@ -63,6 +66,10 @@ class Host(Console):
         return facts, log
 
 
+def stop_after(milliseconds):
+    return "construct", "start", "after", milliseconds, "stop", "run", "destroy"
+
+
 def check_end(facts, log, output, warnings=()):
     assert output.count("cleared") == 1, output
     errors = set(re.findall(r"^(\w*(?:Error|Exit|Warning|Interrupt|Exception)\b.*)", output, re.M))
@@ -70,7 +77,7 @@ def check_end(facts, log, output, warnings=()):
     assert not re.search("ignored|atal|terminate|wake_console", output), output
     assert "Traceback" not in output.split("cleared")[1], output
     assert [line for line in log if line[0] >= WARN] == list(warnings), log
-    assert (facts["sigintAfter"], facts["blocks"], facts["misuses"]) == ("ignored", 0, 0), facts
+    assert (facts["sigintAfter"], facts["blocks"]) == ("ignored", 0), facts
 
 
 class StartParameters(unittest.TestCase):
@@ -104,21 +111,21 @@ class StartParameters(unittest.TestCase):
                     self.assertEqual(facts["sigintMode"], 1 if sigint is None else sigint)
                     self.assertTrue(facts["contextKept"] and facts["parametersConsumed"] and facts["interactive"] == 0)
                     self.assertEqual((facts["sigintWhileConstructed"], facts["sigintAfter"]), ("ignored", "ignored"))
-                    self.assertEqual((facts["blocks"], facts["misuses"]), (0, 0))
-                    self.assertEqual({args[1] for _, args, *_ in report.calls("sonetrix_log")}, {1})
+                    self.assertEqual(facts["blocks"], 0)
+                    self.assertEqual({args[3] for _, args, *_ in report.calls("sonetrix_log")}, {1})
 
     @staticmethod
     def run_host(code, path, sigint):
         texts = [(key, text) for key, text in (("start", code), ("file", path)) if text is not None]
-        options = [part for key, text in texts for part in ("--text", f"python.{key}={text}")]
-        options += [] if sigint is None else ["--uint", f"python.sigint={sigint}"]
+        options = [part for key, text in texts for part in ("text", f"python.{key}={text}")]
+        options += [] if sigint is None else ["uint", f"python.sigint={sigint}"]
         return run_console_host(*options, text_input="print('input')\n")
 
     def test_on_a_terminal(self):
         for options, mode, line, disposition in (
             ([], 1, PYTHON_HANDLER, "handler"),
-            (["--uint", "python.sigint=0"], 0, "interactive console", "ignored"),
-            (["--uint", "python.sigint=2"], 2, PYTHON_HANDLER, "handler"),
+            (["uint", "python.sigint=0"], 0, "interactive console", "ignored"),
+            (["uint", "python.sigint=2"], 2, PYTHON_HANDLER, "handler"),
         ):
             with self.subTest(options), Host(*options) as host:
                 host.prompt()
@@ -130,7 +137,7 @@ class StartParameters(unittest.TestCase):
                 self.assertEqual(facts["sigintWhileConstructed"], disposition)
 
     def test_odd_surroundings(self):
-        report = run_console_host("--null-parameters")
+        report = run_console_host("no-parameters")
         self.assertEqual(report.log, [(INFO, "not interactive console"), CLEARING])
         self.assertEqual((report.facts["sigintMode"], report.facts["run"]), (1, SUCCEEDED))
         report = run_console_host(preexec_fn=lambda: os.close(0))
@@ -141,7 +148,7 @@ class StartParameters(unittest.TestCase):
         self.assertEqual((report.facts["run"], ".so" in report.result.stdout), (SUCCEEDED, True), report.result.stderr)
 
     def test_no_interpreter(self):
-        report = run_console_host("--text", "python.start=print(1)", "--stop-before-run", 1, text_input="print(2)",
+        report = run_console_host("text", "python.start=print(1)", "construct", "start", "stop", "run", "destroy", text_input="print(2)",
                                   environment={"PYTHONHOME": "/nonexistent"})
         self.assertEqual(report.log[1:], [(INFO, "not interactive console"), (WARN, "error init python"), (DEBUG, REQUEST)])
         facts = report.facts
@@ -153,11 +160,11 @@ class StartParameters(unittest.TestCase):
 
     def test_a_second_record(self):
         refused = [(WARN, "could not extend in-built modules table"), (WARN, "error creating python cli")]
-        report = run_console_host("--second", text_input="print(engine.isRunning())")
+        report = run_console_host("construct", "second", "start", "run", "destroy", text_input="print(engine.isRunning())")
         lines = [(INFO, "not interactive console")]
         self.assertEqual(report.log, [*lines, *lines, *refused, CLEARING])
         self.assertEqual((report.facts["second"], report.facts["run"], report.facts["blocks"]), (False, SUCCEEDED, 0))
-        with Host("--second") as host:
+        with Host("construct", "second", "start", "run", "destroy") as host:
             host.prompt()
             host.control("D")
             facts, log = host.finish(warnings=refused)
@@ -198,7 +205,7 @@ class Script(unittest.TestCase):
     def test_a_signal_handler_that_raises_while_input_is_awaited(self):
         start = "import signal as s; s.signal(s.SIGALRM, lambda *_: 1 / 0); s.setitimer(s.ITIMER_REAL, 0.2)"
         silent = os.pipe()
-        report = run_console_host("--text", "python.start=" + start, text_input=None, stdin=silent[0])
+        report = run_console_host("text", "python.start=" + start, text_input=None, stdin=silent[0])
         for end in silent:
             os.close(end)
         self.assertEqual(report.facts["run"], ENDED)
@@ -260,14 +267,14 @@ class Stop(unittest.TestCase):
     def test_where_the_engine_keeps_sigint(self):
         for state, editing in itertools.product(("prompt", "continuation"), (False, True)):
             start = CLEARED + ("import readline" if editing else "")
-            with self.subTest(state=state, editing=editing), Host("--uint", "python.sigint=0", start=start) as host:
+            with self.subTest(state=state, editing=editing), Host("uint", "python.sigint=0", start=start) as host:
                 self.enter(host, *self.STATES[state])
                 began = time.monotonic()
                 host.command("stop")
                 facts, log = host.finish()
                 self.assertLess(time.monotonic() - began, IN_TIME)
                 self.assertEqual((facts["run"], facts["sigintWhileConstructed"], log[-3:]), (ENDED, "ignored", STOP_LINES))
-        with Host("--uint", "python.sigint=0") as host:
+        with Host("uint", "python.sigint=0") as host:
             host.prompt()
             host.send("import time; print('go' + 'ing'); time.sleep(2.5); print('re' + 'sted'); input('no prompt')")
             host.expect("going")
@@ -292,7 +299,7 @@ class Stop(unittest.TestCase):
                 silent = os.pipe()
                 os.write(silent[1], text.encode())
                 began = time.monotonic()
-                report = run_console_host("--stop-after", 300, "--text", "python.start=" + CLEARED,
+                report = run_console_host("text", "python.start=" + CLEARED, *stop_after(300),
                                           text_input=None, stdin=script if file else silent[0])
                 for end in silent:
                     os.close(end)
@@ -303,7 +310,7 @@ class Stop(unittest.TestCase):
                 check_end(report.facts, report.log, report.result.stdout)
 
     def test_while_an_exception_is_shown(self):
-        report = run_console_host("--uint", "python.sigint=0", text_input="""
+        report = run_console_host("uint", "python.sigint=0", text_input="""
 exit(0)
 error = ValueError()
 error.__notes__ = list(map(str, range(20000)))
@@ -314,11 +321,11 @@ raise error
 
     def test_before_and_without_a_run(self):
         twice = [(DEBUG, REQUEST), (DEBUG, ALREADY), CLEARING]
-        report = run_console_host("--stop-before-run", 2, text_input="print('input')")
+        report = run_console_host("construct", "start", "stop", "stop", "run", "destroy", text_input="print('input')")
         self.assertEqual((report.log[1:], report.facts["run"], report.result.stdout), (twice, SUCCEEDED, "input\n"))
-        report = run_console_host("--stop-before-run", 2, "--no-run", "--no-start")
+        report = run_console_host("construct", "stop", "stop", "destroy")
         self.assertEqual((report.log[1:], report.facts["stopRequested"]), (twice, 1))
-        with Host("--stop-before-run", 2) as host:
+        with Host("construct", "start", "stop", "stop", "run", "destroy") as host:
             host.send("print('in' + 'put')")
             facts, log = host.finish()
             self.assertEqual((facts["run"], log[-3:]), (ENDED, twice))
@@ -329,7 +336,7 @@ raise error
         for sleep, interrupted in (("time.sleep(1000)", True), ("time.sleep(2)", False)):
             with self.subTest(sleep):
                 source = CLEARED + f"import time; exit(3); {sleep}; print('rested')"
-                report = run_console_host("--text", "python.start=" + source)
+                report = run_console_host("text", "python.start=" + source)
                 self.assertEqual("KeyboardInterrupt" in report.result.stderr, interrupted)
                 self.assertEqual("rested" in report.result.stdout, not interrupted)
                 self.assertNotIn((DEBUG, SIGNAL), report.log)
@@ -344,13 +351,13 @@ raise error
             pick = random.Random(seed)
             delay = int(pick.expovariate(1 / 25)) * SLOWNESS
             if pick.random() < 0.25:
-                report = run_console_host("--text", "python.start=" + CLEARED, "--stop-after", 20 * SLOWNESS + delay,
+                report = run_console_host("text", "python.start=" + CLEARED, *stop_after(20 * SLOWNESS + delay),
                                           text_input=pick.choice(loops))
                 check_end(report.facts, report.log, report.result.stdout)
                 return report.facts["run"], report.log
             keep = pick.random() < 0.2
-            options = ["--uint", "python.sigint=0"] if keep else []
-            with Host("--stop-after", delay, *options, start=CLEARED + pick.choice(["", "import readline\n"])) as host:
+            options = ["uint", "python.sigint=0"] if keep else []
+            with Host(*options, *stop_after(delay), start=CLEARED + pick.choice(["", "import readline\n"])) as host:
                 for _ in range(pick.randrange(8)):
                     host.send(pick.choice(["1 + 1", "if True: pass\n", "", "input()", "def f(): pass\n"]))
                 # What the engine keeps from being interrupted ends by itself.

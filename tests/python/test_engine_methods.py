@@ -10,8 +10,8 @@ import types
 import unittest
 from unittest import mock
 
-from support import engine_double
-from support.engine_double import Module
+from support import record
+from support.record import Module
 
 E, M = "engine", 2**32 - 1
 WRONG_TYPE = "Argument '{}' has incorrect type (expected {}, got {})"
@@ -22,7 +22,7 @@ CALLS = [
     ("exit()", [("RequestStop", E)], None),
     ("getXrunCounter()", [("DriverGetXRun", E)], 7), ("getFrameRate()", [("DriverGetFrameRate", E)], 7),
     ("cpuInfo()", [("DriverGetCpuUsage", E)], (1.5, -2.0, 0.25, 0.0, 7.0, 1.0)),
-    ("getDriverName()", [("DriverGetName", E)], "double"),
+    ("getDriverName()", [("DriverGetName", E)], "dummy"),
     ("newModule('n', b'i\\xff', None)", [("ModuleNew", E, b"n", b"i\xff", None)], 7),
     ("newModule(info=K().append('a', 1), name=bytearray(b'n'), identifier=memoryview(b'i'))",
      [("ModuleNew", E, b"n", b"i", [(b"a", ("int32", 1))])], 7),
@@ -37,7 +37,7 @@ CALLS = [
     *((f"getParam({key!r}).toDict()", [("GetParams", E, [("string", b"a.b")])], {b"k": 1.5})
       for key in ("a.b", b"a.b", ["a.b"], (b"a.b",))),
     ("getParams(L()).toDict()", [], {}), ("setParams(K()).toDict()", [], {}), ("setParamsCli(k=K()).toDict()", [], {}),
-    ("setParams(K().append('a', 1)).toDict()", [("SetParamsFull", E, [(b"a", ("int32", 1))])], {b"a": 1}),
+    ("setParams(K().append('a', 1)).toDict()", [("SetParamsFull", E, [(b"a", ("int32", 1))])], {b"k": 1.5}),
     ("setParamsCli(K().append('a', 'x')).toDict()", [("SetParamsFullCli", E, [(b"a", ("string", b"x"))])], {b"k": 1.5}),
     *((f"addDebugMeter('k', {value!r}{rest})", [("addDebugMeter", E, kind, b"k", sent)], None)
       for value, rest, kind, sent in (
@@ -55,7 +55,7 @@ CALLS = [
     ("getMeterInfo(False).toDict()", [("meterInfoList", E, 0)], {b"k": 1.5}),
 ]
 GIVEN = {"GetModulesList": ["x", 5], "GetAllPortNames": ["x", 5], "GetLinkPort": ["x", 5],
-         **{name: {"k": 1.5} for name in ("GetParams", "SetParamsFullCli", "GetLastMeters", "meterInfoList")}}
+         **{name: {"k": 1.5} for name in ("GetParams", "SetParamsFull", "SetParamsFullCli", "GetLastMeters", "meterInfoList")}}
 NULLS = ["listAvailableModules()", "getPortNames()", "getLink('p')", "getParam('k').toDict()",
          "getLastMeter('k').toDict()",
          "getLastMeter('k.l').toDict()", "param().toDict()"]
@@ -98,7 +98,7 @@ REFUSALS = {
 }
 
 
-class EngineTestCase(engine_double.TestCase):
+class EngineTestCase(record.TestCase):
     def setUp(self):
         super().setUp()
         self.engine = self.sonetrix.engine
@@ -109,7 +109,7 @@ class EngineTestCase(engine_double.TestCase):
 
     def made(self):
         """The engine calls so far, without the list that a function fills in; all with the lock released."""
-        calls = engine_double.calls("sonetrix_engine_*", "readMeters")
+        calls = record.calls("sonetrix_engine_*", "readMeters")
         self.assertEqual([call for call in calls if call.lock_held], [])
         return [(call.name.removeprefix("sonetrix_engine_"),
                  *(call.args[:2] if "SetParams" in call.name else call.args))
@@ -118,27 +118,28 @@ class EngineTestCase(engine_double.TestCase):
 
 class CallTest(EngineTestCase):
     def test_calls(self):
-        engine_double.numbers("sonetrix_engine_DriverGetCpuUsage", 1.5, -2, 0.25, 0, 7, 1)
+        record.numbers("sonetrix_engine_DriverGetCpuUsage", 1.5, -2, 0.25, 0, 7, 1)
+        record.text("sonetrix_engine_DriverGetName", b"dummy")
         for name, entries in GIVEN.items():
-            engine_double.gives("sonetrix_engine_" + name, entries)
+            record.gives("sonetrix_engine_" + name, entries)
         for text, made, expected in CALLS:
             with self.subTest(text):
-                engine_double.clear()
+                record.clear()
                 for name, *_ in made:
-                    engine_double.result("sonetrix_engine_" + name, 7 * (name != "DriverGetName"))
+                    record.result("sonetrix_engine_" + name, 7 * (name != "DriverGetName"))
                 result = self.evaluate(text)
                 self.assertEqual((type(result), result, self.made()), (type(expected), expected, made))
         for text, function, value, result in (
                 ("isRunning()", "IsRunning", 0, False), ("hasDriver()", "DriverIsLoaded", 0, False),
                 ("link('a')", "LinkPort", -2**31, -2**31),
                 ("isRunning()", "IsRunning", -1, True), ("getFrameRate()", "DriverGetFrameRate", M, M)):
-            engine_double.result("sonetrix_engine_" + function, value)
+            record.result("sonetrix_engine_" + function, value)
             self.assertIs(type(self.evaluate(text)), type(result))
             self.assertEqual(self.evaluate(text), result)
 
     def test_nulls(self):
         for name in [*GIVEN, "getStartParameter"]:
-            engine_double.null("sonetrix_engine_" + name)
+            record.null("sonetrix_engine_" + name)
         self.assertEqual([self.evaluate(text) for text in NULLS], [[]] * 3 + [{}] * 4)
         self.assertRefused(Exception, "listkey cannot be NULL on init", self.engine.getMeterInfo, 1)
 
@@ -154,23 +155,23 @@ class CallTest(EngineTestCase):
 
     def test_clocks_keep_the_lock(self):
         for name, call in ("sample_timestamp", self.engine.getLastAudioTimeStamp), ("gettime", self.engine.now):
-            engine_double.numbers("sonetrix_clock_" + name, 1700000000, 250000000)
-            engine_double.result("sonetrix_clock_" + name, -1)
+            record.numbers("sonetrix_clock_" + name, 1700000000, 250000000)
+            record.result("sonetrix_clock_" + name, -1)
             self.assertEqual(call(), 1700000000.25)
-        self.assertEqual([call[1:3] for call in engine_double.calls("sonetrix_clock_*")], [((E,), True), ((), True)])
+        self.assertEqual([call[1:3] for call in record.calls("sonetrix_clock_*")], [((E,), True), ((), True)])
 
     def test_driver_name(self):
         name = "sonetrix_engine_DriverGetName"
         for text in b"", b"x" * 5000:
-            engine_double.text(name, text)
+            record.text(name, text)
             self.assertEqual(self.engine.getDriverName(), text.decode())
-        engine_double.text(name, b"\xc3")
+        record.text(name, b"\xc3")
         self.assertRaises(UnicodeDecodeError, self.engine.getDriverName)
-        engine_double.result(name, -1)
+        record.result(name, -1)
         self.assertRefused(Exception, "could not get driver name", self.engine.getDriverName)
 
     def test_handle_wait_and_start_parameters(self):
-        engine_double.null("sonetrix_engineGet")
+        record.null("sonetrix_engineGet")
         self.assertIsNone(self.engine.initEngine())  # keeps the handle
         running = mock.patch.object(self.engine, "isRunning", side_effect=[1, 1, 0])
         with mock.patch.object(self.sonetrix, "time") as time, running:
@@ -178,9 +179,9 @@ class CallTest(EngineTestCase):
             self.assertEqual(time.mock_calls, [mock.call.sleep(0.1)] * 2)
         with mock.patch.object(self.sonetrix, "time", None):
             self.assertRaises(AttributeError, self.engine.waitUntilEnd)
-            self.engine.exit()
+            record.result("sonetrix_engine_IsRunning", 0)
             self.assertIsNone(self.engine.waitUntilEnd())
-        engine_double.gives("sonetrix_engine_getStartParameter", {"a": 1})
+        record.gives("sonetrix_engine_getStartParameter", {"a": 1})
         changed = self.engine.param().append("b", 2)
         self.assertEqual((self.engine.param().toDict(), changed.toDict()), ({b"a": 1}, {b"a": 1, b"b": 2}))
 
@@ -189,15 +190,15 @@ class CallTest(EngineTestCase):
         strike = ctypes.PyDLL(None)["PyErr_SetInterrupt"]  # only takes note of it, as the handler in C does
         strike.restype, strike.argtypes = None, [ctypes.c_double]
         for running in 1, 1, 0:
-            engine_double.result("sonetrix_engine_IsRunning", running, lasting=False)
+            record.result("sonetrix_engine_IsRunning", running, lasting=False)
         with (mock.patch.object(self.sonetrix, "time", types.SimpleNamespace(sleep=strike)),
               self.assertRaises(KeyboardInterrupt)):
             self.engine.waitUntilEnd()
-        self.assertEqual(len(engine_double.calls("sonetrix_engine_IsRunning")), 1)
+        self.assertEqual(len(record.calls("sonetrix_engine_IsRunning")), 1)
 
     def test_last_meters_by_prefix(self):
         given = {"m.a": 1, "m.ab": (2.5, "double"), "m.b": "x", "n.a": ((1.0,), "afloat")}
-        engine_double.gives("sonetrix_engine_GetLastMeters", given)
+        record.gives("sonetrix_engine_GetLastMeters", given)
         for key, typed in (("m.a", {b"m.a": (1, "int32"), b"m.ab": (2.5, "double")}),
                            (b"m.b", {b"m.b": (b"x", "string")}),
                            ("n.", {b"n.a": ((1.0,), "afloat")}), ("m.a.c", {}), (".", {})):
@@ -207,17 +208,17 @@ class CallTest(EngineTestCase):
     def test_meter_manager(self):
         register, get = "sonetrix_engine_registerMeterManager", self.engine.getMeters
         self.addCleanup(self.engine.unregisterMetersManager)
-        engine_double.result(register, 1, lasting=False)
+        record.result(register, 1, lasting=False)
         self.assertRefused(Exception, "couldn't register CLI as meter manager", get, 5, 1)
-        engine_double.null(register, 1)
+        record.null(register, 1)
         self.assertRefused(Exception, "Callback to read meters is not valid", get, "m", 1)
         self.assertRefused(Exception, "only string/bytes is accepted as input", get, 5, 7)
         for arguments in (), ("m", -1), ("m", 2):
             self.assertRefused(Exception, "Meters type not valid", get, *arguments)
         self.assertRaises(OverflowError, get, "m", 2**31)
-        engine_double.gives("readMeters", {"a": 1})
+        record.gives("readMeters", {"a": 1})
         self.assertEqual([get("m", 1).toDict(), get(meters_type=0).toDict()], [{b"a": 1}] * 2)
-        engine_double.null("readMeters", 1)
+        record.null("readMeters", 1)
         self.assertEqual(get(b"\xff", True).toDict(), {})
         self.assertIsNone(self.engine.unregisterMetersManager())
         get("m", 1)
@@ -228,10 +229,10 @@ class CallTest(EngineTestCase):
 
     def test_threads_register_one_meter_manager(self):
         self.addCleanup(self.engine.unregisterMetersManager)
-        engine_double.delay("sonetrix_engine_registerMeterManager", 0.1)
+        record.delay("sonetrix_engine_registerMeterManager", 0.1)
         with concurrent.futures.ThreadPoolExecutor(2) as pool:
             list(pool.map(lambda module: self.engine.getMeters(module, 1), "mn"))
-        self.assertEqual(len(engine_double.calls("sonetrix_engine_registerMeterManager")), 1)
+        self.assertEqual(len(record.calls("sonetrix_engine_registerMeterManager")), 1)
 
 
 class ModulesTest(EngineTestCase):
@@ -240,56 +241,56 @@ class ModulesTest(EngineTestCase):
     def test_records(self):
         empty = self.engine.getModuleNames(), self.engine.getModuleInfos(), self.engine.getUsageInfo()
         self.assertEqual(empty, ([], [], {}))
-        engine_double.modules(
+        record.modules(
             Module.of(b"drv", 0, sources=[(b"drv:1", 3)], sinks=[(b"drv:2", M, b"mod:1"), (b"drv:3", 0)]),
             Module.of(b"mod\xff", 1, reference=7), Module.of(b"x", M))
-        engine_double.text(self.GET_START, b"lib\xff.so")
-        engine_double.gives(self.GET_START, {"c": 5})
-        engine_double.gives("sonetrix_engine_GetParams", {"p": "v"})
+        record.text(self.GET_START, b"lib\xff.so")
+        record.gives(self.GET_START, {"c": 5})
+        record.gives("sonetrix_engine_GetParams", {"p": "v"})
         names, param = self.engine.getModuleNames(), ("param", {b"p": b"v"})
-        self.assertEqual([list(record.items()) for record in self.engine.getModuleInfos()], [
+        self.assertEqual([list(info.items()) for info in self.engine.getModuleInfos()], [
             [("name", b"drv"), ("type", 0), ("src", [{"name": b"drv:1", "type": 3}]),
              ("sink", [{"name": b"drv:2", "type": M, "link": b"mod:1"}, {"name": b"drv:3", "type": 0}]), param],
             [("name", b"mod\xff"), ("type", 1), ("library", b"lib\xff.so"), ("configuration", {b"c": 5}), param],
             [("name", b"x"), ("type", M), ("src", []), ("sink", []), param]])
         asked = [[("string", name + b".")] for name in (b"drv", b"mod\xff", b"x")]
         self.assertEqual([call[2] for call in self.made() if call[0] == "GetParams"], asked)
-        engine_double.null(self.GET_START)
-        engine_double.null("sonetrix_engine_GetParams")
+        record.null(self.GET_START)
+        record.null("sonetrix_engine_GetParams")
         self.assertEqual(list(self.engine.getModuleInfos()[1].values())[2:], [b"lib\xff.so", {}, {}])
-        engine_double.result(self.GET_START, -1)
+        record.result(self.GET_START, -1)
         self.assertEqual(list(self.engine.getModuleInfos()[1]), ["name", "type", "param"])
-        engine_double.numbers("sonetrix_engine_ModuleUsage", 1.5, 0.25, M)
+        record.numbers("sonetrix_engine_ModuleUsage", 1.5, 0.25, M)
         for status in 0, -1:
-            engine_double.result("sonetrix_engine_ModuleUsage", status, lasting=False)
+            record.result("sonetrix_engine_ModuleUsage", status, lasting=False)
         figures = [("absolute", 1.5), ("relative", 0.25), ("processId", M)]
         usage = {name: list(usage.items()) for name, usage in self.engine.getUsageInfo().items()}
         self.assertEqual((names, usage), ([b"drv", b"mod\xff", b"x"], {b"drv": figures, b"x": figures}))
 
     def test_errors_in_the_callbacks(self):
         """They are logged or reported; the engine is told nothing, and goes on with the next module."""
-        each, record = "sonetrix_engine_ForEachModuleSafe", "sonetrix.engine.create_list_module_info"
-        engine_double.modules(Module.of(b"a", 1), Module.of(b"b", 2))
-        engine_double.stop_on_error(each)
+        each, place = "sonetrix_engine_ForEachModuleSafe", "sonetrix.engine.create_list_module_info"
+        record.modules(Module.of(b"a", 1), Module.of(b"b", 2))
+        record.stop_on_error(each)
         for container, text, logged, reported in (
                 ((), "Expected list, got tuple", "info", "sonetrix.engine.create_list_module_name"),
-                (None, "'NoneType' object has no attribute 'append'", "name", record)):
-            engine_double.clear()
-            engine_double.user_data(each, container)
-            with engine_double.unraisables() as reports:
+                (None, "'NoneType' object has no attribute 'append'", "name", place)):
+            record.clear()
+            record.user_data(each, container)
+            with record.unraisables() as reports:
                 self.assertEqual((self.engine.getModuleNames(), self.engine.getModuleInfos()), ([], []))
             self.assertEqual([(name, str(error)) for name, error in reports], [(reported, text)] * 2)
-            for level, line in engine_double.log_lines():
+            for level, line in record.log_lines():
                 prefix = f"exception in callback module {logged}: Traceback (most recent call last):"
                 self.assertEqual(line[:len(prefix)], prefix)
                 self.assertEqual((level, line.splitlines()[-1].split(": ")[1]), (3, text))
-            self.assertEqual(len(engine_double.log_lines()), 2)
-        engine_double.user_data(each, result := [])
-        engine_double.null("sonetrix_valueListNew", 1)  # in the first module's record
-        with engine_double.unraisables() as reports:
+            self.assertEqual(len(record.log_lines()), 2)
+        record.user_data(each, result := [])
+        record.null("sonetrix_valueListNew", 1)  # in the first module's record
+        with record.unraisables() as reports:
             self.engine.getModuleInfos()
         self.assertEqual([module["name"] for module in result], [b"b"])
-        self.assertEqual([(name, type(error)) for name, error in reports], [(record, MemoryError)])
+        self.assertEqual([(name, type(error)) for name, error in reports], [(place, MemoryError)])
 
 
 HEADER = """digraph pipeline {

@@ -5,7 +5,7 @@ import random
 import sys
 import unittest
 
-from support import SOURCE, engine_double
+from support import SOURCE, record
 
 FUZZ = SOURCE / "tests" / "fuzz"
 INPUTS = 1000
@@ -13,7 +13,7 @@ INPUTS = 1000
 
 class FuzzTest(unittest.TestCase):
     def run_target(self, name):
-        self.addCleanup(engine_double.reset)
+        self.addCleanup(record.reset)
         self.addCleanup(setattr, sys, "stderr", sys.stderr)
         self.addCleanup(setattr, sys, "unraisablehook", sys.unraisablehook)
         sys.path.insert(0, str(FUZZ))

@@ -9,8 +9,8 @@ import sys
 import unittest
 from unittest import mock
 
-from support import SANITIZER, engine_double
-from support.engine_double import CHANGES, FAST_METERS, TIMER, Module, Value
+from support import SANITIZER, record
+from support.record import CHANGES, FAST_METERS, TIMER, Module, Value
 
 ROUNDS = 300 if SANITIZER else 2500  # with a sanitizer, which replaces the allocator, it is the one that finds leaks
 STATEMENTS = r"""
@@ -63,7 +63,7 @@ def no(call, *arguments):
     raise AssertionError(f"{call}{arguments} is not refused")
 
 
-class LeakTest(engine_double.TestCase):
+class LeakTest(record.TestCase):
     def native_bytes(self):
         fields = ("arena", "ordblks", "smblks", "hblks", "hblkhd", "usmblks", "fsmblks", "uordblks", "fordblks",
                   "keepcost")
@@ -73,17 +73,17 @@ class LeakTest(engine_double.TestCase):
         return (lambda now: now.uordblks + now.hblkhd)(mallinfo2())
 
     def test_every_method(self):
-        engine_double.modules(Module.of(b"a", 1), Module.of(b"b", 2, sources=[(b"b:1", 1)],
+        record.modules(Module.of(b"a", 1), Module.of(b"b", 2, sources=[(b"b:1", 1)],
                                                             sinks=[(b"b:2", 1, b"b:1")]))
         for name in "GetParams", "GetLastMeters", "meterInfoList", "getStartParameter", "ModuleGetStartParameter":
-            engine_double.gives("sonetrix_engine_" + name, {"k.a": 5, "k.b": Value(99), "k.c": ((1.5,), "afloat"),
+            record.gives("sonetrix_engine_" + name, {"k.a": 5, "k.b": Value(99), "k.c": ((1.5,), "afloat"),
                                                             "k.d": "x"})
         for name in "GetModulesList", "GetAllPortNames", "GetLinkPort":
-            engine_double.gives("sonetrix_engine_" + name, ["x", 5, Value(99)])
-        engine_double.result("sonetrix_engine_IsRunning", 0)
-        engine_double.recording(False)
-        entries = engine_double.make_list({"a": 1})
-        fire = lambda kind: engine_double._library.double_fire(kind, entries, 0, 1)
+            record.gives("sonetrix_engine_" + name, ["x", 5, Value(99)])
+        record.result("sonetrix_engine_IsRunning", 0)
+        record.recording(False)
+        entries = record.make_list({"a": 1})
+        fire = lambda kind: record._library.record_fire(kind, entries, 0, 1)
         names = {**globals(), **vars(self.sonetrix), "L": self.sonetrix.listValue, "K": self.sonetrix.listKeyValue,
                  "fire": fire}
         gc.disable()

@@ -9,8 +9,8 @@ import types
 import unittest
 from unittest import mock
 
-from support import TIME_LIMIT, engine_double
-from support.engine_double import Value
+from support import TIME_LIMIT, record
+from support.record import Value
 
 WRONG_TYPE = "Argument '{}' has incorrect type (expected {}, got {})"
 
@@ -25,7 +25,7 @@ class Selector:
         return self.equals(other)
 
 
-class ListTestCase(engine_double.TestCase):
+class ListTestCase(record.TestCase):
     def setUp(self):
         super().setUp()
         self.kinds = self.sonetrix.listValue, self.sonetrix.listKeyValue
@@ -42,7 +42,7 @@ class ListTestCase(engine_double.TestCase):
     def handle(self, target):
         """The engine list inside: the address in the record of a read."""
         self.values(target)
-        return engine_double.calls("*ForEach")[-1].args[0]
+        return record.calls("*ForEach")[-1].args[0]
 
 
 class ValueTest(ListTestCase):
@@ -51,7 +51,7 @@ class ValueTest(ListTestCase):
         self.assertEqual((plain.toList(), plain.toListType(), plain.dup().toList()), ([], [], []))
         self.assertEqual((keyed.toDict(), keyed.toDictType(), keyed.dup().remove("a").toDict(len)), ({},) * 3)
         self.assertEqual(keyed.appendFromDict({}).appendFromDictType(d={}).toDict(), {})
-        self.assertEqual(engine_double.calls(), [])
+        self.assertEqual(record.calls(), [])
 
     def test_filters_and_order(self):
         keyed = self.sonetrix.listKeyValue().append("a", 1).append("b", (1, 2), "int").append(k="a", v=2.5)
@@ -100,7 +100,7 @@ class ValueTest(ListTestCase):
                 (0, (1,), "int", "listValue.appendTuple", Exception),
                 (1, (1,), "int32", "listKeyValue.appendTuple", Exception),
                 (1, (1,), Selector(lambda other: 1 / 0), "listKeyValue.appendTuple", ZeroDivisionError)):
-            with self.subTest(value=value, selector=selector), engine_double.unraisables() as reports:
+            with self.subTest(value=value, selector=selector), record.unraisables() as reports:
                 refused = "tuple value type not supported"
                 self.assertRefused(Exception, refused, self.put, self.kinds[target](), value, selector)
                 self.assertEqual([(name, type(kind)) for name, kind in reports], [("sonetrix." + place, error)])
@@ -169,14 +169,14 @@ class ReadTest(ListTestCase):
 
     def test_odd_records_are_left_out(self):
         plain, keyed = (self.put(kind(), 0) for kind in self.kinds)
-        engine_double.extend_list(self.handle(plain), self.ODD)
-        engine_double.extend_list(self.handle(keyed), self.KEYED_ODD)
+        record.extend_list(self.handle(plain), self.ODD)
+        record.extend_list(self.handle(keyed), self.KEYED_ODD)
         self.assertEqual((plain.toList()[1:], plain.toListType()[1:]), (self.PLAIN, self.TYPED))
         self.assertEqual(list(keyed.toDict().items())[1:],
                          list(zip([b"1", b"3", b"4", b"5", b"6", b"8", b"9"], self.PLAIN)))
         self.assertEqual(list(keyed.toDictType().values())[1:], self.PAIRS)
         for name in "sonetrix_valueListForEach", "sonetrix_keyValueListForEach":
-            engine_double.stop_on_error(name)  # the first odd record ends the reading
+            record.stop_on_error(name)  # the first odd record ends the reading
         self.assertEqual((plain.toList(), plain.toListType(), keyed.toDict()), ([0], [(0, "int32")], {b"k": 0}))
 
     def test_callbacks_with_and_without_the_lock(self):
@@ -188,21 +188,21 @@ class ReadTest(ListTestCase):
                 (keyed.toDictType, self.KEYED_ODD, self.PAIRS, "create_list_keyvalue")):
             for mode in {"lock_held": True}, {"lock_held": False}, {"native_thread": True}:
                 container = type(read())()
-                self.assertEqual(engine_double.read_again(entries, container, **mode), 4)
+                self.assertEqual(record.read_again(entries, container, **mode), 4)
                 self.assertEqual(list(container.values()) if isinstance(container, dict) else container, expected)
-                with engine_double.unraisables() as reports:  # and with a container that is none
-                    self.assertEqual(engine_double.read_again(entries, (), **mode), 0 if report else len(entries))
+                with record.unraisables() as reports:  # and with a container that is none
+                    self.assertEqual(record.read_again(entries, (), **mode), 0 if report else len(entries))
                 name = f"sonetrix.{read.__qualname__.split('.')[0]}.{report}_type_nogil"
                 text = f"Expected {type(container).__name__}, got tuple"
                 self.assertEqual([(place, str(error)) for place, error in reports],
                                  [(name, text)] * (report and len(entries) or 0))
         plain, keyed = (self.put(kind(), 0) for kind in self.kinds)
         for name in "sonetrix_valueListForEach", "sonetrix_keyValueListForEach":
-            engine_double.gives_lock_up(name)
+            record.gives_lock_up(name)
         self.assertEqual((plain.toList(), plain.toListType(), keyed.toDict(), keyed.toDictType()),
                          ([0], [(0, "int32")], {b"k": 0}, {b"k": (0, "int32")}))
         other = [5]
-        engine_double.user_data("sonetrix_valueListForEach", other)
+        record.user_data("sonetrix_valueListForEach", other)
         self.assertEqual((plain.toList(), other), ([], [5, 0]))
 
 
@@ -212,8 +212,8 @@ class OwnershipTest(ListTestCase):
     def test_engine_without_memory(self):
         for kind, family, text in zip(self.kinds, ("value", "keyValue"), ("listvalue", "listkey")):
             one, empty = self.put(kind(), 1), kind()
-            engine_double.null(f"sonetrix_{family}ListNew")
-            engine_double.null(f"sonetrix_{family}ListDeepCopy")
+            record.null(f"sonetrix_{family}ListNew")
+            record.null(f"sonetrix_{family}ListDeepCopy")
             self.assertRefused(Exception, text + " cannot be NULL on init", one.dup)
             self.assertRaises(MemoryError, self.put, empty, 1)
             self.assertRaises(MemoryError, empty.merge, one)
@@ -226,9 +226,9 @@ class OwnershipTest(ListTestCase):
             made[2].merge(made[1])
             handles = sorted(map(self.handle, made))
             self.assertRaises(Exception, self.put, made[2], [])
-            engine_double.clear()
+            record.clear()
             del made
-            self.assertEqual(sorted(call.args[0] for call in engine_double.calls("*ListDestroy")), handles)
+            self.assertEqual(sorted(call.args[0] for call in record.calls("*ListDestroy")), handles)
 
     def test_python_code_in_the_middle(self):
         """A selector, filter or element that changes the very list, or takes its contents away."""
@@ -258,17 +258,17 @@ class OwnershipTest(ListTestCase):
                 (lambda one, other: one.remove("k"), {}),
                 (lambda one, other: one.merge(other), {b"k": 5, b"o": 6}), (lambda one, other: other.merge(one), {})):
             one, other, written = self.put(self.kinds[1](), 5), self.put(self.kinds[1](), 6, key="o"), []
-            engine_double.reset()
-            engine_double.delay(name, TIME_LIMIT)
+            record.reset()
+            record.delay(name, TIME_LIMIT)
             readers = [threading.Thread(target=lambda: written.append(self.sonetrix.engine.setParams(one)))
                        for _ in "12"]
             for reader in readers:
                 reader.start()
-            while len(engine_double.calls(name)) < 2:
+            while len(record.calls(name)) < 2:
                 self.assertTrue(readers[0].is_alive())
             change(one, other)
             self.assertEqual((one.toDict(), written), (expected, []))
-            engine_double.delay(name, 0)
+            record.delay(name, 0)
             for reader in readers:
                 reader.join()
             self.assertEqual([result.toDict() for result in written], [{b"k": 5}] * 2)

@@ -3,7 +3,7 @@
 import unittest
 from unittest import mock
 
-from support import engine_double
+from support import record
 
 LEVELS = "trace", "debug", "info", "warn", "error", "fatal"
 WRONG_TYPE = "Argument 'message' has incorrect type (expected {}, got {})"
@@ -23,12 +23,12 @@ class Number:
         return int(self) != 0
 
 
-class LogTest(engine_double.TestCase):
+class LogTest(record.TestCase):
     def assertSends(self, expected, call, *arguments, **keywords):
         """The engine's log functions are called so, with the interpreter lock released; the call returns None."""
-        engine_double.clear()
+        record.clear()
         self.assertIsNone(call(*arguments, **keywords))
-        calls = engine_double.calls("sonetrix_log*")
+        calls = record.calls("sonetrix_log*")
         self.assertEqual([(made.name.removeprefix("sonetrix_log_"), *made.args) for made in calls], expected)
         self.assertEqual({made.lock_held for made in calls}, {False})
 
@@ -58,9 +58,9 @@ class LogTest(engine_double.TestCase):
             self.assertSends(expected, call, *arguments)
         log.setLevel(log.WARN), log.setLevelJournal(log.FATAL)
         self.assertEqual((log.getLevel(), log.getLevelJournal()), (3, 5))
-        engine_double.result("sonetrix_log_GetLogLevel", 2**32 - 1)
+        record.result("sonetrix_log_GetLogLevel", 2**32 - 1)
         self.assertEqual(log.getLevel(), 2**32 - 1)
-        self.assertEqual({call.lock_held for call in engine_double.calls("sonetrix_log_Get*")}, {False})
+        self.assertEqual({call.lock_held for call in record.calls("sonetrix_log_Get*")}, {False})
 
     def test_refusals(self):
         """Where two arguments are wrong, the text shows which is looked at first."""
@@ -91,7 +91,7 @@ class LogTest(engine_double.TestCase):
                 self.assertRefused(kind, text, call, *arguments)
         for call, *arguments in (log.info, "\ud800"), (log.log, 1, "\ud800"), (log.logOnFile, "ä"):
             self.assertRaises(UnicodeEncodeError, call, *arguments)
-        self.assertEqual(engine_double.calls("sonetrix_log*"), [])
+        self.assertEqual(record.calls("sonetrix_log*"), [])
 
     def test_replacements_are_honoured(self):
         log = self.sonetrix.log

@@ -7,7 +7,7 @@ import sys
 import traceback
 import unittest
 
-from support import TIME_LIMIT, engine_double, interpreter_environment
+from support import TIME_LIMIT, record, interpreter_environment
 
 CONSTANTS = {"engine": {"METER_SLOW": 0, "METER_FAST": 1},
              "log": {"TRACE": 0, "DEBUG": 1, "INFO": 2, "WARN": 3, "ERROR": 4, "FATAL": 5}}
@@ -25,10 +25,10 @@ DOCSTRINGS = {
            "    of CPU for processing operations.\n",
 }
 
-# Python run in an interpreter of its own: the double is loaded, the module is not.
+# Python run in an interpreter of its own: the layer is loaded, the module is not.
 PRELUDE = """
 import gc, importlib, os, sys, threading, time
-from support import engine_double as double
+from support import record
 def refusal(call, *arguments):
     try:
         return call(*arguments)
@@ -50,7 +50,7 @@ def unspaced(text):
     return "".join(text.split())
 
 
-class SurfaceTest(engine_double.TestCase):
+class SurfaceTest(record.TestCase):
     def functions(self):
         """(qualified name, function) of all, methods included."""
         for name, value in vars(self.sonetrix).items():
@@ -105,29 +105,30 @@ class SurfaceTest(engine_double.TestCase):
                 ("timeout() takes exactly 2 arguments (1 given)", self.sonetrix.timeout, (1,), {}),
                 ("sonetrix.listValue() takes no arguments (1 given)", plain, (3,), {})):
             self.assertRefused(TypeError, text, call, *arguments, **keywords)
-        self.assertEqual(engine_double.calls(), [])
+        self.assertEqual(record.calls(), [])
+        record.result("sonetrix_engine_LinkPort", 0)
         self.assertEqual((engine.link(p2="b", p1="a"), engine.link(*("a",), **{"p2": b"b"})), (0, 0))
 
     def test_exit(self):
         code, stop = "sonetrix_engine_SetExitCode", "sonetrix_engine_RequestStop"
         for arguments, sent in ((), None), ((None,), None), ((0,), 0), ((True,), 1), ((-2**31,), -2**31), (("x",), 1):
-            engine_double.clear()
+            record.clear()
             self.assertIsNone(self.sonetrix.exit(*arguments))
             expected = [] if sent is None else [(code, ("engine", sent), False)]
-            self.assertEqual([call[:3] for call in engine_double.calls(code, stop)],
+            self.assertEqual([call[:3] for call in record.calls(code, stop)],
                              expected + [(stop, ("engine",), False)])
-        engine_double.clear()
+        record.clear()
         self.assertRefused(OverflowError, "value too large to convert to int32_t", self.sonetrix.exit, 2**40)
-        engine_double.null("sonetrix_engineGet")
+        record.null("sonetrix_engineGet")
         self.assertIsNone(self.sonetrix.exit(3))
-        self.assertEqual(engine_double.calls(code, stop), [])
+        self.assertEqual(record.calls(code, stop), [])
 
 
 class ImportTest(unittest.TestCase):
     def test_once_per_process(self):
         self.assertEqual(run("""
-sonetrix = double.load()
-print([call.name for call in double.calls()])
+sonetrix = record.load()
+print([call.name for call in record.calls()])
 assert importlib.reload(sonetrix) is sonetrix
 del sys.modules["sonetrix"]
 print(*refusal(importlib.import_module, "sonetrix"))
@@ -147,7 +148,7 @@ except ImportError as error:
 ''')
 print(sonetrix.engine.isRunning())
 watch = sonetrix.notifyChanges(lambda changes: print(changes))
-double.fire(double.CHANGES, {"a": 1})
+record.fire(record.CHANGES, {"a": 1})
 del watch
 """), [str(["sonetrix_engineGet"] * 2),
        "ImportError Module 'sonetrix' has already been imported. Re-initialisation is not supported.",
@@ -177,14 +178,15 @@ def ask():
             print(function.__name__, refusal(function, *arguments))
     print("notifyChanges", refusal(held["notifyChanges"], lambda changes: None))
     print("timeout", refusal(held["timeout"], 5, 5))
-double.null("sonetrix_engineGet")
+record.null("sonetrix_engineGet")
+record.numbers("sonetrix_clock_gettime", 0)
 builtins.__import__ = importing
-print(refusal(importlib.import_module, "sonetrix"), "sonetrix" in sys.modules, sorted({c.name for c in double.calls()}))
+print(refusal(importlib.import_module, "sonetrix"), "sonetrix" in sys.modules, sorted({c.name for c in record.calls()}))
 builtins.__import__ = real_import
 ask()
 orphan = held["listValue"]().append(1)
 print(orphan.toList(), orphan.dup().toList(), refusal(orphan.merge, 5)[0])
-double.null("sonetrix_engineGet", 0)
+record.null("sonetrix_engineGet", 0)
 sonetrix = importlib.import_module("sonetrix")
 print(sonetrix.engine.isRunning(), refusal(sonetrix.listValue().merge, orphan)[0])
 """)
@@ -205,16 +207,16 @@ import atexit
 @atexit.register  # runs after the module's own exit handler
 def report():
     late = sonetrix.timeout(1, print)
-    print([call.name.split("_")[-1] for call in double.calls("*_rm*", "*Timer")], *map(double.registrations, range(4)))
-    double.recording(False)
-sonetrix = double.load()
+    print([call.name.split("_")[-1] for call in record.calls("*_rm*", "*Timer")], *map(record.registrations, range(4)))
+    record.recording(False)
+sonetrix = record.load()
 kept = [sonetrix.notifyChanges(lambda changes: changes), sonetrix.timeout(1, lambda: None),
         sonetrix.notifyMeters(lambda meters: kept), sonetrix.listValue().append(1)]
 kept.append(kept)
 def fire():
     while True:
         for kind in range(4):
-            double.fire(kind, {"a": 1}, threads=2)
+            record.fire(kind, {"a": 1}, threads=2)
 def read():
     while True:
         sonetrix.listKeyValue().append("a", 1).toDict(lambda entry: time.sleep(0.02))
@@ -228,7 +230,7 @@ sys.late = Late()
 
     def test_finalizers_at_interpreter_end(self):
         self.assertEqual(run("""
-sonetrix = double.load()
+sonetrix = record.load()
 class Finalized:
     __slots__ = ()
     def __del__(self, lists=(sonetrix.listValue, sonetrix.listKeyValue), engine=sonetrix.engine, write=os.write,

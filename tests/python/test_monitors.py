@@ -6,14 +6,14 @@ import os
 import unittest
 from unittest import mock
 
-from support import engine_double
+from support import record
 
 HIDE, SHOW = "\x1b[?25l\r", "\x1b[?25h\n"
 LINE = "  2.5% (   0.1234ms)   3.1% (   0.2000ms) [err:  6.8% maxtime:    2.5000ms]    "
 FIGURES = 2.5, 3.1, 0.0001234, 0.0002, 0.0025, 0.5
 
 
-class MonitorTest(engine_double.TestCase):
+class MonitorTest(record.TestCase):
     def shown(self, monitor, *arguments, rounds=(), columns=200, lines=50, **stand_ins):
         """What the monitor prints while engine functions give these values; each round sleeps a tenth of a second."""
         output = io.StringIO()
@@ -78,7 +78,7 @@ class MonitorTest(engine_double.TestCase):
         with contextlib.redirect_stdout(io.StringIO()) as output:
             self.assertIsNone(self.sonetrix.memory.inspect())
         self.assertEqual(output.getvalue(), "RT Memory Inspect:\n")
-        self.assertEqual([call[:3] for call in engine_double.calls()], [("sonetrix_memory_rt_inspect", (), False)])
+        self.assertEqual([call[:3] for call in record.calls()], [("sonetrix_memory_rt_inspect", (), False)])
 
 
 if __name__ == "__main__":

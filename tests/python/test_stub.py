@@ -9,10 +9,10 @@ import tempfile
 import types
 import unittest
 
-from support import SOURCE, engine_double
+from support import SOURCE, record
 
 STUB = SOURCE / "interface" / "sonetrix" / "sonetrix.pyi"
-sonetrix = engine_double.load()
+sonetrix = record.load()
 
 
 def parameters_of(function):

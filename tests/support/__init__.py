@@ -8,7 +8,7 @@ SOURCE = pathlib.Path(os.environ.get("SONETRIX_SOURCE", pathlib.Path(__file__).p
 BUILD = pathlib.Path(os.environ.get("SONETRIX_BUILD", SOURCE / "build" / "release"))
 MODULE = BUILD / "lib" / "sonetrix.so"
 ENGINE = BUILD / "bin" / "sonetrix-engine"
-DOUBLE = BUILD / "tests" / "libsonetrix_double.so"
+RECORD = BUILD / "tests" / "libsonetrix_record.so"
 CONSOLE_HOST = BUILD / "tests" / "console_host"
 
 SANITIZER = os.environ.get("SONETRIX_SANITIZE", "")

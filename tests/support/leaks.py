@@ -58,11 +58,11 @@ def leak(case):
 
 
 def main(files):
-    from support import engine_double
+    from support import record
     failed = []
     for case in groups(files):
         name = f"{case.__module__}.{case.__qualname__}"
-        if not issubclass(case, engine_double.TestCase):
+        if not issubclass(case, record.TestCase):
             found = [] if run(case) else None
         else:
             found = leak(case)

@@ -45,13 +45,17 @@ def read_report(path):
         facts = ast.literal_eval(file.read())
     log = [(args[0], args[-1].decode()) for name, args, *_ in facts["calls"]
            if name in ("sonetrix_log", "sonetrix_log_LogString")]
+    assert facts["violations"] == [], facts["violations"]
     return facts, log
 
 
-def run_console_host(*arguments, **options):
+def run_console_host(*operations, flags=(), **options):
+    """See console_host.cpp; operations that do not construct are parameters, and the usual ones follow."""
+    if "construct" not in operations:
+        operations += "construct", "start", "run", "destroy"
     with tempfile.TemporaryDirectory() as folder:
         path = os.path.join(folder, "report")
-        result = run(CONSOLE_HOST, MODULE, "--report", path, *arguments, **options)
+        result = run(CONSOLE_HOST, MODULE, "--report", path, *flags, *operations, **options)
         if not os.path.exists(path):
             raise AssertionError(f"console_host ended with {result.returncode}\n{result.stdout}{result.stderr}")
         return Report(result, *read_report(path))

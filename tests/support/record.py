@@ -1,16 +1,23 @@
-"""The recording engine, as tests of the module in a plain interpreter use it.
+"""The recording layer in front of the engine, as tests of the module in a plain interpreter use it.
 
-    from support import engine_double
-    sonetrix = engine_double.load()          # the double first, then the module
+    from support import record
+    sonetrix = record.load()          # the layer first, then the module
 
-    engine_double.result("sonetrix_engine_LinkPort", 3)
+    record.result("sonetrix_engine_LinkPort", 3)
     sonetrix.engine.link("a:out", "b:in")    # 3
-    engine_double.calls("sonetrix_engine_LinkPort")
+    record.calls("sonetrix_engine_LinkPort")
     # [Call(name=..., args=("engine", b"a:out", b"b:in"), lock_held=False, thread=...)]
+
+Behind the layer is the development engine, not started. It answers what is not scripted, but for this: callbacks are
+registered here, and fire when the test says so; every parameter counts as written; there are no modules to go over;
+the engine says that it runs and every driver that it is loaded; its log stays quiet.
 
 Arguments arrive as Python values: the handle as "engine", null as None, strings as bytes, other pointers as numbers,
 arrays as tuples, values as (type name, value), lists given to the engine as lists of those, with keys in front where
 they have some. In calls of the list functions themselves a list is its address.
+
+At the end of each test of TestCase, every call has had the interpreter lock in the state that the rules ask, no list
+was used after its end, and none is left.
 """
 
 import ast
@@ -24,7 +31,7 @@ import unittest
 from unittest import mock
 from typing import NamedTuple
 
-from . import DOUBLE
+from . import RECORD
 
 CHANGES, SLOW_METERS, FAST_METERS, TIMER = range(4)
 
@@ -94,39 +101,46 @@ class Module(ctypes.Structure):
 
 
 # ctypes gives the interpreter lock up during calls of the first, and keeps it during calls of the second.
-_library = ctypes.CDLL(str(DOUBLE), mode=ctypes.RTLD_GLOBAL)
-_holding_lock = ctypes.PyDLL(str(DOUBLE))
+_library = ctypes.CDLL(str(RECORD), mode=ctypes.RTLD_GLOBAL)
+_holding_lock = ctypes.PyDLL(str(RECORD))
 _kept = {}
 
 for _name, _result, *_arguments in (
-    ("reset", None), ("calls", ctypes.c_char_p, ctypes.c_int32), ("record", None, ctypes.c_int32),
-    ("counts", ctypes.c_int64, ctypes.c_int32), ("exitCode", ctypes.c_int32),
+    ("begin", None), ("reset", None), ("calls", ctypes.c_char_p, ctypes.c_int32), ("violations", ctypes.c_char_p),
+    ("noting", None, ctypes.c_int32), ("count", ctypes.c_int64, ctypes.c_int32),
     ("result", None, ctypes.c_char_p, ctypes.c_int64, ctypes.c_int32),
     ("null", None, ctypes.c_char_p, ctypes.c_int32), ("delay", None, ctypes.c_char_p, ctypes.c_int32),
     ("text", None, ctypes.c_char_p, ctypes.c_char_p), ("user", None, ctypes.c_char_p, ctypes.c_void_p),
     ("numbers", None, ctypes.c_char_p, ctypes.POINTER(ctypes.c_double), ctypes.c_size_t),
     ("stopOnError", None, ctypes.c_char_p, ctypes.c_int32), ("givesLockUp", None, ctypes.c_char_p, ctypes.c_int32),
-    ("listNew", ctypes.c_void_p),
+    ("callsInside", None, ctypes.c_char_p, ctypes.c_int32),
+    ("listNew", ctypes.c_void_p), ("listExtend", None, ctypes.c_void_p, ctypes.POINTER(Value)),
     ("listAdd", None, ctypes.c_void_p, ctypes.c_char_p, ctypes.POINTER(Value)),
+    ("failAllocation", None, ctypes.c_int64), ("endAllocationFailure", ctypes.c_int64),
     ("readAgain", ctypes.c_int32, ctypes.c_void_p, ctypes.c_void_p, ctypes.c_int32),
     ("list", None, ctypes.c_char_p, ctypes.c_void_p), ("modules", None, ctypes.c_void_p, ctypes.c_size_t),
     ("registrations", ctypes.c_int32, ctypes.c_int32),
     ("fire", None, ctypes.c_int32, ctypes.c_void_p, ctypes.c_int32, ctypes.c_int32),
+    ("fireOn", None, ctypes.c_int32, ctypes.c_int32, ctypes.c_void_p, ctypes.c_int32, ctypes.c_int32),
+    ("join", None, ctypes.c_int32),
 ):
     for _binding in (_library, _holding_lock):
-        _function = getattr(_binding, "double_" + _name)
+        _function = getattr(_binding, "record_" + _name)
         _function.restype, _function.argtypes = _result, _arguments
 
 
+_library.record_begin()
+
+
 def load():
-    """The module, imported against the double."""
+    """The module, imported with the layer in front of the engine."""
     return importlib.import_module("sonetrix")
 
 
 def calls(*names, clear=False):
     """The calls on record, oldest first; with names, or shell patterns of names, only those."""
     every = (Call(name, args, None if held < 0 else bool(held), thread)
-             for name, args, held, thread in ast.literal_eval(_library.double_calls(clear).decode()))
+             for name, args, held, thread in ast.literal_eval(_library.record_calls(clear).decode()))
     return [call for call in every if not names or any(fnmatch.fnmatchcase(call.name, name) for name in names)]
 
 
@@ -136,124 +150,135 @@ def log_lines():
 
 
 def clear():
-    _library.double_calls(True)
+    _library.record_calls(True)
+
+
+def violations():
+    """What has been against the rules since the last time this was asked."""
+    return ast.literal_eval(_library.record_violations().decode())
 
 
 def reset():
     """Forgets calls, scripted behaviour and module records. Registrations and live objects stay."""
-    _library.double_reset()
+    _library.record_reset()
     _kept.clear()
 
 
 def recording(on):
-    _library.double_record(on)
+    """Whether calls are noted; what is scripted and checked stays so."""
+    _library.record_noting(on)
 
 
 def result(name, value, lasting=True):
     """The integer result of a function: from now on, or, not lasting, once (queued)."""
-    _library.double_result(name.encode(), value, lasting)
+    _library.record_result(name.encode(), value, lasting)
 
 
 def null(name, times=-1):
     """Makes a function that gives a pointer give null."""
-    _library.double_null(name.encode(), times)
+    _library.record_null(name.encode(), times)
 
 
 def delay(name, seconds):
     """Holds every call of a function up, at most that long; 0 lets the waiting calls go on."""
-    _library.double_delay(name.encode(), int(seconds * 1000))
+    _library.record_delay(name.encode(), int(seconds * 1000))
 
 
 def text(name, value):
     """The string that a function hands out."""
-    _library.double_text(name.encode(), value)
+    _library.record_text(name.encode(), value)
 
 
 def numbers(name, *values):
     """The figures that a function fills in, in the order of its arguments."""
-    _library.double_numbers(name.encode(), (ctypes.c_double * len(values))(*values), len(values))
+    _library.record_numbers(name.encode(), (ctypes.c_double * len(values))(*values), len(values))
 
 
 def user_data(name, value):
     """Replaces the user pointer of an iteration by this object."""
     _kept[name, "user"] = value
-    _library.double_user(name.encode(), id(value))
+    _library.record_user(name.encode(), id(value))
 
 
 def gives_lock_up(name, does=True):
     """Makes an iteration call back without the interpreter lock that its caller holds."""
-    _library.double_givesLockUp(name.encode(), does)
+    _library.record_givesLockUp(name.encode(), does)
 
 
 def stop_on_error(name, stops=True):
-    _library.double_stopOnError(name.encode(), stops)
+    _library.record_stopOnError(name.encode(), stops)
 
 
-def make_list(entries):
-    """An engine list of values, or of (key, value) for a dict; each a Python value, (value, type name) or a Value."""
-    handle = _library.double_listNew()
-    extend_list(handle, entries)
-    return handle
-
-
-def extend_list(handle, entries):
-    """More entries for a list: one of make_list, or one that the module has made."""
+def _records(entries):
     pairs = entries.items() if isinstance(entries, dict) else ((None, entry) for entry in entries)
     for key, entry in pairs:
         if not isinstance(entry, Value):
             entry = Value.of(*entry) if isinstance(entry, tuple) else Value.of(entry)
-        _library.double_listAdd(handle, key.encode() if isinstance(key, str) else key, ctypes.byref(entry))
+        yield key.encode() if isinstance(key, str) else key, ctypes.byref(entry)
+
+
+def make_list(entries):
+    """A list of values, or of (key, value) for a dict; each a Python value, (value, type name) or a Value."""
+    handle = _library.record_listNew()
+    for key, entry in _records(entries):
+        _library.record_listAdd(handle, key, entry)
+    return handle
+
+
+def extend_list(handle, entries):
+    """More entries for a list of the module's."""
+    for key, entry in _records(entries):
+        _library.record_listExtend(handle, entry) if key is None else _library.record_listAdd(handle, key, entry)
 
 
 def read_again(entries, container, lock_held=False, native_thread=False):
     """Hands the entries to the callback of the last reading on this thread, with another container as user data; gives
     the number of entries for which it reports failure."""
     binding = _holding_lock if lock_held else _library
-    return binding.double_readAgain(make_list(entries), id(container), native_thread)
+    return binding.record_readAgain(make_list(entries), id(container), native_thread)
 
 
 def gives(name, entries):
     """The list that a function gives: see make_list."""
-    _library.double_list(name.encode(), make_list(entries))
+    _library.record_list(name.encode(), make_list(entries))
 
 
 def modules(*records):
     """The module records that the iteration shows."""
     table = (ctypes.POINTER(Module) * len(records))(*map(ctypes.pointer, records))
     _kept["modules"] = records, table
-    _library.double_modules(table, len(records))
+    _library.record_modules(table, len(records))
 
 
 def fire(kind, entries=None, threads=1, times=1, lock_held=False):
     """Calls the registered callbacks of a kind: on native threads, or (threads=0) on the calling thread with the
     interpreter lock held or not. Returns when they are through."""
     binding = _holding_lock if lock_held else _library
-    binding.double_fire(kind, None if entries is None else make_list(entries), threads, times)
+    binding.record_fire(kind, None if entries is None else make_list(entries), threads, times)
+
+
+def fire_on(thread, kind, entries=None, times=1, wait=True):
+    """The same on an engine thread of this number, which stays until it is joined; without waiting, if so said."""
+    _library.record_fireOn(thread, kind, None if entries is None else make_list(entries), times, wait)
+
+
+def join(thread):
+    """Lets the engine thread of this number end, and waits for that."""
+    _library.record_join(thread)
+
+
+def calls_inside(name, times=1):
+    """Makes a registration call back before it returns: on an engine thread, or (negative) on the calling one."""
+    _library.record_callsInside(name.encode(), times)
 
 
 def registrations(kind):
-    return _library.double_registrations(kind)
+    return _library.record_registrations(kind)
 
 
-def live_lists():
-    return _library.double_counts(0)
-
-
-def live_values():
-    return _library.double_counts(1)
-
-
-def live_blocks():
-    return _library.double_counts(2)
-
-
-def misuses():
-    """How often a list was used or destroyed that was not alive, or destroyed that the engine keeps."""
-    return _library.double_counts(3)
-
-
-def exit_code():
-    return _library.double_exitCode()
+def live():
+    """How many lists and values there are that the engine has given and not taken back."""
+    return _library.record_count(0), _library.record_count(1)
 
 
 @contextlib.contextmanager
@@ -266,18 +291,19 @@ def unraisables():
 
 
 class TestCase(unittest.TestCase):
-    """Every test starts from a clean double, and ends with all lists released and none misused."""
+    """Every test starts with nothing on record; the rules are checked for all of its calls."""
 
     def setUp(self):
         self.sonetrix = load()
         reset()
         gc.collect()
-        self._misuses, self._lists, self._values = misuses(), live_lists(), live_values()
+        violations()
+        self._live = live()
 
     def tearDown(self):
         gc.collect()
-        self.assertEqual(misuses(), self._misuses, "engine lists misused")
-        self.assertEqual((live_lists(), live_values()), (self._lists, self._values), "engine objects left behind")
+        self.assertEqual(violations(), [])
+        self.assertEqual(live(), self._live, "engine objects left behind")
 
     def assertRefused(self, kind, text, call, *args, **kwargs):
         """The call raises exactly this kind of exception, with this text."""

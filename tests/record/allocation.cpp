@@ -52,7 +52,7 @@ extern "C" {
 
 // From now on the allocation of this number fails, counted from 0; none does when it is negative. To be called, like
 // all of these, with the interpreter lock held.
-__attribute__((visibility("default"))) void double_failAllocation(int64_t number) {
+void record_failAllocation(int64_t number) {
     allocations = 0;
     failing = number;
     for (int index = 0; index < 2; ++index) {
@@ -63,7 +63,7 @@ __attribute__((visibility("default"))) void double_failAllocation(int64_t number
 }
 
 // Puts the interpreter's allocators back and gives the number of allocations since.
-__attribute__((visibility("default"))) int64_t double_endAllocationFailure() {
+int64_t record_endAllocationFailure() {
     for (int index = 0; index < 2; ++index) {
         accessFunction("PyMem_SetAllocator")(domains[index], &originals[index]);
     }
