@@ -30,18 +30,10 @@ std::string objection(const Engine::Options &options) {
 }
 
 std::shared_ptr<SystemModule> makeSystem(const Engine::Options &options) {
-    std::unique_ptr<WavInput> input;
-    std::unique_ptr<WavRecorder> recorder;
-    if (!options.input.empty())
-        input = std::make_unique<WavInput>(options.input, options.rate);
-    if (!options.record.empty())
-        recorder = std::make_unique<WavRecorder>(options.record, options.rate);
-    const bool offline = options.offlineSeconds > 0;
-    if (input && !offline)
-        input->startThread();
-    if (recorder && !offline)
-        recorder->startThread();
-    return std::make_shared<SystemModule>(options.block, std::move(input), std::move(recorder), offline);
+    auto system = std::make_shared<SystemModule>(options.rate, options.block, options.offlineSeconds > 0);
+    system->play(options.input);
+    system->record(options.record);
+    return system;
 }
 
 std::chrono::nanoseconds blockTime(const Engine::Options &options) {
@@ -115,11 +107,10 @@ void Engine::addOwnParameters() {
     own.push_back(readOnlyParameter("rate", [&driver] { return driver.rate(); }));
     own.push_back(readOnlyParameter("block", [&driver] { return driver.block(); }));
     own.push_back(readOnlyParameter("xruns", [&driver] { return driver.xruns(); }));
-    own.push_back(readOnlyParameter("input.missed", [this] { return system_->framesMissed(); }));
-    own.push_back(readOnlyParameter("record.dropped", [this] { return system_->framesDropped(); }));
     own.push_back(readOnlyParameter("meters.dropped", [this] { return meters_->dropped(); }));
     own.push_back(logLevelParameter());
     parameters_.add("engine", std::move(own));
+    parameters_.add("engine", system_->parameters());
     parameters_.addReader("plugins", [this](auto name, ListKeyValue &result) { catalogue_.describe(name, result); });
 }
 

@@ -12,16 +12,23 @@ namespace sonetrix::dev {
 /// Samples on their way from one thread to one other; neither ever waits.
 class SampleRing {
 public:
-    explicit SampleRing(size_t capacity) : samples_(std::bit_ceil(capacity)) {}
+    SampleRing() = default;
+    explicit SampleRing(size_t capacity) { allocate(capacity); }
+
+    /// Before producer and consumer begin.
+    void allocate(size_t capacity) { samples_.resize(std::bit_ceil(capacity)); }
 
     /// Producer: the room there is for certain.
     [[nodiscard]] size_t room() const noexcept {
         return samples_.size() - (written_.load(std::memory_order_relaxed) - read_.load(std::memory_order_acquire));
     }
-    /// Consumer: the samples there are for certain.
+    /// Consumer: the samples there are for certain. Anybody else: how many there were a moment ago.
     [[nodiscard]] size_t available() const noexcept {
-        return written_.load(std::memory_order_acquire) - read_.load(std::memory_order_relaxed);
+        const size_t start = nextRead();
+        return written_.load(std::memory_order_acquire) - start;
     }
+    /// What has been written up to now will not be read. One thread at a time.
+    void discard() noexcept { discarded_.store(written_.load(std::memory_order_acquire), std::memory_order_release); }
 
     /// Producer: at most `room()` samples.
     void write(std::span<const float> samples) noexcept {
@@ -32,20 +39,28 @@ public:
         std::copy_n(samples.data() + untilEnd, samples.size() - untilEnd, samples_.data());
         written_.store(position + samples.size(), std::memory_order_release);
     }
-    /// Consumer: at most `available()` samples.
-    void read(std::span<float> samples) noexcept {
-        const size_t position = read_.load(std::memory_order_relaxed);
+    /// Consumer: as many as there are, at most all that there is room for. Their number.
+    size_t read(std::span<float> samples) noexcept {
+        const size_t position = nextRead();
+        const size_t count = std::min(samples.size(), written_.load(std::memory_order_acquire) - position);
         const size_t start = position & (samples_.size() - 1);
-        const size_t untilEnd = std::min(samples.size(), samples_.size() - start);
+        const size_t untilEnd = std::min(count, samples_.size() - start);
         std::copy_n(samples_.data() + start, untilEnd, samples.data());
-        std::copy_n(samples_.data(), samples.size() - untilEnd, samples.data() + untilEnd);
-        read_.store(position + samples.size(), std::memory_order_release);
+        std::copy_n(samples_.data(), count - untilEnd, samples.data() + untilEnd);
+        read_.store(position + count, std::memory_order_release);
+        return count;
     }
 
 private:
+    // The positions only grow, and by far too little to wrap round.
+    [[nodiscard]] size_t nextRead() const noexcept {
+        return std::max(read_.load(std::memory_order_acquire), discarded_.load(std::memory_order_acquire));
+    }
+
     std::vector<float> samples_;
     std::atomic<size_t> written_{0};
     std::atomic<size_t> read_{0};
+    std::atomic<size_t> discarded_{0};
 };
 
 } // namespace sonetrix::dev

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <sndfile.h>
@@ -11,7 +12,12 @@ struct SoundFileClose {
 };
 using SoundFile = std::unique_ptr<SNDFILE, SoundFileClose>;
 
-/// Throws std::runtime_error with the reason.
-SoundFile openSoundFile(const std::filesystem::path &path, int mode, SF_INFO &info);
+// Both throw std::runtime_error with the reason, and do so where there is something other than a regular file.
+
+SoundFile openSoundFile(const std::filesystem::path &path, SF_INFO &info);
+
+/// Makes the file `path`, or replaces it. The format is that of `name`'s ending; the same samples make the same file.
+SoundFile createSoundFile(
+    const std::filesystem::path &path, const std::filesystem::path &name, uint32_t rate, uint32_t channels);
 
 } // namespace sonetrix::dev

@@ -2,52 +2,86 @@
 
 #include <algorithm>
 #include <span>
-#include <utility>
+#include <stdexcept>
+#include <system_error>
 
 namespace sonetrix::dev {
 
-SystemModule::SystemModule(
-    uint32_t block, std::unique_ptr<WavInput> input, std::unique_ptr<WavRecorder> recorder, bool direct)
+SystemModule::SystemModule(uint32_t rate, uint32_t block, bool offline)
     : Module(moduleName, Type::driver, {"capture_1", "capture_2"}, {"playback_1", "playback_2"}, block),
-      input_(std::move(input)),
-      recorder_(std::move(recorder)),
-      direct_(direct),
+      offline_(offline),
       wanted_(block),
-      interleaved_(channels * block) {
-    static_assert(WavInput::channels == channels && WavRecorder::channels == channels);
+      interleaved_(channels * block),
+      player_(rate),
+      recorder_(rate) {
+    static_assert(Player::channels == channels && Recorder::channels == channels);
+}
+
+void SystemModule::play(const std::filesystem::path &path) {
+    checkDistinct(path, recorder_.file());
+    player_.open(path);
+    startThread();
+}
+
+void SystemModule::record(const std::filesystem::path &path) {
+    checkDistinct(player_.file(), path);
+    recorder_.open(path);
+    startThread();
+}
+
+void SystemModule::checkDistinct(const std::filesystem::path &played, const std::filesystem::path &recorded) const {
+    std::error_code missing;
+    if (std::filesystem::equivalent(played, recorded, missing))
+        throw std::runtime_error(recorded.string() + " cannot be played and recorded at once");
+}
+
+void SystemModule::startThread() {
+    if (offline_)
+        return;
+    std::call_once(threadStarted_, [this] {
+        thread_.emplace([this] {
+            player_.pump();
+            recorder_.pump();
+        });
+    });
 }
 
 void SystemModule::capture(uint32_t frames) noexcept {
-    if (!input_)
-        return;
-    if (direct_)
-        input_->pump();
-    input_->read(std::span(interleaved_).first(frames * channels));
+    if (offline_)
+        player_.pump();
+    const auto samples = std::span(interleaved_).first(frames * channels);
+    if (!player_.read(samples))
+        std::ranges::fill(samples, 0.0F);
     for (size_t channel = 0; channel < channels; ++channel) {
         float *out = output(channel);
         for (size_t i = 0; i < frames; ++i)
-            out[i] = interleaved_[i * channels + channel];
+            out[i] = samples[i * channels + channel];
         levels_[channel] = levelOf(std::span<const float>(out, frames));
     }
 }
 
 void SystemModule::process(const float *const *inputs, uint32_t frames) noexcept {
-    for (size_t channel = 0; channel < channels; ++channel)
-        levels_[channels + channel] = levelOf(std::span(inputs[channel], frames));
-    if (!recorder_)
-        return;
     const uint32_t count = std::min(frames, wanted_);
-    for (size_t channel = 0; channel < channels; ++channel)
+    for (size_t channel = 0; channel < channels; ++channel) {
+        levels_[channels + channel] = levelOf(std::span(inputs[channel], frames));
         for (size_t i = 0; i < count; ++i)
             interleaved_[i * channels + channel] = inputs[channel][i];
-    recorder_->write(std::span<const float>(interleaved_).first(count * channels));
-    if (direct_)
-        recorder_->pump();
+    }
+    recorder_.write(std::span<const float>(interleaved_).first(count * channels));
+    if (offline_)
+        recorder_.pump();
 }
 
-void SystemModule::close() noexcept {
-    if (recorder_)
-        recorder_->close();
+std::vector<Parameter> SystemModule::parameters() {
+    const Domain fileName{SONETRIX_VALUE_STRING};
+    return {
+        {"play.file", [this] { return Value(valueRecord(player_.file())); }, fileName,
+            [this](const sonetrix_value_t &path) { play(path.as.string); }},
+        readOnlyParameter("play.missed", [this] { return player_.framesMissed(); }),
+        {"record.file", [this] { return Value(valueRecord(recorder_.file())); }, fileName,
+            [this](const sonetrix_value_t &path) { record(path.as.string); }},
+        readOnlyParameter("record.dropped", [this] { return recorder_.framesDropped(); }),
+    };
 }
 
 } // namespace sonetrix::dev

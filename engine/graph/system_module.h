@@ -1,17 +1,21 @@
 #pragma once
 
-#include "files/wav_input.h"
-#include "files/wav_recorder.h"
+#include "files/file_thread.h"
+#include "files/player.h"
+#include "files/recorder.h"
 #include "graph/module.h"
 #include "graph/port_level.h"
 
 #include <array>
-#include <memory>
+#include <filesystem>
+#include <mutex>
+#include <optional>
+#include <vector>
 
 namespace sonetrix::dev {
 
-/// The driver's own module: its capture ports are sources, its playback ports sinks. A sound file takes the place of
-/// the converters at either end.
+/// The driver's own module: its capture ports are sources, its playback ports sinks. A sound file can be played into
+/// the ones and what the others get be recorded, at any time.
 class SystemModule final : public Module {
 public:
     static constexpr const char *moduleName = "system";
@@ -19,9 +23,12 @@ public:
     /// Of a block: the capture ports, then the playback ports.
     using Levels = std::array<PortLevel, 2 * channels>;
 
-    /// Input and recorder may be null. `direct`: the audio thread itself reads and writes the files, as it may when
-    /// nothing happens in real time.
-    SystemModule(uint32_t block, std::unique_ptr<WavInput> input, std::unique_ptr<WavRecorder> recorder, bool direct);
+    /// `offline`: the audio thread itself reads and writes the files, as it may when nothing happens in real time.
+    SystemModule(uint32_t rate, uint32_t block, bool offline);
+
+    // Both begin and, for an empty path, end it; they throw std::runtime_error.
+    void play(const std::filesystem::path &path);
+    void record(const std::filesystem::path &path);
 
     /// Audio thread, before the first module of a block.
     void capture(uint32_t frames) noexcept;
@@ -32,18 +39,24 @@ public:
     [[nodiscard]] const Levels &levels() const noexcept { return levels_; }
 
     /// Completes the recording. Only once the audio thread has ended.
-    void close() noexcept;
+    void close() noexcept { recorder_.close(); }
+    [[nodiscard]] bool hasRecordingFailed() const noexcept { return recorder_.hasFailed(); }
 
-    [[nodiscard]] uint32_t framesMissed() const noexcept { return input_ ? input_->framesMissed() : 0; }
-    [[nodiscard]] uint32_t framesDropped() const noexcept { return recorder_ ? recorder_->framesDropped() : 0; }
+    /// The engine's parameters about files; the module must outlive their use.
+    std::vector<Parameter> parameters();
 
 private:
-    const std::unique_ptr<WavInput> input_;
-    const std::unique_ptr<WavRecorder> recorder_;
-    const bool direct_;
+    void checkDistinct(const std::filesystem::path &played, const std::filesystem::path &recorded) const;
+    void startThread();
+
+    const bool offline_;
     uint32_t wanted_;
     Levels levels_;
     std::vector<float> interleaved_;
+    Player player_;
+    Recorder recorder_;
+    std::once_flag threadStarted_;
+    std::optional<FileThread> thread_; // the last: ends before what it uses
 };
 
 } // namespace sonetrix::dev

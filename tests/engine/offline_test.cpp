@@ -144,7 +144,7 @@ TEST_F(OfflineTest, realTimeInputReachesTheRecordingWithoutGaps) {
         ASSERT_EQ(*sample, *begin + static_cast<float>(sample - begin));
     EXPECT_NE(std::ranges::find(left, 24000.0F), left.end());
     EXPECT_TRUE(identical(*get("engine.record.dropped")->find("engine.record.dropped"), valueRecord(uint32_t{0})));
-    EXPECT_TRUE(identical(*get("engine.input.missed")->find("engine.input.missed"), valueRecord(uint32_t{0})));
+    EXPECT_TRUE(identical(*get("engine.play.missed")->find("engine.play.missed"), valueRecord(uint32_t{0})));
 }
 
 } // namespace

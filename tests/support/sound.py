@@ -31,7 +31,7 @@ class Sound(NamedTuple):
         return (len(crossings) - 1) * self.rate / (crossings[-1] - crossings[0])
 
 
-FLOAT_FORMAT = 3
+FLOAT_FORMAT, EXTENSIBLE = 3, 0xfffe
 
 
 def read(path):
@@ -43,6 +43,8 @@ def read(path):
         chunks[name] = data[position + 8:position + 8 + size]
         position += 8 + size + size % 2
     kind, count, rate, _, frame, bits = struct.unpack_from("<HHIIHH", chunks[b"fmt "])
+    if kind == EXTENSIBLE:
+        [kind] = struct.unpack_from("<H", chunks[b"fmt "], 24)
     if data[:4] != b"RIFF" or (kind, bits, frame) != (FLOAT_FORMAT, 32, 4 * count):
         raise AssertionError(f"{path}: format {kind}, {bits} bits, {frame} bytes per frame")
     samples = array.array("f", chunks[b"data"])

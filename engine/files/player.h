@@ -1,0 +1,52 @@
+#pragma once
+
+#include "files/sample_ring.h"
+#include "files/sound_file.h"
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <mutex>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace sonetrix::dev {
+
+/// A sound file on its way to the capture ports, begun and ended at will: channel n to port n, silence where there is
+/// no channel and after the end. Somebody calls `pump` every few milliseconds.
+class Player {
+public:
+    static constexpr size_t channels = 2;
+
+    explicit Player(uint32_t rate) : rate_(rate) {}
+
+    /// Plays this file from its beginning; an empty path ends what plays. Throws std::runtime_error when the file
+    /// cannot serve: it must have the engine's frame rate.
+    void open(const std::filesystem::path &path);
+    /// The file that plays; empty when there is none any more.
+    [[nodiscard]] std::string file() const;
+    /// Reads ahead.
+    void pump() noexcept;
+    /// Audio thread: the next interleaved samples. False when nothing is played.
+    bool read(std::span<float> interleaved) noexcept;
+    /// Frames that were silent because reading ahead was too slow.
+    [[nodiscard]] uint32_t framesMissed() const noexcept { return missed_.load(std::memory_order_relaxed); }
+
+private:
+    void readAhead() noexcept;
+
+    const uint32_t rate_;
+    mutable std::mutex mutex_; // of those who open and pump
+    std::string name_;
+    SoundFile file_;
+    SF_INFO info_{};
+    std::vector<float> fromFile_;
+    std::vector<float> interleaved_;
+    SampleRing ring_;
+    std::atomic<bool> playing_{false};
+    std::atomic<bool> ended_{false}; // all of the file is in the ring
+    std::atomic<uint32_t> missed_{0};
+};
+
+} // namespace sonetrix::dev
