@@ -4,6 +4,9 @@
 
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
+#if __has_include(<CLI/ExtraValidators.hpp>) // transformers, from CLI11 2.6 on
+#include <CLI/ExtraValidators.hpp>
+#endif
 #include <CLI/Formatter.hpp>
 #include <iostream>
 #include <map>
