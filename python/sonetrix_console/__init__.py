@@ -10,10 +10,19 @@ import __main__
 import sys
 
 from . import prompt
+from .callbacks import after, callbacks, every, on_change, on_meters, ramp
+from .helping import help
 from .paste import paste
+from .session import Session, load, reset, save
+from .words import Refused, connect, create, delete, disconnect, get, graph, info, plugins, put, run, state
 
 # And, one by one, what install() makes names of the console.
-__all__ = ["install", "paste"]
+__all__ = [
+    "help", "install", "paste",
+    "Refused", "connect", "create", "delete", "disconnect", "get", "graph", "info", "plugins", "put", "run", "state",
+    "Session", "load", "reset", "save",
+    "after", "callbacks", "every", "on_change", "on_meters", "ramp",
+]
 
 
 def install() -> None:

@@ -6,13 +6,13 @@ import __main__
 import builtins
 import os
 import pathlib
-import rlcompleter as rlcompleter  # sets itself as completer
 import sys
 from typing import Any
 
 import sonetrix
 
-from . import output, paste
+from . import completion, output
+from .paste import one_line
 
 try:
     import readline
@@ -105,17 +105,16 @@ def run_startup_file() -> None:
 
 def install() -> None:
     """Turns all of it on."""
+    completion.install()
     history = History(_folder("XDG_STATE_HOME", ".local/state") / "history")
     if readline is not None:
-        editline = "libedit" in (readline.__doc__ or "")
-        readline.parse_and_bind("bind ^I rl_complete" if editline else "tab: complete")
-        if not editline and os.environ.get("TERM", "dumb") != "dumb":
+        if os.environ.get("TERM", "dumb") != "dumb":
             readline.parse_and_bind("set enable-bracketed-paste on")
         history.load()
 
     def line_typed(prompt: str, line: str) -> str | None:
         history.add(line)
-        return paste.one_line(prompt, line)
+        return one_line(prompt, line)
 
     sys.displayhook = display
     if sys.stdout is not None and sys.stdout.isatty():

@@ -1,0 +1,158 @@
+"""Callbacks that can be debugged: what keeps them alive, what they raise and how long they take can be seen."""
+
+import itertools
+import sys
+import time
+import traceback
+from collections.abc import Callable
+from typing import Any
+
+from sonetrix import engine, notifyChanges, notifyMeters, timeout
+
+from . import words
+
+SLOW = 0.050  # seconds; the engine's other callbacks of the kind wait that long
+_RAMP_STEP = 10  # milliseconds
+
+_running: dict[str, "Callback"] = {}
+_ramps: dict[str, "Callback"] = {}
+_numbers = itertools.count(1)
+
+
+class Callback:
+    """A callable that the engine calls, until stop(). At the prompt: what it is and what it has done."""
+
+    def __init__(self, what: str, function: Callable[..., object], once: bool = False) -> None:
+        if not callable(function):
+            raise TypeError(f"{function!r} is not callable")
+        self.name = f"{what} {getattr(function, '__qualname__', function)} #{next(_numbers)}"
+        self.calls = 0
+        self.total = self.worst = 0.0
+        self.errors = 0
+        self.error: BaseException | None = None  # the last one
+        self._function = function
+        self._once = once
+        self._told, self._shown = SLOW / 2, ""
+        self._registration: notifyChanges | notifyMeters | timeout | None = None
+
+    def start(self, register: Callable[[Callable[..., None]], notifyChanges | notifyMeters | timeout]) -> "Callback":
+        """Registers with the engine; what `register` returns keeps the registration alive."""
+        _running[self.name] = self
+        try:
+            registration = register(self._called)
+        except BaseException:
+            self.stop()
+            raise
+        if self.name in _running:  # it may have had its only call already
+            self._registration = registration
+        return self
+
+    def stop(self) -> None:
+        """The engine does not call it any more."""
+        _running.pop(self.name, None)
+        self._registration = None
+
+    def _called(self, *arguments: Any) -> None:
+        if self._once and self.calls:
+            return
+        self.calls += 1
+        if self._once:
+            self.stop()
+        begin = time.perf_counter()
+        try:
+            self._function(*map(_text, arguments))
+        except BaseException as error:
+            self.errors += 1
+            self.error = error
+            frames = error.__traceback__ and error.__traceback__.tb_next
+            trace = "".join(traceback.format_exception(type(error), error, frames))
+            if trace != self._shown:  # the same one again and again would hide all else
+                print(f"in the callback {self.name}:\n{trace}", end="", file=sys.stderr)
+            self._shown = trace
+        taken = time.perf_counter() - begin
+        self.total += taken
+        self.worst = max(self.worst, taken)
+        if taken >= 2 * self._told:  # not each time
+            self._told = taken
+            print(f"the callback {self.name} took {taken * 1000:.0f} ms: others wait meanwhile", file=sys.stderr)
+
+    def __repr__(self) -> str:
+        mean = self.total / max(self.calls, 1) * 1000
+        error = f"  {self.errors} errors, the last {self.error!r}" if self.error else ""
+        stopped = "" if self.name in _running else "  stopped"
+        return f"{self.name}  {self.calls} calls  mean {mean:.2f} ms  worst {self.worst * 1000:.2f} ms{error}{stopped}"
+
+
+def _text(values: dict[bytes, Any]) -> dict[str, Any]:
+    return {words.text(key): words.text(value, "float") for key, value in values.items()}
+
+
+def on_change(function: Callable[[dict[str, Any]], object]) -> Callback:
+    """Calls the function with the parameters that have changed, until stop() of what is returned.
+
+    >>> watch = on_change(print)
+    >>> watch.stop()
+    """
+    return Callback("on_change", function).start(notifyChanges)
+
+
+def on_meters(function: Callable[[dict[str, Any]], object], fast: bool = True) -> Callback:
+    """Calls the function with the meters, until stop() of what is returned.
+
+    >>> levels = on_meters(lambda meters: print(max(meters.values())), fast=False)
+    """
+    kind = engine.METER_FAST if fast else engine.METER_SLOW
+    return Callback("on_meters", function).start(lambda called: notifyMeters(called, kind))
+
+
+def every(milliseconds: int, function: Callable[[], object]) -> Callback:
+    """Calls the function again and again, until stop() of what is returned.
+
+    >>> clock = every(1000, lambda: print('tick'))
+    """
+    return Callback("every", function).start(_timer(milliseconds))
+
+
+def after(milliseconds: int, function: Callable[[], object]) -> Callback:
+    """Calls the function once.
+
+    >>> after(2000, lambda: put('gain.gain', 0.0))
+    """
+    return Callback("after", function, once=True).start(_timer(milliseconds))
+
+
+def _timer(milliseconds: int) -> Callable[[Callable[..., None]], timeout]:
+    if milliseconds <= 0:
+        raise ValueError(f"{milliseconds} milliseconds are no time to wait")
+    return lambda called: engine.addTimer(milliseconds, called)
+
+
+def ramp(key: str, to: float, seconds: float) -> Callback:
+    """Moves a parameter from where it is to a value, in that time. Another ramp of the same parameter takes its place.
+
+    >>> ramp('gain.gain', 0.0, 2.5)
+    """
+    begin, start = words.get(key), time.monotonic()
+    words.put(key, begin)  # says now, and not in the callback, why it cannot be set
+    if key in _ramps:
+        _ramps.pop(key).stop()
+
+    def step() -> None:
+        part = min((time.monotonic() - start) / seconds, 1.0) if seconds > 0 else 1.0
+        if part == 1.0:
+            _ramps.pop(key).stop()
+        words.put(key, begin + (to - begin) * part)
+
+    step.__qualname__ = key
+    _ramps[key] = made = Callback("ramp", step)
+    return made.start(_timer(_RAMP_STEP))
+
+
+def callbacks() -> None:
+    """Shows the callbacks: calls, mean and worst time in milliseconds, last error.
+
+    >>> callbacks()
+    every tick #3  12 calls  mean 0.05 ms  worst 0.31 ms
+    """
+    for each in list(_running.values()):
+        print(each)
