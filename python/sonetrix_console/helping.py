@@ -36,6 +36,6 @@ def help(*about: Any) -> None:
         for function in functions:
             call = f"{function.__name__}({', '.join(inspect.signature(function).parameters)})"
             sentence = (function.__doc__ or "").partition(". ")[0].partition("\n\n")[0]
-            print(f"  {call:34}{textwrap.shorten(sentence, max(width - 36, 20), placeholder=' ...')}")
+            print(f"  {call:36}{textwrap.shorten(sentence, max(width - 38, 20), placeholder=' ...')}")
     print("help(graph) tells more, with an example; help(engine) is the engine's own interface. Tab completes names, and in\n"
           "strings ports, modules, parameters, plugins and files. exit() stops the engine.")
