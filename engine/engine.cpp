@@ -15,6 +15,8 @@ namespace {
 
 constexpr int longestOfflineRun = 10'000'000; // seconds; keeps all frame counts exact
 
+constexpr double longestSmoothing = 10; // seconds
+
 std::atomic<Engine *> currentEngine{nullptr};
 
 std::string objection(const Engine::Options &options) {
@@ -109,6 +111,9 @@ void Engine::addOwnParameters() {
     own.push_back(readOnlyParameter("xruns", [&driver] { return driver.xruns(); }));
     own.push_back(readOnlyParameter("meters.dropped", [this] { return meters_->dropped(); }));
     own.push_back(logLevelParameter());
+    own.push_back({"smoothing", [this] { return Value(valueRecord(graph_->smoothing().load())); },
+        {SONETRIX_VALUE_FLOAT, 0, longestSmoothing, "s"},
+        [this](const sonetrix_value_t &seconds) { graph_->smoothing() = seconds.as.float32; }});
     parameters_.add("engine", std::move(own));
     parameters_.add("engine", system_->parameters());
     parameters_.addReader("plugins", [this](auto name, ListKeyValue &result) { catalogue_.describe(name, result); });

@@ -28,10 +28,9 @@ def set_parameter(key, value):
         raise ValueError(f"the engine refused {key} = {value!r}")
 
 
-def build():
-    # A Python float becomes a 32-bit float, which is what plugins take.
+def build(gain=0.5):
     new_module("tone", "sine_fcac", frequency=440.0, amplitude=0.5)
-    new_module("gain", "amp_mono", gain=0.5)
+    new_module("gain", "amp_mono", gain=gain)
     # Links go from a source to a sink. A source can feed many sinks, a sink has one source.
     check(engine.link("tone:output", "gain:input"))
     check(engine.link("gain:output", "system:playback_1"))

@@ -31,7 +31,9 @@ class Ramp:
 
 
 def main():
-    chain.build()
+    # Each step of the timer would be a small click; the engine takes a little more than its period for it.
+    chain.set_parameter("engine.smoothing", 2 * PERIOD / 1000)
+    chain.build(gain=0.0)
     ramp = Ramp("gain.gain", 0.0, 1.0)  # kept: the engine's own reference to `move` does not keep it alive
     ramp.done.wait()
     chain.play(0.2)

@@ -68,7 +68,7 @@ int32_t Graph::createModule(const char *name, const char *identifier, const List
         const LadspaPlugin &plugin = catalogue_.plugin(identifier);
         if (module(name))
             throw Refusal(statusExists, "there is a module of that name");
-        const auto created = std::make_shared<LadspaModule>(name, plugin, rate_, block_, configuration);
+        const auto created = std::make_shared<LadspaModule>(name, plugin, rate_, block_, smoothing_, configuration);
         Origin origin{plugin.library, configuration != nullptr ? *configuration : ListKeyValue()};
 
         const std::lock_guard lock(mutex_);

@@ -7,6 +7,7 @@
 #include "ladspa/ladspa_catalogue.h"
 #include "lists/lists.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <list>
@@ -67,6 +68,9 @@ public:
     /// Empty when there is no such module or it is not from a plugin.
     [[nodiscard]] std::optional<Origin> origin(std::string_view name) const;
 
+    /// How long plugins' controls take to a new value, in seconds; 0: none at all.
+    [[nodiscard]] std::atomic<float> &smoothing() noexcept { return smoothing_; }
+
     /// Returns when all edits made before are ready for the audio thread's next block.
     void flush();
     /// Ends the thread that destroys modules: it must not meet the exit handlers of their plugins' libraries. Edits do
@@ -111,6 +115,7 @@ private:
     LadspaCatalogue &catalogue_;
     Parameters &parameters_;
     PlanExchange &plans_;
+    std::atomic<float> smoothing_{0};
 
     mutable std::mutex mutex_;
     std::list<Entry> entries_; // in creation order

@@ -20,11 +20,17 @@ std::string controlNames(const LadspaPlugin &plugin) {
 
 } // namespace
 
-LadspaModule::LadspaModule(
-    std::string name, const LadspaPlugin &plugin, uint32_t rate, uint32_t block, const ListKeyValue *configuration)
+LadspaModule::LadspaModule(std::string name,
+    const LadspaPlugin &plugin,
+    uint32_t rate,
+    uint32_t block,
+    const std::atomic<float> &smoothing,
+    const ListKeyValue *configuration)
     : Module(std::move(name), Type::plugin, plugin.sourceNames, plugin.sinkNames, block),
       plugin_(plugin),
       descriptor_(*plugin.descriptor),
+      smoothing_(smoothing),
+      rate_(static_cast<float>(rate)),
       controlOutputs_(plugin.outputs.size()),
       connected_(plugin.sinks.size(), nullptr) {
     for (const auto &control : plugin.controls)
@@ -65,21 +71,61 @@ void LadspaModule::configure(const ListKeyValue &configuration) {
             throw Refusal(statusRange,
                 inQuotes(entry.key) + " takes " + found->domain.text() + ", not " + valueText(entry.value));
         Control &control = controls_[static_cast<size_t>(found - plugin_.controls.begin())];
-        control.current = value->as.float32;
-        control.value = value->as.float32;
+        control.value = control.current = control.goal = value->as.float32;
     }
 }
 
-void LadspaModule::process(const float *const *inputs, uint32_t frames) noexcept {
-    for (Control &control : controls_)
-        control.current = control.value.load(std::memory_order_relaxed);
-    for (size_t i = 0; i < connected_.size(); ++i) {
-        if (connected_[i] == inputs[i])
-            continue;
-        connected_[i] = inputs[i];
-        descriptor_.connect_port(handle_, plugin_.sinks[i], const_cast<float *>(inputs[i]));
+bool LadspaModule::aim() noexcept {
+    bool moving = false;
+    const float smoothing = smoothing_.load(std::memory_order_relaxed);
+    for (size_t i = 0; i < controls_.size(); ++i) {
+        Control &control = controls_[i];
+        const float value = control.value.load(std::memory_order_relaxed);
+        if (value != control.goal)
+            control.left = plugin_.controls[i].isContinuous ? static_cast<uint32_t>(smoothing * rate_) : 0;
+        control.goal = value;
+        if (control.left == 0)
+            control.current = value;
+        moving |= control.left != 0;
     }
-    descriptor_.run(handle_, frames);
+    return moving;
+}
+
+void LadspaModule::move(uint32_t frames) noexcept {
+    for (Control &control : controls_) {
+        if (control.left == 0)
+            continue;
+        const uint32_t taken = std::min(frames, control.left);
+        control.current +=
+            (control.goal - control.current) * static_cast<float>(taken) / static_cast<float>(control.left);
+        control.left -= taken;
+        if (control.left == 0)
+            control.current = control.goal;
+    }
+}
+
+void LadspaModule::connectAudio(const float *const *inputs, uint32_t offset) noexcept {
+    for (size_t i = 0; i < connected_.size(); ++i) {
+        connected_[i] = inputs[i];
+        descriptor_.connect_port(handle_, plugin_.sinks[i], const_cast<float *>(inputs[i]) + offset);
+    }
+    for (size_t i = 0; i < plugin_.sources.size(); ++i)
+        descriptor_.connect_port(handle_, plugin_.sources[i], output(i) + offset);
+}
+
+void LadspaModule::process(const float *const *inputs, uint32_t frames) noexcept {
+    constexpr uint32_t step = 8; // frames: short enough not to be heard as a staircase
+    const bool moving = aim();
+    for (uint32_t offset = 0; moving && offset < frames; offset += step) {
+        const uint32_t count = std::min(step, frames - offset);
+        move(count);
+        connectAudio(inputs, offset);
+        descriptor_.run(handle_, count);
+    }
+    if (moving || !std::equal(connected_.begin(), connected_.end(), inputs))
+        connectAudio(inputs, 0);
+    if (!moving)
+        descriptor_.run(handle_, frames);
     for (ControlOutput &output : controlOutputs_)
         output.value.store(output.current, std::memory_order_relaxed);
 }

@@ -14,13 +14,20 @@ namespace sonetrix::dev {
 
 /// A plugin instance. Its audio ports are the module's ports, its control inputs the module's parameters: 32-bit floats
 /// whose ranges and initial values come from the plugin's hints.
+///
+/// A control that is written takes its new value at the next block; where `smoothing` (seconds) is not 0, it goes there
+/// in a straight line, in steps of a few frames, in that time. Whole numbers and switches jump.
 class LadspaModule final : public Module {
 public:
     /// `configuration` (or null) gives control inputs other initial values: they are there when the plugin is
     /// activated. Throws Refusal when it names an unknown one or has a value that cannot be written, or when the plugin
     /// gives no instance.
-    LadspaModule(
-        std::string name, const LadspaPlugin &plugin, uint32_t rate, uint32_t block, const ListKeyValue *configuration);
+    LadspaModule(std::string name,
+        const LadspaPlugin &plugin,
+        uint32_t rate,
+        uint32_t block,
+        const std::atomic<float> &smoothing,
+        const ListKeyValue *configuration);
     ~LadspaModule() override;
 
     void process(const float *const *inputs, uint32_t frames) noexcept override;
@@ -37,10 +44,13 @@ public:
 
 private:
     struct Control {
-        explicit Control(float initial) : value(initial), current(initial) {}
+        explicit Control(float initial) : value(initial), current(initial), goal(initial) {}
 
         std::atomic<float> value; // what scripts write
-        float current;            // what the plugin reads
+        // The audio thread's:
+        float current; // what the plugin reads
+        float goal;
+        uint32_t left = 0; // frames until it is there
     };
     struct ControlOutput {
         float current = 0;            // what the plugin writes
@@ -48,9 +58,15 @@ private:
     };
 
     void configure(const ListKeyValue &configuration);
+    /// Audio thread. Whether a control is on its way.
+    bool aim() noexcept;
+    void move(uint32_t frames) noexcept;
+    void connectAudio(const float *const *inputs, uint32_t offset) noexcept;
 
     const LadspaPlugin &plugin_;
     const LADSPA_Descriptor &descriptor_;
+    const std::atomic<float> &smoothing_;
+    const float rate_;
     std::deque<Control> controls_;
     std::deque<ControlOutput> controlOutputs_;
     std::vector<const float *> connected_; // what the plugin's audio inputs point to

@@ -100,7 +100,9 @@ LadspaPlugin::LadspaPlugin(std::filesystem::path file, const LADSPA_Descriptor &
         } else if (LADSPA_IS_PORT_INPUT(kind)) {
             const LADSPA_PortRangeHint &hint = plugin.PortRangeHints[port];
             const Domain domain = domainOf(hint, name, rate);
-            controls.push_back({controlNames.add(name), port, domain, initialOf(hint, domain)});
+            const bool isWhole =
+                LADSPA_IS_HINT_INTEGER(hint.HintDescriptor) || LADSPA_IS_HINT_TOGGLED(hint.HintDescriptor);
+            controls.push_back({controlNames.add(name), port, domain, initialOf(hint, domain), !isWhole});
         } else {
             outputs.push_back(port);
             outputNames.push_back(controlNames.add(name));

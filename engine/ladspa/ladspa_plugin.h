@@ -22,6 +22,7 @@ struct LadspaPlugin {
         unsigned long port;
         Domain domain;
         float initial;
+        bool isContinuous; // neither whole number nor switch
     };
 
     LadspaPlugin(std::filesystem::path file, const LADSPA_Descriptor &plugin, uint32_t rate);

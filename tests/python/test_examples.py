@@ -110,11 +110,10 @@ gain    amp_mono
         heard = sound.read(recording)
         peaks = [max(heard.part(step / 50, (step + 1) / 50).channels[0]) for step in range(int(heard.seconds * 50))]
         self.assertAlmostEqual(peaks[-1], 0.5, delta=0.001)
-        falls = [i for i, (a, b) in enumerate(zip(peaks, peaks[1:]), 1) if b < a - 0.001]
-        rising = peaks[falls[0] if falls else 0:]  # before that, the chain's own gain
-        self.assertLessEqual(len(falls), 1)
-        self.assertLess(rising[0], 0.1)
-        self.assertLess(max(b - a for a, b in zip(rising, rising[1:])), 0.1 if support.SLOWNESS == 1 else 0.3)
+        self.assertLess(max(a - b for a, b in zip(peaks, peaks[1:])), 0.001)
+        # What turns a 440 Hz tone of that level from one sample to the next is 0.0017; a click would be far more.
+        samples = heard.channels[0]
+        self.assertLess(max(abs(a - 2 * b + c) for a, b, c in zip(samples, samples[1:], samples[2:])), 0.0025)
 
     def test_wait_for_event(self):
         tune, recording = self.folder / "in.wav", self.folder / "out.wav"
