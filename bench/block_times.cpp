@@ -12,15 +12,14 @@ using namespace sonetrix::dev;
 
 namespace {
 
-// Stands in front of the engine's own observer, at the end of every block.
-class BlockTimer final : public BlockObserver {
+class BlockTimes {
 public:
-    explicit BlockTimer(Engine &engine) : engine_(engine) { nanoseconds_.reserve(maximum); }
+    BlockTimes() { nanoseconds_.reserve(maximum); }
 
-    void blockProcessed(const Plan &plan) noexcept override {
-        engine_.meters().blockProcessed(plan);
+    // At the end of every block, on the audio thread.
+    void add(int64_t nanoseconds) {
         if (nanoseconds_.size() < maximum)
-            nanoseconds_.push_back(nanosecondsOf(CLOCK_REALTIME) - engine_.driver().blockBegan());
+            nanoseconds_.push_back(nanoseconds);
     }
 
     // Once the audio thread has ended.
@@ -36,7 +35,6 @@ public:
 private:
     static constexpr size_t maximum = 10'000'000;
 
-    Engine &engine_;
     std::vector<int64_t> nanoseconds_;
 };
 
@@ -45,14 +43,17 @@ int measure(const char *library, const char *script) {
     CliModule module;
     ListKeyValue parameters;
     parameters.add("python.file", std::string(script));
-    const auto engine =
-        module.load(library, error) ? Engine::create({.block = 64}, std::move(parameters), error) : nullptr;
+    BlockTimes times;
+    const auto afterBlock = [&times] {
+        times.add(nanosecondsOf(CLOCK_REALTIME) - Engine::current()->driver().blockBegan());
+    };
+    const auto engine = module.load(library, error)
+                            ? Engine::create({.block = 64, .afterBlock = afterBlock}, std::move(parameters), error)
+                            : nullptr;
     if (engine == nullptr) {
         std::fprintf(stderr, "block_times: %s\n", error.c_str());
         return 1;
     }
-    BlockTimer timer(*engine);
-    engine->audioPath().setObserver(&timer);
     engine->setStopHook([&] { module.stop(); });
     if (!engine->start(error) || !module.construct(engine->startParameters(), error)) {
         std::fprintf(stderr, "block_times: %s\n", error.c_str());
@@ -62,7 +63,7 @@ int measure(const char *library, const char *script) {
     engine->requestStop();
     module.destroy();
     engine->join();
-    timer.print();
+    times.print();
     return 0;
 }
 

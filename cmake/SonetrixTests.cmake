@@ -1,8 +1,5 @@
 # How tests are registered.
 
-find_package(GTest REQUIRED)
-include(GoogleTest)
-
 set(SONETRIX_TEST_TIMEOUT 120)
 set(_testEnvironment
     SONETRIX_BUILD=${CMAKE_BINARY_DIR}
@@ -100,18 +97,4 @@ function(sonetrix_python_test file)
         TIMEOUT ${timeout} RUN_SERIAL ${runSerial} LABELS "${labels}"
         ENVIRONMENT "${_testEnvironment};${_pythonEnvironment}")
     set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${file})
-endfunction()
-
-# sonetrix_cpp_tests(FOLDER LIBRARIES ... INCLUDES ...): one GoogleTest program of all .cpp files in the folder.
-function(sonetrix_cpp_tests folder)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LIBRARIES;INCLUDES")
-    file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${folder}/*.cpp)
-    if(NOT sources)
-        return()
-    endif()
-    add_executable(${folder}_tests ${sources})
-    target_include_directories(${folder}_tests PRIVATE ${arg_INCLUDES})
-    target_link_libraries(${folder}_tests PRIVATE ${arg_LIBRARIES} GTest::gmock GTest::gtest_main Threads::Threads)
-    gtest_discover_tests(${folder}_tests TEST_PREFIX ${folder}. DISCOVERY_TIMEOUT 60
-        PROPERTIES TIMEOUT ${SONETRIX_TEST_TIMEOUT} LABELS ${folder} ENVIRONMENT "${_testEnvironment}")
 endfunction()

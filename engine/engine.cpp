@@ -7,7 +7,11 @@
 
 #include <cstdlib>
 #include <fmt/format.h>
+#include <stdexcept>
+#include <sys/mman.h>
+#include <sys/resource.h>
 #include <system_error>
+#include <utility>
 
 namespace sonetrix::dev {
 
@@ -26,6 +30,9 @@ std::string objection(const Engine::Options &options) {
         return "the block must be from 16 to 8192 frames";
     if (!(options.offlineSeconds >= 0 && options.offlineSeconds <= longestOfflineRun))
         return "an offline run must be from 0 to " + std::to_string(longestOfflineRun) + " seconds long";
+    std::error_code missing;
+    if (!options.record.empty() && std::filesystem::equivalent(options.input, options.record, missing))
+        return options.record.string() + " cannot be input and recording at once";
     if (Engine::current() != nullptr)
         return "the process has an engine already";
     return {};
@@ -40,6 +47,13 @@ std::shared_ptr<SystemModule> makeSystem(const Engine::Options &options) {
 
 std::chrono::nanoseconds blockTime(const Engine::Options &options) {
     return std::chrono::nanoseconds(std::chrono::seconds(options.block)) / options.rate;
+}
+
+/// So that the audio thread never waits for a page. Only where there is no limit to run into later.
+void lockMemory() noexcept {
+    constexpr rlimit none{RLIM_INFINITY, RLIM_INFINITY};
+    if (::setrlimit(RLIMIT_MEMLOCK, &none) == 0)
+        ::mlockall(MCL_CURRENT | MCL_FUTURE);
 }
 
 Parameter logLevelParameter() {
@@ -65,11 +79,7 @@ std::unique_ptr<Engine> Engine::create(const Options &options, ListKeyValue star
             error = "the process has an engine already";
             return nullptr;
         }
-        static const int registered = std::atexit(finishAtExit);
-        if (registered != 0) {
-            error = "no room for an exit handler";
-            return nullptr;
-        }
+        finishBeforeExitHandlers();
         return engine;
     } catch (const std::exception &failure) {
         error = failure.what();
@@ -78,23 +88,33 @@ std::unique_ptr<Engine> Engine::create(const Options &options, ListKeyValue star
 }
 
 Engine::Engine(const Options &options, ListKeyValue startParameters)
-    : startParameters_(std::move(startParameters)),
-      catalogue_(LadspaCatalogue::standardDirectories(), options.rate),
+    : options_(options),
+      startParameters_(std::move(startParameters)),
+      catalogue_(LadspaCatalogue::standardDirectories(), options.rate, finishBeforeExitHandlers),
       system_(makeSystem(options)),
       graph_(std::make_unique<Graph>(system_, options.rate, options.block, catalogue_, parameters_, plans_)),
-      audioPath_(std::make_unique<AudioPath>(system_, plans_)),
-      meters_(std::make_unique<Meters>(*graph_, *system_, options.rate, options.block)),
-      notifier_(std::make_unique<Notifier>(parameters_, blockTime(options))) {
-    if (options.offlineSeconds > 0) {
-        auto driver = std::make_unique<OfflineDriver>(options.rate, options.block, *audioPath_, options.offlineSeconds);
-        addOfflineParameters(*driver);
-        driver_ = std::move(driver);
-    } else {
-        driver_ = std::make_unique<ClockDriver>(options.rate, options.block, *audioPath_);
-    }
-    audioPath_->setObserver(meters_.get());
-    parameters_.setListener(notifier_.get());
+      meters_(std::make_unique<Meters>(*graph_, *system_, blockTime(options))),
+      notifier_(std::make_unique<Notifier>(parameters_, blockTime(options))),
+      timers_(options.offlineSeconds > 0),
+      driver_(makeDriver()) {
+    parameters_.setListener([this](std::string_view key) { notifier_->parameterWritten(key); });
     addOwnParameters();
+    if (offline_ != nullptr)
+        addOfflineParameters();
+}
+
+std::unique_ptr<Driver> Engine::makeDriver() {
+    const auto process = [this](uint32_t wanted) { processBlock(wanted); };
+    if (options_.offlineSeconds <= 0)
+        return std::make_unique<ClockDriver>(options_.rate, options_.block, process);
+    const auto before = [this](std::chrono::nanoseconds rendered) {
+        if (timers_.advanceTo(rendered))
+            graph_->flush();
+    };
+    auto driver =
+        std::make_unique<OfflineDriver>(options_.rate, options_.block, process, before, options_.offlineSeconds);
+    offline_ = driver.get();
+    return driver;
 }
 
 Engine::~Engine() {
@@ -119,15 +139,17 @@ void Engine::addOwnParameters() {
     parameters_.addReader("plugins", [this](auto name, ListKeyValue &result) { catalogue_.describe(name, result); });
 }
 
-void Engine::addOfflineParameters(OfflineDriver &driver) {
+void Engine::addOfflineParameters() {
     const auto asked = std::make_shared<std::atomic<float>>(0.0F);
-    const auto run = [this, &driver, asked](const sonetrix_value_t &seconds) {
+    const auto run = [this, asked](const sonetrix_value_t &seconds) {
+        if (timers_.isCalling())
+            throw Refusal(statusBusy, "rendering waits for this timer");
         graph_->flush();
-        if (!driver.render(static_cast<double>(seconds.as.float32)))
-            throw Refusal(statusRange, fmt::format("{:g} s are left to render", driver.secondsLeft()));
+        if (!offline_->render(static_cast<double>(seconds.as.float32)))
+            throw Refusal(statusRange, fmt::format("{:g} s are left to render", offline_->secondsLeft()));
         asked->store(seconds.as.float32);
     };
-    parameters_.add("engine", {readOnlyParameter("offline.left", [&driver] { return driver.secondsLeft(); }),
+    parameters_.add("engine", {readOnlyParameter("offline.left", [this] { return offline_->secondsLeft(); }),
                                   {"offline.run", [asked] { return Value(valueRecord(asked->load())); },
                                       {SONETRIX_VALUE_FLOAT, 0, longestOfflineRun, "s"}, run}});
 }
@@ -135,11 +157,13 @@ void Engine::addOfflineParameters(OfflineDriver &driver) {
 bool Engine::start(std::string &error) {
     try {
         running_ = true;
+        if (offline_ == nullptr)
+            lockMemory();
         meters_->start();
         notifier_->start();
         timers_.start();
         driver_->start();
-        stopThread_ = engineThread("sonetrix-stop", [this](const std::stop_token &) { stopThreadMain(); });
+        stopThread_.start("sonetrix-stop", [this](const std::stop_token & /*stop*/) { carryOutStop(); });
         return true;
     } catch (const std::system_error &failure) {
         running_ = false;
@@ -148,37 +172,51 @@ bool Engine::start(std::string &error) {
     }
 }
 
+// Runs the newest plan and leaves the levels of the driver's ports for the meters.
+void Engine::processBlock(uint32_t wanted) noexcept {
+    system_->setWanted(wanted);
+    meanBlockTime_.store(static_cast<float>(plans_.acquire()->run()), std::memory_order_relaxed);
+    meters_->add(system_->levels());
+    if (options_.afterBlock)
+        options_.afterBlock();
+}
+
+void Engine::noteWaiting() noexcept {
+    constexpr uint32_t often = 4; // asks engine.waitUntilEnd ten times a second
+    if (offline_ != nullptr && askedRunning_.fetch_add(1, std::memory_order_relaxed) + 1 == often) {
+        graph_->flush();
+        offline_->renderRest([this] { requestStop(); });
+    }
+}
+
 void Engine::requestStop() noexcept {
     stopRequested_ = true;
     stopRequested_.notify_all();
 }
 
-void Engine::stopThreadMain() noexcept {
+void Engine::carryOutStop() {
     stopRequested_.wait(false);
     running_ = false;
     if (stopHook_)
         stopHook_();
     meters_->requestEnd();
     notifier_->requestEnd();
-    timers_.requestEnd();
     finishAudio();
+    stopThread_.requestEnd();
 }
 
+// The plugins' code runs here for the last time.
 void Engine::finishAudio() noexcept {
+    timers_.requestEnd(); // rendering waits for them
+    const std::lock_guard lock(finishMutex_);
     graph_->flush();
     driver_->stop();
     system_->close();
 }
 
-void Engine::finishAtExit() {
-    if (Engine *engine = current())
-        engine->finishAudio();
-}
-
 void Engine::join() {
     requestStop();
-    if (stopThread_.joinable())
-        stopThread_.join();
+    stopThread_.join();
     running_ = false;
     meters_->join();
     notifier_->join();
@@ -187,14 +225,17 @@ void Engine::join() {
     graph_->join();
 }
 
-void Engine::setExitCode(int32_t code) noexcept {
-    const std::lock_guard lock(exitCodeMutex_);
-    exitCode_ = code;
-}
-
-std::optional<int32_t> Engine::exitCode() const noexcept {
-    const std::lock_guard lock(exitCodeMutex_);
-    return exitCode_;
+// A process that exits while the engine runs: first of all the audio ends and the recording is completed. What a plugin
+// library has registered for the exit, when it was loaded, comes after that.
+void Engine::finishBeforeExitHandlers() {
+    const auto finish = [] {
+        if (Engine *engine = current(); engine != nullptr && !isForkedChild()) {
+            engine->finishAudio();
+            engine->graph_->join();
+        }
+    };
+    if (std::atexit(finish) != 0)
+        throw std::runtime_error("no room for an exit handler");
 }
 
 } // namespace sonetrix::dev

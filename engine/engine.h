@@ -3,14 +3,17 @@
 #include "driver/driver.h"
 #include "events/meters.h"
 #include "events/notifier.h"
-#include "events/timer_service.h"
-#include "graph/audio_path.h"
+#include "events/timers.h"
 #include "graph/graph.h"
 #include "graph/parameters.h"
+#include "graph/plan_exchange.h"
+#include "graph/system_module.h"
 #include "ladspa/ladspa_catalogue.h"
 #include "lists/lists.h"
+#include "thread.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -18,7 +21,6 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 
 namespace sonetrix::dev {
 
@@ -35,9 +37,10 @@ public:
     struct Options {
         uint32_t rate = 48000;
         uint32_t block = 256;
-        std::filesystem::path input{};  ///< sound file played into the capture ports
-        std::filesystem::path record{}; ///< sound file that takes what the playback ports play
-        double offlineSeconds = 0;      ///< above 0: an offline run of that length
+        std::filesystem::path input{};      ///< sound file played into the capture ports
+        std::filesystem::path record{};     ///< sound file that takes what the playback ports play
+        double offlineSeconds = 0;          ///< above 0: an offline run of that length
+        std::function<void()> afterBlock{}; ///< called on the audio thread: for measurements
     };
 
     /// Null with a reason in `error` when the options cannot be met or the process has an engine.
@@ -56,9 +59,13 @@ public:
     void join();
 
     [[nodiscard]] bool isRunning() const noexcept { return running_; }
+    /// A script has asked for that; `otherwise`: it has called something else. One that keeps asking and does nothing
+    /// else waits for the end, to which an offline engine then renders.
+    void noteWaiting() noexcept;
+    void noteOtherwise() noexcept { askedRunning_.store(0, std::memory_order_relaxed); }
     [[nodiscard]] bool stopRequested() const noexcept { return stopRequested_; }
-    void setExitCode(int32_t code) noexcept;
-    [[nodiscard]] std::optional<int32_t> exitCode() const noexcept;
+    void setExitCode(int32_t code) noexcept { exitCode_ = code; }
+    [[nodiscard]] std::optional<int32_t> exitCode() const noexcept { return exitCode_; }
 
     /// Not changed after `create`.
     ListKeyValue &startParameters() noexcept { return startParameters_; }
@@ -66,39 +73,44 @@ public:
     Driver &driver() noexcept { return *driver_; }
     LadspaCatalogue &catalogue() noexcept { return catalogue_; }
     Graph &graph() noexcept { return *graph_; }
-    AudioPath &audioPath() noexcept { return *audioPath_; }
     Notifier &notifier() noexcept { return *notifier_; }
-    TimerService &timers() noexcept { return timers_; }
+    Timers &timers() noexcept { return timers_; }
     Meters &meters() noexcept { return *meters_; }
+    /// Mean time that all modules together take per block, in seconds.
+    [[nodiscard]] float meanBlockTime() const noexcept { return meanBlockTime_.load(std::memory_order_relaxed); }
 
 private:
     Engine(const Options &options, ListKeyValue startParameters);
 
-    static void finishAtExit();
+    static void finishBeforeExitHandlers();
     void addOwnParameters();
-    void addOfflineParameters(OfflineDriver &driver);
-    void stopThreadMain() noexcept;
+    void addOfflineParameters();
+    std::unique_ptr<Driver> makeDriver();
+    void processBlock(uint32_t wanted) noexcept;
+    void carryOutStop();
     void finishAudio() noexcept;
 
+    const Options options_;
     ListKeyValue startParameters_;
     Parameters parameters_;
     LadspaCatalogue catalogue_;
     PlanExchange plans_;
     std::shared_ptr<SystemModule> system_;
     std::unique_ptr<Graph> graph_;
-    std::unique_ptr<AudioPath> audioPath_;
     std::unique_ptr<Meters> meters_;
     std::unique_ptr<Notifier> notifier_;
-    TimerService timers_;
-    std::unique_ptr<Driver> driver_; // the last of the audio's: its thread uses the others
+    Timers timers_;
+    std::atomic<float> meanBlockTime_{0};
+    OfflineDriver *offline_ = nullptr; // the driver, if it is one
+    std::unique_ptr<Driver> driver_;   // the last of the audio's: its thread uses the others
 
     std::function<void()> stopHook_;
-    std::jthread stopThread_;
     std::atomic<bool> stopRequested_{false};
     std::atomic<bool> running_{false};
-
-    mutable std::mutex exitCodeMutex_;
-    std::optional<int32_t> exitCode_;
+    std::atomic<uint32_t> askedRunning_{0};
+    std::atomic<std::optional<int32_t>> exitCode_{std::nullopt};
+    std::mutex finishMutex_;
+    Thread stopThread_;
 };
 
 } // namespace sonetrix::dev

@@ -1,7 +1,13 @@
 #pragma once
 
-#include "thread_signals.h"
+#include "sonetrix/engine_api.h"
 
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <exception>
+#include <functional>
+#include <mutex>
 #include <pthread.h>
 #include <stop_token>
 #include <thread>
@@ -9,14 +15,57 @@
 
 namespace sonetrix::dev {
 
-/// A thread of the engine that runs `body(std::stop_token)`. Nothing here stands in the way of a callback that ends the
-/// thread by pthread_exit.
-template <class Body> std::jthread engineThread(const char *name, Body body) {
-    return std::jthread([name, body = std::move(body)](std::stop_token stop) {
-        blockSignalsInThisThread();
-        pthread_setname_np(pthread_self(), name);
-        body(std::move(stop));
-    });
+/// Signals that end the program belong to its console and signal threads: every other thread calls this first.
+inline void blockTerminationSignals() noexcept {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP})
+        sigaddset(&signals, number);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
+
+/// A thread of the engine. It runs its round again and again until it is to end; a round that throws (there was no
+/// memory) is logged, and the next one begins a moment later. Ends in its destructor: the last member of its owner.
+class Thread {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    /// Throws std::system_error when there is no thread to be had. The name has at most fifteen characters.
+    void start(const char *name, std::function<void(const std::stop_token &)> round) {
+        thread_ = std::jthread([this, name, round = std::move(round)](const std::stop_token &stop) {
+            blockTerminationSignals();
+            pthread_setname_np(pthread_self(), name);
+            while (!stop.stop_requested()) {
+                try {
+                    round(stop);
+                } catch (const std::exception &failure) { // only these: pthread_exit in a callback is none
+                    sonetrix_log(SONETRIX_LOG_ERROR, __FILE__, __LINE__, 1, "%s: %s", name, failure.what());
+                    pause(stop, Clock::now() + std::chrono::milliseconds(100));
+                }
+            }
+        });
+    }
+    /// Returns at once; the round in progress is the last.
+    void requestEnd() noexcept { thread_.request_stop(); }
+    void join() {
+        requestEnd();
+        if (thread_.joinable())
+            thread_.join();
+    }
+
+    [[nodiscard]] std::stop_token stopToken() const noexcept { return thread_.get_stop_token(); }
+    [[nodiscard]] bool isThisThread() const noexcept { return thread_.get_id() == std::this_thread::get_id(); }
+
+    /// For the round: waits until then, or until the thread is to end.
+    void pause(const std::stop_token &stop, Clock::time_point until) {
+        std::unique_lock lock(mutex_);
+        never_.wait_until(lock, stop, until, [] { return false; });
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable_any never_; // notified by the request to end only
+    std::jthread thread_;
+};
 
 } // namespace sonetrix::dev

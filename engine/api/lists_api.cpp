@@ -1,39 +1,36 @@
 #include "api/status.h"
 #include "lists/lists.h"
 
+#include <memory>
 #include <span>
 
 using namespace sonetrix::dev;
 
 namespace {
 
-template <class List, class Value> int32_t addValue(List *list, const Value &value) noexcept {
-    if (list == nullptr)
+bool isMissing(const char *text) noexcept { return text == nullptr; }
+template <class Element> bool isMissing(std::span<Element> elements) noexcept {
+    return elements.data() == nullptr && !elements.empty();
+}
+template <class Number> bool isMissing(Number /*number*/) noexcept { return false; }
+
+/// Adds a value, or a key and a value.
+template <class List, class... Arguments> int32_t add(List *list, Arguments... arguments) noexcept {
+    if (list == nullptr || (isMissing(arguments) || ...))
         return statusInvalid;
     return guarded([&] {
-        list->add(value);
+        list->add(arguments...);
         return statusOk;
     });
-}
-
-template <class Value> int32_t addEntry(ListKeyValue *list, const char *key, const Value &value) noexcept {
-    if (list == nullptr || key == nullptr)
-        return statusInvalid;
-    return guarded([&] {
-        list->add(key, value);
-        return statusOk;
-    });
-}
-
-template <class List> List *copyOf(const List *list) noexcept {
-    return guardedPointer([&] { return list == nullptr ? nullptr : std::make_unique<List>(*list).release(); });
 }
 
 template <class List> List *newList() noexcept {
     return guardedPointer([] { return std::make_unique<List>().release(); });
 }
 
-template <class List> void destroy(List *list) noexcept { std::unique_ptr<List>{list}; }
+template <class List> List *copyOf(const List *list) noexcept {
+    return guardedPointer([&] { return list == nullptr ? nullptr : std::make_unique<List>(*list).release(); });
+}
 
 template <class List> int32_t merge(List *list, List *other) noexcept {
     if (list == nullptr)
@@ -52,22 +49,20 @@ template <class List, class Callback> int32_t forEach(const List *list, Callback
 } // namespace
 
 ListValue *sonetrix_valueListNew() { return newList<ListValue>(); }
-void sonetrix_valueListDestroy(ListValue *list) { destroy(list); }
+void sonetrix_valueListDestroy(ListValue *list) { std::unique_ptr<ListValue>{list}; }
 ListValue *sonetrix_valueListDeepCopy(const ListValue *list) { return copyOf(list); }
 int32_t sonetrix_valueListMerge(ListValue *list, ListValue *other) { return merge(list, other); }
 
-int32_t sonetrix_valueListAddS(ListValue *list, const char *text) {
-    return text == nullptr ? statusInvalid : addValue(list, text);
-}
-int32_t sonetrix_valueListAddI32(ListValue *list, int32_t number) { return addValue(list, number); }
-int32_t sonetrix_valueListAddU32(ListValue *list, uint32_t number) { return addValue(list, number); }
-int32_t sonetrix_valueListAddF(ListValue *list, float number) { return addValue(list, number); }
-int32_t sonetrix_valueListAddD(ListValue *list, double number) { return addValue(list, number); }
+int32_t sonetrix_valueListAddS(ListValue *list, const char *text) { return add(list, text); }
+int32_t sonetrix_valueListAddI32(ListValue *list, int32_t number) { return add(list, number); }
+int32_t sonetrix_valueListAddU32(ListValue *list, uint32_t number) { return add(list, number); }
+int32_t sonetrix_valueListAddF(ListValue *list, float number) { return add(list, number); }
+int32_t sonetrix_valueListAddD(ListValue *list, double number) { return add(list, number); }
 int32_t sonetrix_valueListAddAi32(ListValue *list, const int32_t *elements, size_t count) {
-    return addValue(list, std::span(elements, count));
+    return add(list, std::span(elements, count));
 }
 int32_t sonetrix_valueListAddAfloat(ListValue *list, const float *elements, size_t count) {
-    return addValue(list, std::span(elements, count));
+    return add(list, std::span(elements, count));
 }
 
 int32_t sonetrix_valueListForEach(ListValue *list, sonetrix_valueCallback_t callback, void *user) {
@@ -75,39 +70,37 @@ int32_t sonetrix_valueListForEach(ListValue *list, sonetrix_valueCallback_t call
 }
 
 ListKeyValue *sonetrix_keyValueListNew() { return newList<ListKeyValue>(); }
-void sonetrix_keyValueListDestroy(ListKeyValue *list) { destroy(list); }
+void sonetrix_keyValueListDestroy(ListKeyValue *list) { std::unique_ptr<ListKeyValue>{list}; }
 ListKeyValue *sonetrix_keyValueListDeepCopy(const ListKeyValue *list) { return copyOf(list); }
 int32_t sonetrix_keyValueListMerge(ListKeyValue *list, ListKeyValue *other) { return merge(list, other); }
 
 int32_t sonetrix_keyValueListRemoveKey(ListKeyValue *list, const char *key) {
     if (list == nullptr || key == nullptr)
         return statusInvalid;
-    return guarded([&] { return list->remove(key) != 0 ? statusOk : statusNotFound; });
+    return list->remove(key) != 0 ? statusOk : statusNotFound;
 }
 
 int32_t sonetrix_keyValueListAddSS(ListKeyValue *list, const char *key, const char *text) {
-    return text == nullptr ? statusInvalid : addEntry(list, key, text);
+    return add(list, key, text);
 }
 int32_t sonetrix_keyValueListAddSI32(ListKeyValue *list, const char *key, int32_t number) {
-    return addEntry(list, key, number);
+    return add(list, key, number);
 }
 int32_t sonetrix_keyValueListAddSU32(ListKeyValue *list, const char *key, uint32_t number) {
-    return addEntry(list, key, number);
+    return add(list, key, number);
 }
-int32_t sonetrix_keyValueListAddSF(ListKeyValue *list, const char *key, float number) {
-    return addEntry(list, key, number);
-}
+int32_t sonetrix_keyValueListAddSF(ListKeyValue *list, const char *key, float number) { return add(list, key, number); }
 int32_t sonetrix_keyValueListAddSD(ListKeyValue *list, const char *key, double number) {
-    return addEntry(list, key, number);
+    return add(list, key, number);
 }
 int32_t sonetrix_keyValueListAddSAi32(ListKeyValue *list, const char *key, const int32_t *elements, size_t count) {
-    return addEntry(list, key, std::span(elements, count));
+    return add(list, key, std::span(elements, count));
 }
 int32_t sonetrix_keyValueListAddSAu32(ListKeyValue *list, const char *key, const uint32_t *elements, size_t count) {
-    return addEntry(list, key, std::span(elements, count));
+    return add(list, key, std::span(elements, count));
 }
 int32_t sonetrix_keyValueListAddSAfloat(ListKeyValue *list, const char *key, const float *elements, size_t count) {
-    return addEntry(list, key, std::span(elements, count));
+    return add(list, key, std::span(elements, count));
 }
 
 int32_t sonetrix_keyValueListForEach(ListKeyValue *list, sonetrix_keyValueCallback_t callback, void *user) {
@@ -128,14 +121,9 @@ int32_t sonetrix_keyValueListGetIU(ListKeyValue *list, const char *key, uint32_t
     if (list == nullptr || key == nullptr || number == nullptr)
         return statusInvalid;
     const sonetrix_value_t *value = list->find(key);
-    if (value == nullptr)
-        return statusNotFound;
-    if (value->type == SONETRIX_VALUE_INT32 && value->as.int32 >= 0) {
-        *number = static_cast<uint32_t>(value->as.int32);
-    } else if (value->type == SONETRIX_VALUE_UINT32) {
+    const bool fits = value != nullptr && (value->type == SONETRIX_VALUE_UINT32 ||
+                                              (value->type == SONETRIX_VALUE_INT32 && value->as.int32 >= 0));
+    if (fits)
         *number = value->as.uint32;
-    } else {
-        return statusNotFound;
-    }
-    return statusOk;
+    return fits ? statusOk : statusNotFound;
 }

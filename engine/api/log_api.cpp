@@ -73,11 +73,11 @@ void sonetrix_log_file_time(int32_t on) {
     apply([on](Log &log) { log.setTimeStamps(Log::Target::file, on != 0); });
 }
 void sonetrix_log_filename(const char *path) {
-    apply([path](Log &log) { path != nullptr ? log.openFile(path) : log.closeFile(); });
+    apply([path](Log &log) { log.setFile(path); });
 }
 void sonetrix_log_syslog(int32_t on) {
-    apply([on](Log &log) { log.setSyslog(on != 0); });
+    apply([on](Log &log) { log.setDaemon(Log::Target::syslog, on != 0); });
 }
 void sonetrix_log_journald(int32_t on) {
-    apply([on](Log &log) { log.setJournal(on != 0); });
+    apply([on](Log &log) { log.setDaemon(Log::Target::journal, on != 0); });
 }

@@ -26,13 +26,18 @@ void sleepUntil(int64_t monotonic) noexcept {
 /// Block boundaries, exact for ever: every one is computed from the grid's origin.
 class Grid {
 public:
-    Grid(uint32_t rate, uint32_t block) noexcept : rate_(rate), block_(block) { restart(); }
+    Grid(uint32_t rate, uint32_t block) noexcept : rate_(rate), block_(block) {}
 
-    void restart() noexcept {
-        origin_ = nanosecondsOf(CLOCK_MONOTONIC);
-        frames_ = 0;
-    }
     void advance() noexcept { frames_ += block_; }
+    /// To the first boundary after that time.
+    void advancePast(int64_t monotonic) noexcept {
+        const int64_t seconds = (monotonic - origin_) / nanosecondsPerSecond;
+        const int64_t rest = (monotonic - origin_) % nanosecondsPerSecond;
+        const int64_t frames = seconds * rate_ + rest * rate_ / nanosecondsPerSecond;
+        frames_ = std::max(frames_, frames / block_ * block_);
+        while (boundary() <= monotonic)
+            advance();
+    }
     [[nodiscard]] int64_t boundary() const noexcept {
         return origin_ + frames_ / rate_ * nanosecondsPerSecond + frames_ % rate_ * nanosecondsPerSecond / rate_;
     }
@@ -40,7 +45,7 @@ public:
 private:
     const int64_t rate_;
     const int64_t block_;
-    int64_t origin_ = 0;
+    const int64_t origin_ = nanosecondsOf(CLOCK_MONOTONIC);
     int64_t frames_ = 0;
 };
 
@@ -53,12 +58,11 @@ void ClockDriver::run() noexcept {
         const int64_t lateness = nanosecondsOf(CLOCK_MONOTONIC) - grid.boundary();
         processBlock(block(), secondsOf(std::max<int64_t>(lateness, 0)));
         grid.advance();
-        if (nanosecondsOf(CLOCK_MONOTONIC) > grid.boundary()) {
+        if (const int64_t now = nanosecondsOf(CLOCK_MONOTONIC); now > grid.boundary()) {
             countXrun();
-            grid.restart();
-        } else {
-            sleepUntil(grid.boundary());
+            grid.advancePast(now);
         }
+        sleepUntil(grid.boundary());
     }
 }
 

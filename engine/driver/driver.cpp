@@ -2,29 +2,29 @@
 
 #include "clock.h"
 #include "driver/denormals.h"
-#include "thread.h"
 
 #include <unistd.h>
+#include <utility>
 
 namespace sonetrix::dev {
 
-Driver::Driver(uint32_t rate, uint32_t block, BlockProcessor &processor)
-    : rate_(rate), block_(block), processor_(processor), load_(static_cast<double>(block) / rate) {}
+Driver::Driver(uint32_t rate, uint32_t block, Process process)
+    : rate_(rate), block_(block), process_(std::move(process)), load_(static_cast<double>(block) / rate) {}
 
 Driver::~Driver() = default;
 
 void Driver::start() {
     const std::lock_guard lock(threadMutex_);
-    thread_ = engineThread("sonetrix-audio", [this](const std::stop_token &) { threadMain(); });
+    thread_.start("sonetrix-audio", [this](const std::stop_token & /*stop*/) { threadMain(); });
     loaded_.store(true, std::memory_order_release);
 }
 
 void Driver::stop() noexcept {
     const std::lock_guard lock(threadMutex_);
     stopping_.store(true, std::memory_order_release);
+    thread_.requestEnd();
     interrupt();
-    if (thread_.joinable())
-        thread_.join();
+    thread_.join();
     loaded_.store(false, std::memory_order_release);
 }
 
@@ -38,7 +38,7 @@ void Driver::threadMain() noexcept {
 void Driver::processBlock(uint32_t wanted, double lateness) noexcept {
     blockBegan_.store(nanosecondsOf(CLOCK_REALTIME), std::memory_order_relaxed);
     const int64_t began = nanosecondsOf(CLOCK_MONOTONIC);
-    processor_.processBlock(wanted);
+    process_(wanted);
     load_.add(secondsOf(nanosecondsOf(CLOCK_MONOTONIC) - began), lateness);
 }
 

@@ -1,26 +1,23 @@
 #pragma once
 
 #include "driver/cpu_load.h"
+#include "thread.h"
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <mutex>
-#include <thread>
 
 namespace sonetrix::dev {
-
-/// What a driver drives. Called on the audio thread: it must not wait, allocate or log.
-class BlockProcessor {
-public:
-    virtual ~BlockProcessor() = default;
-    /// Processes one whole block, of which the first `wanted` frames count.
-    virtual void processBlock(uint32_t wanted) noexcept = 0;
-};
 
 /// Owns the audio thread and decides when it processes a block. A derived class stops the thread in its destructor.
 class Driver {
 public:
-    Driver(uint32_t rate, uint32_t block, BlockProcessor &processor);
+    /// Processes one whole block, of which the first `wanted` frames count; on the audio thread, where nothing waits,
+    /// allocates or logs.
+    using Process = std::function<void(uint32_t wanted)>;
+
+    Driver(uint32_t rate, uint32_t block, Process process);
     Driver(const Driver &) = delete;
     Driver &operator=(const Driver &) = delete;
     virtual ~Driver();
@@ -42,7 +39,7 @@ public:
     [[nodiscard]] uint32_t threadId() const noexcept { return threadId_.load(std::memory_order_relaxed); }
 
 protected:
-    /// The audio thread's body; ends when `stopping()`.
+    /// The audio thread's body; returns when `stopping()`.
     virtual void run() noexcept = 0;
     /// Called by `stop`: ends whatever `run` waits for.
     virtual void interrupt() noexcept {}
@@ -56,7 +53,7 @@ private:
 
     const uint32_t rate_;
     const uint32_t block_;
-    BlockProcessor &processor_;
+    const Process process_;
     CpuLoad load_;
     std::atomic<bool> loaded_{false};
     std::atomic<bool> stopping_{false};
@@ -64,7 +61,7 @@ private:
     std::atomic<uint32_t> threadId_{0};
     std::atomic<int64_t> blockBegan_{0};
     std::mutex threadMutex_;
-    std::jthread thread_;
+    Thread thread_;
 };
 
 } // namespace sonetrix::dev

@@ -1,12 +1,15 @@
 #include "driver/offline_driver.h"
 
+#include "clock.h"
+
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace sonetrix::dev {
 
-OfflineDriver::OfflineDriver(uint32_t rate, uint32_t block, BlockProcessor &processor, double totalSeconds)
-    : Driver(rate, block, processor), total_(framesIn(totalSeconds)) {}
+OfflineDriver::OfflineDriver(uint32_t rate, uint32_t block, Process process, Before before, double totalSeconds)
+    : Driver(rate, block, std::move(process)), total_(framesIn(totalSeconds)), before_(std::move(before)) {}
 
 int64_t OfflineDriver::framesIn(double seconds) const noexcept { return std::llround(seconds * rate()); }
 
@@ -21,6 +24,13 @@ bool OfflineDriver::render(double seconds) {
     return true;
 }
 
+void OfflineDriver::renderRest(std::function<void()> done) {
+    const std::lock_guard lock(mutex_);
+    asked_ = total_;
+    done_ = std::move(done);
+    changed_.notify_all();
+}
+
 double OfflineDriver::secondsLeft() const {
     const std::lock_guard lock(mutex_);
     return static_cast<double>(total_ - asked_) / rate();
@@ -29,7 +39,7 @@ double OfflineDriver::secondsLeft() const {
 void OfflineDriver::run() noexcept {
     std::unique_lock lock(mutex_);
     while (!ended_) {
-        changed_.wait(lock, [this] { return stopping() || rendered_ < asked_; });
+        changed_.wait(lock, [this] { return stopping() || rendered_ < asked_ || done_; });
         if (stopping()) {
             asked_ = total_;
             ended_ = true;
@@ -37,10 +47,14 @@ void OfflineDriver::run() noexcept {
         while (rendered_ < asked_) {
             const auto wanted = std::min<int64_t>(block(), total_ - rendered_);
             lock.unlock();
+            before_(std::chrono::nanoseconds(
+                rendered_ / rate() * nanosecondsPerSecond + rendered_ % rate() * nanosecondsPerSecond / rate()));
             processBlock(static_cast<uint32_t>(wanted), 0);
             lock.lock();
             rendered_ += block();
         }
+        if (const auto done = std::exchange(done_, nullptr))
+            done();
         changed_.notify_all();
     }
 }

@@ -2,7 +2,9 @@
 
 #include "driver/driver.h"
 
+#include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 
 namespace sonetrix::dev {
@@ -16,13 +18,18 @@ namespace sonetrix::dev {
 /// there, without rounding errors adding up. Of the last block only the frames within the total are wanted.
 class OfflineDriver final : public Driver {
 public:
-    OfflineDriver(uint32_t rate, uint32_t block, BlockProcessor &processor, double totalSeconds);
+    /// Called before each block, on the rendering thread, with what has been rendered so far. May wait.
+    using Before = std::function<void(std::chrono::nanoseconds rendered)>;
+
+    OfflineDriver(uint32_t rate, uint32_t block, Process process, Before before, double totalSeconds);
     ~OfflineDriver() override { stop(); }
 
     [[nodiscard]] const char *name() const noexcept override { return "offline"; }
 
     /// False, and nothing is rendered, when there is less left than that.
     bool render(double seconds);
+    /// Renders all the rest without waiting for it, and calls that function when it is done.
+    void renderRest(std::function<void()> done);
     /// What nobody has asked for yet.
     [[nodiscard]] double secondsLeft() const;
 
@@ -32,11 +39,13 @@ private:
     [[nodiscard]] int64_t framesIn(double seconds) const noexcept;
 
     const int64_t total_;
+    const Before before_;
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     int64_t asked_ = 0;
     int64_t rendered_ = 0;
     bool ended_ = false;
+    std::function<void()> done_;
 };
 
 } // namespace sonetrix::dev

@@ -1,88 +1,88 @@
 #pragma once
 
+#include "forked.h"
+
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
-#include <list>
+#include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
-#include <unordered_map>
 #include <vector>
 
 namespace sonetrix::dev {
 
-/// C callbacks with their user pointers. Every registration is called by one thread at a time; no lock is held
-/// meanwhile, so a callback may add and remove registrations, its own among them.
+inline std::atomic<uintptr_t> newestHandle{0};
+
+/// C callbacks with their user pointers. No lock is held during a call, so a callback may add and remove registrations,
+/// its own among them.
 template <class Callback> class CallbackRegistry {
 public:
-    /// The registry's own; others keep pointers to it.
-    struct Registration {
-        Callback callback;
-        void *user;
-        bool removed = false;
-        std::thread::id caller{}; // none: no call in progress
-    };
-    using Pointer = std::shared_ptr<Registration>;
-    using Registrations = std::vector<Pointer>;
-
-    /// The registration's address is its handle.
-    Pointer add(Callback callback, void *user) {
-        auto registration = std::make_shared<Registration>(Registration{callback, user});
+    /// The handle of a new registration, never null and no other's in this process.
+    void *add(Callback callback, void *user) {
+        const auto registration = std::make_shared<Registration>(callback, user);
         const std::lock_guard lock(mutex_);
-        const auto position = order_.insert(order_.end(), registration);
-        try {
-            positions_.emplace(registration.get(), position);
-        } catch (...) {
-            order_.erase(position);
-            throw;
-        }
-        changed();
-        return registration;
+        const uintptr_t handle = ++newestHandle;
+        registrations_.emplace(handle, registration);
+        return reinterpret_cast<void *>(handle);
     }
 
-    /// Returns when no call is in progress on another thread; a call on this thread is the last. False when there is
-    /// no such registration.
+    /// Returns when no call is in progress on another thread; one on this thread is the last. False when there is no
+    /// such registration.
     bool remove(const void *handle) {
         std::unique_lock lock(mutex_);
-        const auto found = positions_.find(handle);
-        if (found == positions_.end())
+        const auto found = registrations_.find(reinterpret_cast<uintptr_t>(handle));
+        if (found == registrations_.end())
             return false;
-        const Pointer registration = *found->second;
-        order_.erase(found->second);
-        positions_.erase(found);
-        changed();
+        const auto registration = found->second;
         registration->removed = true;
-        if (registration->caller != std::this_thread::get_id())
-            finished_.wait(lock, [&] { return registration->caller == std::thread::id(); });
+        finished_.wait(lock, [&registration, self = std::this_thread::get_id()] {
+            return std::ranges::all_of(
+                registration->callers, [self](std::thread::id caller) { return caller == self; });
+        });
+        registrations_.erase(reinterpret_cast<uintptr_t>(handle)); // unless another removal has
         return true;
     }
 
-    [[nodiscard]] bool contains(const void *handle) const {
+    [[nodiscard]] bool empty() const {
         const std::lock_guard lock(mutex_);
-        return positions_.contains(handle);
+        return registrations_.empty();
     }
-    [[nodiscard]] bool empty() const noexcept { return count_ == 0; }
 
-    /// Calls back unless the registration has been removed.
-    template <class... Arguments> void call(Registration &registration, Arguments... arguments) {
+    /// Calls back unless the registration has been removed. Whether it is still there afterwards.
+    template <class... Arguments> bool call(const void *handle, Arguments... arguments) {
+        std::shared_ptr<Registration> registration;
         {
             const std::lock_guard lock(mutex_);
-            if (registration.removed)
-                return;
-            registration.caller = std::this_thread::get_id();
+            const auto found = registrations_.find(reinterpret_cast<uintptr_t>(handle));
+            if (found == registrations_.end() || found->second->removed)
+                return false;
+            registration = found->second;
+            registration->callers.push_back(std::this_thread::get_id());
         }
-        const Finish finish{*this, registration};
-        registration.callback(arguments..., registration.user);
+        const Finish finish{*this, *registration};
+        registration->callback(arguments..., registration->user);
+        endForkedChild(); // a callback that has forked has come back in two processes
+        return !registration->removed;
     }
 
     /// Calls those that are registered now, in the order of registration.
     template <class... Arguments> void callAll(Arguments... arguments) {
-        const auto registrations = all();
-        for (const Pointer &registration : *registrations)
-            call(*registration, arguments...);
+        for (const void *handle : handles())
+            call(handle, arguments...);
     }
 
 private:
+    struct Registration {
+        Registration(Callback function, void *itsUser) : callback(function), user(itsUser) { callers.reserve(1); }
+
+        const Callback callback;
+        void *const user;
+        std::atomic<bool> removed{false};
+        std::vector<std::thread::id> callers; // threads with a call in progress
+    };
     struct Finish {
         CallbackRegistry &registry;
         Registration &registration;
@@ -90,29 +90,24 @@ private:
         ~Finish() {
             {
                 const std::lock_guard lock(registry.mutex_);
-                registration.caller = {};
+                registration.callers.erase(std::ranges::find(registration.callers, std::this_thread::get_id()));
             }
             registry.finished_.notify_all();
         }
     };
 
-    std::shared_ptr<const Registrations> all() {
+    std::vector<const void *> handles() const {
+        std::vector<const void *> handles;
         const std::lock_guard lock(mutex_);
-        if (!all_)
-            all_ = std::make_shared<const Registrations>(order_.begin(), order_.end());
-        return all_;
-    }
-    void changed() noexcept {
-        all_.reset();
-        count_ = order_.size();
+        handles.reserve(registrations_.size());
+        for (const auto &[handle, registration] : registrations_)
+            handles.push_back(reinterpret_cast<const void *>(handle));
+        return handles;
     }
 
     mutable std::mutex mutex_;
     std::condition_variable finished_;
-    std::list<Pointer> order_;
-    std::unordered_map<const void *, typename std::list<Pointer>::iterator> positions_;
-    std::shared_ptr<const Registrations> all_; // null: has to be made anew
-    std::atomic<size_t> count_{0};
+    std::map<uintptr_t, std::shared_ptr<Registration>> registrations_; // by handle: in the order of registration
 };
 
 } // namespace sonetrix::dev

@@ -1,12 +1,10 @@
 #include "events/meters.h"
 
 #include "graph/graph.h"
-#include "thread.h"
 
 #include <algorithm>
 #include <bit>
 #include <cmath>
-#include <condition_variable>
 
 namespace sonetrix::dev {
 
@@ -30,18 +28,16 @@ std::string portKey(std::string port) {
 }
 
 /// The next due time from now on; those that were missed are left out.
-std::chrono::steady_clock::time_point nextOnGrid(
-    std::chrono::steady_clock::time_point due, std::chrono::nanoseconds period) {
-    const auto late = std::max<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - due, 0ns);
+Thread::Clock::time_point nextOnGrid(Thread::Clock::time_point due, std::chrono::nanoseconds period) {
+    const auto late = std::max<std::chrono::nanoseconds>(Thread::Clock::now() - due, 0ns);
     return due + period * (late / period + 1);
 }
 
 } // namespace
 
-Meters::Meters(const Graph &graph, const SystemModule &system, uint32_t rate, uint32_t block)
+Meters::Meters(const Graph &graph, const SystemModule &system, std::chrono::nanoseconds block)
     : graph_(graph),
-      system_(system),
-      fastPeriod_(std::max<std::chrono::nanoseconds>(shortestPeriod, block * 1'000'000'000ns / rate)),
+      fastPeriod_(std::max<std::chrono::nanoseconds>(shortestPeriod, block)),
       levels_(ringBlocks * floatsPerBlock) {
     size_t port = 0;
     for (const auto *names : {&system.sources(), &system.sinks()})
@@ -50,41 +46,28 @@ Meters::Meters(const Graph &graph, const SystemModule &system, uint32_t rate, ui
 }
 
 void Meters::start() {
-    thread_ = engineThread("sonetrix-meters", [this](const std::stop_token &stop) { threadMain(stop); });
+    nextFast_ = nextSlow_ = Thread::Clock::now();
+    thread_.start("sonetrix-meters", [this](const std::stop_token &stop) { round(stop); });
 }
 
-void Meters::join() {
-    requestEnd();
-    if (thread_.joinable())
-        thread_.join();
-}
-
-void Meters::blockProcessed(const Plan & /*plan*/) noexcept {
-    const auto floats = std::bit_cast<std::array<float, floatsPerBlock>>(system_.levels());
-    if (levels_.room() < floats.size()) {
+void Meters::add(const SystemModule::Levels &levels) noexcept {
+    const auto floats = std::bit_cast<std::array<float, floatsPerBlock>>(levels);
+    if (levels_.room() < floats.size())
         dropped_.fetch_add(1, std::memory_order_relaxed);
-    } else {
+    else
         levels_.write(floats);
-    }
 }
 
-void Meters::threadMain(const std::stop_token &stop) {
-    std::mutex waiting;
-    std::condition_variable_any never; // is notified by the stop only
-    std::unique_lock lock(waiting);
-    auto nextFast = std::chrono::steady_clock::now();
-    auto nextSlow = nextFast + slowPeriod;
-    for (;;) {
-        nextFast = nextOnGrid(nextFast, fastPeriod_);
-        never.wait_until(lock, stop, nextFast, [] { return false; });
-        if (stop.stop_requested())
-            return;
-        gather();
-        emit(SONETRIX_METERS_FAST);
-        if (std::chrono::steady_clock::now() >= nextSlow) {
-            nextSlow = nextOnGrid(nextSlow, slowPeriod);
-            emit(SONETRIX_METERS_SLOW);
-        }
+void Meters::round(const std::stop_token &stop) {
+    nextFast_ = nextOnGrid(nextFast_, fastPeriod_);
+    thread_.pause(stop, nextFast_);
+    if (stop.stop_requested())
+        return;
+    gather();
+    emit(SONETRIX_METERS_FAST);
+    if (Thread::Clock::now() >= nextSlow_) {
+        nextSlow_ = nextOnGrid(nextSlow_, slowPeriod);
+        emit(SONETRIX_METERS_SLOW);
     }
 }
 
@@ -97,7 +80,7 @@ void Meters::gather() {
         for (Kind &kind : kinds_) {
             ++kind.blocks;
             for (size_t port = 0; port < block.size(); ++port) {
-                kind.gathered[port].peak = std::max(kind.gathered[port].peak, block[port].peak);
+                kind.gathered[port].peak = higherPeak(kind.gathered[port].peak, block[port].peak);
                 kind.gathered[port].meanSquare += block[port].meanSquare;
             }
         }
@@ -149,7 +132,7 @@ void Meters::forEachMeter(sonetrix_module_meters_type type, std::string_view mod
     const std::lock_guard lock(mutex_);
     for (const auto &[key, value] : kinds_[type].debugMeters)
         if (belongsTo(key, module))
-            visit(key, value.record(), "debug meter");
+            visit(key, value, "debug meter");
 }
 
 ListKeyValue Meters::read(sonetrix_module_meters_type type, std::string_view module) const {

@@ -2,10 +2,10 @@
 
 #include "events/callback_registry.h"
 #include "files/sample_ring.h"
-#include "graph/audio_path.h"
 #include "graph/port_level.h"
 #include "graph/system_module.h"
 #include "lists/lists.h"
+#include "thread.h"
 
 #include <array>
 #include <atomic>
@@ -15,7 +15,6 @@
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <thread>
 
 namespace sonetrix::dev {
 
@@ -26,22 +25,22 @@ class Graph;
 /// at most a hundred times a second. Levels are those since the last emission of the same kind.
 ///
 /// The audio thread leaves the levels of every block in a ring; when that is full they are dropped and counted.
-class Meters final : public BlockObserver {
+class Meters {
 public:
-    using Callbacks = CallbackRegistry<sonetrix_listCallback_t>;
-
     /// `graph` must outlive the thread.
-    Meters(const Graph &graph, const SystemModule &system, uint32_t rate, uint32_t block);
+    Meters(const Graph &graph, const SystemModule &system, std::chrono::nanoseconds block);
 
     void start();
     /// Returns at once; the emission in progress is the last.
-    void requestEnd() noexcept { thread_.request_stop(); }
-    void join();
+    void requestEnd() noexcept { thread_.requestEnd(); }
+    void join() { thread_.join(); }
 
     static bool isType(sonetrix_module_meters_type type) noexcept { return type <= SONETRIX_METERS_FAST; }
     // All types below are ones for which that holds.
 
-    Callbacks &callbacks(sonetrix_module_meters_type type) noexcept { return kinds_[type].callbacks; }
+    CallbackRegistry<sonetrix_listCallback_t> &callbacks(sonetrix_module_meters_type type) noexcept {
+        return kinds_[type].callbacks;
+    }
 
     void setDebugMeter(sonetrix_module_meters_type type, std::string key, const sonetrix_value_t &value);
     bool removeDebugMeter(sonetrix_module_meters_type type, std::string_view key);
@@ -56,7 +55,8 @@ public:
     bool releaseManager() noexcept { return hasManager_.exchange(false); }
     [[nodiscard]] bool hasManager() const noexcept { return hasManager_; }
 
-    void blockProcessed(const Plan &plan) noexcept override;
+    /// Audio thread: the levels of a block.
+    void add(const SystemModule::Levels &levels) noexcept;
     /// Blocks whose levels were dropped.
     [[nodiscard]] uint32_t dropped() const noexcept { return dropped_.load(std::memory_order_relaxed); }
 
@@ -67,17 +67,16 @@ private:
         uint32_t blocks = 0; // in `gathered`
         BlockLevels emitted{};
         std::map<std::string, Value, std::less<>> debugMeters;
-        Callbacks callbacks;
+        CallbackRegistry<sonetrix_listCallback_t> callbacks;
     };
 
-    void threadMain(const std::stop_token &stop);
+    void round(const std::stop_token &stop);
     void gather();
     void emit(sonetrix_module_meters_type type);
     template <class Visit>
     void forEachMeter(sonetrix_module_meters_type type, std::string_view module, Visit visit) const;
 
     const Graph &graph_;
-    const SystemModule &system_;
     const std::chrono::nanoseconds fastPeriod_;
     std::array<std::string, BlockLevels().size()> portKeys_;
 
@@ -87,7 +86,9 @@ private:
     mutable std::mutex mutex_; // guards the kinds' levels and debug meters
     std::array<Kind, 2> kinds_;
     std::atomic<bool> hasManager_{false};
-    std::jthread thread_;
+    Thread::Clock::time_point nextFast_;
+    Thread::Clock::time_point nextSlow_;
+    Thread thread_;
 };
 
 } // namespace sonetrix::dev

@@ -3,46 +3,44 @@
 #include "events/callback_registry.h"
 #include "graph/parameters.h"
 #include "sonetrix/engine_api.h"
+#include "thread.h"
 
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <unordered_set>
 
 namespace sonetrix::dev {
 
 /// Tells of changed parameters, on a thread of its own. The changes of about one block's time come together, a
 /// parameter that was written repeatedly once and with its newest value.
-class Notifier final : public ParameterListener {
+class Notifier {
 public:
-    using Callbacks = CallbackRegistry<sonetrix_listCallback_t>;
-
     /// `parameters` must outlive the thread.
     Notifier(const Parameters &parameters, std::chrono::nanoseconds gathering)
         : parameters_(parameters), gathering_(gathering) {}
 
     void start();
     /// Returns at once; the delivery in progress is the last.
-    void requestEnd() noexcept { thread_.request_stop(); }
-    void join();
+    void requestEnd() noexcept { thread_.requestEnd(); }
+    void join() { thread_.join(); }
 
-    Callbacks &callbacks() noexcept { return callbacks_; }
-    void parameterWritten(std::string_view key) noexcept override;
+    CallbackRegistry<sonetrix_listCallback_t> &callbacks() noexcept { return callbacks_; }
+    void parameterWritten(std::string_view key) noexcept;
 
 private:
-    void threadMain(const std::stop_token &stop);
+    void round(const std::stop_token &stop);
 
     const Parameters &parameters_;
     const std::chrono::nanoseconds gathering_;
-    Callbacks callbacks_;
+    CallbackRegistry<sonetrix_listCallback_t> callbacks_;
     std::mutex mutex_;
     std::condition_variable_any written_;
     ListValue keys_;
     std::unordered_set<std::string> seen_; // what `keys_` holds
-    std::jthread thread_;
+    Thread thread_;
 };
 
 } // namespace sonetrix::dev

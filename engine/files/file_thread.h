@@ -3,11 +3,7 @@
 #include "thread.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
-#include <stop_token>
-#include <thread>
 #include <utility>
 
 namespace sonetrix::dev {
@@ -18,19 +14,15 @@ class FileThread {
 public:
     static constexpr std::chrono::milliseconds period{10};
 
-    explicit FileThread(std::function<void()> work)
-        : thread_(engineThread("sonetrix-file", [work = std::move(work)](const std::stop_token &stop) {
-              std::mutex mutex;
-              std::condition_variable_any pause;
-              std::unique_lock lock(mutex);
-              while (!stop.stop_requested()) {
-                  work();
-                  pause.wait_for(lock, stop, period, [] { return false; });
-              }
-          })) {}
+    explicit FileThread(std::function<void()> work) {
+        thread_.start("sonetrix-file", [this, work = std::move(work)](const std::stop_token &stop) {
+            work();
+            thread_.pause(stop, Thread::Clock::now() + period);
+        });
+    }
 
 private:
-    std::jthread thread_;
+    Thread thread_;
 };
 
 } // namespace sonetrix::dev

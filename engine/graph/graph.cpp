@@ -4,10 +4,10 @@
 #include "graph/refusal.h"
 #include "ladspa/ladspa_module.h"
 #include "ladspa/port_names.h"
-#include "thread.h"
 
 #include <algorithm>
 #include <chrono>
+#include <deque>
 #include <fmt/format.h>
 #include <stdexcept>
 #include <utility>
@@ -35,6 +35,45 @@ template <class Names> std::string suggestion(std::string_view given, const Name
     return suggestion.text();
 }
 
+/// A module's record for the C interface, with all that it points to. The record's reference is null for every module,
+/// the driver's as well, so that the ports of all are looked at.
+class ModuleRecord {
+public:
+    /// `links`: for every sink the name of its source, empty for none.
+    ModuleRecord(const Module &module, std::vector<std::string> links) : links_(std::move(links)) {
+        const size_t sources = module.sources().size();
+        const size_t sinks = module.sinks().size();
+        ports_.resize(sources + sinks);
+        for (size_t i = 0; i < ports_.size(); ++i) {
+            copyName(ports_[i].name, i < sources ? module.sources()[i] : module.sinks()[i - sources]);
+            if (i >= sources && !links_[i - sources].empty())
+                ports_[i].link = links_[i - sources].c_str();
+            pointers_.push_back(&ports_[i]);
+        }
+        copyName(record_.name, module.name());
+        record_.type = static_cast<uint32_t>(module.type());
+        record_.sources = pointers_.data();
+        record_.sourceCount = static_cast<uint32_t>(sources);
+        record_.sinks = pointers_.data() + sources;
+        record_.sinkCount = static_cast<uint32_t>(sinks);
+    }
+    ModuleRecord(const ModuleRecord &) = delete;
+    ModuleRecord &operator=(const ModuleRecord &) = delete;
+
+    [[nodiscard]] const sonetrix_module_t &get() const noexcept { return record_; }
+
+private:
+    /// The names are checked where modules are made; the record is all zero before.
+    template <size_t size> static void copyName(char (&field)[size], const std::string &name) {
+        name.copy(field, size - 1);
+    }
+
+    const std::vector<std::string> links_;
+    std::vector<sonetrix_port_t> ports_; // sources, then sinks
+    std::vector<sonetrix_port_t *> pointers_;
+    sonetrix_module_t record_{};
+};
+
 } // namespace
 
 Graph::Graph(std::shared_ptr<SystemModule> system,
@@ -46,19 +85,7 @@ Graph::Graph(std::shared_ptr<SystemModule> system,
     : rate_(rate), block_(block), catalogue_(catalogue), parameters_(parameters), plans_(plans) {
     insert(std::move(system), std::nullopt);
     plans_.publish(std::make_unique<Plan>(wiring(), rate_, block_));
-    planThread_ = engineThread("sonetrix-graph", [this](const std::stop_token &) { planThreadMain(); });
-}
-
-Graph::~Graph() { join(); }
-
-void Graph::join() {
-    {
-        const std::lock_guard lock(mutex_);
-        ending_ = true;
-    }
-    changed_.notify_all();
-    if (planThread_.joinable())
-        planThread_.join();
+    planThread_.start("sonetrix-graph", [this](const std::stop_token &stop) { planRound(stop); });
 }
 
 int32_t Graph::createModule(const char *name, const char *identifier, const ListKeyValue *configuration) {
@@ -113,7 +140,6 @@ int32_t Graph::link(std::string_view sourceName, std::string_view sinkName) {
             throw Refusal(statusBusy, "the sink is linked already, to " + inQuotes(sink.source->name()));
         source.sinks.push_back(&sink);
         sink.source = &source;
-        sink.owner->record.reset();
         edited();
     });
 }
@@ -152,24 +178,20 @@ std::vector<std::string> Graph::links(std::string_view name) const {
     return names;
 }
 
-std::shared_ptr<const Graph::Records> Graph::records() const {
-    const std::lock_guard lock(mutex_);
-    if (records_)
-        return records_;
-    Records records;
-    records.reserve(entries_.size());
-    for (const Entry &entry : entries_) {
-        if (!entry.record) {
+void Graph::forEachRecord(const std::function<void(const sonetrix_module_t &)> &visit) const {
+    std::deque<ModuleRecord> records; // visited without the lock: a visit may edit the graph
+    {
+        const std::lock_guard lock(mutex_);
+        for (const Entry &entry : entries_) {
             std::vector<std::string> links(entry.sinks.size());
             for (size_t i = 0; i < links.size(); ++i)
                 if (const Port *source = entry.sinks[i]->source)
                     links[i] = source->name();
-            entry.record = std::make_shared<const ModuleRecord>(*entry.module, std::move(links));
+            records.emplace_back(*entry.module, std::move(links));
         }
-        records.push_back(entry.record);
     }
-    records_ = std::make_shared<const Records>(std::move(records));
-    return records_;
+    for (const ModuleRecord &record : records)
+        visit(record.get());
 }
 
 std::vector<std::shared_ptr<const Module>> Graph::modules() const {
@@ -195,7 +217,7 @@ std::optional<Graph::Origin> Graph::origin(std::string_view name) const {
 
 void Graph::insert(std::shared_ptr<Module> module, std::optional<Origin> origin) {
     auto &position = modules_.emplace(module->name(), entries_.end()).first->second;
-    const auto entry = entries_.insert(entries_.end(), Entry{std::move(module), std::move(origin), {}, {}, {}});
+    const auto entry = entries_.insert(entries_.end(), Entry{std::move(module), std::move(origin), {}, {}});
     position = entry;
     const auto addPorts = [&](const std::vector<std::string> &names, bool areSources, std::vector<Port *> &ports) {
         for (size_t i = 0; i < names.size(); ++i)
@@ -235,7 +257,6 @@ void Graph::unlinkSink(Port &sink) {
     auto &siblings = sink.source->sinks;
     siblings.erase(std::ranges::find(siblings.rbegin(), siblings.rend(), &sink).base() - 1);
     sink.source = nullptr;
-    sink.owner->record.reset();
 }
 
 const std::string &Graph::Port::name() const {
@@ -262,9 +283,8 @@ std::vector<WiredModule> Graph::wiring() const {
     return modules;
 }
 
-void Graph::edited() {
+void Graph::edited() noexcept {
     ++edits_;
-    records_.reset();
     changed_.notify_all();
 }
 
@@ -273,44 +293,32 @@ void Graph::flush() {
     const uint64_t edits = edits_;
     ++flushing_;
     changed_.notify_all();
-    changed_.wait(lock, [&] { return ending_ || planned_ >= edits; });
+    changed_.wait(lock, planThread_.stopToken(), [&] { return planned_ >= edits; });
     --flushing_;
 }
 
-void Graph::planThreadMain() {
-    const auto hasWork = [this] { return ending_ || planned_ != edits_; };
-    bool taken = true;
-    bool settled = true; // nothing comes back from the audio thread any more
+void Graph::planRound(const std::stop_token &stop) {
+    const auto hasWork = [this] { return planned_ != edits_; };
     std::unique_lock lock(mutex_);
-    while (!ending_) {
-        if (settled)
-            changed_.wait(lock, hasWork);
-        else
-            changed_.wait_for(lock, collecting, hasWork);
-        changed_.wait_for(lock, gathering, [this] { return ending_ || flushing_ > 0 || planned_ == edits_; });
-        const uint64_t edits = edits_;
-        const bool stale = planned_ != edits;
-        const auto modules = stale ? wiring() : std::vector<WiredModule>();
-        lock.unlock();
-        if (stale)
-            publishPlan(modules);
-        // The audio thread gives the old plan back just after it has taken the new one: look once more then.
-        settled = taken && !stale;
-        taken = plans_.isTaken();
-        settled = settled && taken;
-        plans_.collect();
-        lock.lock();
-        planned_ = edits;
-        changed_.notify_all();
-    }
-}
-
-void Graph::publishPlan(std::span<const WiredModule> modules) noexcept {
-    try {
+    if (isSettled_)
+        changed_.wait(lock, stop, hasWork);
+    else
+        changed_.wait_for(lock, stop, collecting, hasWork);
+    changed_.wait_for(lock, stop, gathering, [this] { return flushing_ > 0 || planned_ == edits_; });
+    const uint64_t edits = edits_;
+    const bool isStale = planned_ != edits;
+    auto modules = isStale ? wiring() : std::vector<WiredModule>();
+    lock.unlock();
+    if (isStale)
         plans_.publish(std::make_unique<Plan>(modules, rate_, block_));
-    } catch (const std::bad_alloc &) {
-        sonetrix_log(SONETRIX_LOG_ERROR, __FILE__, __LINE__, 1, "no memory for the edited graph; the old one plays on");
-    }
+    // The audio thread gives the old plan back just after it has taken the new one: look once more then.
+    const bool wasTaken = std::exchange(isTaken_, plans_.isTaken());
+    isSettled_ = wasTaken && isTaken_ && !isStale;
+    plans_.collect();
+    modules.clear();
+    lock.lock();
+    planned_ = edits;
+    changed_.notify_all();
 }
 
 } // namespace sonetrix::dev

@@ -1,23 +1,22 @@
 #pragma once
 
-#include "graph/module_record.h"
 #include "graph/parameters.h"
 #include "graph/plan_exchange.h"
 #include "graph/system_module.h"
 #include "ladspa/ladspa_catalogue.h"
 #include "lists/lists.h"
+#include "thread.h"
 
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -30,8 +29,6 @@ namespace sonetrix::dev {
 /// and frees what is no longer in use.
 class Graph {
 public:
-    using Records = std::vector<std::shared_ptr<const ModuleRecord>>;
-
     /// What a plugin module was made from.
     struct Origin {
         std::string library;
@@ -46,7 +43,6 @@ public:
         PlanExchange &plans);
     Graph(const Graph &) = delete;
     Graph &operator=(const Graph &) = delete;
-    ~Graph();
 
     // These return a status, and log why when it is not 0.
     int32_t createModule(const char *name, const char *identifier, const ListKeyValue *configuration);
@@ -59,8 +55,8 @@ public:
     [[nodiscard]] std::vector<std::string> portNames() const;
     /// The sinks that a source feeds, or the source that feeds a sink.
     [[nodiscard]] std::vector<std::string> links(std::string_view port) const;
-    /// The modules in creation order, the system module first.
-    [[nodiscard]] std::shared_ptr<const Records> records() const;
+    /// Calls back for the modules as they are now, in creation order, the system module first.
+    void forEachRecord(const std::function<void(const sonetrix_module_t &)> &visit) const;
     /// The same modules themselves.
     [[nodiscard]] std::vector<std::shared_ptr<const Module>> modules() const;
     /// Null when there is no such module.
@@ -75,7 +71,7 @@ public:
     void flush();
     /// Ends the thread that destroys modules: it must not meet the exit handlers of their plugins' libraries. Edits do
     /// not reach the audio thread any more.
-    void join();
+    void join() { planThread_.join(); }
 
 private:
     struct Entry;
@@ -93,7 +89,6 @@ private:
         std::optional<Origin> origin;
         std::vector<Port *> sources;
         std::vector<Port *> sinks;
-        mutable std::shared_ptr<const ModuleRecord> record; // null: has to be made anew
     };
 
     // The functions below are called with the mutex held.
@@ -105,10 +100,9 @@ private:
     /// Throws Refusal when there is none.
     [[nodiscard]] Port &port(std::string_view name);
     [[nodiscard]] std::vector<WiredModule> wiring() const;
-    void edited();
+    void edited() noexcept;
 
-    void planThreadMain();
-    void publishPlan(std::span<const WiredModule> modules) noexcept;
+    void planRound(const std::stop_token &stop);
 
     const uint32_t rate_;
     const uint32_t block_;
@@ -121,14 +115,14 @@ private:
     std::list<Entry> entries_; // in creation order
     std::unordered_map<std::string_view, std::list<Entry>::iterator> modules_;
     std::unordered_map<std::string_view, Port> ports_;
-    mutable std::shared_ptr<const Records> records_; // null: has to be made anew
 
     uint64_t edits_ = 0;
     uint64_t planned_ = 0; // of the edits
     uint32_t flushing_ = 0;
-    bool ending_ = false;
-    std::condition_variable changed_;
-    std::jthread planThread_;
+    bool isTaken_ = true;   // the newest plan, by the audio thread
+    bool isSettled_ = true; // nothing comes back from the audio thread any more
+    std::condition_variable_any changed_;
+    Thread planThread_;
 };
 
 } // namespace sonetrix::dev

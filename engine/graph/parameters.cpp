@@ -170,8 +170,8 @@ void Parameters::writeOne(const sonetrix_keyValue_t &entry, ListKeyValue &writte
         throw Refusal(statusRange, "takes " + parameter->domain.text());
     parameter->write(*value);
     written.add(entry.key, *value);
-    if (ParameterListener *listener = listener_)
-        listener->parameterWritten(entry.key);
+    if (listener_)
+        listener_(entry.key);
 }
 
 std::string Parameters::suggestion(std::string_view key) const {

@@ -2,7 +2,6 @@
 
 #include "lists/lists.h"
 
-#include <atomic>
 #include <functional>
 #include <limits>
 #include <memory>
@@ -11,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace sonetrix::dev {
@@ -45,13 +45,6 @@ template <class Read> Parameter readOnlyParameter(std::string name, Read read) {
     return {std::move(name), [read = std::move(read)] { return Value(valueRecord(read())); }};
 }
 
-/// Learns of every parameter written, on the writing thread, which holds no lock of the engine. Must be quick.
-class ParameterListener {
-public:
-    virtual ~ParameterListener() = default;
-    virtual void parameterWritten(std::string_view key) noexcept = 0;
-};
-
 /// All parameters of the process, by keys `module.name`; a module's name has no dot, a parameter's may have some.
 /// Safe for concurrent use. A module's parameters come and go together.
 class Parameters {
@@ -72,8 +65,9 @@ public:
     /// True when it was everything.
     bool write(const ListKeyValue &parameters, ListKeyValue &written);
 
-    /// Null: nobody listens. The listener must outlive the last write.
-    void setListener(ParameterListener *listener) noexcept { listener_ = listener; }
+    /// Called with the key of every parameter written, on the writing thread, which holds no lock of the engine. Must
+    /// be quick; set before the first write.
+    void setListener(std::function<void(std::string_view key)> listener) { listener_ = std::move(listener); }
 
 private:
     struct Module {
@@ -89,7 +83,7 @@ private:
 
     mutable std::mutex mutex_; // guards the table only: nobody reads, writes or calls out with it held
     std::unordered_map<std::string, std::shared_ptr<const Module>> modules_;
-    std::atomic<ParameterListener *> listener_{nullptr};
+    std::function<void(std::string_view)> listener_;
 };
 
 } // namespace sonetrix::dev

@@ -122,14 +122,17 @@ void LadspaCatalogue::describe(std::string_view name, ListKeyValue &result) {
         if (name.empty())
             result.add(prefix + "title", plugin.descriptor->Name);
         else if (key.starts_with(prefix))
-            for (const auto &entry : description(prefix, plugin))
+            for (const sonetrix_keyValue_t &entry : description(prefix, plugin))
                 if (key == prefix || key == entry.key)
                     result.add(entry.key, entry.value);
     }
 }
 
 const LadspaCatalogue::Plugins &LadspaCatalogue::plugins() {
-    std::call_once(scanned_, [this] { plugins_ = scan(); });
+    std::call_once(scanned_, [this] {
+        plugins_ = scan();
+        loaded_();
+    });
     return plugins_;
 }
 

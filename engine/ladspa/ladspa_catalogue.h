@@ -4,6 +4,7 @@
 #include "lists/lists.h"
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -17,9 +18,9 @@ namespace sonetrix::dev {
 /// file name an earlier directory has too is hidden by that one.
 class LadspaCatalogue {
 public:
-    /// `rate` is what some plugins' ranges depend on.
-    LadspaCatalogue(std::vector<std::filesystem::path> directories, uint32_t rate)
-        : directories_(std::move(directories)), rate_(rate) {}
+    /// `rate` is what some plugins' ranges depend on; `loaded` is called once the libraries have been loaded.
+    LadspaCatalogue(std::vector<std::filesystem::path> directories, uint32_t rate, std::function<void()> loaded)
+        : directories_(std::move(directories)), rate_(rate), loaded_(std::move(loaded)) {}
 
     /// LADSPA_PATH, or the customary directories.
     static std::vector<std::filesystem::path> standardDirectories();
@@ -41,6 +42,7 @@ private:
 
     const std::vector<std::filesystem::path> directories_;
     const uint32_t rate_;
+    const std::function<void()> loaded_;
     std::once_flag scanned_;
     Plugins plugins_;
 };

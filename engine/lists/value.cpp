@@ -1,12 +1,9 @@
 #include "lists/value.h"
 
 #include <algorithm>
-#include <bit>
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <stdexcept>
 
 namespace sonetrix::dev {
 
@@ -33,19 +30,38 @@ template <class T> sonetrix_value_t arrayRecord(sonetrix_value_type_t type, std:
     return record;
 }
 
-} // namespace
-
-std::optional<Payload> payloadOf(const sonetrix_value_t &value) {
-    if (value.type == SONETRIX_VALUE_STRING && value.as.string != nullptr)
-        return Payload{value.as.string, std::strlen(value.as.string) + 1, 1};
-    if (!isArray(value.type))
-        return std::nullopt;
-    if (value.as.array == nullptr && value.count != 0)
-        throw std::invalid_argument("array without elements");
-    if (value.count > PTRDIFF_MAX / elementSize)
-        throw std::length_error("array too long");
-    return Payload{value.as.array, value.count * elementSize, elementSize};
+/// In memory of malloc, as the interface's own value functions keep theirs.
+void *copied(const void *data, size_t size) {
+    void *copy = std::malloc(std::max<size_t>(size, 1));
+    if (copy == nullptr)
+        throw std::bad_alloc();
+    if (size != 0)
+        std::memcpy(copy, data, size);
+    return copy;
 }
+
+const char *copied(std::string_view text) {
+    auto *copy = static_cast<char *>(std::malloc(text.size() + 1));
+    if (copy == nullptr)
+        throw std::bad_alloc();
+    copy[text.copy(copy, text.size())] = '\0';
+    return copy;
+}
+
+/// The same record with a string or array of its own. An array that says it has elements and shows none stays so.
+sonetrix_value_t copied(const sonetrix_value_t &record) {
+    sonetrix_value_t copy = record;
+    if (record.type == SONETRIX_VALUE_STRING && record.as.string != nullptr) {
+        copy.as.string = copied(std::string_view(record.as.string));
+    } else if (isArray(record.type) && record.as.array != nullptr) {
+        if (record.count > PTRDIFF_MAX / elementSize)
+            throw std::bad_alloc();
+        copy.as.array = copied(record.as.array, record.count * elementSize);
+    }
+    return copy;
+}
+
+} // namespace
 
 sonetrix_value_t valueRecord(uint32_t number) noexcept {
     auto record = emptyRecord(SONETRIX_VALUE_UINT32);
@@ -89,36 +105,20 @@ sonetrix_value_t valueRecord(std::span<const float> elements) noexcept {
     return arrayRecord(SONETRIX_VALUE_AFLOAT, elements);
 }
 
-bool identical(const sonetrix_value_t &left, const sonetrix_value_t &right) noexcept {
-    if (left.type != right.type)
-        return false;
-    switch (left.type) {
-    case SONETRIX_VALUE_STRING:
-        if (left.as.string == nullptr || right.as.string == nullptr)
-            return left.as.string == right.as.string;
-        return std::strcmp(left.as.string, right.as.string) == 0;
-    case SONETRIX_VALUE_AUINT32:
-    case SONETRIX_VALUE_AINT32:
-    case SONETRIX_VALUE_AFLOAT:
-        return left.count == right.count &&
-               (left.count == 0 || std::memcmp(left.as.array, right.as.array, left.count * elementSize) == 0);
-    case SONETRIX_VALUE_DOUBLE:
-        return std::bit_cast<uint64_t>(left.as.float64) == std::bit_cast<uint64_t>(right.as.float64);
-    default:
-        return left.as.uint32 == right.as.uint32;
+Value::Value(const Record &record) : record_(copied(record)) {}
+
+KeyValue::KeyValue(std::string_view key, const sonetrix_value_t &value) : record_{nullptr, 0, copied(value)} {
+    try {
+        record_.key = copied(key);
+    } catch (...) {
+        sonetrix_valueDeinit(&record_.value);
+        throw;
     }
 }
 
-Value::Value(const sonetrix_value_t &record) : record_(record) {
-    const auto payload = payloadOf(record);
-    if (!payload)
-        return;
-    void *copy = std::malloc(std::max<size_t>(payload->size, 1));
-    if (copy == nullptr)
-        throw std::bad_alloc();
-    if (payload->size != 0)
-        std::memcpy(copy, payload->data, payload->size);
-    record_.as.array = copy;
+KeyValue::~KeyValue() {
+    std::free(const_cast<char *>(record_.key));
+    sonetrix_valueDeinit(&record_.value);
 }
 
 } // namespace sonetrix::dev

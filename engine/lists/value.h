@@ -2,21 +2,12 @@
 
 #include "sonetrix/engine_api.h"
 
-#include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace sonetrix::dev {
-
-/// What a value refers to outside its record: a string with its NUL, or an array's elements.
-struct Payload {
-    const void *data;
-    size_t size;
-    size_t alignment;
-};
-/// None for scalars and null strings. Throws std::length_error or std::invalid_argument for an impossible array.
-std::optional<Payload> payloadOf(const sonetrix_value_t &value);
 
 /// Records by argument type; strings and arrays are borrowed.
 sonetrix_value_t valueRecord(uint32_t number) noexcept;
@@ -29,15 +20,13 @@ sonetrix_value_t valueRecord(std::span<const uint32_t> elements) noexcept;
 sonetrix_value_t valueRecord(std::span<const int32_t> elements) noexcept;
 sonetrix_value_t valueRecord(std::span<const float> elements) noexcept;
 
-/// Same type and same content, bit for bit.
-bool identical(const sonetrix_value_t &left, const sonetrix_value_t &right) noexcept;
-
 /// A typed value that owns its string or array.
 class Value {
 public:
-    Value() noexcept : record_(valueRecord(uint32_t{0})) {}
+    using Record = sonetrix_value_t;
+
     /// A deep copy; throws std::bad_alloc.
-    explicit Value(const sonetrix_value_t &record);
+    explicit Value(const Record &record);
     Value(const Value &other) : Value(other.record_) {}
     Value(Value &&other) noexcept : record_(std::exchange(other.record_, valueRecord(uint32_t{0}))) {}
     Value &operator=(Value other) noexcept {
@@ -46,10 +35,34 @@ public:
     }
     ~Value() { sonetrix_valueDeinit(&record_); }
 
-    [[nodiscard]] const sonetrix_value_t &record() const noexcept { return record_; }
+    [[nodiscard]] const Record &record() const noexcept { return record_; }
+    operator const Record &() const noexcept { return record_; } // NOLINT(google-explicit-constructor)
 
 private:
-    sonetrix_value_t record_;
+    Record record_;
+};
+
+/// A typed value under a key that it owns, too.
+class KeyValue {
+public:
+    using Record = sonetrix_keyValue_t;
+
+    explicit KeyValue(const Record &record) : KeyValue(record.key, record.value) {}
+    KeyValue(std::string_view key, const sonetrix_value_t &value);
+    KeyValue(const KeyValue &other) : KeyValue(other.record_) {}
+    KeyValue(KeyValue &&other) noexcept
+        : record_{std::exchange(other.record_.key, nullptr), 0,
+              std::exchange(other.record_.value, valueRecord(uint32_t{0}))} {}
+    KeyValue &operator=(KeyValue other) noexcept {
+        std::swap(record_, other.record_);
+        return *this;
+    }
+    ~KeyValue();
+
+    operator const Record &() const noexcept { return record_; } // NOLINT(google-explicit-constructor)
+
+private:
+    Record record_;
 };
 
 } // namespace sonetrix::dev

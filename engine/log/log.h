@@ -15,18 +15,15 @@ class sink;
 
 namespace sonetrix::dev {
 
-/// The process's log. A message goes to the session's targets (console, file, syslog) and to journald, each group with
-/// its own threshold; one that no target wants costs one comparison. A target that fails is reported once on the
-/// others. Safe from any thread but the audio thread, which must not wait.
+/// The process's log. A message goes to the session's targets (console, file, syslog) and to the journal, each group
+/// with its own threshold; one that no target wants costs one comparison. A target that fails is reported once on the
+/// others. Safe from any thread but the audio thread, which must not wait, and in a forked child.
 class Log {
 public:
     enum class Target { console, file, syslog, journal };
 
     /// Never destroyed, so that threads may log to the very end of the process.
     static Log &instance();
-
-    Log();
-    ~Log();
 
     [[nodiscard]] bool wants(sonetrix_log_level_t level) const noexcept {
         return effective(level) >= lowest_.load(std::memory_order_relaxed);
@@ -42,11 +39,10 @@ public:
 
     // The targets' settings throw std::bad_alloc only.
     void setTimeStamps(Target target, bool on);
-    /// Does nothing while a file is open.
-    void openFile(const char *path);
-    void closeFile();
-    void setSyslog(bool on);
-    void setJournal(bool on);
+    /// Does nothing while a file is open; null closes it.
+    void setFile(const char *path);
+    /// For syslog and journal.
+    void setDaemon(Target target, bool on);
 
 private:
     struct State {
@@ -55,7 +51,8 @@ private:
         bool failing = false;
     };
     struct Message;
-    struct Failure;
+
+    Log();
 
     static sonetrix_log_level_t effective(sonetrix_log_level_t level) noexcept {
         return level < SONETRIX_LOG_FATAL ? level : sonetrix_log_level_t{SONETRIX_LOG_FATAL};
@@ -64,7 +61,7 @@ private:
     // The functions below are called with the mutex held.
     void install(Target target, std::shared_ptr<spdlog::sinks::sink> sink);
     void distribute(const Message &message);
-    void report(const Failure &failure);
+    void report(Target failed, std::string_view reason);
     void updateLowest() noexcept;
 
     std::mutex mutex_;

@@ -1,6 +1,6 @@
 #include "program/termination_signals.h"
 
-#include "thread_signals.h"
+#include "thread.h"
 
 #include <cerrno>
 #include <csignal>
@@ -81,7 +81,7 @@ TerminationSignals::~TerminationSignals() {
 bool TerminationSignals::isForked() noexcept { return forked; }
 
 void TerminationSignals::threadMain() {
-    blockSignalsInThisThread();
+    blockTerminationSignals();
     for (;;) {
         unsigned char number = endOfThread;
         const ssize_t got = ::read(readEnd_.get(), &number, 1);

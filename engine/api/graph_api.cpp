@@ -1,9 +1,10 @@
 #include "api/engine_handle.h"
-#include "api/status.h"
 
-#include <cstdlib>
 #include <cstring>
-#include <optional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
 using namespace sonetrix::dev;
 
@@ -23,69 +24,49 @@ ListValue *listOf(const std::vector<std::string> &strings) {
 } // namespace
 
 sonetrix_cListValue_t *sonetrix_engine_GetModulesList(sonetrix_engine_t *engine) {
-    if (engine == nullptr)
-        return nullptr;
-    return guardedPointer([&] { return listOf(engineOf(engine)->catalogue().identifiers()); });
+    return pointerWithEngine(engine, true, [](Engine &one) { return listOf(one.catalogue().identifiers()); });
 }
 
 sonetrix_cListValue_t *sonetrix_engine_GetAllPortNames(sonetrix_engine_t *engine) {
-    if (engine == nullptr)
-        return nullptr;
-    return guardedPointer([&] { return listOf(engineOf(engine)->graph().portNames()); });
+    return pointerWithEngine(engine, true, [](Engine &one) { return listOf(one.graph().portNames()); });
 }
 
 sonetrix_cListValue_t *sonetrix_engine_GetLinkPort(sonetrix_engine_t *engine, const char *port) {
-    if (engine == nullptr || port == nullptr)
-        return nullptr;
-    return guardedPointer([&] { return listOf(engineOf(engine)->graph().links(port)); });
+    return pointerWithEngine(engine, port != nullptr, [&](Engine &one) { return listOf(one.graph().links(port)); });
 }
 
 int32_t sonetrix_engine_ModuleNew(
     sonetrix_engine_t *engine, const char *name, const char *identifier, const sonetrix_cListKeyValue_t *info) {
-    if (engine == nullptr || name == nullptr || identifier == nullptr)
-        return statusInvalid;
-    return guarded([&] { return engineOf(engine)->graph().createModule(name, identifier, info); });
+    return withEngine(engine, name != nullptr && identifier != nullptr,
+        [&](Engine &one) { return one.graph().createModule(name, identifier, info); });
 }
 
 int32_t sonetrix_engine_ModuleDelete(sonetrix_engine_t *engine, const char *name) {
-    if (engine == nullptr || name == nullptr)
-        return statusInvalid;
-    return guarded([&] { return engineOf(engine)->graph().deleteModule(name); });
+    return withEngine(engine, name != nullptr, [&](Engine &one) { return one.graph().deleteModule(name); });
 }
 
 int32_t sonetrix_engine_LinkPort(sonetrix_engine_t *engine, const char *p1, const char *p2) {
-    if (engine == nullptr || p1 == nullptr)
-        return statusInvalid;
     const bool isLink = p2 != nullptr && *p2 != '\0';
-    return guarded([&] {
-        Graph &graph = engineOf(engine)->graph();
-        return isLink ? graph.link(p1, p2) : graph.unlink(p1);
-    });
+    return withEngine(
+        engine, p1 != nullptr, [&](Engine &one) { return isLink ? one.graph().link(p1, p2) : one.graph().unlink(p1); });
 }
 
 int32_t sonetrix_engine_ForEachModuleSafe(sonetrix_engine_t *engine, sonetrix_moduleCallback_t callback, void *user) {
-    if (engine == nullptr || callback == nullptr)
-        return statusInvalid;
-    return guarded([&] {
-        const auto records = engineOf(engine)->graph().records();
-        for (const auto &record : *records)
-            callback(&record->get(), user);
+    return withEngine(engine, callback != nullptr, [&](Engine &one) {
+        one.graph().forEachRecord([&](const sonetrix_module_t &record) { callback(&record, user); });
         return statusOk;
     });
 }
 
 int32_t sonetrix_engine_ModuleUsage(
     sonetrix_engine_t *engine, const char *name, float *absolute, float *relative, uint32_t *processId) {
-    if (engine == nullptr || name == nullptr)
-        return statusInvalid;
-    return guarded([&] {
-        Engine &owner = *engineOf(engine);
-        const auto module = owner.graph().module(name);
-        const uint32_t threadId = owner.driver().threadId();
+    return withEngine(engine, name != nullptr, [&](Engine &one) {
+        const auto module = one.graph().module(name);
+        const uint32_t threadId = one.driver().threadId();
         if (!module || threadId == 0)
             return statusNotFound;
-        const float all = owner.audioPath().meanTime();
-        *absolute = 100.0F * module->meanTime() / owner.driver().cpuFigures().budget;
+        const float all = one.meanBlockTime();
+        *absolute = 100.0F * module->meanTime() / one.driver().cpuFigures().budget;
         *relative = all > 0 ? 100.0F * module->meanTime() / all : 0.0F;
         *processId = threadId;
         return statusOk;
@@ -96,10 +77,8 @@ int32_t sonetrix_engine_ModuleGetStartParameter(sonetrix_engine_t *engine,
     const sonetrix_module_t *module,
     char **library,
     sonetrix_cListKeyValue_t **configuration) {
-    if (engine == nullptr || module == nullptr)
-        return statusInvalid;
-    return guarded([&] {
-        auto origin = engineOf(engine)->graph().origin(module->name);
+    return withEngine(engine, module != nullptr, [&](Engine &one) {
+        auto origin = one.graph().origin(module->name);
         if (!origin)
             return statusNotFound;
         auto list = std::make_unique<ListKeyValue>(std::move(origin->configuration));

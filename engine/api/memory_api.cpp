@@ -1,12 +1,10 @@
-#include "api/memory.h"
-
 #include "sonetrix/engine_api.h"
 
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-
-namespace sonetrix::dev {
 
 namespace {
 
@@ -18,8 +16,8 @@ struct alignas(std::max_align_t) Header {
 std::atomic<size_t> liveBlocks;
 std::atomic<size_t> liveBytes;
 std::atomic<size_t> peakBytes;
-std::atomic<uint64_t> totalBlocks;
-std::atomic<uint64_t> totalBytes;
+std::atomic<size_t> totalBlocks;
+std::atomic<size_t> totalBytes;
 
 void raisePeak(size_t bytes) noexcept {
     size_t peak = peakBytes;
@@ -28,12 +26,6 @@ void raisePeak(size_t bytes) noexcept {
 }
 
 } // namespace
-
-MemoryUse memoryUse() noexcept { return {liveBlocks, liveBytes, peakBytes, totalBlocks, totalBytes}; }
-
-} // namespace sonetrix::dev
-
-using namespace sonetrix::dev;
 
 void *sonetrix_malloc(size_t size) {
     if (size > PTRDIFF_MAX - sizeof(Header))
@@ -59,11 +51,9 @@ void sonetrix_free(void *memory) {
 }
 
 void sonetrix_memory_rt_inspect() {
-    const MemoryUse use = memoryUse();
     std::printf("live   %12zu bytes in %zu blocks\n"
                 "peak   %12zu bytes\n"
-                "total  %12llu bytes in %llu blocks\n",
-        use.liveBytes, use.liveBlocks, use.peakBytes, static_cast<unsigned long long>(use.totalBytes),
-        static_cast<unsigned long long>(use.totalBlocks));
+                "total  %12zu bytes in %zu blocks\n",
+        liveBytes.load(), liveBlocks.load(), peakBytes.load(), totalBytes.load(), totalBlocks.load());
     std::fflush(stdout);
 }
