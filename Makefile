@@ -68,10 +68,11 @@ test-references: setup ## Run the tests in the distribution's debug interpreter,
 	@tools/test-matrix /usr/bin/python3.*-dbg
 
 package: setup ## Make Debian packages, in build/package, for the distribution's Python
+	@tools/setup package
 	@cmake --preset release -B build/package -DSONETRIX_PYTHON_ROOT=/usr -DSONETRIX_TESTS=OFF -DSONETRIX_BENCH=OFF \
 		--log-level=NOTICE
 	@cmake --build build/package
-	@cd build/package && cpack
+	@cd build/package && cpack && lintian --fail-on none *.deb
 
 package-arm: build-arm ## Make Debian packages for 64-bit Arm, in build/aarch64
 	@cd build/aarch64 && cpack

@@ -1,5 +1,5 @@
-# What is installed, and the Debian packages. Components: module (the library and its typed stub), engine (the
-# development engine), development (for engines that load the module), documentation.
+# What is installed, and the Debian packages. Components: module (the library, its typed stub, the console's package),
+# engine (the development engine), development (for engines that load the module), documentation.
 
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -7,7 +7,9 @@ include(CMakePackageConfigHelpers)
 set(_privateLibraries lib/sonetrix)
 
 install(TARGETS sonetrix LIBRARY DESTINATION ${_privateLibraries} COMPONENT module)
-install(FILES interface/sonetrix/sonetrix.pyi DESTINATION ${_privateLibraries} COMPONENT module)
+# A package of stubs (PEP 561), which type checkers and editors find with the interpreter.
+install(FILES interface/sonetrix/sonetrix.pyi DESTINATION ${SONETRIX_PYTHON_PACKAGES}/sonetrix-stubs RENAME __init__.pyi
+    COMPONENT module)
 
 if(TARGET sonetrix_engine)
     set_target_properties(sonetrix-engine PROPERTIES INSTALL_RPATH $ORIGIN/../${_privateLibraries})
@@ -15,17 +17,21 @@ if(TARGET sonetrix_engine)
     install(TARGETS sonetrix-engine RUNTIME DESTINATION bin COMPONENT engine)
 endif()
 
-# The interface that an engine provides to the module: a header, with nothing to link.
+# For engines: the header of the functions that they provide, with nothing to link, and the check of an engine.
 set(_packageFolder ${CMAKE_INSTALL_DATADIR}/cmake/sonetrix-engine-api)
+set(_moduleFile ${_privateLibraries}/sonetrix.so)
 install(FILES include/sonetrix/engine_api.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/sonetrix COMPONENT development)
+install(PROGRAMS tools/sonetrix-check-engine DESTINATION bin COMPONENT development)
 install(TARGETS sonetrix_api EXPORT sonetrix-engine-api)
-install(EXPORT sonetrix-engine-api FILE sonetrix-engine-apiConfig.cmake NAMESPACE sonetrix::
+install(EXPORT sonetrix-engine-api FILE sonetrix-engine-apiTargets.cmake NAMESPACE sonetrix::
     DESTINATION ${_packageFolder} COMPONENT development)
+configure_package_config_file(cmake/sonetrix-engine-apiConfig.cmake.in sonetrix-engine-apiConfig.cmake
+    INSTALL_DESTINATION ${_packageFolder} PATH_VARS _moduleFile)
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/sonetrix-engine-apiConfigVersion.cmake
     COMPATIBILITY SameMajorVersion ARCH_INDEPENDENT)
 configure_file(cmake/sonetrix-engine-api.pc.in sonetrix-engine-api.pc @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/sonetrix-engine-apiConfigVersion.cmake DESTINATION ${_packageFolder}
-    COMPONENT development)
+install(FILES ${CMAKE_BINARY_DIR}/sonetrix-engine-apiConfig.cmake
+    ${CMAKE_BINARY_DIR}/sonetrix-engine-apiConfigVersion.cmake DESTINATION ${_packageFolder} COMPONENT development)
 install(FILES ${CMAKE_BINARY_DIR}/sonetrix-engine-api.pc DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgconfig
     COMPONENT development)
 
@@ -34,7 +40,8 @@ install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT do
     PATTERN __pycache__ EXCLUDE)
 
 set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_CONTACT "SoneTrix developers")
+set(SONETRIX_MAINTAINER "SoneTrix developers <sonetrix@localhost>" CACHE STRING "Who stands behind the packages")
+set(CPACK_PACKAGE_CONTACT ${SONETRIX_MAINTAINER})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
@@ -50,20 +57,55 @@ elseif(CMAKE_SYSTEM_PROCESSOR STREQUAL x86_64)
     set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE amd64)
 endif()
 
+# Every package has the changelog and what there is to say about rights.
+find_program(SONETRIX_GZIP gzip REQUIRED)
+mark_as_advanced(SONETRIX_GZIP)
+configure_file(cmake/debian/changelog changelog @ONLY)
+execute_process(COMMAND ${SONETRIX_GZIP} -9nf changelog WORKING_DIRECTORY ${CMAKE_BINARY_DIR} COMMAND_ERROR_IS_FATAL ANY)
+
+# Manual pages are made of what the programs say to --help, with help2man there.
+find_program(SONETRIX_HELP2MAN help2man)
+mark_as_advanced(SONETRIX_HELP2MAN)
+set(_manuals "")
+function(_manual component name summary)
+    if(NOT SONETRIX_HELP2MAN)
+        return()
+    endif()
+    list(JOIN ARGN " " command)
+    set(page ${CMAKE_BINARY_DIR}/manual/${name}.1)
+    add_custom_command(OUTPUT ${page}.gz
+        COMMAND ${SONETRIX_HELP2MAN} --no-info --version-string=${PROJECT_VERSION} --name=${summary} --output=${page} ${command}
+        COMMAND ${SONETRIX_GZIP} -9nf ${page}
+        DEPENDS ${ARGN} VERBATIM)
+    set(_manuals ${_manuals} ${page}.gz PARENT_SCOPE)
+    install(FILES ${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT ${component})
+endfunction()
+_manual(development sonetrix-check-engine "checks an engine against the SoneTrix scripting layer's contract"
+    ${CMAKE_SOURCE_DIR}/tools/sonetrix-check-engine)
+if(TARGET sonetrix_engine)
+    _manual(engine sonetrix-engine "the SoneTrix development engine and its Python console"
+        ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:sonetrix-engine>)
+endif()
+add_custom_target(manuals ALL DEPENDS ${_manuals})
+
 # _package(COMPONENT NAME SUMMARY DESCRIPTION)
 macro(_package component name summary description)
     string(TOUPPER ${component} upper)
     set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${name})
     set(CPACK_COMPONENT_${upper}_DESCRIPTION "${summary}\n${description}")
+    install(FILES cmake/debian/copyright ${CMAKE_BINARY_DIR}/changelog.gz
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name} COMPONENT ${component})
 endmacro()
 _package(module sonetrix "Python scripting layer of the SoneTrix audio engine"
     "The module sonetrix and the engine's Python console,\nin one library that an engine loads.")
 _package(development sonetrix-dev "SoneTrix scripting layer, interface for engines"
-    "The C header of the functions that an engine provides to the scripting layer.")
+    "The C header of the functions that an engine provides to the scripting layer,\nfor CMake and pkg-config, and sonetrix-check-engine, which tries an engine.")
 _package(documentation sonetrix-doc "SoneTrix scripting layer, documentation"
     "How it is used and built, and example scripts.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+# The module to load, and what sonetrix-check-engine runs.
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "sonetrix (= ${PROJECT_VERSION}), python3, binutils")
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_SECTION doc)
 
