@@ -25,6 +25,9 @@ __all__ = [
 ]
 
 
+_installed = False
+
+
 def install() -> None:
     """Makes the words of this package names of the console and, on a terminal, turns line editing and all else on.
 
@@ -36,5 +39,7 @@ def install() -> None:
     __main__.__dict__.update(words)
     if "" not in sys.path:
         sys.path.insert(0, "")
-    if sys.stdin is not None and sys.stdin.isatty():
+    global _installed
+    if not _installed and sys.stdin is not None and sys.stdin.isatty():
+        _installed = True
         prompt.install()

@@ -7,12 +7,14 @@ import builtins
 import os
 import pathlib
 import sys
+from types import TracebackType
 from typing import Any
 
 import sonetrix
 
 from . import completion, output
 from .paste import one_line
+from .words import Refused
 
 try:
     import readline
@@ -90,6 +92,14 @@ def display(value: Any) -> None:
     print(shown)
 
 
+def trim(error: BaseException, traceback: TracebackType | None) -> None:
+    """Leaves out where in this package the engine's refusal was found: the mistake is in front of it."""
+    while isinstance(error, Refused) and traceback is not None and traceback.tb_next is not None:
+        if traceback.tb_next.tb_frame.f_globals.get("__package__") == __package__:
+            traceback.tb_next = None
+        traceback = traceback.tb_next
+
+
 def run_startup_file() -> None:
     """Runs $XDG_CONFIG_HOME/sonetrix/startup.py (~/.config/sonetrix/startup.py) in `__main__`, if there is one."""
     path = _folder("XDG_CONFIG_HOME", ".config") / "startup.py"
@@ -116,7 +126,13 @@ def install() -> None:
         history.add(line)
         return one_line(prompt, line)
 
-    sys.displayhook = display
+    show_error = sys.excepthook
+
+    def show_trimmed(kind: type[BaseException], error: BaseException, traceback: TracebackType | None) -> None:
+        trim(error, traceback)
+        show_error(kind, error, traceback)
+
+    sys.displayhook, sys.excepthook = display, show_trimmed
     if sys.stdout is not None and sys.stdout.isatty():
         print(banner())
         output.install(line_typed)

@@ -85,7 +85,7 @@ class Session:
         try:
             change(*arguments, **more)
             self._changes += 1
-        except (LookupError, TypeError, Refused) as problem:
+        except Refused as problem:
             self._problems.append(f"  {problem}")
 
 

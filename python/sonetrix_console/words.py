@@ -35,6 +35,20 @@ class State(TypedDict):
 class Refused(Exception):
     """What the engine does not do, and why."""
 
+    __module__ = __package__
+
+
+class Unknown(Refused, LookupError):
+    """A name that does not exist."""
+
+    __module__ = __package__
+
+
+class Unfit(Refused, TypeError):
+    """A value that is not of a parameter's type."""
+
+    __module__ = __package__
+
 
 MADE = 1  # the type of a module that was made of a plugin
 _SELECTORS = {"aint32": "int", "auint32": "uint", "afloat": "float"}
@@ -71,10 +85,10 @@ def parameter_names() -> list[str]:
     return names([*keys, *engine.getParam("engine.").toDict()])
 
 
-def unknown(what: str, name: str, known: Iterable[str]) -> LookupError:
+def unknown(what: str, name: str, known: Iterable[str]) -> Unknown:
     """The error for a name that does not exist, with those that may have been meant."""
     near = " or ".join(map(repr, difflib.get_close_matches(name, list(known), 3)))
-    return LookupError(f"there is no {what} {name!r}" + (f"; did you mean {near}?" if near else ""))
+    return Unknown(f"there is no {what} {name!r}" + (f"; did you mean {near}?" if near else ""))
 
 
 def get(key: str) -> Any:
@@ -122,7 +136,7 @@ def _converted(key: str, value: Any, kind: str) -> Any:
             raise ValueError
         return number
     except (TypeError, ValueError, OverflowError):
-        raise TypeError(f"{key} takes a value of type {kind}, not {value!r}") from None
+        raise Unfit(f"{key} takes a value of type {kind}, not {value!r}") from None
 
 
 def _reason(key: str) -> str:
