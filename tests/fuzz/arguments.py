@@ -125,7 +125,7 @@ class Session:
             record.numbers(name, *(self.source.byte() for _ in range(form >> 5)))
             record.text(name, self.source.bytes())
         else:
-            record._library.record_list(name.encode(), self.source.pick(LISTS))
+            record.gives(name, self.source.pick(LISTS))
 
     def call(self):
         function, parameters = self.source.pick(CALLABLES)
@@ -144,9 +144,9 @@ class Session:
         if form < 30:
             self.script()
         elif form < 60:
-            record._library.record_fire(form & 3, self.source.pick([None, *LISTS]), 0, 1 + (form & 1))
+            record.fire(form & 3, self.source.pick([None, *LISTS]), threads=0, times=1 + (form & 1))
         elif form < 64:
-            record._holding_lock.record_fire(form & 3, LISTS[3], 0, 1)
+            record.fire(form & 3, LISTS[3], threads=0, lock_held=True)
         elif form < 80 and self.pool:
             del self.pool[self.source.byte() % len(self.pool)]
         else:

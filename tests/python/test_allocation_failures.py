@@ -120,7 +120,7 @@ class AllocationFailures(unittest.TestCase):
                 for _ in range(3):  # caches and free lists settle
                     usual, _ = run_with_failure(call, -1)
                 gc.collect()
-                lists = record.live()
+                lists = record.lists()
                 number, count = 0, 1
                 while number < count:
                     with contextlib.redirect_stderr(io.StringIO()):
@@ -134,7 +134,7 @@ class AllocationFailures(unittest.TestCase):
                     number += 1
                     faults += 1
                 gc.collect()
-                self.assertEqual(record.live(), lists, "lists left behind")
+                self.assertEqual(record.lists(), lists, "lists left behind")
                 again, _ = run_with_failure(call, -1)
                 self.assertIs(type(again), type(usual), again)
         self.assertEqual(record.violations(), [])
@@ -153,14 +153,14 @@ class AllocationFailures(unittest.TestCase):
             ("sonetrix_engine_meterInfoList", CALLS["engine.getMeterInfo"], Exception),
         ):
             with self.subTest(name):
-                lists = record.live()
+                lists = record.lists()
                 null(name)
                 with self.assertRaises(error):
                     call()
                 null(name, 0)
                 call()
                 gc.collect()
-                self.assertEqual(record.live(), lists)
+                self.assertEqual(record.lists(), lists)
 
 
 if __name__ == "__main__":

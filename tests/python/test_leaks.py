@@ -83,7 +83,7 @@ class LeakTest(record.TestCase):
         record.result("sonetrix_engine_IsRunning", 0)
         record.recording(False)
         entries = record.make_list({"a": 1})
-        fire = lambda kind: record._library.record_fire(kind, entries, 0, 1)
+        fire = lambda kind: record.fire(kind, entries, threads=0)
         names = {**globals(), **vars(self.sonetrix), "L": self.sonetrix.listValue, "K": self.sonetrix.listKeyValue,
                  "fire": fire}
         gc.disable()

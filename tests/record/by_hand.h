@@ -5,79 +5,72 @@
 #include "record.h"
 #include "registrations.h"
 
+#include <tuple>
+
 namespace sonetrix::record {
 
-template <auto function, typename List> void destroyList(const Call &call, List *list) {
-    const auto destroy = [](const void *ended) { next<function>(static_cast<List *>(const_cast<void *>(ended))); };
-    if (list && Recorder::instance().ended(call.name(), list, destroy))
-        next<function>(list);
-}
-template <> struct Real<sonetrix_valueListDestroy> {
-    static constexpr auto call = destroyList<sonetrix_valueListDestroy, sonetrix_cListValue_t>;
+template <auto function> struct Destruction {
+    template <typename List> static void call(const Call &call, List *list) {
+        Recorder::instance().ended(call.name(), list,
+            [](const void *ended) { next<function>(static_cast<List *>(const_cast<void *>(ended))); });
+    }
 };
-template <> struct Real<sonetrix_keyValueListDestroy> {
-    static constexpr auto call = destroyList<sonetrix_keyValueListDestroy, sonetrix_cListKeyValue_t>;
-};
+template <> struct Real<sonetrix_valueListDestroy> : Destruction<sonetrix_valueListDestroy> {};
+template <> struct Real<sonetrix_keyValueListDestroy> : Destruction<sonetrix_keyValueListDestroy> {};
 
-// A reading whose callback is called as the script says.
-template <typename Record> struct Reading {
+// An iteration that calls back as the script says.
+template <typename Record> class Iteration {
+public:
     using Callback = int32_t (*)(const Record *, void *);
 
-    Script script;
-    Callback callback;
-    void *user;
-    bool stopped = false;
+    Iteration(const Call &call, Callback callback, void *user)
+        : call_(call), callback_(callback), user_(call.setting(User) ? call.script().pointer<void>(User) : user) {}
 
-    static int32_t read(const Record *record, void *reading) { return static_cast<Reading *>(reading)->read(record); }
-    int32_t read(const Record *record) {
-        if (stopped)
-            return 0;
-        const LockGivenUp without(script.givesLockUp);
-        const int32_t status = callback(record, script.user ? script.user : user);
-        stopped = status != 0 && script.stopsOnError;
+    static int32_t step(const Record *record, void *iteration) {
+        auto &self = *static_cast<Iteration *>(iteration);
+        return self.stopped_ ? 0 : self.step(record);
+    }
+    int32_t step(const Record *record) {
+        const int64_t every = call_.setting(GivesLockUp);
+        const LockGivenUp without(every && ++count_ % every == 0);
+        const int32_t status = callback_(record, user_);
+        stopped_ = status != 0 && call_.setting(StopsOnError);
         return status;
     }
-};
-// What a reading goes over is not changed by a thread that takes the lock meanwhile.
-template <typename List> class Unchanged {
-public:
-    Unchanged(const Call &call, const List *list) : call_(call), list_(list), before_(literal(list)) {}
-    ~Unchanged() {
-        if (literal(list_) != before_)
-            Recorder::instance().violate(std::string(call_.name()) + " goes over a list that is changed meanwhile");
-    }
-    Unchanged(const Unchanged &) = delete;
-    Unchanged &operator=(const Unchanged &) = delete;
 
 private:
     const Call &call_;
-    const List *list_;
-    std::string before_;
+    Callback callback_;
+    void *user_;
+    int64_t count_ = 0;
+    bool stopped_ = false;
 };
-template <> struct Real<sonetrix_valueListForEach> {
-    static int32_t call(const Call &call, sonetrix_cListValue_t *list, sonetrix_valueCallback_t callback, void *user) {
-        lastReading = {.value = callback, .keyValue = nullptr};
-        Reading<sonetrix_value_t> reading{call.script(), callback, user};
-        const Unchanged<sonetrix_cListValue_t> list_is(call, reading.script.givesLockUp ? list : nullptr);
-        return next<sonetrix_valueListForEach>(list, reading.read, &reading);
+
+template <auto function> struct Reading {
+    template <typename List, typename Callback>
+    static int32_t call(const Call &call, List *list, Callback callback, void *user) {
+        lastReading = {};
+        std::get<Callback>(lastReading) = callback;
+        const bool changeable = call.setting(GivesLockUp) != 0;
+        const std::string before = changeable ? literal(list) : "";
+        using Record = std::remove_const_t<std::remove_pointer_t<decltype(firstArgument(callback))>>;
+        Iteration<Record> iteration(call, callback, user);
+        const int32_t status = next<function>(list, iteration.step, &iteration);
+        if (changeable && literal(list) != before)
+            Recorder::instance().violate(std::string(call.name()) + " goes over a list that is changed meanwhile");
+        return status;
     }
+    template <typename Record> static Record firstArgument(int32_t (*)(Record, void *));
 };
-template <> struct Real<sonetrix_keyValueListForEach> {
-    static int32_t call(
-        const Call &call, sonetrix_cListKeyValue_t *list, sonetrix_keyValueCallback_t callback, void *user) {
-        lastReading = {.value = nullptr, .keyValue = callback};
-        Reading<sonetrix_keyValue_t> reading{call.script(), callback, user};
-        const Unchanged<sonetrix_cListKeyValue_t> list_is(call, reading.script.givesLockUp ? list : nullptr);
-        return next<sonetrix_keyValueListForEach>(list, reading.read, &reading);
-    }
-};
+template <> struct Real<sonetrix_valueListForEach> : Reading<sonetrix_valueListForEach> {};
+template <> struct Real<sonetrix_keyValueListForEach> : Reading<sonetrix_keyValueListForEach> {};
 template <> struct Real<sonetrix_engine_ForEachModuleSafe> {
     static int32_t call(const Call &call, sonetrix_engine_t *engine, sonetrix_moduleCallback_t callback, void *user) {
-        Reading<sonetrix_module_t> reading{call.script(), callback, user};
+        Iteration<sonetrix_module_t> iteration(call, callback, user);
         if (!scriptedModules)
-            return next<sonetrix_engine_ForEachModuleSafe>(engine, reading.read, &reading);
+            return next<sonetrix_engine_ForEachModuleSafe>(engine, iteration.step, &iteration);
         for (const sonetrix_module_t *module : *scriptedModules)
-            reading.read(module);
+            iteration.step(module, &iteration);
         return 0;
     }
 };
@@ -96,41 +89,26 @@ template <> struct Real<sonetrix_engine_SetParamsFull> : Writing {};
 template <> struct Real<sonetrix_engine_SetParamsFullCli> : Writing {};
 
 template <> struct Real<sonetrix_engine_ModuleGetStartParameter> {
-    static int32_t call(const Call & /*call*/,
-        sonetrix_engine_t *engine,
-        const sonetrix_module_t *module,
-        char **library,
-        sonetrix_cListKeyValue_t **configuration) {
-        const auto status = next<sonetrix_engine_ModuleGetStartParameter>(engine, module, library, configuration);
+    template <typename... Arguments> static int32_t call(const Call & /*call*/, Arguments... arguments) {
+        const int32_t status = next<sonetrix_engine_ModuleGetStartParameter>(arguments...);
+        sonetrix_cListKeyValue_t **const configuration = std::get<3>(std::tuple(arguments...));
         Recorder::instance().began(status == 0 ? *configuration : nullptr, false);
         return status;
     }
 };
 
-inline void *add(const Call &call, Kind kind, Callback callback, void *user) {
-    return addRegistration(kind, callback, user, call.script().callsInside);
-}
-template <> struct Real<sonetrix_engine_notify_changes_addCallback> {
-    static void *call(const Call &call, sonetrix_engine_t * /*engine*/, sonetrix_listCallback_t callback, void *user) {
-        return add(call, Kind::Changes, callback, user);
-    }
-};
-template <> struct Real<sonetrix_engine_addCallbackMeterManager> {
-    static void *call(const Call &call,
-        sonetrix_engine_t * /*engine*/,
-        sonetrix_module_meters_type type,
-        sonetrix_listCallback_t callback,
-        void *user) {
-        return add(call, type == SONETRIX_METERS_SLOW ? Kind::SlowMeters : Kind::FastMeters, callback, user);
-    }
-};
-template <> struct Real<sonetrix_engine_addTimer> {
-    static void *call(const Call &call,
-        sonetrix_engine_t * /*engine*/,
-        int32_t /*milliseconds*/,
-        sonetrix_timerCallback_t callback,
-        void *user) {
-        return add(call, Kind::Timer, callback, user);
+// Callbacks are registered in the layer. They come last but one, their user data last.
+struct Addition {
+    template <typename... Arguments> static void *call(const Call &call, Arguments... arguments) {
+        const auto all = std::tuple(arguments...);
+        constexpr size_t last = sizeof...(arguments) - 1;
+        Kind kind = Kind::Changes;
+        if constexpr (std::is_same_v<std::tuple_element_t<1, decltype(all)>, const sonetrix_module_meters_type>) {
+            kind = std::get<1>(all) == SONETRIX_METERS_SLOW ? Kind::SlowMeters : Kind::FastMeters;
+        } else if constexpr (last == 3) {
+            kind = Kind::Timer;
+        }
+        return addRegistration(kind, std::get<last - 1>(all), std::get<last>(all), call.setting(CallsInside));
     }
 };
 struct Removal {
@@ -138,6 +116,9 @@ struct Removal {
         removeRegistration(handle);
     }
 };
+template <> struct Real<sonetrix_engine_notify_changes_addCallback> : Addition {};
+template <> struct Real<sonetrix_engine_addCallbackMeterManager> : Addition {};
+template <> struct Real<sonetrix_engine_addTimer> : Addition {};
 template <> struct Real<sonetrix_engine_notify_changes_rmCallback> : Removal {};
 template <> struct Real<sonetrix_engine_rmCallbackMeterManager> : Removal {};
 template <> struct Real<sonetrix_engine_delTimer> : Removal {};
@@ -161,11 +142,9 @@ inline sonetrix_cListKeyValue_t *readMeters(
     sonetrix_engine_t *engine, const char *module, sonetrix_module_meters_type type) {
     const Call call("readMeters", literal(engine) + "," + literal(module) + "," + literal(type) + ",");
     sonetrix_cListKeyValue_t *list = nullptr;
-    if (!call.null()) {
-        const Script script = call.script();
-        list = script.answers() ? newList<sonetrix_cListKeyValue_t>(script.list)
-                                : engineReadMeters.load()(engine, module, type);
-    }
+    if (!call.null())
+        list = call.list() ? newList<sonetrix_cListKeyValue_t>(call.list())
+                           : engineReadMeters.load()(engine, module, type);
     Recorder::instance().began(list, false);
     return list;
 }
@@ -178,31 +157,6 @@ template <> struct Real<sonetrix_engine_registerMeterManager> {
         engineReadMeters = *read;
         *read = status == 0 ? readMeters : nullptr;
         return status;
-    }
-};
-
-template <> struct Real<sonetrix_valueInitS> {
-    static void call(const Call & /*call*/, sonetrix_value_t *value, const char *text) {
-        Recorder::instance().count(Values, 1);
-        next<sonetrix_valueInitS>(value, text);
-    }
-};
-template <> struct Real<sonetrix_valueDeinit> {
-    static void call(const Call & /*call*/, sonetrix_value_t *value) {
-        Recorder::instance().count(Values, value->type == SONETRIX_VALUE_STRING ? -1 : 0);
-        next<sonetrix_valueDeinit>(value);
-    }
-};
-template <> struct Real<sonetrix_malloc> {
-    static void *call(const Call & /*call*/, size_t size) {
-        Recorder::instance().count(Blocks, 1);
-        return next<sonetrix_malloc>(size);
-    }
-};
-template <> struct Real<sonetrix_free> {
-    static void call(const Call & /*call*/, void *memory) {
-        Recorder::instance().count(Blocks, memory ? -1 : 0);
-        next<sonetrix_free>(memory);
     }
 };
 

@@ -1,13 +1,15 @@
 #include "record.h"
 
+#include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <string_view>
 #include <unistd.h>
 
 namespace sonetrix::record {
 
 std::atomic<bool> active = false;
+thread_local bool comesInHolding = false;
 
 std::string literal(const char *text) {
     if (!text)
@@ -16,8 +18,7 @@ std::string literal(const char *text) {
     for (; *text; ++text) {
         char escaped[5];
         std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned char>(*text));
-        const bool plain = *text >= ' ' && *text <= '~' && *text != '\'' && *text != '\\';
-        quoted += plain ? std::string(1, *text) : std::string(escaped);
+        quoted += escaped;
     }
     return quoted + "'";
 }
@@ -26,9 +27,8 @@ std::string literal(double number) {
     if (!std::isfinite(number))
         return std::isnan(number) ? "'nan'" : number > 0 ? "1e999" : "-1e999";
     char text[32];
-    std::snprintf(text, sizeof text, "%.17g", number);
-    const std::string digits = text;
-    return digits.find_first_of(".e") == std::string::npos ? digits + ".0" : digits;
+    std::snprintf(text, sizeof text, "%.16e", number);
+    return text;
 }
 
 namespace {
@@ -38,8 +38,6 @@ template <typename Function> Function *python(const char *name) {
     return reinterpret_cast<Function *>(dlsym(RTLD_DEFAULT, name));
 }
 
-thread_local bool cameInHolding = false;
-
 // What the rules ask of the lock: 1 held, 0 released, -1 either: for values that the module initialises for itself, for
 // what the console's host does on its own account, and for the log of a thread that came in holding the lock.
 int ruleFor(std::string_view name) {
@@ -47,11 +45,11 @@ int ruleFor(std::string_view name) {
         if (name.starts_with(family))
             return 1;
     }
-    for (const auto *free : {"sonetrix_valueInit", "sonetrix_valueDeinit", "sonetrix_malloc", "sonetrix_free"}) {
-        if (name.starts_with(free))
+    for (const auto *family : {"sonetrix_valueInit", "sonetrix_valueDeinit", "sonetrix_malloc", "sonetrix_free"}) {
+        if (name.starts_with(family))
             return -1;
     }
-    return name == "sonetrix_log" || (cameInHolding && name == "sonetrix_log_LogString") ? -1 : 0;
+    return name == "sonetrix_log" || (comesInHolding && name == "sonetrix_log_LogString") ? -1 : 0;
 }
 
 } // namespace
@@ -69,60 +67,41 @@ LockGivenUp::~LockGivenUp() {
         python<void(void *)>("PyEval_RestoreThread")(state_);
 }
 
-ComesInHolding::ComesInHolding(bool really) : before_(cameInHolding) { cameInHolding = really; }
-
-ComesInHolding::~ComesInHolding() { cameInHolding = before_; }
-
 Recorder &Recorder::instance() {
     static auto &recorder = *new Recorder; // calls come until the very end of the process
     return recorder;
 }
 
-void Recorder::setNoting(bool on) { noting_ = on; }
+void Recorder::call(const char *name, const std::string &arguments) {
+    const int held = lockHeld();
+    if (const int rule = ruleFor(name); rule >= 0 && held >= 0 && held != rule)
+        violate(std::string(name) + " is called with the interpreter lock " + (held ? "held" : "released"));
+    std::unique_lock lock(mutex_);
+    if (noting)
+        calls_.push_back("('" + std::string(name) + "', (" + arguments + "), " + std::to_string(held) + ", " +
+                         std::to_string(gettid()) + ")");
+    const auto delay = [&] { return scripts_.contains(name) ? scripts_[name].settings[Delay] : 0; };
+    if (const int64_t longest = delay())
+        changed_.wait_for(lock, std::chrono::milliseconds(longest), [&] { return delay() == 0; });
+}
 
-std::string Recorder::takeCalls(bool clear) {
-    const std::lock_guard lock(mutex_);
+namespace {
+
+template <typename Items> std::string joined(const Items &items, const char *quote) {
     std::string text = "[";
-    for (const std::string &call : calls_)
-        text += call + ",\n";
-    if (clear)
-        calls_.clear();
+    for (const std::string &item : items)
+        text.append(quote).append(item).append(quote).append(",\n");
     return text + "]";
 }
 
-void Recorder::reset() {
+} // namespace
+
+std::string Recorder::takeCalls(bool clear) {
     const std::lock_guard lock(mutex_);
-    scripts_.clear();
-    calls_.clear();
-    for (const Ended &ended : ended_)
-        ended.destroy(ended.list);
-    ended_.clear();
-    noting_ = true;
-    changed_.notify_all();
-}
-
-void Recorder::note(const char *name, const std::string &arguments) {
-    const int held = lockHeld();
-    const std::lock_guard lock(mutex_);
-    calls_.push_back("('" + std::string(name) + "', (" + arguments + "), " + std::to_string(held) + ", " +
-                     std::to_string(gettid()) + ")");
-}
-
-void Recorder::checkLock(const char *name) {
-    const int rule = ruleFor(name);
-    const int held = lockHeld();
-    if (rule >= 0 && held >= 0 && held != rule)
-        violate(
-            std::string(name) + (held ? " called with the interpreter lock" : " called without the interpreter lock"));
-}
-
-void Recorder::waitForDelay(const char *name) {
-    std::unique_lock lock(mutex_);
-    const auto found = scripts_.find(name);
-    if (found == scripts_.end() || found->second.delay.count() == 0)
-        return;
-    const auto until = std::chrono::steady_clock::now() + found->second.delay;
-    changed_.wait_until(lock, until, [&] { return !scripts_.contains(name) || scripts_[name].delay.count() == 0; });
+    const std::string text = joined(calls_, "");
+    if (clear)
+        calls_.clear();
+    return text;
 }
 
 void Recorder::violate(const std::string &what) {
@@ -132,17 +111,26 @@ void Recorder::violate(const std::string &what) {
 
 std::string Recorder::takeViolations() {
     const std::lock_guard lock(mutex_);
-    std::string text = "[";
-    for (const std::string &violation : violations_)
-        text += '"' + violation + "\", ";
+    const std::string text = joined(violations_, "\"");
     violations_.clear();
-    return text + "]";
+    return text;
+}
+
+void Recorder::reset() {
+    const std::lock_guard lock(mutex_);
+    scripts_.clear();
+    calls_.clear();
+    for (const auto &[list, destroy] : ended_)
+        destroy(list);
+    ended_.clear();
+    noting = true;
+    changed_.notify_all();
 }
 
 void Recorder::began(const void *list, bool engineKeeps) {
     const std::lock_guard lock(mutex_);
-    if (list && lists_.emplace(list, engineKeeps).second && !engineKeeps)
-        ++counts_[Lists];
+    if (list)
+        lists_.emplace(list, engineKeeps);
 }
 
 void Recorder::check(const char *name, const void *list) {
@@ -151,20 +139,22 @@ void Recorder::check(const char *name, const void *list) {
         violations_.push_back(std::string(name) + " is given a list that is none");
 }
 
-bool Recorder::ended(const char *name, const void *list, void (*destroy)(const void *)) {
+// While calls are noted, the list's memory is let go at the reset only, so that no other list gets its address.
+void Recorder::ended(const char *name, const void *list, void (*destroy)(const void *)) {
     const std::lock_guard lock(mutex_);
     const auto found = lists_.find(list);
     if (found == lists_.end())
-        return false; // has been noted already
+        return; // null, or a violation already
     if (found->second) {
         violations_.push_back(std::string(name) + " is given a list that the engine keeps");
-        return false;
+        return;
     }
     lists_.erase(found);
-    --counts_[Lists];
-    if (noting_)
-        ended_.push_back({list, destroy});
-    return !noting_;
+    if (noting) {
+        ended_.emplace_back(list, destroy);
+    } else {
+        destroy(list);
+    }
 }
 
 void Recorder::forget(const void *list) {
@@ -172,18 +162,15 @@ void Recorder::forget(const void *list) {
     lists_.erase(list);
 }
 
-Call::Call(const char *name, const std::string &arguments) : name_(name) {
-    Recorder &recorder = Recorder::instance();
-    recorder.checkLock(name);
-    if (recorder.noting())
-        recorder.note(name, arguments);
-    recorder.waitForDelay(name);
+int64_t Recorder::listCount() {
+    const std::lock_guard lock(mutex_);
+    return static_cast<int64_t>(std::ranges::count(lists_, false, &decltype(lists_)::value_type::second));
 }
 
-int64_t Call::result(int64_t fallback) const {
+int64_t Call::result() const {
     return Recorder::instance().withScript(name_, [&](Script &script) {
         if (script.results.empty())
-            return script.lastingResult.value_or(fallback);
+            return script.settings[Result];
         const int64_t first = script.results.front();
         script.results.pop_front();
         return first;
@@ -192,14 +179,11 @@ int64_t Call::result(int64_t fallback) const {
 
 bool Call::null() const {
     return Recorder::instance().withScript(name_, [](Script &script) {
-        const bool withheld = script.nulls != 0;
-        script.nulls -= script.nulls > 0 ? 1 : 0;
+        int64_t &nulls = script.settings[Nulls];
+        const bool withheld = nulls != 0;
+        nulls -= nulls > 0 ? 1 : 0;
         return withheld;
     });
-}
-
-Script Call::script() const {
-    return Recorder::instance().withScript(name_, [](Script &script) { return script; });
 }
 
 } // namespace sonetrix::record

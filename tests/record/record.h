@@ -1,14 +1,14 @@
 // A layer in front of the engine: it defines every function of the interface, notes each call, and answers it as the
 // test has scripted or goes on to the engine. Loaded before the engine's library, it is what the module finds.
 //
-// After each call it has been checked that the interpreter lock was held or released as the rules ask, and that no
-// list was used after its end; what was wrong stands in the violations.
+// Each call is held against the rules: the interpreter lock held or released as they ask, no list used after its end,
+// no list changed while the engine reads it. What was wrong stands in the violations.
 #pragma once
 
 #include "sonetrix/engine_api.h"
 
+#include <array>
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
@@ -16,7 +16,6 @@
 #include <dlfcn.h>
 #include <map>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -53,75 +52,77 @@ template <typename Element> std::string arrayLiteral(const Element *elements, si
     return text + ")";
 }
 
-// The scripted behaviour of one function.
-struct Script {
-    std::deque<int64_t> results;          // used up first
-    std::optional<int64_t> lastingResult; // then this
-    int nulls = 0;                        // pointer results to withhold; negative: all
-    std::chrono::milliseconds delay{0};
-    std::optional<std::string> text;
-    std::optional<std::vector<double>> numbers;
-    const sonetrix_cListKeyValue_t *list = nullptr;
-    void *user = nullptr;      // replaces the user pointer of an iteration
-    bool givesLockUp = false;  // an iteration calls back without the interpreter lock that its caller holds
-    bool stopsOnError = false; // an iteration ends when its callback returns non-zero
-    int callsInside = 0;       // a registration calls back that often before it returns
-    bool quiet = false;        // a function without a result does nothing
-
-    [[nodiscard]] bool answers() const { return !results.empty() || lastingResult || text || numbers || list; }
+// What a test can say of a function in a number; the names are in support/record.py, in this order.
+enum Setting {
+    Result,       // of all further calls
+    ResultOnce,   // of the next, before that; more of them queue up
+    Nulls,        // pointer results to withhold; negative: all
+    Delay,        // milliseconds, or until it is taken back
+    Quiet,        // a function without a result does nothing
+    List,         // the list that is given
+    User,         // replaces the user pointer of an iteration
+    GivesLockUp,  // an iteration calls back without the interpreter lock that its caller holds, for every n-th element
+    StopsOnError, // an iteration ends when its callback returns non-zero
+    CallsInside,  // a registration calls back that often before it returns; negative: on the calling thread
+    SettingCount
 };
 
-enum Count : int32_t { Lists, Values, Blocks };
+struct Script {
+    std::array<int64_t, SettingCount> settings{};
+    std::deque<int64_t> results;
+    std::vector<double> numbers; // what is filled in, in the order of the arguments
+    std::string text;
+    bool given = false; // something that lasts
+
+    // The engine is not asked.
+    [[nodiscard]] bool answers() const { return given || !results.empty(); }
+    template <typename Type> [[nodiscard]] Type *pointer(Setting which) const {
+        return reinterpret_cast<Type *>(settings[which]);
+    }
+};
 
 class Recorder {
 public:
     static Recorder &instance();
 
-    void setNoting(bool on);
+    // Notes the call, unless that is off, and holds it up as long as the script says.
+    void call(const char *name, const std::string &arguments);
     std::string takeCalls(bool clear);
     // Forgets calls and scripts, and lets go of what has been destroyed.
     void reset();
-
-    void note(const char *name, const std::string &arguments);
-    [[nodiscard]] bool noting() const { return noting_; }
-    void checkLock(const char *name);
-    void waitForDelay(const char *name);
     template <typename Change> auto withScript(const std::string &name, Change change) {
         const std::lock_guard lock(mutex_);
         changed_.notify_all();
         return change(scripts_[name]);
     }
+    Script script(const std::string &name) {
+        return withScript(name, [](Script &script) { return script; });
+    }
 
     void violate(const std::string &what);
     std::string takeViolations();
 
-    void count(Count what, int64_t change) { counts_[what] += change; }
-    [[nodiscard]] int64_t counted(Count what) const { return counts_[what]; }
-
     // Lists are known from the call that gives them until the one that destroys them.
     void began(const void *list, bool engineKeeps);
     void check(const char *name, const void *list);
-    // True when the list may be destroyed now: while calls are noted, that waits for the reset, so that no other list
-    // gets its address.
-    bool ended(const char *name, const void *list, void (*destroy)(const void *));
+    void ended(const char *name, const void *list, void (*destroy)(const void *));
     void forget(const void *list);
+    int64_t listCount();
+
+    std::atomic<bool> noting = true;
 
 private:
-    struct Ended {
-        const void *list;
-        void (*destroy)(const void *);
-    };
-
     std::mutex mutex_;
     std::condition_variable changed_;
     std::map<std::string, Script> scripts_;
     std::deque<std::string> calls_;
     std::vector<std::string> violations_;
     std::map<const void *, bool> lists_; // and whether the engine keeps it
-    std::vector<Ended> ended_;
-    std::atomic<int64_t> counts_[3]{};
-    std::atomic<bool> noting_ = true;
+    std::vector<std::pair<const void *, void (*)(const void *)>> ended_;
 };
+
+// 1 or 0 as the calling thread holds the interpreter lock, -1 where no interpreter is running.
+int lockHeld();
 
 // The interpreter lock given up, if `really`, by a thread that holds it.
 class LockGivenUp {
@@ -135,59 +136,42 @@ private:
     void *state_ = nullptr;
 };
 
-// The thread calls back into the module with the lock held: what the module then logs, it may log so.
-class ComesInHolding {
-public:
-    explicit ComesInHolding(bool really);
-    ~ComesInHolding();
-    ComesInHolding(const ComesInHolding &) = delete;
-    ComesInHolding &operator=(const ComesInHolding &) = delete;
+// Set while this thread calls back into the module with the lock held: what the module then logs, it may log so.
+extern thread_local bool comesInHolding;
 
-private:
-    bool before_;
-};
-
-// 1 or 0 as the calling thread holds the interpreter lock, -1 where no interpreter is running.
-int lockHeld();
-
-// A copy of the list, for the module; an empty one for null.
+// A copy of the list; an empty one for null.
 template <typename List> List *newList(const sonetrix_cListKeyValue_t *source);
 template <> sonetrix_cListValue_t *newList(const sonetrix_cListKeyValue_t *source);
 template <> sonetrix_cListKeyValue_t *newList(const sonetrix_cListKeyValue_t *source);
+void deleteList(sonetrix_cListKeyValue_t *list);
 void appendAll(sonetrix_cListKeyValue_t *target, const sonetrix_cListKeyValue_t *source);
 
-// A copy of the list, to be shown to callbacks: the engine keeps it.
-class EngineList {
-public:
-    explicit EngineList(const sonetrix_cListKeyValue_t *source);
-    ~EngineList();
-    EngineList(const EngineList &) = delete;
-    EngineList &operator=(const EngineList &) = delete;
-
-    [[nodiscard]] sonetrix_cListKeyValue_t *get() const { return list_; }
-
-private:
-    sonetrix_cListKeyValue_t *list_;
-};
-
-// One call under way: it has been noted and has waited as long as its script says.
+// One call under way: it has been noted and held up.
 class Call {
 public:
-    Call(const char *name, const std::string &arguments);
+    Call(const char *name, const std::string &arguments) : name_(name) {
+        Recorder::instance().call(name, arguments);
+        script_ = Recorder::instance().script(name);
+    }
 
     [[nodiscard]] const char *name() const { return name_; }
-    [[nodiscard]] int64_t result(int64_t fallback = 0) const;
+    [[nodiscard]] const Script &script() const { return script_; }
+    [[nodiscard]] int64_t setting(Setting which) const { return script_.settings[which]; }
+    [[nodiscard]] const sonetrix_cListKeyValue_t *list() const {
+        return script_.pointer<const sonetrix_cListKeyValue_t>(List);
+    }
+    [[nodiscard]] int64_t result() const;
     [[nodiscard]] bool null() const;
-    [[nodiscard]] Script script() const;
 
 private:
     const char *name_;
+    Script script_;
 };
 
 // Fills in what a scripted function gives besides its result.
 class Given {
 public:
-    Given(const Call &call, int64_t result) : call_(call), script_(call.script()), result_(result) {}
+    Given(const Call &call, int64_t result) : call_(call), result_(result) {}
 
     template <typename T> void operator()(T /*goes in*/) {}
     void operator()(float *out) { *out = static_cast<float>(number()); }
@@ -197,33 +181,29 @@ public:
         *out = {.tv_sec = seconds, .tv_nsec = static_cast<long>(number())};
     }
     void operator()(sonetrix_readMeters_t *out) { *out = nullptr; }
-    void operator()(sonetrix_cListKeyValue_t *written) { appendAll(written, script_.list); }
+    void operator()(sonetrix_cListKeyValue_t *written) { appendAll(written, call_.list()); }
     // What a failure leaves behind is not the caller's to free.
     void operator()(char **out) {
         static char none[] = "not to be freed";
-        *out = result_ == 0 ? strdup(script_.text.value_or("").c_str()) : none;
+        *out = result_ == 0 ? strdup(call_.script().text.c_str()) : none;
     }
     void operator()(sonetrix_cListKeyValue_t **out) {
-        *out = result_ == 0 && !call_.null() ? newList<sonetrix_cListKeyValue_t>(script_.list) : nullptr;
+        *out = result_ == 0 && !call_.null() ? newList<sonetrix_cListKeyValue_t>(call_.list()) : nullptr;
         Recorder::instance().began(*out, false);
     }
 
 private:
-    double number() {
-        const size_t index = index_++;
-        return script_.numbers && index < script_.numbers->size() ? (*script_.numbers)[index] : 0;
-    }
+    double number() { return index_ < call_.script().numbers.size() ? call_.script().numbers[index_++] : 0; }
 
     const Call &call_;
-    Script script_;
     int64_t result_;
     size_t index_ = 0;
 };
 
 template <typename T>
 inline constexpr bool isList =
-    std::is_same_v<T, sonetrix_cListValue_t *> || std::is_same_v<T, const sonetrix_cListValue_t *> ||
-    std::is_same_v<T, sonetrix_cListKeyValue_t *> || std::is_same_v<T, const sonetrix_cListKeyValue_t *>;
+    std::is_pointer_v<T> && (std::is_same_v<std::remove_cv_t<std::remove_pointer_t<T>>, sonetrix_cListValue_t> ||
+                                std::is_same_v<std::remove_cv_t<std::remove_pointer_t<T>>, sonetrix_cListKeyValue_t>);
 
 // The list that a function gives stays the engine's.
 template <auto function>
@@ -237,24 +217,29 @@ template <auto function> struct Real {
 };
 
 template <auto function, typename... Arguments> auto answer(const Call &call, Arguments... arguments) {
-    using Result = decltype(function(arguments...));
-    if constexpr (std::is_pointer_v<Result>) {
-        if (call.null())
-            return Result(nullptr);
-    }
-    if (std::is_void_v<Result> ? !call.script().quiet : !call.script().answers())
-        return Real<function>::call(call, arguments...);
-    const int64_t result = call.result();
-    Given given(call, result);
-    (given(arguments), ...);
-    if constexpr (engineKeeps<function>) {
-        return const_cast<Result>(call.script().list);
-    } else if constexpr (isList<Result>) {
-        return newList<std::remove_pointer_t<Result>>(call.script().list);
-    } else if constexpr (std::is_pointer_v<Result>) {
-        return Result(nullptr);
-    } else if constexpr (!std::is_void_v<Result>) {
-        return static_cast<Result>(result);
+    using Type = decltype(function(arguments...));
+    if constexpr (std::is_void_v<Type>) {
+        if (!call.setting(Quiet))
+            Real<function>::call(call, arguments...);
+    } else {
+        if constexpr (std::is_pointer_v<Type>) {
+            if (call.null())
+                return Type(nullptr);
+        }
+        if (!call.script().answers())
+            return Real<function>::call(call, arguments...);
+        const int64_t result = call.result();
+        Given given(call, result);
+        (given(arguments), ...);
+        if constexpr (engineKeeps<function>) {
+            return const_cast<Type>(call.list());
+        } else if constexpr (isList<Type>) {
+            return newList<std::remove_pointer_t<Type>>(call.list());
+        } else if constexpr (std::is_pointer_v<Type>) {
+            return Type(nullptr);
+        } else {
+            return static_cast<Type>(result);
+        }
     }
 }
 
@@ -266,7 +251,7 @@ template <typename Argument> void checkList(const char *name, Argument argument)
 template <auto function, typename Note, typename... Arguments> auto recorded(Note note, Arguments... arguments) {
     Recorder &recorder = Recorder::instance();
     (checkList(nameOf<function>, arguments), ...);
-    const std::string noted = recorder.noting() ? note() : std::string();
+    const std::string noted = recorder.noting ? note() : std::string();
     const Call call(nameOf<function>, noted);
     if (!noted.empty() && note() != noted)
         recorder.violate(std::string(nameOf<function>) + " reads a list that is changed meanwhile");

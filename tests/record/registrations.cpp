@@ -42,71 +42,45 @@ void call(const std::shared_ptr<Registration> &registration, sonetrix_cListKeyVa
     callEnded.notify_all();
 }
 
-class EngineThread {
-public:
-    std::shared_future<void> add(std::function<void()> work) {
-        auto task = std::make_shared<std::packaged_task<void()>>(std::move(work));
-        const std::lock_guard lock(mutex_);
-        works_.emplace_back([task] { (*task)(); });
-        changed_.notify_one();
-        return task->get_future().share();
-    }
+void callEach(const std::vector<std::shared_ptr<Registration>> &all, const sonetrix_cListKeyValue_t *source) {
+    const std::unique_ptr<sonetrix_cListKeyValue_t, void (*)(sonetrix_cListKeyValue_t *)> list(
+        newList<sonetrix_cListKeyValue_t>(source), deleteList);
+    Recorder::instance().began(list.get(), true);
+    for (const auto &registration : all)
+        call(registration, list.get());
+    Recorder::instance().forget(list.get());
+}
 
-private:
-    void run(const std::stop_token &stop) {
-        sigset_t all; // as in an engine: its signals are the main thread's or the console's
-        sigfillset(&all);
-        pthread_sigmask(SIG_BLOCK, &all, nullptr);
-        std::unique_lock lock(mutex_);
-        while (changed_.wait(lock, stop, [&] { return !works_.empty(); })) {
-            const auto work = std::move(works_.front());
-            works_.pop_front();
-            lock.unlock();
-            work();
-            lock.lock();
-        }
-    }
-
-    std::mutex mutex_;
-    std::condition_variable_any changed_;
-    std::deque<std::function<void()>> works_;
-    std::jthread thread_{[this](const std::stop_token &stop) { run(stop); }};
+struct EngineThread {
+    std::promise<void> joined;
+    std::jthread thread;
 };
-
 std::mutex threadsMutex;
-auto &engineThreads = *new std::map<int32_t, std::unique_ptr<EngineThread>>;
+auto &engineThreads = *new std::map<int32_t, EngineThread>;
 
 } // namespace
 
-void *addRegistration(Kind kind, Callback callback, void *user, int callsInside) {
+void *addRegistration(Kind kind, Callback callback, void *user, int64_t callsInside) {
     const auto registration = std::make_shared<Registration>(Registration{kind, callback, user});
     {
         const std::lock_guard lock(mutex);
         registrations.push_back(registration);
     }
-    const auto calls = [registration, times = std::abs(callsInside)] {
-        const EngineList list(nullptr);
-        for (int i = 0; i < times; ++i)
-            call(registration, list.get());
-    };
+    const auto calls = std::vector(static_cast<size_t>(std::abs(callsInside)), registration);
     if (callsInside < 0) {
-        calls();
+        callEach(calls, nullptr);
     } else if (callsInside > 0) {
-        std::promise<void> through;
-        auto future = through.get_future();
-        std::thread([calls, promise = std::move(through)]() mutable {
-            calls();
-            promise.set_value();
-        }).detach();
-        future.wait_for(std::chrono::milliseconds(100));
+        std::packaged_task<void()> work([calls] { callEach(calls, nullptr); });
+        auto through = work.get_future();
+        std::thread(std::move(work)).detach();
+        through.wait_for(std::chrono::milliseconds(100));
     }
     return registration.get();
 }
 
 void removeRegistration(void *handle) {
     std::unique_lock lock(mutex);
-    const auto found =
-        std::ranges::find_if(registrations, [&](const auto &registration) { return registration.get() == handle; });
+    const auto found = std::ranges::find(registrations, handle, &std::shared_ptr<Registration>::get);
     if (found == registrations.end())
         return;
     const std::shared_ptr<Registration> registration = *found;
@@ -117,45 +91,50 @@ void removeRegistration(void *handle) {
         lock, [&] { return std::ranges::all_of(registration->callers, [&](auto id) { return id == self; }); });
 }
 
-int32_t countRegistrations(Kind kind) {
+namespace {
+
+std::vector<std::shared_ptr<Registration>> ofKind(Kind kind) {
+    std::vector<std::shared_ptr<Registration>> found;
     const std::lock_guard lock(mutex);
-    return static_cast<int32_t>(
-        std::ranges::count_if(registrations, [&](const auto &registration) { return registration->kind == kind; }));
+    std::ranges::copy_if(registrations, std::back_inserter(found), [&](const auto &one) { return one->kind == kind; });
+    return found;
 }
 
-void callAll(Kind kind, sonetrix_cListKeyValue_t *list, int32_t times) {
-    for (int32_t i = 0; i < times; ++i) {
-        std::unique_lock lock(mutex);
-        const auto snapshot = registrations;
-        lock.unlock();
-        for (const auto &registration : snapshot) {
-            if (registration->kind == kind)
-                call(registration, list);
-        }
-    }
+} // namespace
+
+int32_t countRegistrations(Kind kind) { return static_cast<int32_t>(ofKind(kind).size()); }
+
+void callAll(Kind kind, const sonetrix_cListKeyValue_t *list, int32_t times) {
+    for (int32_t i = 0; i < times; ++i)
+        callEach(ofKind(kind), list);
 }
 
-void onEngineThread(int32_t number, std::function<void()> work, bool wait) {
-    std::shared_future<void> through;
+void beginEngineThread(int32_t number, std::function<void()> work, bool wait) {
+    std::packaged_task<void()> task(std::move(work));
+    auto through = task.get_future();
+    std::promise<void> joined;
+    auto end = joined.get_future();
+    std::jthread thread([task = std::move(task), end = std::move(end)]() mutable {
+        sigset_t all; // as in an engine: signals are the main thread's or the console's
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, nullptr);
+        task();
+        end.wait();
+    });
     {
         const std::lock_guard lock(threadsMutex);
-        auto &thread = engineThreads[number];
-        if (!thread)
-            thread = std::make_unique<EngineThread>();
-        through = thread->add(std::move(work));
+        engineThreads.insert_or_assign(number, EngineThread{std::move(joined), std::move(thread)});
     }
     if (wait)
         through.wait();
 }
 
 void joinEngineThread(int32_t number) {
-    std::unique_ptr<EngineThread> thread;
-    {
-        const std::lock_guard lock(threadsMutex);
-        if (const auto found = engineThreads.find(number); found != engineThreads.end())
-            thread = std::move(found->second);
-        engineThreads.erase(number);
-    }
+    std::unique_lock lock(threadsMutex);
+    auto ending = engineThreads.extract(number);
+    lock.unlock();
+    if (ending)
+        ending.mapped().joined.set_value();
 }
 
 } // namespace sonetrix::record

@@ -1,12 +1,10 @@
-"""The engine program and the console host, without a terminal."""
+"""Programs without a terminal, above all the development engine's."""
 
-import ast
 import os
 import subprocess
 import tempfile
-from typing import NamedTuple
 
-from . import CONSOLE_HOST, ENGINE, MODULE, TIME_LIMIT
+from . import ENGINE, TIME_LIMIT
 
 
 # The leak checker itself crashes at a thread that outlives the interpreter: for runs that leave one behind.
@@ -29,33 +27,3 @@ def run_script(source, *arguments, **options):
         file.write(source)
         file.flush()
         return run_engine(*arguments, file.name, **options)
-
-
-class Report(NamedTuple):
-    result: subprocess.CompletedProcess
-    facts: dict  # what the console host has noted, see there
-    log: list  # (level, text)
-
-    def calls(self, *names):
-        return [call for call in self.facts["calls"] if call[0] in names]
-
-
-def read_report(path):
-    with open(path) as file:
-        facts = ast.literal_eval(file.read())
-    log = [(args[0], args[-1].decode()) for name, args, *_ in facts["calls"]
-           if name in ("sonetrix_log", "sonetrix_log_LogString")]
-    assert facts["violations"] == [], facts["violations"]
-    return facts, log
-
-
-def run_console_host(*operations, flags=(), **options):
-    """See console_host.cpp; operations that do not construct are parameters, and the usual ones follow."""
-    if "construct" not in operations:
-        operations += "construct", "start", "run", "destroy"
-    with tempfile.TemporaryDirectory() as folder:
-        path = os.path.join(folder, "report")
-        result = run(CONSOLE_HOST, MODULE, "--report", path, *flags, *operations, **options)
-        if not os.path.exists(path):
-            raise AssertionError(f"console_host ended with {result.returncode}\n{result.stdout}{result.stderr}")
-        return Report(result, *read_report(path))

@@ -104,32 +104,27 @@ class Module(ctypes.Structure):
 _library = ctypes.CDLL(str(RECORD), mode=ctypes.RTLD_GLOBAL)
 _holding_lock = ctypes.PyDLL(str(RECORD))
 _kept = {}
-
+_text, _number, _pointer = ctypes.c_char_p, ctypes.c_int64, ctypes.c_void_p
 for _name, _result, *_arguments in (
-    ("begin", None), ("reset", None), ("calls", ctypes.c_char_p, ctypes.c_int32), ("violations", ctypes.c_char_p),
-    ("noting", None, ctypes.c_int32), ("count", ctypes.c_int64, ctypes.c_int32),
-    ("result", None, ctypes.c_char_p, ctypes.c_int64, ctypes.c_int32),
-    ("null", None, ctypes.c_char_p, ctypes.c_int32), ("delay", None, ctypes.c_char_p, ctypes.c_int32),
-    ("text", None, ctypes.c_char_p, ctypes.c_char_p), ("user", None, ctypes.c_char_p, ctypes.c_void_p),
-    ("numbers", None, ctypes.c_char_p, ctypes.POINTER(ctypes.c_double), ctypes.c_size_t),
-    ("stopOnError", None, ctypes.c_char_p, ctypes.c_int32), ("givesLockUp", None, ctypes.c_char_p, ctypes.c_int32),
-    ("callsInside", None, ctypes.c_char_p, ctypes.c_int32),
-    ("listNew", ctypes.c_void_p), ("listExtend", None, ctypes.c_void_p, ctypes.POINTER(Value)),
-    ("listAdd", None, ctypes.c_void_p, ctypes.c_char_p, ctypes.POINTER(Value)),
-    ("failAllocation", None, ctypes.c_int64), ("endAllocationFailure", ctypes.c_int64),
-    ("readAgain", ctypes.c_int32, ctypes.c_void_p, ctypes.c_void_p, ctypes.c_int32),
-    ("list", None, ctypes.c_char_p, ctypes.c_void_p), ("modules", None, ctypes.c_void_p, ctypes.c_size_t),
-    ("registrations", ctypes.c_int32, ctypes.c_int32),
-    ("fire", None, ctypes.c_int32, ctypes.c_void_p, ctypes.c_int32, ctypes.c_int32),
-    ("fireOn", None, ctypes.c_int32, ctypes.c_int32, ctypes.c_void_p, ctypes.c_int32, ctypes.c_int32),
-    ("join", None, ctypes.c_int32),
+    ("begin", None), ("reset", None), ("noting", None, _number), ("calls", _text, _number), ("violations", _text),
+    ("lists", _number), ("set", None, _text, _number, _number), ("text", None, _text, _text),
+    ("numbers", None, _text, _pointer, _number), ("modules", None, _pointer, _number), ("listNew", _pointer),
+    ("listAdd", None, _pointer, _text, _pointer), ("readAgain", _number, _pointer, _pointer, _number),
+    ("registrations", _number, _number), ("fire", None, _number, _pointer, _number, _number),
+    ("fireOn", None, _number, _number, _pointer, _number, _number), ("join", None, _number),
+    ("failAllocation", None, _number), ("endAllocationFailure", _number),
 ):
     for _binding in (_library, _holding_lock):
         _function = getattr(_binding, "record_" + _name)
         _function.restype, _function.argtypes = _result, _arguments
-
-
 _library.record_begin()
+
+# What can be said of a function in a number, in the layer's order.
+_RESULT, _RESULT_ONCE, _NULLS, _DELAY, _QUIET, _LIST, _USER, _GIVES_LOCK_UP, _STOPS_ON_ERROR, _CALLS_INSIDE = range(10)
+
+
+def _set(name, setting, value):
+    _library.record_set(name.encode(), setting, value)
 
 
 def load():
@@ -171,17 +166,17 @@ def recording(on):
 
 def result(name, value, lasting=True):
     """The integer result of a function: from now on, or, not lasting, once (queued)."""
-    _library.record_result(name.encode(), value, lasting)
+    _set(name, _RESULT if lasting else _RESULT_ONCE, value)
 
 
 def null(name, times=-1):
     """Makes a function that gives a pointer give null."""
-    _library.record_null(name.encode(), times)
+    _set(name, _NULLS, times)
 
 
 def delay(name, seconds):
     """Holds every call of a function up, at most that long; 0 lets the waiting calls go on."""
-    _library.record_delay(name.encode(), int(seconds * 1000))
+    _set(name, _DELAY, int(seconds * 1000))
 
 
 def text(name, value):
@@ -197,38 +192,46 @@ def numbers(name, *values):
 def user_data(name, value):
     """Replaces the user pointer of an iteration by this object."""
     _kept[name, "user"] = value
-    _library.record_user(name.encode(), id(value))
+    _set(name, _USER, id(value))
 
 
-def gives_lock_up(name, does=True):
-    """Makes an iteration call back without the interpreter lock that its caller holds."""
-    _library.record_givesLockUp(name.encode(), does)
+def gives_lock_up(name, every=1):
+    """Makes an iteration call back without the interpreter lock that its caller holds, for every so-manyth element."""
+    _set(name, _GIVES_LOCK_UP, every)
 
 
-def stop_on_error(name, stops=True):
-    _library.record_stopOnError(name.encode(), stops)
+def stop_on_error(name):
+    """Makes an iteration end when its callback reports failure."""
+    _set(name, _STOPS_ON_ERROR, True)
 
 
-def _records(entries):
-    pairs = entries.items() if isinstance(entries, dict) else ((None, entry) for entry in entries)
+def calls_inside(name, times=1):
+    """Makes a registration call back before it returns: on an engine thread, or (negative) on the calling one."""
+    _set(name, _CALLS_INSIDE, times)
+
+
+def _add(handle, entries, no_key=None):
+    pairs = entries.items() if isinstance(entries, dict) else ((no_key, entry) for entry in entries)
     for key, entry in pairs:
         if not isinstance(entry, Value):
             entry = Value.of(*entry) if isinstance(entry, tuple) else Value.of(entry)
-        yield key.encode() if isinstance(key, str) else key, ctypes.byref(entry)
+        _library.record_listAdd(handle, key.encode() if isinstance(key, str) else key, ctypes.byref(entry))
+    return handle
 
 
 def make_list(entries):
-    """A list of values, or of (key, value) for a dict; each a Python value, (value, type name) or a Value."""
-    handle = _library.record_listNew()
-    for key, entry in _records(entries):
-        _library.record_listAdd(handle, key, entry)
-    return handle
+    """A list of values, or of (key, value) for a dict; each a Python value, (value, type name) or a Value. Wherever
+    entries are asked for, such a list does, too."""
+    return _add(_library.record_listNew(), entries, b"")
+
+
+def _list(entries):
+    return entries if entries is None or isinstance(entries, int) else make_list(entries)
 
 
 def extend_list(handle, entries):
     """More entries for a list of the module's."""
-    for key, entry in _records(entries):
-        _library.record_listExtend(handle, entry) if key is None else _library.record_listAdd(handle, key, entry)
+    _add(handle, entries)
 
 
 def read_again(entries, container, lock_held=False, native_thread=False):
@@ -239,8 +242,8 @@ def read_again(entries, container, lock_held=False, native_thread=False):
 
 
 def gives(name, entries):
-    """The list that a function gives: see make_list."""
-    _library.record_list(name.encode(), make_list(entries))
+    """The list that a function gives."""
+    _set(name, _LIST, _list(entries))
 
 
 def modules(*records):
@@ -254,12 +257,12 @@ def fire(kind, entries=None, threads=1, times=1, lock_held=False):
     """Calls the registered callbacks of a kind: on native threads, or (threads=0) on the calling thread with the
     interpreter lock held or not. Returns when they are through."""
     binding = _holding_lock if lock_held else _library
-    binding.record_fire(kind, None if entries is None else make_list(entries), threads, times)
+    binding.record_fire(kind, _list(entries), threads, times)
 
 
 def fire_on(thread, kind, entries=None, times=1, wait=True):
     """The same on an engine thread of this number, which stays until it is joined; without waiting, if so said."""
-    _library.record_fireOn(thread, kind, None if entries is None else make_list(entries), times, wait)
+    _library.record_fireOn(thread, kind, _list(entries), times, wait)
 
 
 def join(thread):
@@ -267,18 +270,13 @@ def join(thread):
     _library.record_join(thread)
 
 
-def calls_inside(name, times=1):
-    """Makes a registration call back before it returns: on an engine thread, or (negative) on the calling one."""
-    _library.record_callsInside(name.encode(), times)
-
-
 def registrations(kind):
     return _library.record_registrations(kind)
 
 
-def live():
-    """How many lists and values there are that the engine has given and not taken back."""
-    return _library.record_count(0), _library.record_count(1)
+def lists():
+    """How many lists there are that the engine has given and not taken back."""
+    return _library.record_lists()
 
 
 @contextlib.contextmanager
@@ -298,12 +296,12 @@ class TestCase(unittest.TestCase):
         reset()
         gc.collect()
         violations()
-        self._live = live()
+        self._lists = lists()
 
     def tearDown(self):
         gc.collect()
         self.assertEqual(violations(), [])
-        self.assertEqual(live(), self._live, "engine objects left behind")
+        self.assertEqual(lists(), self._lists, "engine lists left behind")
 
     def assertRefused(self, kind, text, call, *args, **kwargs):
         """The call raises exactly this kind of exception, with this text."""
