@@ -123,6 +123,19 @@ template <> struct Real<sonetrix_engine_notify_changes_rmCallback> : Removal {};
 template <> struct Real<sonetrix_engine_rmCallbackMeterManager> : Removal {};
 template <> struct Real<sonetrix_engine_delTimer> : Removal {};
 
+template <> struct Real<sonetrix_malloc> {
+    static void *call(const Call & /*call*/, size_t size) {
+        ++blockCount;
+        return next<sonetrix_malloc>(size);
+    }
+};
+template <> struct Real<sonetrix_free> {
+    static void call(const Call & /*call*/, void *memory) {
+        blockCount -= memory ? 1 : 0;
+        next<sonetrix_free>(memory);
+    }
+};
+
 // A driver counts as loaded although the engine has not been started.
 template <> struct Real<sonetrix_engine_DriverIsLoaded> {
     static int32_t call(const Call & /*call*/, const void *reference) { return reference ? 1 : 0; }

@@ -1,6 +1,5 @@
 #include "control.h"
 
-#include "api/memory.h"
 #include "engine.h"
 #include "lists/lists.h"
 #include "record.h"
@@ -17,50 +16,24 @@ namespace sonetrix::record {
 thread_local std::tuple<sonetrix_valueCallback_t, sonetrix_keyValueCallback_t> lastReading{};
 std::optional<std::vector<const sonetrix_module_t *>> scriptedModules;
 std::atomic<void (*)()> stopRequestHook = nullptr;
-
-namespace {
-
-void addRecord(sonetrix_cListKeyValue_t &list, const char *key, const sonetrix_value_t &value) { list.add(key, value); }
-void addRecord(sonetrix_cListValue_t &list, const char * /*key*/, const sonetrix_value_t &value) {
-    list.addRecord(value);
-}
-sonetrix_value_t &valueIn(const sonetrix_keyValue_t &entry) { return const_cast<sonetrix_value_t &>(entry.value); }
-sonetrix_value_t &valueIn(const sonetrix_value_t &value) { return const_cast<sonetrix_value_t &>(value); }
-
-// Also what the engine would not take in: an array that has elements, but none anywhere.
-template <typename List> void add(List &list, const char *key, const sonetrix_value_t &value) {
-    const bool isArray = value.type >= SONETRIX_VALUE_AUINT32 && value.type <= SONETRIX_VALUE_AFLOAT;
-    const bool isOdd = isArray && !value.as.array && value.count;
-    sonetrix_value_t stored = value;
-    stored.count = isOdd ? 0 : value.count;
-    addRecord(list, key, stored);
-    if (isOdd)
-        valueIn(list[list.size() - 1]) = value;
-}
-
-template <typename List> void addAll(List &target, const sonetrix_cListKeyValue_t *source) {
-    if (source) {
-        for (const sonetrix_keyValue_t &entry : *source)
-            add(target, entry.key, entry.value);
-    }
-}
-
-template <typename List> List *copyOf(const sonetrix_cListKeyValue_t *source) {
-    auto list = std::make_unique<List>();
-    addAll(*list, source);
-    return list.release();
-}
-
-} // namespace
+std::atomic<int64_t> blockCount = 0;
 
 template <> sonetrix_cListKeyValue_t *newList(const sonetrix_cListKeyValue_t *source) {
-    return copyOf<sonetrix_cListKeyValue_t>(source);
+    return source ? new sonetrix_cListKeyValue(*source) : new sonetrix_cListKeyValue;
 }
 template <> sonetrix_cListValue_t *newList(const sonetrix_cListKeyValue_t *source) {
-    return copyOf<sonetrix_cListValue_t>(source);
+    auto list = std::make_unique<sonetrix_cListValue>();
+    if (source) {
+        for (const sonetrix_keyValue_t &entry : *source)
+            list->addRecord(entry.value);
+    }
+    return list.release();
 }
 void deleteList(sonetrix_cListKeyValue_t *list) { delete list; }
-void appendAll(sonetrix_cListKeyValue_t *target, const sonetrix_cListKeyValue_t *source) { addAll(*target, source); }
+void appendAll(sonetrix_cListKeyValue_t *target, const sonetrix_cListKeyValue_t *source) {
+    sonetrix_cListKeyValue copy = source ? *source : sonetrix_cListKeyValue();
+    target->merge(copy);
+}
 
 std::string literal(const void *pointer) {
     if (!pointer)
@@ -169,7 +142,7 @@ const char *record_violations() {
     return text.c_str();
 }
 int64_t record_lists() { return Recorder::instance().listCount(); }
-int64_t record_blocks() { return static_cast<int64_t>(sonetrix::dev::memoryUse().liveBlocks); }
+int64_t record_blocks() { return blockCount; }
 int32_t record_exitCode() { return sonetrix::dev::Engine::current()->exitCode().value_or(-1); }
 void record_onStopRequest(void (*hook)()) { stopRequestHook = hook; }
 
@@ -202,9 +175,9 @@ void record_modules(const sonetrix_module_t *const *records, size_t count) {
 void *record_listNew() { return new sonetrix_cListKeyValue; }
 void record_listAdd(void *list, const char *key, const sonetrix_value_t *value) {
     if (key) {
-        add(*static_cast<sonetrix_cListKeyValue_t *>(list), key, *value);
+        static_cast<sonetrix_cListKeyValue_t *>(list)->add(key, *value);
     } else {
-        add(*static_cast<sonetrix_cListValue_t *>(list), key, *value);
+        static_cast<sonetrix_cListValue_t *>(list)->addRecord(*value);
     }
 }
 int32_t record_readAgain(const void *list, void *user, int32_t onNativeThread) {

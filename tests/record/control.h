@@ -45,5 +45,6 @@ namespace sonetrix::record {
 extern thread_local std::tuple<sonetrix_valueCallback_t, sonetrix_keyValueCallback_t> lastReading;
 extern std::optional<std::vector<const sonetrix_module_t *>> scriptedModules;
 extern std::atomic<void (*)()> stopRequestHook;
+extern std::atomic<int64_t> blockCount; // of the engine's allocator
 
 } // namespace sonetrix::record
