@@ -91,6 +91,11 @@ class Installed(unittest.TestCase):
         result = programs.run(*self.program, next((self.root / "share").rglob("graph_table.py")))
         self.assertEqual(result.returncode, 0, result.stderr)
 
+    def test_the_reference_is_fresh(self):
+        said = programs.run(*self.program, SOURCE / "tools/reference.py")
+        self.assertEqual(said.stderr, "")
+        self.assertTrue(said.stdout == (SOURCE / "docs/reference.md").read_text(), "run `make docs-reference`")
+
     def test_minimal_engine_with_cmake(self):
         same = [f"-D{name}={cache(name)}" for name in ("CMAKE_C_COMPILER", "CMAKE_TOOLCHAIN_FILE") if cache(name)]
         build = self.folder / "cmake"
