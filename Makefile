@@ -1,11 +1,12 @@
 # Thin front door: every target is one or two commands that can be typed by hand.
 
 .DEFAULT_GOAL := help
-.PHONY: help setup run program build build-arm test test-asan test-tsan test-arm test-matrix test-references coverage fuzz package package-arm bench lint format docs-graph docs-reference soak clean
+.PHONY: help setup run program build build-arm test test-asan test-tsan test-arm test-matrix test-references test-fresh coverage fuzz package package-arm bench lint format docs-graph docs-reference soak clean
 
 ARGS ?=
 SECONDS ?= 120
 FUZZ_SECONDS ?= 60
+RELEASES ?= bookworm trixie sid
 
 help: ## Show this list
 	@grep -hE '^[a-z-]+:.*## ' $(MAKEFILE_LIST) | sort | awk -F ':.*## ' '{printf "  make %-12s %s\n", $$1, $$2}'
@@ -66,6 +67,9 @@ test-matrix: setup ## Build and test against every suitable CPython on the machi
 test-references: setup ## Run the tests in the distribution's debug interpreter, counting references and blocks
 	@tools/setup references
 	@tools/test-matrix /usr/bin/python3.*-dbg
+
+test-fresh: ## Try the first two commands on bare systems made by debootstrap; RELEASES="trixie sid"
+	@tools/fresh-machine $(RELEASES)
 
 package: setup ## Make Debian packages, in build/package, for the distribution's Python
 	@tools/setup package
