@@ -1,5 +1,6 @@
 """Scripts that run inside the development engine and check themselves there."""
 
+import pathlib
 import unittest
 
 from . import SANITIZER, SLOWNESS, programs
@@ -35,6 +36,7 @@ def in_threads(*functions):
         raise errors[0]
 
 """
+CHURN = pathlib.Path(__file__).with_name("churn.py").read_text()
 
 
 class LiveTest(unittest.TestCase):
