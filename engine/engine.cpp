@@ -1,6 +1,7 @@
 #include "engine.h"
 
 #include "driver/clock_driver.h"
+#include "driver/device_driver.h"
 #include "driver/offline_driver.h"
 #include "graph/refusal.h"
 #include "thread.h"
@@ -30,9 +31,8 @@ std::string objection(const Engine::Options &options) {
         return "the block must be from 16 to 8192 frames";
     if (!(options.offlineSeconds >= 0 && options.offlineSeconds <= longestOfflineRun))
         return "an offline run must be from 0 to " + std::to_string(longestOfflineRun) + " seconds long";
-    std::error_code missing;
-    if (!options.record.empty() && std::filesystem::equivalent(options.input, options.record, missing))
-        return options.record.string() + " cannot be input and recording at once";
+    if (options.device && options.offlineSeconds > 0)
+        return "an offline run has no sound device";
     if (Engine::current() != nullptr)
         return "the process has an engine already";
     return {};
@@ -105,6 +105,15 @@ Engine::Engine(const Options &options, ListKeyValue startParameters)
 
 std::unique_ptr<Driver> Engine::makeDriver() {
     const auto process = [this](uint32_t wanted) { processBlock(wanted); };
+    if (options_.device) {
+        auto driver = std::make_unique<DeviceDriver>(
+            options_.rate, options_.block, process, *options_.device, system_->deviceBuffers());
+        parameters_.add("engine",
+            {readOnlyParameter("device.latency.capture", [&device = *driver] { return device.captureLatency(); }),
+                readOnlyParameter(
+                    "device.latency.playback", [&device = *driver] { return device.playbackLatency(); })});
+        return driver;
+    }
     if (options_.offlineSeconds <= 0)
         return std::make_unique<ClockDriver>(options_.rate, options_.block, process);
     const auto before = [this](std::chrono::nanoseconds rendered) {

@@ -37,10 +37,11 @@ public:
     struct Options {
         uint32_t rate = 48000;
         uint32_t block = 256;
-        std::filesystem::path input{};      ///< sound file played into the capture ports
-        std::filesystem::path record{};     ///< sound file that takes what the playback ports play
-        double offlineSeconds = 0;          ///< above 0: an offline run of that length
-        std::function<void()> afterBlock{}; ///< called on the audio thread: for measurements
+        std::filesystem::path input{};       ///< sound file played into the capture ports
+        std::filesystem::path record{};      ///< sound file that takes what the playback ports play
+        std::optional<std::string> device{}; ///< drives the engine instead of the clock; "": the default device
+        double offlineSeconds = 0;           ///< above 0: an offline run of that length
+        std::function<void()> afterBlock{};  ///< called on the audio thread: for measurements
     };
 
     /// Null with a reason in `error` when the options cannot be met or the process has an engine.

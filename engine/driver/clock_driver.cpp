@@ -10,13 +10,6 @@ namespace sonetrix::dev {
 
 namespace {
 
-void askForRealtimeScheduling() noexcept {
-    constexpr int priority = 60;
-    sched_param parameters{};
-    parameters.sched_priority = priority;
-    pthread_setschedparam(pthread_self(), SCHED_FIFO, &parameters);
-}
-
 void sleepUntil(int64_t monotonic) noexcept {
     const timespec deadline = timespecOf(monotonic);
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
@@ -50,6 +43,13 @@ private:
 };
 
 } // namespace
+
+void ClockDriver::askForRealtimeScheduling() noexcept {
+    constexpr int priority = 60;
+    sched_param parameters{};
+    parameters.sched_priority = priority;
+    pthread_setschedparam(pthread_self(), SCHED_FIFO, &parameters);
+}
 
 void ClockDriver::run() noexcept {
     askForRealtimeScheduling();

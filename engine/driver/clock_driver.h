@@ -8,15 +8,16 @@ namespace sonetrix::dev {
 /// A block that is not finished by then is an xrun; what was missed is left out, and the next block waits for its place
 /// on the grid, so that a graph that is always too slow leaves the processor some time. The audio thread runs under
 /// SCHED_FIFO where that is permitted.
-class ClockDriver final : public Driver {
+class ClockDriver : public Driver {
 public:
     using Driver::Driver;
     ~ClockDriver() override { stop(); }
 
     [[nodiscard]] const char *name() const noexcept override { return "clock"; }
 
-private:
+protected:
     void run() noexcept override;
+    static void askForRealtimeScheduling() noexcept;
 };
 
 } // namespace sonetrix::dev

@@ -29,10 +29,14 @@ void Driver::stop() noexcept {
 }
 
 void Driver::threadMain() noexcept {
-    flushDenormalsInThisThread();
-    threadId_.store(static_cast<uint32_t>(gettid()), std::memory_order_relaxed);
+    becomeAudioThread();
     run();
     threadId_.store(0, std::memory_order_relaxed);
+}
+
+void Driver::becomeAudioThread() noexcept {
+    flushDenormalsInThisThread();
+    threadId_.store(static_cast<uint32_t>(gettid()), std::memory_order_relaxed);
 }
 
 void Driver::processBlock(uint32_t wanted, double lateness) noexcept {

@@ -44,6 +44,8 @@ protected:
     /// Called by `stop`: ends whatever `run` waits for.
     virtual void interrupt() noexcept {}
 
+    /// On the thread that processes blocks, before the first one.
+    void becomeAudioThread() noexcept;
     [[nodiscard]] bool stopping() const noexcept { return stopping_.load(std::memory_order_acquire); }
     void processBlock(uint32_t wanted, double lateness) noexcept;
     void countXrun() noexcept { xruns_.fetch_add(1, std::memory_order_relaxed); }

@@ -14,7 +14,8 @@ SystemModule::SystemModule(uint32_t rate, uint32_t block, bool offline)
       interleaved_(channels * block),
       player_(rate),
       recorder_(rate) {
-    static_assert(Player::channels == channels && Recorder::channels == channels);
+    static_assert(
+        Player::channels == channels && Recorder::channels == channels && DeviceBuffers::channels == channels);
 }
 
 void SystemModule::play(const std::filesystem::path &path) {
@@ -39,9 +40,10 @@ void SystemModule::startThread() {
     if (offline_)
         return;
     std::call_once(threadStarted_, [this] {
-        thread_.emplace([this] {
+        thread_.start("sonetrix-file", [this](const std::stop_token &stop) {
             player_.pump();
             recorder_.pump();
+            thread_.pause(stop, Thread::Clock::now() + std::chrono::milliseconds(10));
         });
     });
 }
@@ -50,12 +52,17 @@ void SystemModule::capture(uint32_t frames) noexcept {
     if (offline_)
         player_.pump();
     const auto samples = std::span(interleaved_).first(frames * channels);
-    if (!player_.read(samples))
-        std::ranges::fill(samples, 0.0F);
+    const bool plays = player_.read(samples);
     for (size_t channel = 0; channel < channels; ++channel) {
         float *out = output(channel);
-        for (size_t i = 0; i < frames; ++i)
-            out[i] = samples[i * channels + channel];
+        if (plays) {
+            for (size_t i = 0; i < frames; ++i)
+                out[i] = samples[i * channels + channel];
+        } else if (const float *captured = deviceBuffers_.captured[channel]) {
+            std::copy_n(captured, frames, out);
+        } else {
+            std::fill_n(out, frames, 0.0F);
+        }
         levels_[channel] = levelOf(std::span<const float>(out, frames));
     }
 }
@@ -64,6 +71,8 @@ void SystemModule::process(const float *const *inputs, uint32_t frames) noexcept
     const uint32_t count = std::min(frames, wanted_);
     for (size_t channel = 0; channel < channels; ++channel) {
         levels_[channels + channel] = levelOf(std::span(inputs[channel], frames));
+        if (float *played = deviceBuffers_.played[channel])
+            std::copy_n(inputs[channel], frames, played);
         for (size_t i = 0; i < count; ++i)
             interleaved_[i * channels + channel] = inputs[channel][i];
     }

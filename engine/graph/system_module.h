@@ -1,21 +1,22 @@
 #pragma once
 
-#include "files/file_thread.h"
 #include "files/player.h"
 #include "files/recorder.h"
+#include "graph/device_buffers.h"
 #include "graph/module.h"
 #include "graph/port_level.h"
+#include "thread.h"
 
 #include <array>
 #include <filesystem>
 #include <mutex>
-#include <optional>
 #include <vector>
 
 namespace sonetrix::dev {
 
-/// The driver's own module: its capture ports are sources, its playback ports sinks. A sound file can be played into
-/// the ones and what the others get be recorded, at any time.
+/// The driver's own module: its capture ports are sources, its playback ports sinks. They carry what a sound device
+/// captures and plays, if that drives the engine. A sound file can be played into the ones, instead of what is
+/// captured, and what the others get be recorded, at any time.
 class SystemModule final : public Module {
 public:
     static constexpr const char *moduleName = "system";
@@ -38,6 +39,9 @@ public:
     /// Audio thread: the last block's.
     [[nodiscard]] const Levels &levels() const noexcept { return levels_; }
 
+    /// The device's, while there is one.
+    DeviceBuffers &deviceBuffers() noexcept { return deviceBuffers_; }
+
     /// Completes the recording. Only once the audio thread has ended.
     void close() noexcept { recorder_.close(); }
     [[nodiscard]] bool hasRecordingFailed() const noexcept { return recorder_.hasFailed(); }
@@ -51,12 +55,13 @@ private:
 
     const bool offline_;
     uint32_t wanted_;
+    DeviceBuffers deviceBuffers_;
     Levels levels_;
     std::vector<float> interleaved_;
     Player player_;
     Recorder recorder_;
     std::once_flag threadStarted_;
-    std::optional<FileThread> thread_; // the last: ends before what it uses
+    Thread thread_; // reads and writes the files: the audio thread must not even wake somebody
 };
 
 } // namespace sonetrix::dev

@@ -1,5 +1,6 @@
 #include "program/options.h"
 
+#include "driver/device_driver.h"
 #include "program/exit_status.h"
 
 #include <CLI/App.hpp>
@@ -59,6 +60,22 @@ void takeScript(std::vector<std::string> words, ProgramOptions &options) {
     options.scriptArguments.assign(words.begin() + 1, words.end());
 }
 
+void takeDriver(const std::string &name, Engine::Options &options) {
+    constexpr std::string_view device = "device";
+    const bool isDevice = name == device || name.starts_with("device:");
+    if (name != "clock" && !isDevice)
+        throw CLI::ValidationError("--driver", name + ": neither clock nor device");
+    options.device.reset();
+    if (isDevice)
+        options.device = name.substr(std::min(name.size(), device.size() + 1));
+}
+
+void listDevices() {
+    for (const std::string &line : soundDevices())
+        std::cout << line << '\n';
+    throw CLI::Success();
+}
+
 int usageError(const char *what) {
     std::cerr << "sonetrix-engine: " << what << "; see --help\n";
     return exitUsage;
@@ -85,6 +102,11 @@ std::optional<ProgramOptions> readOptions(int argc, char **argv, int &exitStatus
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     app.add_option("--rate", options.engine.rate, "Frames per second")->type_name("HZ")->capture_default_str();
     app.add_option("--block", options.engine.block, "Frames per block")->type_name("FRAMES")->capture_default_str();
+    app.add_option_function<std::string>(
+           "--driver", [&](const std::string &name) { takeDriver(name, options.engine); },
+           "What asks for the blocks: the clock, the default sound device or the one of that name (clock)")
+        ->type_name("clock|device[:NAME]");
+    app.add_flag_callback("--list-devices", listDevices, "List the sound devices and exit");
     app.add_option("--input", options.engine.input, "Sound file to play into the capture ports")->type_name("FILE");
     app.add_option("--record", options.engine.record, "Sound file for what the playback ports play")->type_name("FILE");
     app.add_option("--offline", options.engine.offlineSeconds, "Render that long, as fast as possible")

@@ -1,0 +1,60 @@
+#pragma once
+
+#include "driver/clock_driver.h"
+#include "graph/device_buffers.h"
+
+#include <condition_variable>
+#include <mutex>
+#include <portaudio.h>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace sonetrix::dev {
+
+/// The sound devices that there are, a line for each: its name and what it has.
+std::vector<std::string> soundDevices();
+
+/// A sound device, through PortAudio: what it records goes to the capture ports, what the playback ports get it plays.
+/// It asks for the blocks, on a thread of PortAudio's, while the driver's own thread watches. When it vanishes, the
+/// engine goes on by the clock.
+class DeviceDriver final : public ClockDriver {
+public:
+    /// An empty name is the system's default device; else one of the list, or a part of one. Throws std::runtime_error
+    /// when there is no such device or it cannot be used.
+    DeviceDriver(uint32_t rate, uint32_t block, Process process, std::string_view device, DeviceBuffers &buffers);
+    ~DeviceDriver() override;
+
+    [[nodiscard]] const char *name() const noexcept override { return vanished_ ? ClockDriver::name() : "device"; }
+    /// In seconds, as the device says itself.
+    [[nodiscard]] float captureLatency() const noexcept { return captureLatency_; }
+    [[nodiscard]] float playbackLatency() const noexcept { return playbackLatency_; }
+
+private:
+    void run() noexcept override;
+    void interrupt() noexcept override;
+    void open(std::string_view device);
+    void watch() noexcept;
+    static int deviceBlock(const void *captured,
+        void *played,
+        unsigned long frames,
+        const PaStreamCallbackTimeInfo *time,
+        PaStreamCallbackFlags flags,
+        void *driver) noexcept;
+    void process(const float *const *captured, float *const *played, PaStreamCallbackFlags flags) noexcept;
+
+    DeviceBuffers &buffers_;
+    std::string device_;
+    PaStream *stream_ = nullptr;
+    size_t captureChannels_ = 0;
+    size_t playbackChannels_ = 0;
+    float captureLatency_ = 0;
+    float playbackLatency_ = 0;
+    std::atomic<uint32_t> blocks_{0};
+    std::atomic<bool> inBlock_{false}; // and for ever once the clock drives
+    std::atomic<bool> vanished_{false};
+    std::mutex mutex_;
+    std::condition_variable stopped_;
+};
+
+} // namespace sonetrix::dev
