@@ -66,7 +66,7 @@ if(SONETRIX_PYTHON_LIBRARY MATCHES "d\\.so")
 endif()
 
 # sonetrix_python_test(FILE): runs it with unittest. Lines "# ctest: ..." in the file's head set properties:
-# timeout=SECONDS (of a build without sanitizers), serial, labels=A,B.
+# timeout=SECONDS (of a build without sanitizers), processors=NUMBER, serial, labels=A,B.
 function(sonetrix_python_test file)
     cmake_path(GET file STEM name)
     cmake_path(GET file PARENT_PATH directory)
@@ -74,6 +74,7 @@ function(sonetrix_python_test file)
     set(labels ${folder})
     set(timeout ${SONETRIX_TEST_TIMEOUT})
     set(runSerial OFF)
+    set(processors 1)
     file(STRINGS ${file} directives REGEX "^# ctest:")
     string(REGEX REPLACE "# ctest:" "" directives "${directives}")
     separate_arguments(directives UNIX_COMMAND "${directives}")
@@ -83,6 +84,8 @@ function(sonetrix_python_test file)
         elseif(directive MATCHES "^labels=(.*)$")
             string(REPLACE "," ";" extra "${CMAKE_MATCH_1}")
             list(APPEND labels ${extra})
+        elseif(directive MATCHES "^processors=([0-9]+)$")
+            set(processors ${CMAKE_MATCH_1})
         elseif(directive STREQUAL "serial")
             set(runSerial ON)
         else()
@@ -94,7 +97,7 @@ function(sonetrix_python_test file)
         COMMAND ${_pythonCommand} ${file}
         WORKING_DIRECTORY ${CMAKE_SOURCE_DIR})
     set_tests_properties(${folder}.${name} PROPERTIES
-        TIMEOUT ${timeout} RUN_SERIAL ${runSerial} LABELS "${labels}"
+        TIMEOUT ${timeout} RUN_SERIAL ${runSerial} PROCESSORS ${processors} LABELS "${labels}"
         ENVIRONMENT "${_testEnvironment};${_pythonEnvironment}")
     set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${file})
 endfunction()

@@ -1,4 +1,4 @@
-# ctest: timeout=200
+# ctest: timeout=200 processors=2
 """notifyChanges, notifyMeters and timeout in the running engine: callables that fail, registrations that come and go
 under fire, and ends of engine and interpreter while everything fires.
 

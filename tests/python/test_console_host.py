@@ -1,4 +1,4 @@
-# ctest: timeout=200 serial
+# ctest: timeout=200 processors=3
 """The command-line module's record, driven as engines drive it: also in ways that the development engine does not."""
 
 import concurrent.futures

@@ -197,13 +197,18 @@ class ReadTest(ListTestCase):
                 self.assertEqual([(place, str(error)) for place, error in reports],
                                  [(name, text)] * (report and len(entries) or 0))
         plain, keyed = (self.put(kind(), 0) for kind in self.kinds)
-        for name in "sonetrix_valueListForEach", "sonetrix_keyValueListForEach":
-            record.gives_lock_up(name)
-        self.assertEqual((plain.toList(), plain.toListType(), keyed.toDict(), keyed.toDictType()),
-                         ([0], [(0, "int32")], {b"k": 0}, {b"k": (0, "int32")}))
+        for number in range(1, 6):
+            self.put(plain, number), self.put(keyed, number, key=str(number))
+        for every in 1, 2, 3:  # some elements come through the reading, and some from elsewhere
+            for name in "sonetrix_valueListForEach", "sonetrix_keyValueListForEach":
+                record.gives_lock_up(name, every)
+            pairs = [(number, "int32") for number in range(6)]
+            self.assertEqual((sorted(plain.toList()), sorted(plain.toListType())), (list(range(6)), pairs))
+            self.assertEqual((sorted(keyed.toDict().values()), sorted(keyed.toDictType().values())),
+                             (list(range(6)), pairs))
         other = [5]
         record.user_data("sonetrix_valueListForEach", other)
-        self.assertEqual((plain.toList(), other), ([], [5, 0]))
+        self.assertEqual((plain.toList(), other), ([], [5, *other[1:]]))
 
 
 class OwnershipTest(ListTestCase):
@@ -251,27 +256,47 @@ class OwnershipTest(ListTestCase):
         self.assertEqual(keyed.appendFromDictType(growing).toDict(), {b"b": 2, b"c": 3})
 
     def test_other_thread_changes_a_list_that_the_engine_reads(self):
-        """The engine goes on with the list as it was; the change is made at once, and is there."""
-        name = "sonetrix_engine_SetParamsFull"
-        for change, expected in (
-                (lambda one, other: one.append("new", 1), {b"k": 5, b"new": 1}),
-                (lambda one, other: one.remove("k"), {}),
-                (lambda one, other: one.merge(other), {b"k": 5, b"o": 6}), (lambda one, other: other.merge(one), {})):
-            one, other, written = self.put(self.kinds[1](), 5), self.put(self.kinds[1](), 6, key="o"), []
-            record.reset()
-            record.delay(name, TIME_LIMIT)
-            readers = [threading.Thread(target=lambda: written.append(self.sonetrix.engine.setParams(one)))
-                       for _ in "12"]
-            for reader in readers:
-                reader.start()
-            while len(record.calls(name)) < 2:
-                self.assertTrue(readers[0].is_alive())
-            change(one, other)
-            self.assertEqual((one.toDict(), written), (expected, []))
-            record.delay(name, 0)
-            for reader in readers:
-                reader.join()
-            self.assertEqual([result.toDict() for result in written], [{b"k": 5}] * 2)
+        """The engine goes on with the list as it was, which the layer checks; the change is made at once, and is there."""
+        engine, (plain, keyed) = self.sonetrix.engine, self.kinds
+        for kind, name, call in ((plain, "GetParams", engine.getParams), (keyed, "SetParamsFull", engine.setParams),
+                                 (keyed, "SetParamsFullCli", engine.setParamsCli),
+                                 (keyed, "ModuleNew", lambda info: engine.newModule("a", "b", info))):
+            for change, expected in ((lambda one, other: self.put(one, "new", key="n"), ["old", "new"]),
+                                     (lambda one, other: one.merge(other), ["old", "other"]),
+                                     (lambda one, other: other.merge(one), [])):
+                name = "sonetrix_engine_" + name.removeprefix("sonetrix_engine_")
+                one, other = self.put(kind(), "old"), self.put(kind(), "other", key="o")
+                record.reset()
+                record.result("sonetrix_engine_ModuleNew", 0)
+                record.delay(name, TIME_LIMIT)
+                readers = [threading.Thread(target=call, args=(one,)) for _ in "12"]
+                for reader in readers:
+                    reader.start()
+                while len(record.calls(name)) < 2:
+                    self.assertTrue(readers[0].is_alive())
+                change(one, other)
+                self.assertEqual(self.values(one), [value.encode() for value in expected])
+                record.delay(name, 0)
+                for reader in readers:
+                    reader.join()
+
+    def test_other_thread_changes_a_list_that_is_being_read(self):
+        for kind, family in zip(self.kinds, ("value", "keyValue")):
+            one, done = kind(), threading.Event()
+            for number in range(2000):
+                self.put(one, number, key=str(number))
+            record.gives_lock_up(f"sonetrix_{family}ListForEach", every=100)
+            def change():
+                while not done.is_set():
+                    self.put(one, -1, key="late")
+            thread = threading.Thread(target=change)
+            thread.start()
+            try:
+                for _ in range(20):
+                    self.assertLessEqual(set(range(2000)), set(self.values(one)))
+            finally:
+                done.set()
+                thread.join()
 
 
 if __name__ == "__main__":

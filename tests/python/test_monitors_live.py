@@ -37,6 +37,7 @@ class Monitors(unittest.TestCase):
                     terminal.expect(re.escape(call) + "\n")
                     terminal.expect("(?s)(?=\x1b.*%.*%.*%.*%)")
                     terminal.control("C")
+                    terminal.control("C")  # a hasty one
                     self.check_drawn(terminal, monitor)
                     terminal.expect("KeyboardInterrupt\n")
                 self.assertEqual(terminal.ask("engine.isRunning()"), "True")
