@@ -223,15 +223,16 @@ void Engine::finishAudio() noexcept {
     system_->close();
 }
 
-void Engine::join() {
+bool Engine::join(std::chrono::milliseconds callbacks) {
     requestStop();
     stopThread_.join();
     running_ = false;
-    meters_->join();
-    notifier_->join();
-    timers_.join();
+    const auto limit = Thread::Clock::now() + callbacks;
+    if (!meters_->joinUntil(limit) || !notifier_->joinUntil(limit) || !timers_.joinUntil(limit))
+        return false;
     finishAudio();
     graph_->join();
+    return true;
 }
 
 // A process that exits while the engine runs: first of all the audio ends and the recording is completed. What a plugin

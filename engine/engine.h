@@ -56,8 +56,9 @@ public:
     void setStopHook(std::function<void()> hook) { stopHook_ = std::move(hook); }
     bool start(std::string &error);
     void requestStop() noexcept;
-    /// Requests the stop and waits for its end.
-    void join();
+    /// Requests the stop and waits for its end; for callbacks in progress so long. False when one has not come back:
+    /// its thread goes on, but the audio has ended.
+    bool join(std::chrono::milliseconds callbacks = std::chrono::hours(1));
 
     [[nodiscard]] bool isRunning() const noexcept { return running_; }
     /// A script has asked for that; `otherwise`: it has called something else. One that keeps asking and does nothing
@@ -66,6 +67,8 @@ public:
     void noteOtherwise() noexcept { askedRunning_.store(0, std::memory_order_relaxed); }
     [[nodiscard]] bool stopRequested() const noexcept { return stopRequested_; }
     void setExitCode(int32_t code) noexcept { exitCode_ = code; }
+    /// Whether a recording has been cut short.
+    [[nodiscard]] bool hasRecordingFailed() const noexcept { return system_->hasRecordingFailed(); }
     [[nodiscard]] std::optional<int32_t> exitCode() const noexcept { return exitCode_; }
 
     /// Not changed after `create`.

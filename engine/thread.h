@@ -9,6 +9,7 @@
 #include <functional>
 #include <mutex>
 #include <pthread.h>
+#include <semaphore>
 #include <stop_token>
 #include <thread>
 #include <utility>
@@ -43,6 +44,7 @@ public:
                     pause(stop, Clock::now() + std::chrono::milliseconds(100));
                 }
             }
+            ended_.release();
         });
     }
     /// Returns at once; the round in progress is the last.
@@ -51,6 +53,14 @@ public:
         requestEnd();
         if (thread_.joinable())
             thread_.join();
+    }
+    /// The same for so long; whether the thread has ended.
+    bool joinUntil(Clock::time_point limit) {
+        requestEnd();
+        if (thread_.joinable() && !ended_.try_acquire_until(limit))
+            return false;
+        join();
+        return true;
     }
 
     [[nodiscard]] std::stop_token stopToken() const noexcept { return thread_.get_stop_token(); }
@@ -64,6 +74,7 @@ public:
 
 private:
     std::mutex mutex_;
+    std::binary_semaphore ended_{0};
     std::condition_variable_any never_; // notified by the request to end only
     std::jthread thread_;
 };

@@ -33,7 +33,7 @@ public:
     void start();
     /// Returns at once; the emission in progress is the last.
     void requestEnd() noexcept { thread_.requestEnd(); }
-    void join() { thread_.join(); }
+    bool joinUntil(Thread::Clock::time_point limit) { return thread_.joinUntil(limit); }
 
     static bool isType(sonetrix_module_meters_type type) noexcept { return type <= SONETRIX_METERS_FAST; }
     // All types below are ones for which that holds.

@@ -25,7 +25,7 @@ public:
     void start();
     /// Returns at once; the delivery in progress is the last.
     void requestEnd() noexcept { thread_.requestEnd(); }
-    void join() { thread_.join(); }
+    bool joinUntil(Thread::Clock::time_point limit) { return thread_.joinUntil(limit); }
 
     CallbackRegistry<sonetrix_listCallback_t> &callbacks() noexcept { return callbacks_; }
     void parameterWritten(std::string_view key) noexcept;

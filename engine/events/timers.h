@@ -26,7 +26,7 @@ public:
     void start();
     /// Returns at once; nothing is called back any more once the call in progress has ended.
     void requestEnd() noexcept { thread_.requestEnd(); }
-    void join() { thread_.join(); }
+    bool joinUntil(Thread::Clock::time_point limit) { return thread_.joinUntil(limit); }
 
     /// A handle; null for a negative period. The shortest period is a millisecond.
     void *add(int32_t milliseconds, sonetrix_timerCallback_t callback, void *user);

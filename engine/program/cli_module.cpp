@@ -7,7 +7,8 @@ namespace sonetrix::dev {
 
 bool CliModule::load(const std::filesystem::path &library, std::string &error) {
     // With a slash in it the name is a path for the loader, never one to search for.
-    void *handle = ::dlopen(std::filesystem::absolute(library).c_str(), RTLD_NOW | RTLD_LOCAL);
+    const auto path = library.has_parent_path() ? library : "." / library;
+    void *handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle != nullptr)
         constructor_ = reinterpret_cast<Constructor>(::dlsym(handle, "sonetrix_engineCliCostructor"));
     if (constructor_ == nullptr)

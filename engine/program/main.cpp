@@ -1,3 +1,4 @@
+#include "forked.h"
 #include "program/cli_module.h"
 #include "program/exit_status.h"
 #include "program/options.h"
@@ -6,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
@@ -45,6 +47,7 @@ void openStandardStreams() {
 /// What the program has to have run in the module's `start`, in front of a "python.start" that was set by hand.
 void addStartCode(ProgramOptions &options, const std::filesystem::path &packages) {
     std::string text = searchPathCode(packages);
+    text += "__import__('sonetrix_console.program').program.find_interpreter()\n";
     if (!options.scriptOnly())
         text += consoleCode();
     if (options.code || options.script)
@@ -57,16 +60,49 @@ void addStartCode(ProgramOptions &options, const std::filesystem::path &packages
 }
 
 /// Runs the module on this thread. The status of what it ran.
-int32_t runModule(CliModule &module, const Engine &engine, bool scriptOnly, std::atomic<bool> &scriptRuns) {
-    scriptRuns = scriptOnly;
+int32_t runModule(CliModule &module, const Engine &engine, bool scriptOnly, std::atomic<bool> &starts) {
+    starts = true;
     const bool started = module.start();
-    scriptRuns = false;
+    starts = false;
     if (!started)
         return complain(exitUnavailable, "the scripting module has no interpreter");
     if (scriptOnly || engine.stopRequested())
         return 0;
     const bool console = ::isatty(STDIN_FILENO) != 0;
     return module.run() == -1 && !console ? exitFailure : 0;
+}
+
+bool isDeadly(int signal) noexcept {
+    struct sigaction current {};
+    return ::sigaction(signal, nullptr, &current) != 0 || current.sa_handler == SIG_DFL;
+}
+
+int statusOf(const Engine &engine, int32_t ran) {
+    const int32_t status = engine.exitCode().value_or(ran);
+    return status == 0 && engine.hasRecordingFailed() ? exitRecording : status;
+}
+
+/// Ends the module, which has run, then the engine. The status of the program.
+int end(CliModule &module, Engine &engine, TerminationSignals &signals, int32_t ran) {
+    constexpr std::chrono::seconds lastWait{1};
+    if (isForkedChild()) {
+        // The engine's threads are not here; what the script has left to say is said by the interpreter's end.
+        module.destroy();
+        std::fflush(nullptr);
+        ::_exit(engine.exitCode().value_or(ran));
+    }
+    // The module holds the interpreter's lock until it is destroyed, and engine threads may be waiting for it.
+    engine.requestStop();
+    signals.setStatus(statusOf(engine, ran));
+    module.destroy();
+    signals.setStatus(statusOf(engine, ran));
+    signals.endAtOnce();
+    if (!engine.join(lastWait)) {
+        sonetrix_log(SONETRIX_LOG_ERROR, __FILE__, __LINE__, 1, "a callback does not return: ending without it");
+        std::fflush(nullptr);
+        ::_exit(statusOf(engine, ran));
+    }
+    return statusOf(engine, ran);
 }
 
 int runEngine(ProgramOptions options) {
@@ -90,11 +126,12 @@ int runEngine(ProgramOptions options) {
     const bool pythonInterrupts = options.scriptOnly() && sigintMode != 0;
     if (pythonInterrupts)
         std::signal(SIGINT, SIG_DFL);
-    std::atomic<bool> scriptRuns{false};
+    std::atomic<bool> starts{false};
     TerminationSignals signals(!pythonInterrupts, [&] { engine->requestStop(); });
     engine->setStopHook([&, console = ::pthread_self()] {
         module.stop();
-        if (pythonInterrupts && scriptRuns && signals.received())
+        // Asked to end by a signal, the program does not wait for a script; one that has called `exit` runs on.
+        if (starts && signals.received() && !isDeadly(SIGINT))
             ::pthread_kill(console, SIGINT);
     });
     if (!engine->start(error)) {
@@ -104,29 +141,21 @@ int runEngine(ProgramOptions options) {
     sonetrix_log(SONETRIX_LOG_INFO, __FILE__, __LINE__, 1, "running at %u frames per second, %u frames per block",
         options.engine.rate, options.engine.block);
 
-    int status = exitUnavailable;
+    int32_t ran = exitUnavailable;
     if (module.construct(engine->startParameters(), error)) {
-        status = runModule(module, *engine, options.scriptOnly(), scriptRuns);
+        ran = runModule(module, *engine, options.scriptOnly(), starts);
     } else {
-        complain(status, error);
+        complain(ran, error);
     }
-    if (TerminationSignals::isForked()) {
-        // The engine's threads are not here; what the script has left to say is said by the interpreter's end.
-        module.destroy();
-        std::fflush(nullptr);
-        ::_exit(engine->exitCode().value_or(status));
-    }
-    // The module holds the interpreter's lock until it is destroyed, and engine threads may be waiting for it.
-    engine->requestStop();
-    module.destroy();
-    engine->join();
-    return engine->exitCode().value_or(status);
+    return end(module, *engine, signals, ran);
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
     openStandardStreams();
+    for (const int number : {SIGPIPE, SIGXFSZ}) // who writes is told of it
+        std::signal(number, SIG_IGN);
     int status = 0;
     auto options = readOptions(argc, argv, status);
     if (!options)

@@ -26,7 +26,7 @@ constexpr const char *footer =
     "point float; anything else a string. KEY:TYPE=VALUE names the type: uint32, int32, float, double or string.\n"
     "\nExit status: the code that a script gave to exit(); else 0, or 1 when a script failed (130 when it was\n"
     "interrupted); 64 wrong options; 66 SCRIPT cannot be read; 69 the scripting module cannot be loaded;\n"
-    "70 the engine cannot start; 128 and the signal's number after a second SIGTERM.";
+    "70 the engine cannot start; 74 the recording was cut short; 128 and the signal's number after a second SIGTERM.";
 
 class HelpFormatter : public CLI::Formatter {
 public:
@@ -98,7 +98,7 @@ std::optional<ProgramOptions> readOptions(int argc, char **argv, int &exitStatus
     app.add_flag("-i,--interactive", options.interactive, "Open the console after SCRIPT or -c");
     app.add_option("--set", settings, "Start parameter, repeatable")
         ->type_name("KEY=VALUE")
-        ->expected(1)
+        ->allow_extra_args(false) // what follows may be the script
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     app.add_option("--rate", options.engine.rate, "Frames per second")->type_name("HZ")->capture_default_str();
     app.add_option("--block", options.engine.block, "Frames per block")->type_name("FRAMES")->capture_default_str();

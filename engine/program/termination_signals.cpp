@@ -35,10 +35,8 @@ void handle(int number) {
     ::sigaction(number, &action, nullptr);
 }
 
-bool forked = false;
-
+// In a child that a script forks, signals have their usual effect.
 void onFork() {
-    forked = true;
     for (const int number : {SIGTERM, SIGHUP, SIGINT}) {
         struct sigaction current {};
         if (::sigaction(number, nullptr, &current) == 0 && (current.sa_flags & SA_SIGINFO) != 0 &&
@@ -78,7 +76,10 @@ TerminationSignals::~TerminationSignals() {
     handlerPipe = -1;
 }
 
-bool TerminationSignals::isForked() noexcept { return forked; }
+void TerminationSignals::endAtOnce() {
+    received_ = true;
+    handle(SIGINT);
+}
 
 void TerminationSignals::threadMain() {
     blockTerminationSignals();
@@ -90,7 +91,7 @@ void TerminationSignals::threadMain() {
         if (got != 1 || number == endOfThread)
             return;
         if (received_.exchange(true))
-            ::_exit(128 + number);
+            ::_exit(status_.load().value_or(128 + number));
         requested_();
     }
 }

@@ -28,6 +28,14 @@ def _show(error: BaseException) -> None:
     sys.excepthook(type(error), error, frames)
 
 
+def find_interpreter() -> None:
+    """Sets `sys.executable`, by which `multiprocessing` and others start an interpreter, where there is the one whose
+    library this is."""
+    path = os.path.join(sys.base_exec_prefix, "bin", f"python{sys.version_info[0]}.{sys.version_info[1]}")
+    if os.access(path, os.X_OK):
+        sys.executable = path
+
+
 def run(steps: Sequence[tuple[str | bytes, bytes | None]], arguments: Sequence[bytes], ends: bool) -> None:
     """Runs texts and files in `__main__`, the way the interpreter's own command line would.
 
