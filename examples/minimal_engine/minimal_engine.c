@@ -147,8 +147,7 @@ STUB(void, memory_rt_inspect, (void), )
 
 int main(int argc, char **argv) {
     theEngine.start = sonetrix_keyValueListNew();
-    sonetrix_keyValueListAddSS(
-        theEngine.start, "python.start", "import sonetrix_console; sonetrix_console.install()");
+    sonetrix_keyValueListAddSS(theEngine.start, "python.start", "import sonetrix_console; sonetrix_console.install()");
     if (argc > 1)
         sonetrix_keyValueListAddSS(theEngine.start, "python.file", argv[1]);
 

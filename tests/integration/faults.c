@@ -11,7 +11,8 @@
 #define NEXT(function) ((__typeof__(&(function)))dlsym(RTLD_NEXT, #function))
 
 int32_t sonetrix_valueListAddI32(sonetrix_cListValue_t *list, int32_t number) {
-    return FAULT("type") ? sonetrix_valueListAddU32(list, (uint32_t)number) : NEXT(sonetrix_valueListAddI32)(list, number);
+    return FAULT("type") ? sonetrix_valueListAddU32(list, (uint32_t)number)
+                         : NEXT(sonetrix_valueListAddI32)(list, number);
 }
 
 sonetrix_cListKeyValue_t *sonetrix_keyValueListDeepCopy(const sonetrix_cListKeyValue_t *list) {
@@ -66,8 +67,7 @@ void sonetrix_engine_notify_changes_rmCallback(sonetrix_engine_t *engine, void *
 
 static pthread_mutex_t editing = PTHREAD_MUTEX_INITIALIZER;
 
-int32_t sonetrix_engine_ForEachModuleSafe(
-    sonetrix_engine_t *engine, sonetrix_moduleCallback_t callback, void *user) {
+int32_t sonetrix_engine_ForEachModuleSafe(sonetrix_engine_t *engine, sonetrix_moduleCallback_t callback, void *user) {
     if (FAULT("iteration"))
         pthread_mutex_lock(&editing);
     int32_t status = NEXT(sonetrix_engine_ForEachModuleSafe)(engine, callback, user);
