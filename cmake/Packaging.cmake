@@ -78,7 +78,7 @@ function(_manual component name summary)
         COMMAND ${SONETRIX_GZIP} -9nf ${page}
         DEPENDS ${ARGN} VERBATIM)
     set(_manuals ${_manuals} ${page}.gz PARENT_SCOPE)
-    install(FILES ${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT ${component})
+    install(FILES ${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT ${component} OPTIONAL)
 endfunction()
 _manual(development sonetrix-check-engine "checks an engine against the SoneTrix scripting layer's contract"
     ${CMAKE_SOURCE_DIR}/tools/sonetrix-check-engine)
