@@ -50,6 +50,8 @@ void addStartCode(ProgramOptions &options, const std::filesystem::path &packages
     text += "__import__('sonetrix_console.program').program.find_interpreter()\n";
     if (!options.scriptOnly())
         text += consoleCode();
+    if (options.listen)
+        text += listenCode(*options.listen);
     if (options.code || options.script)
         text += scriptRunCode({options.code, options.script, options.scriptArguments, options.scriptOnly()});
     const char *byHand = nullptr;

@@ -33,6 +33,11 @@ public:
     std::string make_usage(const CLI::App *, std::string) const override {
         return "Usage: sonetrix-engine [OPTIONS] [SCRIPT [ARGUMENT...]]\n";
     }
+    /// Without what a flag stands for when it has no value.
+    std::string make_option_name(const CLI::Option *option, bool positional) const override {
+        const std::string name = Formatter::make_option_name(option, positional);
+        return name.substr(0, name.find('{'));
+    }
 };
 
 std::filesystem::path moduleBesideProgram() {
@@ -96,6 +101,8 @@ std::optional<ProgramOptions> readOptions(int argc, char **argv, int &exitStatus
     app.set_version_flag("--version", "sonetrix-engine " SONETRIX_VERSION);
     app.add_option("-c", options.code, "Python text to run before SCRIPT")->type_name("CODE");
     app.add_flag("-i,--interactive", options.interactive, "Open the console after SCRIPT or -c");
+    app.add_flag("--listen{}", options.listen, "Let sonetrix-ctl in, at that socket (in the user's runtime folder)")
+        ->type_name("[=PATH]");
     app.add_option("--set", settings, "Start parameter, repeatable")
         ->type_name("KEY=VALUE")
         ->allow_extra_args(false) // what follows may be the script

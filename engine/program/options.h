@@ -19,6 +19,7 @@ struct ProgramOptions {
     std::optional<std::string> code;
     std::optional<std::string> script;
     std::vector<std::string> scriptArguments;
+    std::optional<std::string> listen; ///< the socket's path; the default one when empty
     bool interactive = false;
 
     /// Nothing but code and script is run, without a console.

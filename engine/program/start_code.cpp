@@ -30,6 +30,11 @@ std::string searchPathCode(const std::filesystem::path &packages) {
 
 std::string consoleCode() { return "import sonetrix_console; sonetrix_console.install()\n"; }
 
+std::string listenCode(const std::string &path) {
+    const std::string argument = path.empty() ? "" : fmt::format("__import__('os').fsdecode({})", literal(path));
+    return fmt::format("__import__('sonetrix_console').serve({})\n", argument);
+}
+
 std::string scriptRunCode(const ScriptRun &run) {
     std::string steps;
     std::string arguments = literal(run.script ? *run.script : "-c");
