@@ -10,6 +10,7 @@ from typing import Any
 from .callbacks import after, callbacks, every, on_change, on_meters, ramp
 from .paste import paste
 from .session import load, reset, save
+from .views import meters, top
 from .words import connect, create, delete, disconnect, get, graph, info, plugins, put, run, state
 
 _TASKS: dict[str, tuple[Callable[..., Any], ...]] = {
@@ -18,6 +19,7 @@ _TASKS: dict[str, tuple[Callable[..., Any], ...]] = {
     "Turn": (put, ramp),
     "Keep": (save, load, reset),
     "React": (every, after, on_change, on_meters, callbacks),
+    "Watch": (top, meters),
     "Run": (run, paste),
 }
 

@@ -16,9 +16,9 @@ import signal
 import sys
 import threading
 import time
-from collections.abc import Callable, Iterator
+from collections.abc import Callable
 from types import FrameType
-from typing import IO, Any, TextIO, cast
+from typing import Any, TextIO, cast
 
 import sonetrix
 
@@ -166,9 +166,6 @@ class Stream(io.TextIOBase):
         return getattr(self._stream, name)
 
     def write(self, text: str) -> int:
-        redirected = getattr(_redirected, "stream", None)
-        if redirected is not None:
-            return int(redirected.write(text))
         with self._console.lock:
             pending = self._begun.pop(threading.get_ident(), "") + text
             if self._console.prompt is None:
@@ -182,14 +179,13 @@ class Stream(io.TextIOBase):
         return len(text)
 
     def flush(self) -> None:
-        redirected = getattr(_redirected, "stream", None)
-        (redirected or self._stream).flush()
+        self._stream.flush()
 
     def fileno(self) -> int:
         return self._stream.fileno()
 
     def isatty(self) -> bool:
-        return getattr(_redirected, "stream", None) is None and self._stream.isatty()
+        return self._stream.isatty()
 
     @property
     def encoding(self) -> str:  # type: ignore[override]
@@ -198,24 +194,6 @@ class Stream(io.TextIOBase):
     @property
     def errors(self) -> str | None:  # type: ignore[override]
         return self._stream.errors
-
-
-_redirected = threading.local()
-
-
-@contextlib.contextmanager
-def redirect(stream: IO[str]) -> Iterator[None]:
-    """What this thread prints goes to the stream.
-
-        with redirect(io.StringIO()) as text:
-            graph()
-    """
-    previous = getattr(_redirected, "stream", None)
-    _redirected.stream = stream
-    try:
-        yield
-    finally:
-        _redirected.stream = previous
 
 
 def install(line_typed: Callable[[str, str], str | None]) -> None:
@@ -230,13 +208,10 @@ def install(line_typed: Callable[[str, str], str | None]) -> None:
         console.end_line(whole=line.endswith("\n"))
         return line_typed(prompt, line) if reader is None else None
 
-    streams = sys.stdout, sys.stderr
-
     def end() -> None:
         delattr(sys, "linehook")
-        sys.stdout, sys.stderr = streams
-        console.end()
+        console.end()  # the streams then write at once
 
-    sys.stdout, sys.stderr = (cast(TextIO, Stream(stream, console)) for stream in streams)
+    sys.stdout, sys.stderr = (cast(TextIO, Stream(stream, console)) for stream in (sys.stdout, sys.stderr))
     setattr(sys, "linehook", hook)
     sonetrix.add_clear_callback(end)

@@ -77,19 +77,24 @@ def banner() -> str:
     return f"SoneTrix {sonetrix.__version__}, Python {version}, {driver}; help() shows what there is"
 
 
-def display(value: Any) -> None:
-    """Shows a statement's result: the engine's lists by content, and of `exit` what it does."""
+def describe(value: Any) -> str:
+    """What a prompt shows of a statement's result: the engine's lists by content, and of `exit` what it does."""
     if isinstance(value, sonetrix.listKeyValue):
-        shown = f"listKeyValue({value.toDict()})"
-    elif isinstance(value, sonetrix.listValue):
-        shown = f"listValue({value.toList()})"
-    elif value is sonetrix.exit:
-        shown = "exit() stops the engine, exit(3) with that status; Ctrl-D ends the console"
+        return f"listKeyValue({value.toDict()})"
+    if isinstance(value, sonetrix.listValue):
+        return f"listValue({value.toList()})"
+    if value is sonetrix.exit:
+        return "exit() stops the engine, exit(3) with that status; Ctrl-D ends the console"
+    return repr(value)
+
+
+def display(value: Any) -> None:
+    """Shows a statement's result at this prompt."""
+    if isinstance(value, (sonetrix.listKeyValue, sonetrix.listValue)) or value is sonetrix.exit:
+        setattr(builtins, "_", value)
+        print(describe(value))
     else:
         sys.__displayhook__(value)
-        return
-    setattr(builtins, "_", value)
-    print(shown)
 
 
 def trim(error: BaseException, traceback: TracebackType | None) -> None:

@@ -93,11 +93,8 @@ def _literal(values: Mapping[str, Value], indent: str) -> str:
     return "".join(["{\n", *(f"{indent}    {key!r}: {value!r},\n" for key, value in values.items()), indent, "}"])
 
 
-def save(path: str | os.PathLike[str]) -> None:
-    """Writes a script that builds this graph: modules, configuration, parameters and links.
-
-    >>> save('evening.py')
-    """
+def script() -> str:
+    """The script that save() writes."""
     lines = [
         f'"""A graph, saved {time.strftime("%Y-%m-%d %H:%M:%S")}: load() changes a running one into it."""\n',
         "from sonetrix_console import Session\n",
@@ -121,10 +118,19 @@ def save(path: str | os.PathLike[str]) -> None:
     lines += [f"    session.link({source!r}, {sink!r})" for source, sink in words.links(modules)]
     if len(lines) > 4:
         lines.remove("    pass")
+    return "\n".join(lines) + "\n"
+
+
+def save(path: str | os.PathLike[str]) -> None:
+    """Writes a script that builds this graph: modules, configuration, parameters and links.
+
+    >>> save('evening.py')
+    """
+    text = script()
     file = pathlib.Path(path)
     partial = file.with_name(f".{file.name}.{os.getpid()}")
     try:
-        partial.write_text("\n".join(lines) + "\n")
+        partial.write_text(text)
         partial.replace(file)
     finally:
         partial.unlink(missing_ok=True)
