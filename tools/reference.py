@@ -84,7 +84,7 @@ NOT_RUN = ("engine.waitUntilEnd(", "engine.exit(", "exit(", "cpu(", "usageInfo("
 ENGINE_PARAMETERS = {
     "engine.block": "frames per block",
     "engine.log.level": "the log's threshold; can be written",
-    "engine.meters.dropped": "meter notifications that came while earlier ones were still being delivered",
+    "engine.meters.dropped": "blocks whose levels the meters could not take in time",
     "engine.play.file": "the sound file played into the capture ports; writing a name begins, an empty one ends",
     "engine.play.missed": "frames of it that came too late",
     "engine.rate": "frames per second",

@@ -80,7 +80,7 @@ void Meters::gather() {
         for (Kind &kind : kinds_) {
             ++kind.blocks;
             for (size_t port = 0; port < block.size(); ++port) {
-                kind.gathered[port].peak = higherPeak(kind.gathered[port].peak, block[port].peak);
+                kind.gathered[port].peak = std::max(kind.gathered[port].peak, block[port].peak);
                 kind.gathered[port].meanSquare += block[port].meanSquare;
             }
         }
@@ -92,8 +92,11 @@ void Meters::emit(sonetrix_module_meters_type type) {
     {
         const std::lock_guard lock(mutex_);
         if (kind.blocks != 0) {
-            for (PortLevel &level : kind.gathered)
+            for (PortLevel &level : kind.gathered) {
                 level.meanSquare /= static_cast<float>(kind.blocks);
+                if (std::isnan(level.meanSquare))
+                    level.peak = level.meanSquare;
+            }
             kind.emitted = std::exchange(kind.gathered, {});
             kind.blocks = 0;
         }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <span>
 
@@ -12,16 +13,16 @@ struct PortLevel {
     float meanSquare = 0;
 };
 
-inline float higherPeak(float left, float right) noexcept { return left > right || std::isnan(left) ? left : right; }
-
 inline PortLevel levelOf(std::span<const float> samples) noexcept {
     PortLevel level;
     for (const float sample : samples) {
-        level.peak = higherPeak(level.peak, std::abs(sample));
+        level.peak = std::max(level.peak, std::abs(sample)); // passes over what is no number
         level.meanSquare += sample * sample;
     }
     if (!samples.empty())
         level.meanSquare /= static_cast<float>(samples.size());
+    if (std::isnan(level.meanSquare))
+        level.peak = level.meanSquare;
     return level;
 }
 
