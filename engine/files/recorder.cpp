@@ -67,6 +67,7 @@ void Recorder::complete() noexcept {
     writeOut();
     if (const int error = sf_close(file_.release()); error != 0 && !cutShort_)
         fail(sf_error_number(error));
+    forgetTime(writtenPath_);
     std::error_code error;
     if (!cutShort_ && writtenPath_ != path_)
         std::filesystem::rename(writtenPath_, path_, error);

@@ -1,6 +1,7 @@
 #include "files/sound_file.h"
 
 #include <array>
+#include <fstream>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -60,10 +61,20 @@ SoundFile createSoundFile(
     info.channels = static_cast<int>(channels);
     info.format = formatOf(name);
     SoundFile file = open(path, SFM_WRITE, info);
-    sf_command(file.get(), SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE); // it carries the time of day
     sf_command(file.get(), SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
     sf_command(file.get(), SFC_SET_CLIPPING, nullptr, SF_TRUE); // for the formats of integers
     return file;
+}
+
+void forgetTime(const std::filesystem::path &path) {
+    std::array<char, 256> head{};
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+    file.read(head.data(), head.size());
+    const size_t chunk = std::string_view(head.data(), head.size()).find("PEAK");
+    constexpr size_t timeInChunk = 12;
+    constexpr std::array<char, 4> never{};
+    if (file && chunk != std::string_view::npos)
+        file.seekp(static_cast<std::streamoff>(chunk + timeInChunk)).write(never.data(), never.size());
 }
 
 } // namespace sonetrix::dev

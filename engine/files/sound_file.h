@@ -16,8 +16,11 @@ using SoundFile = std::unique_ptr<SNDFILE, SoundFileClose>;
 
 SoundFile openSoundFile(const std::filesystem::path &path, SF_INFO &info);
 
-/// Makes the file `path`, or replaces it. The format is that of `name`'s ending; the same samples make the same file.
+/// Makes the file `path`, or replaces it. The format is that of `name`'s ending.
 SoundFile createSoundFile(
     const std::filesystem::path &path, const std::filesystem::path &name, uint32_t rate, uint32_t channels);
+
+/// Takes the time of day out of a complete WAV file, so that the same samples make the same file.
+void forgetTime(const std::filesystem::path &path);
 
 } // namespace sonetrix::dev

@@ -1,0 +1,71 @@
+/* LADSPA plugins that tell how a host treats them. "probe": what its control was when it was activated, whether the
+ * host was ever in two of the library's functions at once, and, where the control is negative, a sound that is not a
+ * number. With PROBE_UNLABELLED in the environment the library has a second plugin, which has no label. */
+
+#include <ladspa.h>
+#include <math.h>
+#include <stdatomic.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+enum { CONTROL, ACTIVATED, OVERLAPS, OUTPUT, PORTS };
+struct Probe {
+    LADSPA_Data *port[PORTS];
+    LADSPA_Data activated;
+};
+
+static atomic_int inside, overlaps;
+
+static void visit(void) {
+    if (atomic_fetch_add(&inside, 1) != 0)
+        atomic_fetch_add(&overlaps, 1);
+    usleep(2000);
+    atomic_fetch_sub(&inside, 1);
+}
+static LADSPA_Handle instantiate(const LADSPA_Descriptor *descriptor, unsigned long rate) {
+    (void)descriptor, (void)rate;
+    visit();
+    return calloc(1, sizeof(struct Probe));
+}
+static void connect(LADSPA_Handle handle, unsigned long port, LADSPA_Data *data) {
+    ((struct Probe *)handle)->port[port] = data;
+}
+static void activate(LADSPA_Handle handle) {
+    struct Probe *probe = handle;
+    probe->activated = *probe->port[CONTROL];
+}
+static void run(LADSPA_Handle handle, unsigned long frames) {
+    struct Probe *probe = handle;
+    *probe->port[ACTIVATED] = probe->activated;
+    *probe->port[OVERLAPS] = (LADSPA_Data)overlaps;
+    for (unsigned long i = 0; i < frames; ++i)
+        probe->port[OUTPUT][i] = *probe->port[CONTROL] < 0 ? NAN : *probe->port[CONTROL];
+}
+
+static const LADSPA_PortDescriptor kinds[PORTS] = {LADSPA_PORT_INPUT | LADSPA_PORT_CONTROL,
+    LADSPA_PORT_OUTPUT | LADSPA_PORT_CONTROL, LADSPA_PORT_OUTPUT | LADSPA_PORT_CONTROL,
+    LADSPA_PORT_OUTPUT | LADSPA_PORT_AUDIO};
+static const char *const names[PORTS] = {"Control (ms)", "Activated", "Overlaps", "Output"};
+static const LADSPA_PortRangeHint hints[PORTS] = {{LADSPA_HINT_BOUNDED_ABOVE | LADSPA_HINT_DEFAULT_1, 0, 10}};
+static const LADSPA_Descriptor probe = {.UniqueID = 1,
+    .Label = "probe",
+    .Name = "A probe",
+    .Maker = "",
+    .Copyright = "",
+    .PortCount = PORTS,
+    .PortDescriptors = kinds,
+    .PortNames = names,
+    .PortRangeHints = hints,
+    .instantiate = instantiate,
+    .connect_port = connect,
+    .activate = activate,
+    .run = run,
+    .cleanup = free};
+static const LADSPA_Descriptor unlabelled = {.UniqueID = 2};
+
+const LADSPA_Descriptor *ladspa_descriptor(unsigned long index) {
+    visit();
+    if (index == 1 && getenv("PROBE_UNLABELLED") != NULL)
+        return &unlabelled;
+    return index == 0 ? &probe : NULL;
+}
