@@ -95,10 +95,12 @@ def _files(part: str) -> list[str]:
 def _in_string(call: str, argument: int, quote: str, part: str) -> list[str]:
     sources = _ARGUMENTS.get(call)
     if sources is None:
-        return _files(part)
-    found = sorted({name for name in sources[min(argument, len(sources) - 1)]() if name.startswith(part)})
+        found = _files(part)
+    else:
+        found = sorted({name for name in sources[min(argument, len(sources) - 1)]() if name.startswith(part)})
     # Line editing closes the string itself when it takes all of it for the word.
-    return [found[0] + quote] if len(found) == 1 and re.search(r"[:/\s-]", part) else found
+    closed = len(found) == 1 and not found[0].endswith("/") and re.search(r"[:/\s-]", part)
+    return [found[0] + quote] if closed else found
 
 
 def _modules_to_import(part: str) -> list[str]:

@@ -27,8 +27,6 @@ try:
 except ImportError:
     readline = None  # type: ignore[assignment]
 
-# Ignored where nobody handles it. The console's host uses it, too, so its handler is called as well.
-_WAKE = signal.SIGURG
 _REDRAWS_PER_SECOND = 50
 _PIPE_SIZE = 1 << 20
 
@@ -65,7 +63,7 @@ class _Console:
         self.lock = threading.RLock()  # held by who writes to the terminal while no line is being typed
         self.prompt: str | None = None  # of the line that is being typed
         self._reader: FrameType | None = None  # who reads it: none at the console's own prompt
-        self._thread = threading.get_ident()
+        self.thread = threading.get_ident()  # that of the console
         self._terminal = os.dup(sys.__stdout__.fileno())
         self._pipe, self._entry = os.pipe()
         os.set_blocking(self._pipe, False)
@@ -73,12 +71,19 @@ class _Console:
         with contextlib.suppress(OSError):
             fcntl.fcntl(self._entry, fcntl.F_SETPIPE_SZ, _PIPE_SIZE)
         self._error_output: int | None = None  # the terminal as standard error, while that is the pipe
-        self._shares_errors = os.path.sameopenfile(1, 2) if os.isatty(2) else False
+        # Without line editing the prompt itself is written there.
+        self._shares_errors = readline is not None and os.isatty(2) and os.path.sameopenfile(1, 2)
         self._editor: _LineEditor | None = None
         if readline is not None:
             with contextlib.suppress(AttributeError, OSError, ValueError):
                 self._editor = _LineEditor()
-        self._previous_handler = signal.signal(_WAKE, self._on_wake)
+        # One that nobody uses. It must not cut short what the line editor writes to a slow terminal; that waits for keys
+        # in a call that is interrupted all the same.
+        unused = (number for number in range(signal.SIGRTMAX, signal.SIGRTMIN, -1) if not signal.getsignal(number))
+        self._signal = next(unused, int(signal.SIGRTMAX))
+        signal.signal(self._signal, self._on_wake)
+        signal.siginterrupt(self._signal, self._editor is None)
+        signal.pthread_sigmask(signal.SIG_UNBLOCK, [self._signal])
         self._waker = threading.Thread(target=self._wake, name="console output", daemon=True)
         self._ended = False
         self._waker.start()
@@ -113,7 +118,7 @@ class _Console:
         self._ended = True
         self.post(b"\0")
         self._waker.join(1)
-        signal.signal(_WAKE, self._previous_handler)
+        signal.signal(self._signal, signal.SIG_IGN)  # there may be one on its way
 
     def _take(self) -> bytes:
         parts = []
@@ -133,7 +138,7 @@ class _Console:
         that thread waits for a key, which then would come first."""
         while select.select([self._pipe], [], [])[0] and not self._ended:
             if self.prompt is not None:
-                signal.pthread_kill(self._thread, _WAKE)
+                signal.pthread_kill(self.thread, self._signal)
             else:
                 with self.lock:
                     if self.prompt is None:
@@ -141,8 +146,6 @@ class _Console:
             time.sleep(1 / _REDRAWS_PER_SECOND)
 
     def _on_wake(self, number: int, frame: FrameType | None) -> None:
-        if callable(self._previous_handler):
-            self._previous_handler(number, frame)
         # In any other frame it is a completion that runs, or the line is not there yet or not any more.
         if self.prompt is None or frame is not self._reader:
             return
@@ -166,20 +169,24 @@ class Stream(io.TextIOBase):
         return getattr(self._stream, name)
 
     def write(self, text: str) -> int:
+        thread = threading.get_ident()
         with self._console.lock:
-            pending = self._begun.pop(threading.get_ident(), "") + text
-            if self._console.prompt is None:
-                self._stream.write(pending)
-                return len(text)
-            lines, end, rest = pending.rpartition("\n")
-            if end:
-                self._console.post((lines + end).encode(errors="replace"))
+            if self._console.prompt is None and thread == self._console.thread:
+                return self._stream.write(text)
+            lines, end, rest = (self._begun.pop(thread, "") + text).rpartition("\n")
             if rest:
-                self._begun[threading.get_ident()] = rest
+                self._begun[thread] = rest
+            if self._console.prompt is None:
+                self._stream.write(lines + end)
+            else:
+                self._console.post((lines + end).encode(errors="replace"))
         return len(text)
 
     def flush(self) -> None:
-        self._stream.flush()
+        with self._console.lock:
+            if self._console.prompt is None:
+                self._stream.write(self._begun.pop(threading.get_ident(), ""))
+                self._stream.flush()
 
     def fileno(self) -> int:
         return self._stream.fileno()

@@ -6,6 +6,7 @@ import pty
 import re
 import select
 import signal
+import struct
 import subprocess
 import termios
 import time
@@ -27,14 +28,15 @@ class Console:
             assert console.end() == 0
     """
 
-    def __init__(self, *arguments, program=ENGINE, columns=80, environment=None, time_limit=TIME_LIMIT, **options):
+    def __init__(self, *arguments, program=ENGINE, columns=80, rows=0, environment=None, time_limit=TIME_LIMIT, **options):
         self.transcript = ""
         self._position = 0
         self._deadline = time.monotonic() + time_limit
         self._terminal, terminal_end = pty.openpty()
+        rows and fcntl.ioctl(terminal_end, termios.TIOCSWINSZ, struct.pack("4H", rows, columns, 0, 0))
         self.first_settings = self.settings()
         # TERM=dumb keeps line editing from painting with control sequences.
-        variables = dict(os.environ, TERM="dumb", COLUMNS=str(columns), **(environment or {}))
+        variables = {**os.environ, "TERM": "dumb", "COLUMNS": str(columns), **(environment or {})}
         self.process = subprocess.Popen([str(program), *map(str, arguments)], stdin=terminal_end, stdout=terminal_end,
                                         stderr=terminal_end, env=variables, close_fds=True, preexec_fn=self._lead_session,
                                         **options)
@@ -68,8 +70,11 @@ class Console:
             data = os.read(self._terminal, 65536)
         except OSError:  # what Linux reports when the other side is closed
             return False
-        self.transcript += data.decode(errors="replace").replace("\r\n", "\n")
+        self._received(data)
         return bool(data)
+
+    def _received(self, data):
+        self.transcript += data.decode(errors="replace").replace("\r\n", "\n")
 
     def expect(self, pattern):
         """Waits for a regular expression in the output not yet taken; takes and returns what comes before it."""

@@ -1,0 +1,261 @@
+# ctest: timeout=240
+"""The console's package on a terminal, as a person sees it: on the development engine and on another one."""
+
+import json
+import os
+import pathlib
+import re
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+from support import BUILD, ENGINE, MODULE, RUN, SANITIZER, SLOWNESS, SOURCE
+from support.programs import run_engine, run_script
+from support.emulator import Screen
+
+PACKAGES = BUILD / "lib/python3/dist-packages"
+BLOCK = "def twice(x):\n    y = 2 * x\n\n    return y\n\ntwice(4)\ntwice(21)\n"
+
+
+class OnATerminal(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        folder = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
+        cls.minimal = folder / "minimal_engine"
+        compiler = re.search(r"^CMAKE_C_COMPILER:\w+=(.*)$", (BUILD / "CMakeCache.txt").read_text(), re.M)[1]
+        sanitizer = [f"-fsanitize={SANITIZER}"] if SANITIZER else []
+        subprocess.run([compiler, *sanitizer, "-rdynamic", f"-I{SOURCE}/include", f'-DSONETRIX_MODULE="{MODULE}"', "-o",
+                        cls.minimal, *(SOURCE / "examples/minimal_engine").glob("*.c"), "-ldl", "-lpthread"], check=True)
+
+    def setUp(self):
+        self.home = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        self.history = self.home / "state/sonetrix/history"
+
+    def screen(self, program=ENGINE, **options):
+        environment = {"HOME": self.home, "XDG_STATE_HOME": self.home / "state", "XDG_CONFIG_HOME": self.home / "config",
+                       "PYTHONPATH": f"{self.home}:{PACKAGES}", "PYTHON_COLORS": "0"}
+        command = [*RUN, program] if program == self.minimal else [program]
+        screen = self.enterContext(Screen(*command[1:], program=command[0], environment=environment, cwd=self.home, **options))
+        screen.wait_for("^engine> $|^engine>$")
+        return screen
+
+    def on_both_engines(self, check):
+        for program in ENGINE, self.minimal:
+            with self.subTest(program.name):
+                check(program)
+
+    def test_prompt(self):
+        (self.home / "mine.py").write_text("value = 'imported'\n")
+        startup = self.home / "config/sonetrix/startup.py"
+        startup.parent.mkdir(parents=True)
+        startup.write_text("started = 'start-up file'\n")
+
+        def check(program):
+            screen = self.screen(program)
+            banner, = [line for line in screen.lines() if "SoneTrix" in line]
+            self.assertRegex(banner, r"^SoneTrix \d+\.\d+\.\d+, Python 3\.\d+\.\d+, \w+ at 48000 Hz; help\(\) shows what there is$")
+            screen.type("import mine; mine.value, started\r")
+            screen.wait_for(r"^\('imported', 'start-up file'\)$")
+            screen.type("listKeyValue().append('a', 1.5)\r")
+            screen.wait_for(r"^listKeyValue\(\{b'a': 1\.5\}\)$")
+            screen.type("exit\r")
+            screen.wait_for(r"^exit\(\) stops the engine")
+            screen.type("get('system.gin')\r")
+            screen.wait_for("^sonetrix_console.Unknown: there is no parameter 'system.gin'")
+            self.assertNotIn("words.py", "\n".join(screen.lines()))
+            screen.type("import os, signal; os.kill(os.getpid(), signal.SIGKILL)\r")
+            self.assertEqual(screen.end(), -signal.SIGKILL)
+            self.assertEqual(self.history.stat().st_mode & 0o777, 0o600)
+            screen = self.screen(program)  # the line that ended the engine is there
+            screen.type("\x1b[A")
+            screen.wait_for("^engine> import os, signal; os.kill")
+
+        self.on_both_engines(check)
+
+    def test_without_line_editing(self):
+        (self.home / "readline.py").write_text("raise ImportError\n")
+        screen = self.screen(terminal="vt100")
+        for line, answer in ("6 * 7", "^42$"), ("x = after(1, lambda: print('later'))", "^later$"), ("paste()", "single dot$"):
+            screen.type(line + "\r")
+            screen.wait_for(answer)
+        screen.type(BLOCK.replace("\n", "\r") + ".\r")
+        screen.wait_for(r"^8\n42$")
+        screen.type("exit(3)\r")
+        self.assertEqual(screen.end(), 3)
+
+    def test_completion(self):
+        (self.home / "folder").mkdir()
+        (self.home / "folder/file.txt").touch()
+        screen = self.screen()
+        screen.type("create('tone', 'sine_fcac'); create('gain', 'amp_mono'); create('gain2', 'amp_mono')\r")
+        screen.wait_for("^engine>$")
+        for typed, shown in {
+            "eng": "engine", "engine.isR": "engine.isRunning(", "impor": "import", "import ctyp": "import ctypes",
+            "from sonetrix_console import stat": "from sonetrix_console import state",
+            "engine.link('to": "engine.link('tone:output'", "engine.link('tone:output', 'gain:i": "engine.link('tone:output', 'gain:input'",
+            "engine.newModule('tone', 'amp_m": "engine.newModule('tone', 'amp_mono'", "delete('t": "delete('tone'",
+            "engine.getParam(['tone.f": "engine.getParam(['tone.frequency'", "put('tone.a": "put('tone.amplitude'",
+            "engine.setParams(listKeyValue().append('gain2.g": "engine.setParams(listKeyValue().append('gain2.gain'",
+            "open('fol": "open('folder/file.txt'", "open('folder/f": "open('folder/file.txt'", "'to": "'to",
+        }.items():
+            with self.subTest(typed):
+                screen.type(f"\x05\x15{typed}\t")
+                screen.wait_for(f"^engine> {re.escape(shown)}$")
+        screen.type("\x05\x15get('gain\t")  # several: they are shown
+        screen.wait_for(r"^gain\.gain +gain\.plugin +gain2\.gain +gain2\.plugin\nengine> get\('gain$")
+
+    def test_completion_among_ten_thousand_ports(self):
+        result = run_engine("-c", """
+from sonetrix_console import completion
+ports = [b"module%d:port_%d" % (index // 10, index % 10) for index in range(10_000)]
+completion.engine = type("Engine", (), {"getPortNames": staticmethod(lambda: list(ports))})
+for line, word in 5 * [("engine.link('", "")] + [("engine.link('module99", "module99")]:
+    begin = time.perf_counter()
+    print(len(completion.candidates(line, word)), time.perf_counter() - begin)
+""")
+        found, seconds = zip(*(map(float, line.split()) for line in result.stdout.splitlines()))
+        self.assertEqual(found, (10_000,) * 5 + (110,))
+        self.assertLess(min(seconds[:5]), 0.05 * SLOWNESS)
+
+    def test_pasted_blocks(self):
+        def check(program):
+            screen = self.screen(program)
+            screen.type(f"\x1b[200~{BLOCK}1 / 0\n\x1b[201~")
+            screen.wait_for("^1 / 0$")
+            screen.type("\r")
+            screen.wait_for('^8\n42\nTraceback .*\n  File "<pasted 1>", line 8, in <module>\n(    .*\n)*ZeroDivisionError.*\nengine>$')
+            screen.type("\x1b[A")  # one entry of the history
+            screen.wait_for(r"^engine> def twice\(x\):\n    y = 2 \* x\n\n    return y")
+            screen.type("\x03")
+            screen.wait_for("^KeyboardInterrupt\nengine>$")
+            screen.type("for i in range(2):\r")
+            screen.type("\x1b[200~    x = i\n\n    print('i', x)\n\x1b[201~\r\r")
+            screen.wait_for(r"^i 0\ni 1\nengine>$")
+
+        self.on_both_engines(check)
+
+    def test_output_while_typing(self):
+        """A timer, the log, a thread and a person, all at the same time."""
+        setup = ("import threading\rgo = True; typed = []; noted = iter(range(10**6))\r"
+                 "def work():\r while go: print('thread', next(noted), flush=True); time.sleep(.01); log.warn('logged')\r\r"
+                 "threading.Thread(target=work).start()\r")
+        for program, terminal, columns in (ENGINE, "xterm", 80), (ENGINE, "vt100", 40), (self.minimal, "xterm", 80), (ENGINE, "dumb", 80):
+            with self.subTest(program.name, terminal=terminal):
+                screen = self.screen(program, terminal=terminal, columns=columns)
+                screen.type(setup)
+                if program == ENGINE:
+                    screen.type("count = iter(range(10**6)); x = every(20, lambda: print('tick', next(count)))\r")
+                screen.wait_for("^thread 9$")
+                for number in range(12):
+                    if number == 6:
+                        time.sleep(1.5)  # the terminal takes nothing any more
+                    screen.type(f"typed.append({number}) # {'some words ' * (number % 4 * 2)}\r", key_every=0.004)
+                screen.type("go = False; every(1000, print).stop(); callbacks()\r" if program == ENGINE else "go = False\r")
+                screen.type("\rx.stop()\r" if program == ENGINE else "\r")
+                screen.type("sum(typed), 'end'\r")
+                screen.wait_for(r"^\(66, 'end'\)$")
+                lines = screen.lines()
+                lines = lines[max(index for index, line in enumerate(lines) if line == "thread 9"):]
+                for word in ("thread", "tick") if program == ENGINE else ("thread",):  # each whole, none missing
+                    numbers = [int(line.split()[1]) for line in lines if re.fullmatch(rf"{word} \d+", line)]
+                    self.assertEqual(numbers, list(range(numbers[0], numbers[0] + len(numbers))))
+                if terminal == "xterm":
+                    other = [line for line in lines if not re.fullmatch(r"thread \d+|tick \d+|.*python.*: logged", line)]
+                    for number in range(12):
+                        line = f"engine> typed.append({number}) # {'some words ' * (number % 4 * 2)}".rstrip()
+                        self.assertIn(line[:columns].rstrip(), other)
+                    self.assertLess(len(other), 30)
+                screen.type("exit(3)\r")
+                self.assertEqual(screen.end(), 3)
+
+
+class Words(unittest.TestCase):
+    def run_words(self, source):
+        result = run_script("from sonetrix_console import *\ndef refused(f, *a, **k):\n    try: f(*a, **k)\n"
+                            "    except Refused as error: return str(error)\n" + source)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        return result
+
+    def test_reading_and_writing(self):
+        self.run_words("""
+create("tone", "sine_fcac", frequency=220); create("gain", "amp_mono")
+assert get("tone.frequency") == 220.0 and get("gain.") == {"gain.gain": 1.0, "gain.plugin": "amp_mono"}
+put("gain.gain", 0.1); put("tone.frequency", 330)
+assert (get("gain.gain"), get("tone.frequency")) == (0.1, 330.0)
+assert "did you mean 'tone.frequency'?" in refused(put, "tone.freq", 1)
+assert refused(put, "tone.frequency", 1e9).endswith("it goes from 0 to 24000 Hz")
+assert refused(put, "gain.gain", "loud") == "gain.gain takes a value of type float, not 'loud'"
+assert "did you mean 'sine_fcac'" in refused(create, "x", "sine_fcax")
+assert refused(create, "tone", "sine_fcac") == "there is a module 'tone' already"
+assert connect("tone", "gain") == [("tone:output", "gain:input")] and connect("tone", "gain") == []
+assert len(connect("gain", "system")) == 2
+assert "system:playback_1 by gain:output" in refused(connect, "tone", "system:playback_1")
+assert connect("tone", "system:playback_1", replace=True) == [("tone:output", "system:playback_1")]
+assert "did you mean 'tone:output'" in refused(connect, "tone.output", "gain")
+assert disconnect("tone", "system") == [("tone:output", "system:playback_1")]
+import json; plain = json.loads(json.dumps(state()))["modules"]
+assert plain["tone"]["sources"] == {"tone:output": ["gain:input"]} and plain["gain"]["parameters"] == {"gain": 0.1}
+""")
+
+    def test_tables(self):
+        result = self.run_words("create('gain', 'amp_mono'); connect('system:capture_1', 'gain'); graph(); plugins('plate'); info('sc4m')")
+        for words in ("gain  amp_mono\n", "input   <- system:capture_1\n", "plate  Plate reverb\n", "SC4 mono\n", "1.5 to 400  ms"):
+            self.assertIn(words, result.stdout)
+
+    def test_help_names_every_word_and_each_has_an_example(self):
+        self.assertEqual(self.run_words("""
+import sonetrix_console, inspect, io, sys
+from sonetrix_console import output
+help()
+for name in sonetrix_console.__all__:
+    if not inspect.isclass(getattr(sonetrix_console, name)):
+        print("EXAMPLE" if "\\n    " in getattr(sonetrix_console, name).__doc__ else "NONE", name)
+""").stdout.count("NONE"), 0)
+
+    def test_sessions(self):
+        with tempfile.TemporaryDirectory() as folder:
+            self.run_words(f"""
+create("tone", "sine_fcac", frequency=220); create("gain", "amp_mono"); put("gain.gain", 0.3)
+connect("tone", "gain"); connect("gain", "system:playback_1"); saved = state()
+save("{folder}/s.py"); reset()
+assert list(state()["modules"]) == ["system"]
+load("{folder}/s.py"); assert state() == saved
+calls = []
+for name in "newModule", "delModule", "link", "setParams":
+    real = getattr(engine, name)
+    setattr(engine, name, staticmethod(lambda *a, name=name, real=real: (calls.append((name, *map(str, a))), real(*a))[1]))
+put("gain.gain", 0.9); create("echo", "delay_n"); connect("tone", "system:playback_2"); calls.clear()
+load("{folder}/s.py")
+assert state() == saved and [call[0] for call in calls] == ["setParams", "link", "delModule"], calls
+load("{folder}/s.py"); assert len(calls) == 3
+open("{folder}/s.py", "a").write("    session.module('x', 'no_such')\\n    session.link('x:out', 'system:playback_2')\\n")
+text = open("{folder}/s.py").read(); assert "no_such" in refused(load, "{folder}/s.py") and state() == saved
+""")
+
+    def test_callbacks(self):
+        result = self.run_words("""
+create("gain", "amp_mono"); seen = []
+watch = on_change(seen.append); bad = every(20, lambda: 1 / 0); once = after(20, lambda: seen.append("once"))
+slow = every(20, lambda: time.sleep(.06)); levels = on_meters(seen.append)
+ramp("gain.gain", 0.0, 60); ramp("gain.gain", 0.5, 0.1)
+time.sleep(1); callbacks(); bad.stop(); slow.stop(); levels.stop(); watch.stop()
+assert seen.count("once") == once.calls == 1 and bad.errors == bad.calls > 1
+assert get("gain.gain") == 0.5 and {"gain.gain": 0.5} in seen and any("system.playback_1.peak" in each for each in seen)
+assert refused(ramp, "gain.gian", 1, 1)
+""")
+        self.assertEqual(result.stderr.count("ZeroDivisionError"), 1)  # the same one once, with its traceback
+        self.assertRegex(result.stderr, r'in the callback every <lambda> #\d+:\nTraceback .*\n  File ".*\.py", line 7, in <lambda>')
+        self.assertRegex(result.stderr, r"the callback every <lambda> #\d+ took \d\d ms")
+        self.assertRegex(result.stdout, r"(?m)^every <lambda> #\d+  \d+ calls  mean .* errors, the last ZeroDivisionError")
+
+    def test_types(self):
+        checked = subprocess.run(["mypy", "--strict", "--cache-dir", os.devnull, SOURCE / "python/sonetrix_console"], text=True,
+                                 capture_output=True, env=dict(os.environ, MYPYPATH=f"{SOURCE}/interface/sonetrix"))
+        self.assertEqual(checked.returncode, 0, checked.stdout)
+
+
+if __name__ == "__main__":
+    unittest.main()
