@@ -54,14 +54,16 @@ _ARGUMENTS: dict[str, tuple[_Source, ...]] = {
     "get": (_parameters,), "put": (_parameters, list), "ramp": (_parameters, list),
     "getLastMeter": (_meters,), "delDebugMeter": (_meters,), "getMeters": (_modules,), "meters": (_ports,),
 }
-_TOKEN = re.compile(r"""(?P<closed>"(?:[^"\\]|\\.)*"|'(?:[^'\\]|\\.)*')|(?P<open>["'])|(?P<name>\w+)|(?P<mark>[][(){},])|.""")
+_TOKEN = re.compile(
+    r"""(?P<closed>"(?:[^"\\]|\\.)*"|'(?:[^'\\]|\\.)*')|(?P<open>["'])|(?P<name>\w+)|(?P<mark>[][(){},])|."""
+)
 _IMPORT = re.compile(r"\s*(?:import\s+(?:[\w.]+\s*,\s*)*|from\s+)([\w.]*)$")
 _IMPORT_FROM = re.compile(r"\s*from\s+([\w.]+)\s+import\s+(?:\w+\s*,\s*)*(\w*)$")
 
 
 def open_string(line: str) -> tuple[str, int, str, str] | None:
-    """Of the string that the line ends within: the call that it stands in, the number of the argument, the quote, the text
-    so far.
+    """Of the string that the line ends within: the call that it stands in, the number of the argument, the quote, the
+    text so far.
 
     >>> open_string("engine.link('tone:output', 'ga")
     ('link', 1, "'", 'ga')

@@ -24,6 +24,12 @@ _TASKS: dict[str, tuple[Callable[..., Any], ...]] = {
 }
 
 
+_MORE = (
+    "help(graph) tells more, with an example; help(engine) is the engine's own interface. Tab completes names, and in "
+    "strings ports, modules, parameters, plugins and files. exit() stops the engine."
+)
+
+
 def help(*about: Any) -> None:
     """Shows a page by task; of anything else, what it is.
 
@@ -39,5 +45,4 @@ def help(*about: Any) -> None:
             call = f"{function.__name__}({', '.join(inspect.signature(function).parameters)})"
             sentence = (function.__doc__ or "").partition(". ")[0].partition("\n\n")[0]
             print(f"  {call:36}{textwrap.shorten(sentence, max(width - 38, 20), placeholder=' ...')}")
-    print("help(graph) tells more, with an example; help(engine) is the engine's own interface. Tab completes names, and in\n"
-          "strings ports, modules, parameters, plugins and files. exit() stops the engine.")
+    print(textwrap.fill(_MORE, width))

@@ -1,9 +1,10 @@
 """What callbacks, threads and the engine print while a line is being typed comes above that line, which stays whole.
 
-Such output waits in a pipe: what threads write to `sys.stdout` and `sys.stderr`, and, when standard error is the console's
-terminal, whatever the process writes there, the engine's log above all. Only while a line is being typed: statements, and
-the programs that they start, write to the terminal itself. Nobody ever waits for the pipe; what it has no room for is left
-out. The console's own thread takes the text from it, woken by a signal, and draws the line anew below.
+Such output waits in a pipe: what threads write to `sys.stdout` and `sys.stderr`, and, when standard error is the
+console's terminal, whatever the process writes there, the engine's log above all. Only while a line is being typed:
+statements, and the programs that they start, write to the terminal itself. Nobody ever waits for the pipe; what it has
+no room for is left out. The console's own thread takes the text from it, woken by a signal, and draws the line anew
+below.
 """
 
 import contextlib
@@ -77,8 +78,8 @@ class _Console:
         if readline is not None:
             with contextlib.suppress(AttributeError, OSError, ValueError):
                 self._editor = _LineEditor()
-        # One that nobody uses. It must not cut short what the line editor writes to a slow terminal; that waits for keys
-        # in a call that is interrupted all the same.
+        # One that nobody uses. It must not cut short what the line editor writes to a slow terminal; that waits for
+        # keys in a call that is interrupted all the same.
         unused = (number for number in range(signal.SIGRTMAX, signal.SIGRTMIN, -1) if not signal.getsignal(number))
         self._signal = next(unused, int(signal.SIGRTMAX))
         signal.signal(self._signal, self._on_wake)
@@ -204,7 +205,7 @@ class Stream(io.TextIOBase):
 
 
 def install(line_typed: Callable[[str, str], str | None]) -> None:
-    """Takes care of the console's output from now on; `line_typed(prompt, line)` may replace a line of the console's."""
+    """Takes care of the console's output from now on; `line_typed(prompt, line)` may replace a line typed there."""
     console = _Console()
 
     def hook(prompt: str, line: str | None) -> str | None:

@@ -39,8 +39,9 @@ def find_interpreter() -> None:
 def run(steps: Sequence[tuple[str | bytes, bytes | None]], arguments: Sequence[bytes], ends: bool) -> None:
     """Runs texts and files in `__main__`, the way the interpreter's own command line would.
 
-    Each step is a name and its text, or the path of a file and None. With `ends` nothing comes after the steps: a failure
-    becomes the engine's exit code, a stop interrupts them without a traceback, and SIGINT is ignored from then on.
+    Each step is a name and its text, or the path of a file and None. With `ends` nothing comes after the steps: a
+    failure becomes the engine's exit code, a stop interrupts them without a traceback, and SIGINT is ignored from then
+    on.
 
         run([("<string>", b"print(engine.now())"), (b"script.py", None)], [b"script.py", b"--fast"], ends=True)
     """

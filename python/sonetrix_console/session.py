@@ -44,7 +44,7 @@ class Session:
     def __enter__(self) -> "Session":
         return self
 
-    def __exit__(self, error: type[BaseException] | None, value: BaseException | None, at: TracebackType | None) -> None:
+    def __exit__(self, error: type[BaseException] | None, *_: BaseException | TracebackType | None) -> None:
         if error is None:
             self.apply()
 
@@ -52,7 +52,7 @@ class Session:
         """Changes the running graph. Does all that can be done, then raises with all that could not."""
         modules = words.state()["modules"]
         made = {name: module for name, module in modules.items() if module["type"] == words.MADE}
-        replaced = [name for name, module in made.items() if self._plugins.get(name, module["plugin"]) != module["plugin"]]
+        replaced = [name for name, each in made.items() if self._plugins.get(name, each["plugin"]) != each["plugin"]]
         for name in replaced:
             self._try(words.delete, name)
         for name in self._plugins:

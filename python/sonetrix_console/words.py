@@ -86,9 +86,9 @@ def parameter_names() -> list[str]:
 
 
 def unknown(what: str, name: str, known: Iterable[str]) -> Unknown:
-    """The error for a name that does not exist, with those that may have been meant."""
-    near = " or ".join(map(repr, difflib.get_close_matches(name, list(known), 3)))
-    return Unknown(f"there is no {what} {name!r}" + (f"; did you mean {near}?" if near else ""))
+    """The error for a name that does not exist, with the one that may have been meant."""
+    near = "".join(f"; did you mean {other!r}?" for other in difflib.get_close_matches(name, list(known), 1))
+    return Unknown(f"there is no {what} {name!r}{near}")
 
 
 def get(key: str) -> Any:
@@ -168,11 +168,12 @@ def state() -> State:
         name = text(module["name"])
         parameters = {key.removeprefix(name + "."): value for key, value in _parameters(name + ".").items()}
         plugin = parameters.pop("plugin", None)
+        configuration = module.get("configuration", {}).items()
         modules[name] = {
             "type": module["type"],
             "plugin": str(plugin) if plugin is not None else _made_of.get(name),
             "library": text(module.get("library")),
-            "configuration": {text(key): text(value, "float") for key, value in module.get("configuration", {}).items()},
+            "configuration": {text(key): text(value, "float") for key, value in configuration},
             "parameters": parameters,
             "sources": {text(port["name"]): [] for port in module.get("src", ())},
             "sinks": {text(port["name"]): text(port.get("link")) for port in module.get("sink", ())},
@@ -296,16 +297,17 @@ def graph() -> None:
     ├─ amplitude  0.5
     └─ output     -> gain:input
     """
-    plain = not (sys.stdout.encoding or "").lower().startswith("utf")
+    branch, last = ("├─", "└─") if (sys.stdout.encoding or "").lower().startswith("utf") else ("|-", "`-")
     for name, module in state()["modules"].items():
         rows = [(key, shown(value)) for key, value in module["parameters"].items()]
         rows += [(port.partition(":")[2], f"<- {by or 'nothing'}") for port, by in module["sinks"].items()]
         rows += [(port.partition(":")[2], f"-> {', '.join(to) or 'nothing'}") for port, to in module["sources"].items()]
-        print(name, "", module["plugin"] or (module["library"] or "").rpartition("/")[2])
+        print(f"{name}  {module['plugin'] or (module['library'] or '').rpartition('/')[2]}".rstrip())
         width = max((len(key) for key, _ in rows), default=0)
-        for index, (key, value) in enumerate(rows):
-            branch = "`-" if plain and index == len(rows) - 1 else "|-" if plain else "└─" if index == len(rows) - 1 else "├─"
+        for key, value in rows[:-1]:
             print(f"{branch} {key:{width}}  {value}")
+        for key, value in rows[-1:]:
+            print(f"{last} {key:{width}}  {value}")
 
 
 def plugins(word: str = "") -> None:
@@ -330,10 +332,11 @@ def info(name: str) -> None:
     from input to output
     gain  1  from 0 to 10, else 1
     """
-    module = state()["modules"].get(name)
+    modules, available = state()["modules"], names(engine.listAvailableModules())
+    module = modules.get(name)
     plugin = module["plugin"] if module else name
-    if not module and name not in names(engine.listAvailableModules()):
-        raise unknown("module or plugin", name, [*names(engine.getModuleNames()), *names(engine.listAvailableModules())])
+    if not module and name not in available:
+        raise unknown("module or plugin", name, [*modules, *available])
     described = describe(plugin) if plugin else {}
     about = described.pop("", {})
     print(f"{name}, of {plugin}" if module else name, about.get("title", ""), sep=": " if about.get("title") else "")

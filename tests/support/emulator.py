@@ -30,7 +30,8 @@ class Screen(Console):
 
     def lines(self):
         """All lines, those that have left the screen first, without blanks at their ends."""
-        scrolled = ("".join(row[column].data for column in range(self._screen.columns)) for row in self._screen.history.top)
+        columns = range(self._screen.columns)
+        scrolled = ("".join(row[column].data for column in columns) for row in self._screen.history.top)
         lines = [line.rstrip() for line in (*scrolled, *self._screen.display)]
         while lines and not lines[-1]:
             lines.pop()
