@@ -39,7 +39,11 @@ def help(*about: Any) -> None:
         pydoc.help(*about)
         return
     width = min(shutil.get_terminal_size().columns, 100)
-    for task, functions in _TASKS.items():
+    from . import serve  # it is the package's own
+
+    tasks = dict(_TASKS)
+    tasks["Let in"] = (serve,)
+    for task, functions in tasks.items():
         print(task)
         for function in functions:
             call = f"{function.__name__}({', '.join(inspect.signature(function).parameters)})"
