@@ -72,11 +72,12 @@ function(_manual component name summary)
         return()
     endif()
     list(JOIN ARGN " " command)
+    list(GET ARGN -1 program)
     set(page ${CMAKE_BINARY_DIR}/manual/${name}.1)
     add_custom_command(OUTPUT ${page}.gz
         COMMAND ${SONETRIX_HELP2MAN} --no-info --version-string=${PROJECT_VERSION} --name=${summary} --output=${page} ${command}
         COMMAND ${SONETRIX_GZIP} -9nf ${page}
-        DEPENDS ${ARGN} VERBATIM)
+        DEPENDS ${program} VERBATIM)
     set(_manuals ${_manuals} ${page}.gz PARENT_SCOPE)
     install(FILES ${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT ${component} OPTIONAL)
 endfunction()

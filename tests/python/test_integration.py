@@ -17,10 +17,12 @@ PLANTED = {  # fault, and what has to be found
     "merge": "sonetrix_keyValueListMerge: moves all entries",
     "user": "sonetrix_valueListForEach: gives the callback the user pointer",
     "name": "sonetrix_engine_DriverGetName: gives a malloc'ed text",
+    "given": "sonetrix_engine_GetParams: gives a new list each time",
     "taken": "sonetrix_engine_SetParamsFull: writes, leaves the caller's list alone",
+    "iteration": "sonetrix_engine_ForEachModuleSafe: shows modules and ports with unique names",
+    "early": "a timer of 30 ms has elapsed after",
     "timer": "sonetrix_engine_delTimer: no call begins after it has returned",
     "removal": "sonetrix_engine_notify_changes_rmCallback: returns only when no call is in progress",
-    "iteration": "sonetrix_engine_ForEachModuleSafe: is safe against modules being created and deleted",
     "stop": "sonetrix_engine_RequestStop: returns at once",
 }
 
@@ -155,7 +157,7 @@ class ContractCheck(unittest.TestCase):
             faults = pathlib.Path(folder, "faults.so")
             tool(cache("CMAKE_C_COMPILER"), "-shared", "-fPIC", f"-I{SOURCE}/include",
                  SOURCE / "tests/integration/faults.c", "-o", faults)
-            with concurrent.futures.ThreadPoolExecutor() as at_once:
+            with concurrent.futures.ThreadPoolExecutor(4) as at_once:
                 said = {fault: at_once.submit(tool, *self.command, status=1, FAULT=fault, LD_PRELOAD=str(faults))
                         for fault in PLANTED}
             for fault, finding in PLANTED.items():
