@@ -10,7 +10,6 @@ import pathlib
 import re
 
 import sonetrix
-import sonetrix_console
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 STUB = ROOT / "interface/sonetrix/sonetrix.pyi"
@@ -101,7 +100,8 @@ Made by `make docs-reference`; not edited by hand. Every answer below an example
 Conventions: the engine's text is `bytes` on the way to Python, `str` (as UTF-8; names ASCII) or `bytes` on the way to it.
 `int` results of graph functions are the engine's status, 0 for success. Functions of the class `engine` raise
 `Exception("engine not initialized")` in a process without an engine, `TypeError` for arguments of the wrong class, and
-`OverflowError` for integers beyond 32 bits. A misspelt key is not an error: the answer is empty.
+`OverflowError` for integers beyond 32 bits. A misspelt key is not an error: the answer is empty. The console's short words are
+another package's: [console.md](console.md).
 
 ## Which one do I want
 
@@ -224,20 +224,8 @@ def reference():
                 lines += entry(f"{node.name}.{method.name}", method, getattr(class_, method.name), aliases, examples,
                                node.name)
     lines += ["## Functions", ""] + functions
-    lines += console_words()
     lines += development_engine()
     return re.sub(r"\n{3,}", "\n\n", "\n".join(lines)).rstrip() + "\n"
-
-
-def console_words():
-    lines = ["## The console's words", "", inspect.getdoc(sonetrix_console), "",
-             "They are names of the console where `sonetrix_console.install()` was called, as in the development engine.", ""]
-    for name in sonetrix_console.__all__:
-        word = getattr(sonetrix_console, name)
-        if inspect.isfunction(word):
-            first = (inspect.getdoc(word) or "").split("\n\n")[0]
-            lines += [f"- `{name}{inspect.signature(word)}`: {' '.join(first.split())}"]
-    return lines + [""]
 
 
 def development_engine():
