@@ -260,7 +260,7 @@ COMMANDS = {
     "set": ("writes parameters", "KEY=VALUE...", "", "[put(*pair) for pair in {pairs!r}]"),
     "ports": ("the names of all ports", "", "", "prompt.sonetrix.engine.getPortNames()"),
     "link": ("links two ports, or the ports of two modules", "FROM TO", "", "connect({FROM!r}, {TO!r})"),
-    "unlink": ("removes links, all or those to another one", "FROM [TO]", "", "disconnect({FROM!r}, {TO!r})"),
+    "unlink": ("removes links, all or those to another one", "FROM [TO]", "", "disconnect({FROM!r}, {TO!r} or None)"),
     "graph": ("modules, their values and links", "", "graph()", "state()"),
     "top": ("the load, live on a terminal; q ends it", "", "top()", "views.engine_load()"),
     "meters": ("levels, live on a terminal; q ends it", "[PATTERN]", "meters({PATTERN!r})", "views.levels({PATTERN!r})"),

@@ -32,6 +32,7 @@ from sonetrix import add_clear_callback
 from . import prompt
 from .completion import candidates
 from .ctl import Screen, Terminal, default_socket
+from .words import Refused
 
 __all__ = ["Terminal", "here", "listen"]
 _LONGEST = 1 << 20  # bytes of a message
@@ -224,14 +225,21 @@ class Client(socketserver.StreamRequestHandler):
             self.streams["stderr"].write(f"{error.code}\n")
             return {"done": 1}
         except BaseException as error:
-            frames = None if message.get("space") == "words" else error.__traceback__
-            while frames and frames.tb_frame.f_code.co_filename in _OURS:
-                frames = frames.tb_next
-            self.streams["stderr"].write("".join(traceback.format_exception(type(error), error, frames)))
+            self.streams["stderr"].write(_told(error, briefly=message.get("space") == "words"))
             return {"done": 130 if isinstance(error, KeyboardInterrupt) else 1}
         finally:
             for stream in self.streams.values():
                 stream.flush()
+
+
+def _told(error: BaseException, briefly: bool) -> str:
+    if briefly and isinstance(error, Refused):
+        return f"{error}\n"
+    frames = error.__traceback__
+    while frames and frames.tb_frame.f_code.co_filename in _OURS:
+        frames = frames.tb_next
+    prompt.trim(error, frames)
+    return "".join(traceback.format_exception(type(error), error, frames))
 
 
 _OURS = {__file__, ast.__file__, codeop.__file__}
