@@ -15,21 +15,6 @@ bool isArray(uint32_t type) noexcept {
     return type == SONETRIX_VALUE_AUINT32 || type == SONETRIX_VALUE_AINT32 || type == SONETRIX_VALUE_AFLOAT;
 }
 
-sonetrix_value_t emptyRecord(sonetrix_value_type_t type) noexcept {
-    sonetrix_value_t record;
-    std::memset(&record, 0, sizeof record);
-    record.type = type;
-    return record;
-}
-
-template <class T> sonetrix_value_t arrayRecord(sonetrix_value_type_t type, std::span<const T> elements) noexcept {
-    static_assert(sizeof(T) == elementSize);
-    auto record = emptyRecord(type);
-    record.as.array = elements.data();
-    record.count = elements.size();
-    return record;
-}
-
 /// In memory of malloc, as the interface's own value functions keep theirs.
 void *copied(const void *data, size_t size) {
     void *copy = std::malloc(std::max<size_t>(size, 1));
@@ -62,48 +47,6 @@ sonetrix_value_t copied(const sonetrix_value_t &record) {
 }
 
 } // namespace
-
-sonetrix_value_t valueRecord(uint32_t number) noexcept {
-    auto record = emptyRecord(SONETRIX_VALUE_UINT32);
-    record.as.uint32 = number;
-    return record;
-}
-
-sonetrix_value_t valueRecord(int32_t number) noexcept {
-    auto record = emptyRecord(SONETRIX_VALUE_INT32);
-    record.as.int32 = number;
-    return record;
-}
-
-sonetrix_value_t valueRecord(float number) noexcept {
-    auto record = emptyRecord(SONETRIX_VALUE_FLOAT);
-    record.as.float32 = number;
-    return record;
-}
-
-sonetrix_value_t valueRecord(double number) noexcept {
-    auto record = emptyRecord(SONETRIX_VALUE_DOUBLE);
-    record.as.float64 = number;
-    return record;
-}
-
-sonetrix_value_t valueRecord(const char *text) noexcept {
-    auto record = emptyRecord(SONETRIX_VALUE_STRING);
-    record.as.string = text;
-    return record;
-}
-
-sonetrix_value_t valueRecord(std::span<const uint32_t> elements) noexcept {
-    return arrayRecord(SONETRIX_VALUE_AUINT32, elements);
-}
-
-sonetrix_value_t valueRecord(std::span<const int32_t> elements) noexcept {
-    return arrayRecord(SONETRIX_VALUE_AINT32, elements);
-}
-
-sonetrix_value_t valueRecord(std::span<const float> elements) noexcept {
-    return arrayRecord(SONETRIX_VALUE_AFLOAT, elements);
-}
 
 Value::Value(const Record &record) : record_(copied(record)) {}
 

@@ -2,23 +2,49 @@
 
 #include "sonetrix/engine_api.h"
 
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <span>
 #include <string>
 #include <string_view>
+#include <tuple>
+#include <type_traits>
 #include <utility>
 
 namespace sonetrix::dev {
 
-/// Records by argument type; strings and arrays are borrowed.
-sonetrix_value_t valueRecord(uint32_t number) noexcept;
-sonetrix_value_t valueRecord(int32_t number) noexcept;
-sonetrix_value_t valueRecord(float number) noexcept;
-sonetrix_value_t valueRecord(double number) noexcept;
-sonetrix_value_t valueRecord(const char *text) noexcept;
+/// The types of value by the types that hold them, in the order of the type codes.
+using HeldTypes = std::tuple<uint32_t,
+    int32_t,
+    float,
+    const char *,
+    std::span<const uint32_t>,
+    std::span<const int32_t>,
+    std::span<const float>,
+    double>;
+
+template <class T, size_t code = 0> consteval uint32_t typeCode() {
+    if constexpr (std::is_same_v<T, std::tuple_element_t<code, HeldTypes>>)
+        return code;
+    else
+        return typeCode<T, code + 1>();
+}
+
+/// A record by its argument's type; strings and arrays are borrowed.
+template <class T> sonetrix_value_t valueRecord(T value) noexcept {
+    sonetrix_value_t record;
+    std::memset(&record, 0, sizeof record);
+    record.type = typeCode<T>();
+    if constexpr (std::is_arithmetic_v<T> || std::is_pointer_v<T>) {
+        std::memcpy(&record.as, &value, sizeof value);
+    } else {
+        record.as.array = value.data();
+        record.count = value.size();
+    }
+    return record;
+}
 inline sonetrix_value_t valueRecord(const std::string &text) noexcept { return valueRecord(text.c_str()); }
-sonetrix_value_t valueRecord(std::span<const uint32_t> elements) noexcept;
-sonetrix_value_t valueRecord(std::span<const int32_t> elements) noexcept;
-sonetrix_value_t valueRecord(std::span<const float> elements) noexcept;
 
 /// A typed value that owns its string or array.
 class Value {

@@ -156,6 +156,7 @@ print(len(calls), any(calls), read("engine.offline.left"))
         self.assertLess(xruns, 20 if not live.SANITIZED else 60)  # one per missed block would be 56
 
 
+    @unittest.skipIf(live.SANITIZED, "looks at pauses of microseconds")
     def test_a_graph_that_is_always_too_slow_leaves_the_processor_some_time(self):
         self.run_live(SETUP + """
 assert all(new(f"m{index}", "amp_mono") == 0 for index in range(300))
@@ -168,7 +169,7 @@ time.sleep(.2)
 before = counters()
 time.sleep(.3)
 late, pauses = (now - then for now, then in zip(counters(), before))
-assert late > 100 and pauses > late / 3, (late, pauses)
+assert late > 100 and pauses > late / 4, (late, pauses)
 """, "--rate", "768000", "--block", "16")
 
 
@@ -348,6 +349,7 @@ wait_for(lambda: 0.98 < meter("system.playback_1.peak") <= 1 and seen)
 
     @unittest.skipIf(support.SANITIZER == "thread", "the thread sanitizer knows no threads that a forked process starts")
     def test_a_forked_child_meets_no_lock_and_writes_nothing_of_the_parents(self):
+        self.enterContext(mock.patch.dict(os.environ, programs.OUTLIVED))
         printed, heard = self.record(CHAIN + """
 import signal, warnings
 warnings.simplefilter("ignore")  # of threads that the child does not have
