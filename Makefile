@@ -1,7 +1,7 @@
 # Thin front door: every target is one or two commands that can be typed by hand.
 
 .DEFAULT_GOAL := help
-.PHONY: help setup run program build build-arm test test-asan test-tsan test-arm test-matrix test-references test-fresh coverage fuzz package package-arm bench lint format docs-graph docs-reference soak clean
+.PHONY: help setup run program build build-arm test test-asan test-tsan test-arm test-matrix test-references test-fresh coverage fuzz package package-arm bench lint format docs-console docs-graph docs-reference soak clean
 
 ARGS ?=
 SECONDS ?= 120
@@ -101,6 +101,11 @@ docs-graph: program ## Draw docs/graph.svg anew, from examples/graph_dot.py
 	@tools/setup test
 	@build/release/bin/sonetrix-engine examples/graph_dot.py build/graph.dot
 	@dot -Tsvg build/graph.dot -o docs/graph.svg
+
+docs-console: program ## Draw docs/console.svg anew, from a session at the console
+	@tools/setup test
+	@python3 tools/record_console.py >build/console.svg
+	@mv build/console.svg docs/console.svg
 
 docs-reference: program ## Write docs/reference.md anew, from the stub and the docstrings
 	@build/release/bin/sonetrix-engine tools/reference.py >build/reference.md

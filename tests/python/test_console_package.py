@@ -79,7 +79,7 @@ class OnATerminal(unittest.TestCase):
         (self.home / "readline.py").write_text("raise ImportError\n")
         screen = self.screen(terminal="vt100")
         later = "x = after(1, lambda: print('later'))"
-        for line, answer in ("6 * 7", "^42$"), (later, "^later$"), ("paste()", "single dot$"):
+        for line, answer in ("6 * 7", "^42\nengine>$"), (later, "^later\nengine>$"), ("paste()", "single dot$"):
             screen.type(line + "\r")
             screen.wait_for(answer)
         screen.type(BLOCK.replace("\n", "\r") + ".\r")

@@ -32,10 +32,14 @@ class Screen(Console):
         """All lines, those that have left the screen first, without blanks at their ends."""
         columns = range(self._screen.columns)
         scrolled = ("".join(row[column].data for column in columns) for row in self._screen.history.top)
-        lines = [line.rstrip() for line in (*scrolled, *self._screen.display)]
+        lines = [*(line.rstrip() for line in scrolled), *self.shown()]
         while lines and not lines[-1]:
             lines.pop()
         return lines
+
+    def shown(self):
+        """The lines on the screen."""
+        return [line.rstrip() for line in self._screen.display]
 
     def wait_for(self, pattern):
         """Until the pattern is found in the lines, the one with the cursor being the last."""
