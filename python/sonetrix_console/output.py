@@ -17,7 +17,7 @@ import signal
 import sys
 import threading
 import time
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
 from types import FrameType
 from typing import Any, TextIO, cast
 
@@ -121,6 +121,9 @@ class _Console:
         self._waker.join(1)
         signal.signal(self._signal, signal.SIG_IGN)  # there may be one on its way
 
+    def take(self) -> str:
+        return self._take().decode(errors="replace")
+
     def _take(self) -> bytes:
         parts = []
         with contextlib.suppress(BlockingIOError):
@@ -204,9 +207,28 @@ class Stream(io.TextIOBase):
         return self._stream.errors
 
 
+_console: _Console | None = None
+
+
+@contextlib.contextmanager
+def held() -> Iterator[Callable[[], str]]:
+    """Holds back what others print to the console, for a view that paints over its own lines; what it gives tells what
+    has come meanwhile."""
+    console = _console
+    if console is None or threading.get_ident() != console.thread:
+        yield str
+        return
+    console.begin_line("", None)
+    try:
+        yield console.take
+    finally:
+        console.end_line(whole=True)
+
+
 def install(line_typed: Callable[[str, str], str | None]) -> None:
     """Takes care of the console's output from now on; `line_typed(prompt, line)` may replace a line typed there."""
-    console = _Console()
+    global _console
+    _console = console = _Console()
 
     def hook(prompt: str, line: str | None) -> str | None:
         reader = sys._getframe().f_back

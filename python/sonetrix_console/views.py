@@ -8,12 +8,9 @@ from typing import Any
 
 from sonetrix import engine
 
+from .output import held
+
 _FLOOR = -60.0  # decibels below full scale, where bars begin
-
-
-def _write(text: str) -> None:
-    sys.stdout.write(text)
-    sys.stdout.flush()
 
 
 def _live(frame: Callable[[int], list[str]], seconds: float) -> None:
@@ -27,18 +24,27 @@ def _live(frame: Callable[[int], list[str]], seconds: float) -> None:
         print(*frame(80), sep="\n")
         return
     height, dumb = 0, before[2] == "dumb"
-    with contextlib.suppress(KeyboardInterrupt), terminal.keys() as typed, contextlib.ExitStack() as at_end:
+    stream = sys.stdout if here.client else sys.__stdout__  # ours alone: that of the console holds others' output back
+
+    def write(text: str) -> None:
+        stream.write(text)
+        stream.flush()
+
+    with (contextlib.suppress(KeyboardInterrupt), terminal.keys() as typed, held() as come_meanwhile,
+          contextlib.ExitStack() as at_end):
         if not dumb:
-            at_end.callback(_write, "\x1b[?25h")
+            at_end.callback(write, "\x1b[?25h")
         while engine.isRunning() and (screen := terminal.screen()):
             lines = [line[: screen[0] - 1] for line in frame(screen[0] - 1)][: screen[1] - 1]
             back = f"\x1b[{height}A" if height else ""
             if screen != before:
                 back = "\x1b[H\x1b[2J"  # nobody knows how the terminal has wrapped the lines from before
+            above = come_meanwhile()
             if dumb:
-                _write("\n".join([*lines, "", ""]))
+                write(above + "\n".join([*lines, "", ""]))
             else:
-                _write(f"\x1b[?25l\r{back}" + "".join(f"{line}\x1b[K\n" for line in lines) + "\x1b[J")
+                above = above and f"\x1b[J{above}"
+                write(f"\x1b[?25l\r{back}{above}" + "".join(f"{line}\x1b[K\n" for line in lines) + "\x1b[J")
             before, height = screen, len(lines)
             keys = typed(max(seconds, 2.0 * dumb))
             if keys is not None and (not keys or set(keys) & set("qQ\x03\x04")):
