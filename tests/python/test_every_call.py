@@ -4,7 +4,6 @@
 The error is a clean one, nothing stays behind, and the same call works afterwards.
 """
 
-import ctypes
 import gc
 import inspect
 import re
@@ -28,15 +27,6 @@ def with_failure(call, number):
     except BaseException as caught:
         error = caught
     return error, record._holding_lock.record_endAllocationFailure()
-
-
-def native_bytes():
-    fields = "arena", "ordblks", "smblks", "hblks", "hblkhd", "usmblks", "fsmblks", "uordblks", "fordblks", "keepcost"
-    info = type("mallinfo2", (ctypes.Structure,), {"_fields_": [(name, ctypes.c_size_t) for name in fields]})
-    mallinfo2 = ctypes.CDLL(None).mallinfo2
-    mallinfo2.restype = info
-    now = mallinfo2()
-    return now.uordblks + now.hblkhd
 
 
 class EveryCall(record.TestCase):
@@ -128,11 +118,11 @@ class EveryCall(record.TestCase):
                 call()
             for attempt in range(3):  # a table of the interpreter's may grow once
                 gc.collect()
-                blocks, native = sys.getallocatedblocks(), native_bytes()
+                blocks, native = sys.getallocatedblocks(), record.native_bytes()
                 for _ in range(ROUNDS):
                     call()
                 gc.collect()
-                grown = sys.getallocatedblocks() - blocks, native_bytes() - native
+                grown = sys.getallocatedblocks() - blocks, record.native_bytes() - native
                 if grown[0] <= ROUNDS / 10 and grown[1] <= ROUNDS * 4:
                     break
             else:
@@ -143,7 +133,7 @@ class EveryCall(record.TestCase):
     @staticmethod
     def refused(function, count):
         odd = type("Odd", (), {"__eq__": lambda self, other: 1 / 0, "__hash__": None})
-        for arguments in [odd()] * count, [odd()] * (count + 1), ["\udc80"] * count, [2**40] * min(count, 1):
+        for arguments in [odd()] * count, [odd()] * (count + 1), ["\udc80"] * count, [2**70] * min(count, 1):
             try:
                 function(*arguments)
             except Exception:

@@ -8,6 +8,7 @@
 //     t    operations are carried out by a thread that is not the process's main thread
 //     b    SIGINT and SIGURG are blocked before that
 //     g    the process is not in its terminal's foreground group
+//     d    SIGINT has its default disposition; else it is ignored, which shows whether that is put back
 //
 //     text KEY TEXT, uint KEY NUMBER, no-parameters    start parameters for what is constructed next
 //     construct, start, run, destroy, second           of the record; another record beside it
@@ -254,8 +255,7 @@ int main(int argc, char **argv) {
     }
     constructor = reinterpret_cast<Constructor>(dlsym(library, "sonetrix_engineCliCostructor"));
 
-    // Any disposition but the default shows whether it is put back.
-    std::signal(SIGINT, SIG_IGN);
+    std::signal(SIGINT, flag('d') ? SIG_DFL : SIG_IGN);
     if (const int descriptor = number(words[2]); descriptor >= 0)
         otherThreads.add([=] { obey(descriptor); });
     const auto work = [&] {

@@ -16,7 +16,6 @@ from unittest import mock
 from . import record
 from .record import Module, Value
 
-OURS = types.BuiltinFunctionType, types.MethodDescriptorType
 LISTS = "GetModulesList", "GetAllPortNames", "GetLinkPort"
 TABLES = "GetParams", "GetLastMeters", "meterInfoList", "getStartParameter", "ModuleGetStartParameter", "SetParamsFull"
 ENTRIES = {"k.a": 5, "k.b": Value(99), "k.c": ((1.5,), "afloat"), "k.d": "text"}
@@ -46,7 +45,7 @@ def functions(sonetrix):
     """(qualified name, owner, function) of all that is public, constructors left out."""
     for owner in [sonetrix, *(member for member in vars(sonetrix).values() if isinstance(member, type))]:
         for name, function in vars(owner).items():
-            if isinstance(function, OURS) and not name.startswith("__"):
+            if inspect.isroutine(function) and not name.startswith("__"):
                 yield f"{owner.__name__}.{name}".removeprefix("sonetrix."), owner, function
 
 

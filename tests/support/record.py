@@ -265,9 +265,9 @@ def fire_on(thread, kind, entries=None, times=1, wait=True):
     _library.record_fireOn(thread, kind, _list(entries), times, wait)
 
 
-def join(thread):
+def join(thread, lock_held=False):
     """Lets the engine thread of this number end, and waits for that."""
-    _library.record_join(thread)
+    (_holding_lock if lock_held else _library).record_join(thread)
 
 
 def registrations(kind):
@@ -277,6 +277,16 @@ def registrations(kind):
 def lists():
     """How many lists there are that the engine has given and not taken back."""
     return _library.record_lists()
+
+
+def native_bytes():
+    """What is allocated with malloc."""
+    fields = "arena", "ordblks", "smblks", "hblks", "hblkhd", "usmblks", "fsmblks", "uordblks", "fordblks", "keepcost"
+    info = type("mallinfo2", (ctypes.Structure,), {"_fields_": [(name, ctypes.c_size_t) for name in fields]})
+    mallinfo2 = ctypes.CDLL(None).mallinfo2
+    mallinfo2.restype = info
+    now = mallinfo2()
+    return now.uordblks + now.hblkhd
 
 
 @contextlib.contextmanager
