@@ -172,7 +172,13 @@ void record_modules(const sonetrix_module_t *const *records, size_t count) {
     scriptedModules.emplace(records, records + count);
 }
 
-void *record_listNew() { return new sonetrix_cListKeyValue; }
+// They stay to the end, as nobody says when they are done with.
+void *record_listNew() {
+    static std::mutex mutex;
+    static auto &lists = *new std::deque<sonetrix_cListKeyValue>;
+    const std::lock_guard lock(mutex);
+    return &lists.emplace_back();
+}
 void record_listAdd(void *list, const char *key, const sonetrix_value_t *value) {
     if (key) {
         static_cast<sonetrix_cListKeyValue_t *>(list)->add(key, *value);
