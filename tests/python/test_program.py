@@ -100,7 +100,7 @@ class Scripts(unittest.TestCase):
 
     def test_a_callable_that_does_not_return_is_left_behind(self):
         source = "import threading\nt = engine.addTimer(1, threading.Event().wait)\ntime.sleep(.2)\nexit(3)\nprint(flush=True)\n"
-        environment = dict(os.environ, **OUTLIVED, TSAN_OPTIONS=os.environ.get("TSAN_OPTIONS", "") + " report_thread_leaks=0")
+        environment = os.environ | OUTLIVED
         for impatient in False, True:
             with self.subTest(impatient=impatient), tempfile.TemporaryDirectory() as folder:
                 file = os.path.join(folder, "recording.wav")
@@ -167,8 +167,7 @@ class Signals(unittest.TestCase):
 
     def test_a_signal_ends_the_engine_and_the_second_the_process(self):
         source = "print(flush=True)\nwhile engine.isRunning(): time.sleep(.01)\nprint('stopped', flush=True)\n"
-        # The second signal leaves threads behind, and that is what it is for.
-        environment = dict(os.environ, TSAN_OPTIONS=os.environ.get("TSAN_OPTIONS", "") + " report_thread_leaks=0")
+        environment = os.environ | OUTLIVED  # the second signal leaves threads behind, and that is what it is for
         for number, status in (signal.SIGINT, 130), (signal.SIGTERM, 143), (signal.SIGHUP, 129):
             for stubborn in False, True:
                 with self.subTest(number, stubborn=stubborn), tempfile.TemporaryFile("w+") as script:

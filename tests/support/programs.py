@@ -7,8 +7,8 @@ import tempfile
 from . import ENGINE, TIME_LIMIT
 
 
-# The leak checker itself crashes at a thread that outlives the interpreter: for runs that leave one behind.
-OUTLIVED = {"ASAN_OPTIONS": "detect_leaks=0"}
+# For runs that leave a thread behind. The leak checker itself crashes at one that outlives the interpreter.
+OUTLIVED = {"ASAN_OPTIONS": "detect_leaks=0", "TSAN_OPTIONS": os.environ.get("TSAN_OPTIONS", "") + " report_thread_leaks=0"}
 
 
 def run(program, *arguments, text_input="", time_limit=TIME_LIMIT, environment=None, **options):
