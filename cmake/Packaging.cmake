@@ -7,7 +7,10 @@ include(CMakePackageConfigHelpers)
 set(_privateLibraries lib/sonetrix)
 
 install(TARGETS sonetrix LIBRARY DESTINATION ${_privateLibraries} COMPONENT module)
-# A package of stubs (PEP 561), which type checkers and editors find with the interpreter.
+# A package of stubs (PEP 561), which type checkers and editors find with the interpreter; in the build tree by a link.
+file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/${SONETRIX_PYTHON_PACKAGES}/sonetrix-stubs)
+file(CREATE_LINK ${CMAKE_SOURCE_DIR}/interface/sonetrix/sonetrix.pyi
+    ${CMAKE_BINARY_DIR}/${SONETRIX_PYTHON_PACKAGES}/sonetrix-stubs/__init__.pyi SYMBOLIC)
 install(FILES interface/sonetrix/sonetrix.pyi DESTINATION ${SONETRIX_PYTHON_PACKAGES}/sonetrix-stubs RENAME __init__.pyi
     COMPONENT module)
 

@@ -103,6 +103,9 @@ Conventions: the engine's text is `bytes` on the way to Python, `str` (as UTF-8;
 `OverflowError` for integers beyond 32 bits. A misspelt key is not an error: the answer is empty. The console's short words are
 another package's: [console.md](console.md).
 
+With the package `sonetrix` installed, mypy and editors know these types without settings, with the distribution's Python; with
+another one, or in a build tree, `PYTHONPATH=build/release/lib/python3/dist-packages` shows them the way.
+
 ## Which one do I want
 
 | for | take | rather than |
