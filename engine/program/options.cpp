@@ -77,7 +77,7 @@ void takeDriver(const std::string &name, Engine::Options &options) {
 
 void listDevices() {
     for (const std::string &line : soundDevices())
-        std::cout << line << '\n';
+        std::cout << line << std::endl;
     throw CLI::Success();
 }
 
