@@ -44,7 +44,6 @@ build-arm:
 	@cmake --build --preset aarch64
 
 test-arm: build-arm ## Build for 64-bit Arm and run all tests in emulation
-	@PYTHONPATH=tests python3 -m support.emulation --list
 	@ctest --preset aarch64
 
 coverage: setup ## Run all tests with the library's lines counted: build/coverage/report

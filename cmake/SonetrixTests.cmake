@@ -56,7 +56,7 @@ if(CMAKE_CROSSCOMPILING)
     endforeach()
     list(APPEND _testEnvironment SONETRIX_LAUNCHERS=${CMAKE_BINARY_DIR}/launchers)
     set(_pythonCommand ${CMAKE_CROSSCOMPILING_EMULATOR} ${SONETRIX_PYTHON_EXECUTABLE}
-        -X faulthandler -m support.emulation)
+        -X faulthandler -m unittest)
     math(EXPR SONETRIX_TEST_TIMEOUT "${SONETRIX_TEST_TIMEOUT} * 10")
 endif()
 if(SONETRIX_PYTHON_LIBRARY MATCHES "d\\.so")

@@ -106,6 +106,17 @@ print(sys.executable)
         self.assertIn((WARN, "error importing sonetrix"), report.log)
         report = host.run(*start("import builtins; builtins.globals = None"))
         self.assertIn((WARN, "problem while cleaning up CLI global variables"), report.log)
+        with tempfile.TemporaryDirectory() as folder:
+            pathlib.Path(folder, "sitecustomize.py").write_text("""
+import builtins
+real = builtins.__import__
+def no_sys(name, names=None, *rest):
+    if name == "sys" and names and names.get("__name__") == "__main__": raise ImportError
+    return real(name, names, *rest)
+builtins.__import__ = no_sys
+""")
+            report = host.run(environment={"PYTHONPATH": folder})
+            self.assertIn((WARN, "problem settings python prompt"), report.log)
         result = programs.run_engine("-c", "print(1)", environment={"PYTHONHOME": "/nonexistent"})
         self.assertEqual((result.returncode in (1, 69), result.stdout), (True, ""), result.stderr)
 

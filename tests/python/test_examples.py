@@ -8,7 +8,7 @@ import tempfile
 import unittest
 
 import support
-from support import console, programs, sound
+from support import console, in_real_time, programs, sound
 
 EXAMPLES = support.SOURCE / "examples"
 ROOT_2 = math.sqrt(2)
@@ -39,6 +39,7 @@ class Examples(unittest.TestCase):
                     self.assertAlmostEqual(measured, level / ROOT_2, delta=0.001)
                     self.assertAlmostEqual(part.frequency(channel), 440 if level else 0, delta=0.1)
 
+    @in_real_time
     def test_chain_in_real_time(self):
         recording = self.folder / "chain.wav"
         self.run_example("chain.py", options=["--record", recording, "--log-level", "error"])
@@ -115,6 +116,7 @@ gain    amp_mono
         samples = heard.channels[0]
         self.assertLess(max(abs(a - 2 * b + c) for a, b, c in zip(samples, samples[1:], samples[2:])), 0.0025)
 
+    @in_real_time
     def test_wait_for_event(self):
         tune, recording = self.folder / "in.wav", self.folder / "out.wav"
         sound.write_tone(tune, 1000, 0.5, 1.0)

@@ -58,6 +58,16 @@ class MonitorTest(record.TestCase):
             self.assertEqual(self.shown(self.sonetrix.cpu), "")
             self.assertEqual(len(print_.mock_calls), 2)
 
+    def test_the_cursor_comes_back_though_another_interrupt_strikes(self):
+        printed = []
+        def interrupted(text, **_):
+            printed.append(text)
+            if printed.count(SHOW.strip()) == 1 and text == SHOW.strip():
+                raise KeyboardInterrupt
+        with mock.patch.object(self.sonetrix, "print", interrupted, create=True):
+            self.assertRaises(KeyboardInterrupt, self.shown, self.sonetrix.cpu, rounds=[KeyboardInterrupt])
+        self.assertEqual(printed.count(SHOW.strip()), 2)
+
     def test_usage(self):
         usage = {b"idle": {"absolute": 0.0, "relative": 0.0, "processId": 1},
                  "b\xe4".encode(): {"absolute": 30.0, "relative": 60.0, "processId": 2**32 - 1},
