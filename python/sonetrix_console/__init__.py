@@ -16,12 +16,14 @@ from .helping import help
 from .paste import paste
 from .session import Session, load, reset, save
 from .views import meters, top
-from .words import Refused, connect, create, delete, disconnect, get, graph, info, plugins, put, run, state
+from .words import Refused, Unfit, Unknown
+from .words import connect, create, delete, disconnect, get, graph, info, plugins, put, run, state
 
 # And, one by one, what install() makes names of the console.
 __all__ = [
     "help", "install", "paste",
-    "Refused", "connect", "create", "delete", "disconnect", "get", "graph", "info", "plugins", "put", "run", "state",
+    "Refused", "Unfit", "Unknown",
+    "connect", "create", "delete", "disconnect", "get", "graph", "info", "plugins", "put", "run", "state",
     "Session", "load", "reset", "save",
     "after", "callbacks", "every", "on_change", "on_meters", "ramp",
     "meters", "serve", "top",
