@@ -262,13 +262,15 @@ class Devices(AudioTest):
                              JACK_DEFAULT_SERVER=f"sonetrix-{os.getpid()}")
 
     def start_server(self):
-        if shutil.which("jackd") is None:
-            print("\ntest_engine_audio: no jackd here: the sound device is NOT tested against its dummy driver", flush=True)
-            self.skipTest("no jackd")
+        missing = "no jackd" if shutil.which("jackd") is None else ""
+        missing = "JACK's library ends the process under it" if support.SANITIZER == "thread" else missing
+        if missing:
+            print(f"\nthe sound device is NOT tested against JACK's dummy driver here: {missing}", flush=True)
+            self.skipTest(missing)
         server = subprocess.Popen(["jackd", "--no-realtime", "-S", "-n", os.environ["JACK_DEFAULT_SERVER"], "-d", "dummy",
                                    "-r", "48000", "-p", "256"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.addCleanup(server.wait)
-        self.addCleanup(server.kill)
+        self.addCleanup(server.terminate)  # a server that is killed keeps one of JACK's eight places
         subprocess.run(["jack_wait", "-w", "-t", "20"], capture_output=True, check=True)
         return server
 
@@ -296,7 +298,7 @@ assert 0 < engine.getParam("engine.device.latency.playback").toDict()[b"engine.d
 
         heard = self.record(SESSION + f"""
 time.sleep(0.3)
-os.kill({server.pid}, signal.SIGKILL)
+os.kill({server.pid}, signal.SIGTERM)
 wait_for(lambda: engine.getDriverName() == "clock")
 time.sleep(0.3)
 """, "--driver", "device:system", log=re.compile('.*ERROR engine: the sound device "JACK Audio Connection Kit: system" is gone: '
