@@ -11,6 +11,7 @@ def table():
     """Names come from the engine as bytes."""
     for module in engine.getModuleInfos():
         plugin = module["param"].pop(module["name"] + b".plugin", b"driver")
+        assert isinstance(plugin, bytes)
         yield module["name"].decode(), plugin.decode(), ""
         for key, value in module["param"].items():
             yield "", "parameter", f"{key.decode()} = {value!r}"

@@ -93,7 +93,8 @@ class Connection:
 
     def receive(self) -> dict[str, Any]:
         while b"\n" not in self._received:
-            ready, _, _ = select.select([self._socket, *([0] if self._typed else [])], [], [])
+            watched: list[socket.socket | int] = [self._socket, *([0] if self._typed else [])]
+            ready, _, _ = select.select(watched, [], [])
             if self._typed and 0 in ready:
                 self._press(self._typed(0) or "")
             if self._socket in ready:

@@ -22,7 +22,8 @@ class ReadmeSession(unittest.TestCase):
         with tempfile.TemporaryDirectory() as folder, Console(cwd=folder) as console:
             for line, shown in lines[:-1]:
                 with self.subTest(line):
-                    self.assertEqual(console.ask(line), shown)
+                    answer = re.sub(r'"__engine__-\d+"', '"__engine__"', console.ask(line))  # from 3.14 on numbered
+                    self.assertEqual(answer, shown)
             console.prompt()
             self.assertEqual(console.end(lines[-1][0]), 3)
 
