@@ -87,7 +87,7 @@ endfunction()
 _manual(development sonetrix-check-engine "checks an engine against the SoneTrix scripting layer's contract"
     ${CMAKE_SOURCE_DIR}/tools/sonetrix-check-engine)
 _manual(module sonetrix-ctl "works in a SoneTrix engine that is running"
-    ${CMAKE_SOURCE_DIR}/python/sonetrix_console/ctl.py)
+    ${CMAKE_BINARY_DIR}/bin/sonetrix-ctl)
 if(TARGET sonetrix_engine)
     _manual(engine sonetrix-engine "the SoneTrix development engine and its Python console"
         ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:sonetrix-engine>)
