@@ -8,7 +8,7 @@ namespace sonetrix {
 
 namespace {
 
-Name cpuInfoName("cpuInfo");
+InternedString cpuInfoName("cpuInfo");
 
 constexpr double measurementAllowance = 0.00017; // seconds
 constexpr double millisecond = 0.001;
@@ -30,15 +30,14 @@ std::array<Ref, 6> cpuFigures() {
     return figures;
 }
 
-// Keeps the higher of the two.
-void hold(Ref &held, const Ref &current) {
+void keepHigher(Ref &held, const Ref &current) {
     if (checked(PyObject_RichCompareBool(current.get(), held.get(), Py_GT)) != 0) {
         held = current;
     }
 }
 
 Ref cpu(Arguments arguments) {
-    const bool holding = checked(PyObject_IsTrue(arguments.get(0, Py_False))) != 0;
+    PyObject *hold = arguments.get(0, Py_False);
     HiddenCursor cursor;
     Ref meanHeld = checked(PyLong_FromLong(0));
     Ref peakHeld = meanHeld;
@@ -46,9 +45,10 @@ Ref cpu(Arguments arguments) {
         const auto [mean, peakMean, timeUsage, timeUsagePeak, maxCpuTime, maxCpuTimeErr] = cpuFigures();
         const double longest = toDouble(maxCpuTime.get());
         const double error = longest > 0 ? measurementAllowance / longest * 100 : 0;
+        const bool holding = checked(PyObject_IsTrue(hold)) != 0;
         if (holding) {
-            hold(meanHeld, mean);
-            hold(peakHeld, peakMean);
+            keepHigher(meanHeld, mean);
+            keepHigher(peakHeld, peakMean);
         }
         const auto milliseconds = [](const Ref &seconds) {
             return formatted(toDouble(seconds.get()) / millisecond, "9.4f");

@@ -18,7 +18,7 @@ void addEngine(PyObject *module) {
         addStaticFunctions(type.get(), functions);
     }
     checked(PyModule_AddType(module, asType(type)));
-    state().engineClass = std::move(type);
+    hold(Held::engineClass, std::move(type));
 }
 
 } // namespace sonetrix

@@ -13,12 +13,8 @@ extern const std::span<const Method> engineGraphFunctions;     // engine_graph.c
 extern const std::span<const Method> engineTimerFunctions;     // timeout.cpp
 
 // Calls of `engine`'s own functions as Python code would make them, looked up on the class each time.
-template <class... Args> Ref callEngine(const Name &name, Args *...args) {
-    PyObject *engineClass = state().engineClass.get();
-    if (engineClass == nullptr) {
-        raiseModuleGone();
-    }
-    return callMethod(engineClass, name, args...);
+template <class... Args> Ref callEngine(const InternedString &name, Args *...args) {
+    return callMethod(held(Held::engineClass), name, args...);
 }
 
 } // namespace sonetrix

@@ -2,7 +2,7 @@
 
 #include "engine.h"
 #include "info_keys.h"
-#include "python/version.h"
+#include "python/gil.h"
 
 #include <algorithm>
 #include <string>
@@ -11,19 +11,20 @@ namespace sonetrix {
 
 namespace {
 
-Name hasDriverName("hasDriver");
-Name getModuleInfosName("getModuleInfos");
-Name writeLinesName("_writeLinesWithHeader");
-Name openName("open");
-Name writeName("write");
-Name closeName("close");
-Name decodeName("decode");
-Name basenameName("basename");
-Name pathName("path");
-Name utf8Name("utf-8");
-Name writeModeName("w");
-Name newlineName("\n");
-Name indentName("  ");
+InternedString hasDriverName("hasDriver");
+InternedString getModuleInfosName("getModuleInfos");
+InternedString writeLinesName("_writeLinesWithHeader");
+InternedString openName("open");
+InternedString writeName("write");
+InternedString enterName("__enter__");
+InternedString exitName("__exit__");
+InternedString decodeName("decode");
+InternedString basenameName("basename");
+InternedString pathName("path");
+InternedString utf8Name("utf-8");
+InternedString writeModeName("w");
+InternedString newlineName("\n");
+InternedString indentName("  ");
 
 // ------------------------------------------------------------------------------------------------------- templates
 
@@ -71,31 +72,30 @@ constexpr const char *driverColour = "#aaffff";
 
 // --------------------------------------------------------------------------------------------------------- writing
 
-// A text file that is closed whatever happens.
-class TextFile {
-public:
-    explicit TextFile(PyObject *filename) : file_(call(moduleGlobal(openName).get(), filename, writeModeName.get())) {}
-    ~TextFile() {
-        if (!file_) {
-            return;
+// with open(filename, "w") as file: body(file)
+template <class Body> void withOpenFile(PyObject *filename, Body &&body) {
+    Ref manager = call(moduleGlobal(openName).get(), filename, writeModeName.get());
+    const auto exit = [&manager](PyObject *type, PyObject *exception, PyObject *traceback) {
+        return callMethod(manager.get(), exitName, type, exception, traceback);
+    };
+    Ref file = callMethod(manager.get(), enterName);
+    try {
+        body(file.get());
+    } catch (...) {
+        translateException();
+        Ref raised = Ref::steal(PyErr_GetRaisedException());
+        Ref traceback = Ref::steal(PyException_GetTraceback(raised.get()));
+        const HandledException handled(raised.get());
+        Ref swallowed = exit(
+            reinterpret_cast<PyObject *>(Py_TYPE(raised.get())), raised.get(), traceback ? traceback.get() : Py_None);
+        if (checked(PyObject_IsTrue(swallowed.get())) == 0) {
+            PyErr_SetRaisedException(raised.release());
+            throw PythonError();
         }
-        Ref raised = version::takeRaised();
-        Ref::steal(PyObject_CallMethodNoArgs(file_.get(), closeName.get()));
-        PyErr_Clear(); // the exception on its way is the one that matters
-        version::setRaised(std::move(raised));
+        return;
     }
-    TextFile(const TextFile &) = delete;
-    TextFile &operator=(const TextFile &) = delete;
-
-    PyObject *get() const noexcept { return file_.get(); }
-    void close() {
-        const Ref file = std::move(file_);
-        callMethod(file.get(), closeName);
-    }
-
-private:
-    Ref file_;
-};
+    exit(Py_None, Py_None, Py_None);
+}
 
 Ref writeLinesWithHeader(Arguments arguments) {
     PyObject *file = arguments[0];
@@ -120,12 +120,9 @@ public:
     explicit GraphWriter(PyObject *file) : file_(file), ports_(checked(PyDict_New())) {}
 
     void write(PyObject *infos) {
-        const Py_ssize_t count = PySequence_Size(infos);
-        if (count < 0) {
-            throw PythonError();
-        }
         line(fileHeader);
         ++depth_;
+        const Py_ssize_t count = checked(PySequence_Size(infos));
         for (Py_ssize_t index = 0; index < count; ++index) {
             writeModule(checked(PySequence_GetItem(infos, index)).get(), index);
         }
@@ -156,15 +153,11 @@ private:
         callEngine(writeLinesName, file_, text.get(), depth.get());
     }
 
-    static bool has(PyObject *dict, const Name &key) { return checked(PySequence_Contains(dict, key.get())) != 0; }
-    static Ref decoded(const Ref &bytes) { return callMethod(bytes.get(), decodeName, utf8Name.get()); }
-    static Py_ssize_t size(const Ref &sequence) {
-        const Py_ssize_t count = PySequence_Size(sequence.get());
-        if (count < 0) {
-            throw PythonError();
-        }
-        return count;
+    static bool has(PyObject *dict, const InternedString &key) {
+        return checked(PySequence_Contains(dict, key.get())) != 0;
     }
+    static Ref decoded(const Ref &bytes) { return callMethod(bytes.get(), decodeName, utf8Name.get()); }
+    static Py_ssize_t size(const Ref &sequence) { return checked(PySequence_Size(sequence.get())); }
 
     static bool isDriver(PyObject *info) {
         Ref driverType = checked(PyLong_FromLong(0));
@@ -295,9 +288,7 @@ Ref dot(Arguments arguments) {
         raisePlain("dot is supported only if a driver is loaded");
     }
     const Ref infos = callEngine(getModuleInfosName);
-    TextFile file(filename);
-    GraphWriter(file.get()).write(infos.get());
-    file.close();
+    withOpenFile(filename, [&infos](PyObject *file) { GraphWriter(file).write(infos.get()); });
     return none();
 }
 

@@ -13,9 +13,9 @@ namespace sonetrix {
 
 namespace {
 
-Name typeNameInt("int");
-Name typeNameUInt("uint");
-Name emptyName("");
+InternedString typeNameInt("int");
+InternedString typeNameUInt("uint");
+InternedString emptyName("");
 
 // The engine's read function, while this library is the engine's meter manager.
 std::atomic<sonetrix_readMeters_t> readMeters = nullptr;
@@ -104,7 +104,7 @@ Ref delDebugMeter(Arguments arguments) {
 
 // The entries of a list whose key begins with the prefix, as a new listKeyValue.
 Ref filteredByPrefix(const Ref &meters, std::string_view prefix) {
-    Ref dict = toDictType(ListKeyValue::of(meters).list);
+    Ref dict = toDictType(ListKeyValue::of(meters).list.get());
     Ref kept = checked(PyDict_New());
     Py_ssize_t position = 0;
     PyObject *key = nullptr;

@@ -5,7 +5,7 @@
 #include "list_key_value.h"
 #include "list_value.h"
 #include "log.h"
-#include "python/gil.h"
+#include "python/interpreter_guard.h"
 
 #include <cstring>
 #include <string>
@@ -17,11 +17,13 @@ namespace {
 // ------------------------------------------------------------------------------------------------- module iteration
 
 // What the engine's iteration hands to the callbacks is a Python list. They run with the interpreter lock released, so
-// each takes it for itself; whatever goes wrong stays in the callback.
+// each takes it for itself; whatever goes wrong stays in the callback. A thread that finalisation would hang here would
+// hold the engine's own locks, hence the entry that may be refused.
 template <class Body> std::int32_t inModuleCallback(void *user, Body &&body) noexcept {
-    const GilHeld held;
-    const Ref list = Ref::borrow(static_cast<PyObject *>(user));
-    body(list.get());
+    if (const EngineThreadEntry entry(EngineThreadEntry::LockOrder::ignore); entry) {
+        const Ref list = Ref::borrow(static_cast<PyObject *>(user));
+        body(list.get());
+    }
     return 0;
 }
 
@@ -78,7 +80,7 @@ std::int32_t addName(const sonetrix_module_t *module, void *user) {
 
 // -------------------------------------------------------------------------------------------- information records
 
-void set(const Ref &dict, const Name &key, const Ref &value) {
+void set(const Ref &dict, const InternedString &key, const Ref &value) {
     checked(PyDict_SetItem(dict.get(), key.get(), value.get()));
 }
 
@@ -113,7 +115,7 @@ Ref sinkRecords(const sonetrix_module_t &module) {
 // The dict of a list that the engine handed over; an empty one for null.
 Ref takeToDict(sonetrix_cListKeyValue_t *list) {
     const Ref owner = ListKeyValue::initOrEmpty(list);
-    return toDict(ListKeyValue::of(owner).list);
+    return toDict(ListKeyValue::of(owner).list.get());
 }
 
 void setStartParameters(const Ref &record, const sonetrix_module_t &module) {
@@ -196,7 +198,7 @@ Ref newModule(Arguments arguments) {
     if (arguments[2] == Py_None) {
         return create(nullptr);
     }
-    const Loan info(ListKeyValue::require("info", arguments[2]));
+    const auto info = ListKeyValue::require("info", arguments[2]).list;
     return create(info.get());
 }
 

@@ -9,8 +9,8 @@ namespace sonetrix {
 
 namespace {
 
-Name getParamsName("getParams");
-Name toListTypeName("toListType");
+InternedString getParamsName("getParams");
+InternedString toListTypeName("toListType");
 
 // The keys of getParam's argument, as a listValue.
 Ref toKeyList(PyObject *keys) {
@@ -47,28 +47,12 @@ Ref getParam(Arguments arguments) {
     return callEngine(getParamsName, keys.get());
 }
 
-bool holdsOnlyStrings(sonetrix_cListValue_t *keys) {
-    bool onlyStrings = true;
-    sonetrix_valueListForEach(
-        keys,
-        [](const sonetrix_value_t *value, void *result) {
-            *static_cast<bool *>(result) &= value->type == SONETRIX_VALUE_STRING;
-            return 0;
-        },
-        &onlyStrings);
-    return onlyStrings;
-}
-
 // Refuses keys whose toListType() shows anything but strings; None has no such method.
 void requireStrings(PyObject *keys) {
-    if (ListValue::hasOriginalMethods(keys)) {
-        sonetrix_cListValue_t *list = ListValue::of(keys).list;
-        if (list == nullptr || holdsOnlyStrings(list)) {
-            return;
-        }
-    }
+    Ref elements =
+        ListValue::hasOriginalMethods(keys) ? toTypedList(ListValue::of(keys)) : callMethod(keys, toListTypeName);
     Ref second = checked(PyLong_FromLong(1));
-    Ref iterator = checked(PyObject_GetIter(callMethod(keys, toListTypeName).get()));
+    Ref iterator = checked(PyObject_GetIter(elements.get()));
     while (Ref element = Ref::steal(PyIter_Next(iterator.get()))) {
         Ref type = checked(PyObject_GetItem(element.get(), second.get()));
         if (checked(PyObject_RichCompareBool(type.get(), names::string.get(), Py_NE)) != 0) {
@@ -86,22 +70,20 @@ Ref getParams(Arguments arguments) {
     }
     sonetrix_engine_t *engine = requireEngine();
     requireStrings(arguments[0]);
-    ListValue &keys = ListValue::of(arguments[0]);
-    if (keys.list == nullptr) {
+    const auto keys = ListValue::of(arguments[0]).list;
+    if (keys == nullptr) {
         return ListKeyValue::newEmpty();
     }
-    const Loan loan(keys);
-    return ListKeyValue::initOrEmpty(unlocked([&] { return sonetrix_engine_GetParams(engine, loan.get()); }));
+    return ListKeyValue::initOrEmpty(unlocked([&] { return sonetrix_engine_GetParams(engine, keys.get()); }));
 }
 
 template <auto setParameters> Ref setParams(Arguments arguments) {
-    ListKeyValue &parameters = ListKeyValue::require("k", arguments[0]);
+    const auto parameters = ListKeyValue::require("k", arguments[0]).list;
     sonetrix_engine_t *engine = requireEngine();
     Ref written = ListKeyValue::newEmpty();
-    if (parameters.list != nullptr) {
+    if (parameters != nullptr) {
         sonetrix_cListKeyValue_t *list = ListKeyValue::of(written).writable();
-        const Loan loan(parameters);
-        unlocked([&] { setParameters(engine, loan.get(), list); });
+        unlocked([&] { setParameters(engine, parameters.get(), list); });
     }
     return written;
 }

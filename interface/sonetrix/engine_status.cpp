@@ -35,8 +35,7 @@ Ref param() {
     sonetrix_engine_t *engine = requireEngine();
     sonetrix_cListKeyValue_t *parameters = unlocked([&] { return sonetrix_engine_getStartParameter(engine); });
     // The engine keeps its list: the script gets a copy.
-    return parameters == nullptr ? ListKeyValue::newEmpty()
-                                 : ListKeyValue::init(sonetrix_keyValueListDeepCopy(parameters));
+    return parameters == nullptr ? ListKeyValue::newEmpty() : borrowedDup(parameters);
 }
 
 Ref isRunning() {

@@ -8,17 +8,19 @@ namespace sonetrix {
 
 namespace {
 
-Name appendName("append");
-Name filterName("filter");
-Name itemsName("items");
+InternedString appendName("append");
+InternedString filterName("filter");
+InternedString itemsName("items");
+InternedString toDictName("toDict");
+InternedString dupName("dup");
 
 // ------------------------------------------------------------------------------------------------------- writing
 
 class KeyValueTarget {
 public:
     // Unlike a value list's, whose names are "int32" and "uint32".
-    static inline const Name &int32ArrayName = names::intArray;
-    static inline const Name &uint32ArrayName = names::uintArray;
+    static inline const InternedString &int32ArrayName = names::intArray;
+    static inline const InternedString &uint32ArrayName = names::uintArray;
     static constexpr bool storesUInt32Arrays = true;
     static constexpr bool charPointerIsString = true;
     static constexpr const char *appendTupleName = "sonetrix.listKeyValue.appendTuple";
@@ -141,15 +143,15 @@ Ref appendFromDict(ListKeyValue &list, Arguments arguments) {
 // The array types of typed dicts, and the selectors that their values are appended with. The integer ones are not
 // append()'s own selectors for arrays, so that such entries are refused there.
 struct ArrayType {
-    Name name;
-    const Name &selector;
+    InternedString name;
+    const InternedString &selector;
     const char *notATuple;
 };
 
 const ArrayType arrayTypes[] = {
-    {Name("afloat"), names::float32, "afloat as to contain a tuple"},
-    {Name("aint32"), names::int32, "aint32 as to contain a tuple"},
-    {Name("auint32"), names::uint32, "auint32 as to contain a tuple"},
+    {InternedString("afloat"), names::float32, "afloat as to contain a tuple"},
+    {InternedString("aint32"), names::int32, "aint32 as to contain a tuple"},
+    {InternedString("auint32"), names::uint32, "auint32 as to contain a tuple"},
 };
 
 void appendTyped(ListKeyValue &list, PyObject *key, PyObject *pair) {
@@ -208,6 +210,15 @@ Ref read(sonetrix_cListKeyValue_t *list, sonetrix_keyValueCallback_t callback) {
     return reading.takeDict();
 }
 
+// Calls a method of a temporary object that has the engine's list, which stays the engine's.
+Ref callOnBorrowed(sonetrix_cListKeyValue_t *list, const InternedString &method) {
+    Ref object = ListKeyValue::newEmpty();
+    ListKeyValue::of(object).list = {list, [](sonetrix_cListKeyValue_t *) {}};
+    const auto detach = [](ListKeyValue *wrapper) { wrapper->list.reset(); };
+    const std::unique_ptr<ListKeyValue, decltype(detach)> borrower(&ListKeyValue::of(object), detach);
+    return callMethod(object.get(), method);
+}
+
 // dict(filter(callable, dict.items()))
 Ref filtered(Ref dict, PyObject *callable) {
     if (callable == Py_None) {
@@ -218,9 +229,13 @@ Ref filtered(Ref dict, PyObject *callable) {
     return call(reinterpret_cast<PyObject *>(&PyDict_Type), kept.get());
 }
 
-template <auto callback> Ref readObject(ListKeyValue &list, Arguments arguments) {
-    const Loan loan(list);
-    return filtered(read(loan.get(), callback), arguments.get(0, Py_None));
+template <auto callback> Ref readObject(ListKeyValue &object, Arguments arguments) {
+    Ref dict;
+    {
+        const auto list = object.list; // shared until it is read, not while the callable runs
+        dict = read(list.get(), callback);
+    }
+    return filtered(std::move(dict), arguments.get(0, Py_None));
 }
 
 constexpr Method methods[] = {
@@ -272,12 +287,21 @@ Ref toDict(sonetrix_cListKeyValue_t *list) { return read(list, readPlain); }
 
 Ref toDictType(sonetrix_cListKeyValue_t *list) { return read(list, readTyped); }
 
+Ref borrowedToDict(sonetrix_cListKeyValue_t *list) {
+    return ListKeyValue::isOriginalClass() ? toDict(list) : callOnBorrowed(list, toDictName);
+}
+
+Ref borrowedDup(sonetrix_cListKeyValue_t *list) {
+    return ListKeyValue::isOriginalClass() ? ListKeyValue::init(sonetrix_keyValueListDeepCopy(list))
+                                           : callOnBorrowed(list, dupName);
+}
+
 void appendFromTypedDict(ListKeyValue &target, PyObject *dict) {
     forEachItem(dict, [&](PyObject *key, PyObject *pair) { appendTyped(target, key, pair); });
 }
 
 void addListKeyValue(PyObject *module) {
-    state().listKeyValueClass = ListKeyValue::addClass(module,
+    ListKeyValue::addClass(module,
         "listKeyValue()\n--\n\n"
         "Utility class to wrap the C structure \"sonetrix_cListKeyValue_t\" from SoneTrix in Python.",
         methods);

@@ -14,7 +14,7 @@ struct KeyValueListTraits {
     static constexpr const char *equalName = "sonetrix.listKeyValue.__eq__";
     static constexpr const char *unequalName = "sonetrix.listKeyValue.__ne__";
     static constexpr const char *nullMessage = "listkey cannot be NULL on init";
-    static const Ref &pythonClass() noexcept { return state().listKeyValueClass; }
+    static constexpr Held pythonClass = Held::listKeyValueClass;
 };
 
 // The Python class `listKeyValue`.
@@ -23,6 +23,9 @@ using ListKeyValue = ListObject<KeyValueListTraits>;
 // An engine key/value list as a Python dict: what toDict() and toDictType() give. The engine keeps the list.
 Ref toDict(sonetrix_cListKeyValue_t *list);
 Ref toDictType(sonetrix_cListKeyValue_t *list);
+// toDict() and dup() of a list that the engine lends, by the class's own methods if a script has replaced them.
+Ref borrowedToDict(sonetrix_cListKeyValue_t *list);
+Ref borrowedDup(sonetrix_cListKeyValue_t *list);
 
 // Appends all entries of a dict of (value, type name) pairs.
 void appendFromTypedDict(ListKeyValue &target, PyObject *dict);

@@ -10,8 +10,8 @@ namespace {
 
 class ValueTarget {
 public:
-    static inline const Name &int32ArrayName = names::int32;
-    static inline const Name &uint32ArrayName = names::uint32;
+    static inline const InternedString &int32ArrayName = names::int32;
+    static inline const InternedString &uint32ArrayName = names::uint32;
     static constexpr bool storesUInt32Arrays = false;
     static constexpr bool charPointerIsString = false;
     static constexpr const char *appendTupleName = "sonetrix.listValue.appendTuple";
@@ -75,9 +75,9 @@ Ref read(sonetrix_cListValue_t *list, sonetrix_valueCallback_t callback) {
     return reading.takeList();
 }
 
-template <auto callback> Ref readObject(ListValue &self) {
-    const Loan loan(self);
-    return read(loan.get(), callback);
+template <auto callback> Ref readObject(ListValue &object) {
+    const auto list = object.list;
+    return read(list.get(), callback);
 }
 
 constexpr Method methods[] = {
@@ -114,6 +114,8 @@ void appendElement(ListValue &list, PyObject *value, PyObject *selector) {
     appendValue(ValueTarget(list), value, Selector(selector));
 }
 
+Ref toTypedList(ListValue &list) { return readObject<readTyped>(list); }
+
 Ref takeToList(sonetrix_cListValue_t *list) {
     if (list == nullptr) {
         return checked(PyList_New(0));
@@ -123,7 +125,7 @@ Ref takeToList(sonetrix_cListValue_t *list) {
 }
 
 void addListValue(PyObject *module) {
-    state().listValueClass = ListValue::addClass(module,
+    ListValue::addClass(module,
         "listValue()\n--\n\n"
         "Utility class to wrap the C structure \"sonetrix_cListValue_t\" from SoneTrix in Python.",
         methods);

@@ -14,7 +14,7 @@ struct ValueListTraits {
     static constexpr const char *equalName = "sonetrix.listValue.__eq__";
     static constexpr const char *unequalName = "sonetrix.listValue.__ne__";
     static constexpr const char *nullMessage = "listvalue cannot be NULL on init";
-    static const Ref &pythonClass() noexcept { return state().listValueClass; }
+    static constexpr Held pythonClass = Held::listValueClass;
 };
 
 // The Python class `listValue`.
@@ -22,6 +22,9 @@ using ListValue = ListObject<ValueListTraits>;
 
 // What list.append(value, selector) does.
 void appendElement(ListValue &list, PyObject *value, PyObject *selector);
+
+// What list.toListType() gives.
+Ref toTypedList(ListValue &list);
 
 // The Python list of a list that the engine handed over, which is destroyed; an empty one for null.
 Ref takeToList(sonetrix_cListValue_t *list);

@@ -4,17 +4,16 @@
 
 #include "python/gil.h"
 #include "python/types.h"
-#include "python/version.h"
 
 namespace sonetrix {
 
 namespace {
 
-Name logName("log");
-Name logbName("logb");
-Name warnName("warn");
-Name tracebackName("traceback");
-Name formatExcName("format_exc");
+InternedString logName("log");
+InternedString logbName("logb");
+InternedString warnName("warn");
+InternedString tracebackName("traceback");
+InternedString formatExcName("format_exc");
 
 constexpr const char *levelType = "enum sonetrix_log_level";
 
@@ -63,38 +62,26 @@ Ref log(Arguments arguments) {
 // look-ups would find is known.
 struct Level {
     const char *function;
-    Name constant;
+    InternedString constant;
     sonetrix_log_level_t value;
 };
 
 const Level levels[] = {
-    {"trace", Name("TRACE"), SONETRIX_LOG_TRACE},
-    {"debug", Name("DEBUG"), SONETRIX_LOG_DEBUG},
-    {"info", Name("INFO"), SONETRIX_LOG_INFO},
-    {"warn", Name("WARN"), SONETRIX_LOG_WARN},
-    {"error", Name("ERROR"), SONETRIX_LOG_ERROR},
-    {"fatal", Name("FATAL"), SONETRIX_LOG_FATAL},
+    {"trace", InternedString("TRACE"), SONETRIX_LOG_TRACE},
+    {"debug", InternedString("DEBUG"), SONETRIX_LOG_DEBUG},
+    {"info", InternedString("INFO"), SONETRIX_LOG_INFO},
+    {"warn", InternedString("WARN"), SONETRIX_LOG_WARN},
+    {"error", InternedString("ERROR"), SONETRIX_LOG_ERROR},
+    {"fatal", InternedString("FATAL"), SONETRIX_LOG_FATAL},
 };
 
 OriginalClass originalClass;
-// A version of the module's namespace in which `log` was that class; 0 when unknown.
-std::uint64_t originalNamespace = 0;
 
 // Whether `log` in the module is known to be the class as it was made.
-bool nothingReplaced() noexcept {
-    const ModuleState &known = state();
-    if (!known.logClass) {
-        return false; // the module is going, or gone
-    }
-    const std::uint64_t current = version::dictVersion(known.moduleNames);
-    if (current == 0 || current != originalNamespace) [[unlikely]] {
-        if (PyDict_GetItemWithError(known.moduleNames, logName.get()) != known.logClass.get()) {
-            PyErr_Clear();
-            return false;
-        }
-        originalNamespace = current;
-    }
-    return originalClass.isUnchanged(asType(known.logClass));
+bool nothingReplaced() {
+    PyObject *logClass = held(Held::logClass);
+    return PyDict_GetItemWithError(moduleNames(), logName.get()) == logClass &&
+           originalClass.isUnchanged(reinterpret_cast<PyTypeObject *>(logClass));
 }
 
 template <std::size_t index> Ref logAtLevel(Arguments arguments) {
@@ -127,7 +114,7 @@ template <auto set> Ref setTarget(Arguments arguments) {
 }
 
 Ref logTime(Arguments arguments) {
-    const std::int32_t on = toInt32(arguments[0], "int");
+    const std::int32_t on = toInt32FromIndex(arguments[0], "int");
     unlocked([&] {
         sonetrix_log_time(on);
         sonetrix_log_file_time(on);
@@ -136,7 +123,7 @@ Ref logTime(Arguments arguments) {
 }
 
 Ref logOnFile(Arguments arguments) {
-    const std::int32_t timeOn = arguments[1] == nullptr ? -1 : toInt32(arguments[1], "int");
+    const std::int32_t timeOn = arguments[1] == nullptr ? -1 : toInt32FromIndex(arguments[1], "int");
     const EngineText path = EngineText::fromName(arguments[0]);
     if (!path) {
         raisePlain("filename type not supported");
@@ -159,7 +146,8 @@ constexpr const char *setLevelDoc =
     "- level: the new threshold; messages below it are not written";
 
 constexpr Method functions[] = {
-    {"getLevel", "() -> sonetrix_log_level_t", getLevelDoc, function<getLevel<sonetrix_log_GetLogLevel>>},
+    {"getLevel", "() -> sonetrix_log_level_t", getLevelDoc, function<getLevel<sonetrix_log_GetLogLevel>>,
+        Annotations::yes},
     {"setLevel", "(level: int)", setLevelDoc, function<setLevel<sonetrix_log_SetLogLevel>>},
     {"logb", "(level: int, message: bytes)",
         "Logs a string with the provided log level.\n\n"
@@ -194,7 +182,8 @@ constexpr Method functions[] = {
         "Enables or disable writing logs to the journald.\n\n"
         "- on: a boolean to indicate if the syslog must be activated or deactivated",
         function<setTarget<sonetrix_log_journald>>},
-    {"getLevelJournal", "() -> sonetrix_log_level_t", getLevelDoc, function<getLevel<sonetrix_log_GetLogLevelJournal>>},
+    {"getLevelJournal", "() -> sonetrix_log_level_t", getLevelDoc, function<getLevel<sonetrix_log_GetLogLevelJournal>>,
+        Annotations::yes},
     {"setLevelJournal", "(level: int)", setLevelDoc, function<setLevel<sonetrix_log_SetLogLevelJournal>>},
 };
 
@@ -204,13 +193,13 @@ void logFromBridge(sonetrix_log_level_t level, const char *message) { logText(le
 
 void warnWithTraceback(const char *prefix) {
     // traceback.format_exc() formats the exception that is being handled, so this one has to be that for a moment.
-    Ref exception = version::takeRaised();
-    Ref traceback = moduleGlobal(tracebackName);
-    Ref outer = Ref::steal(PyErr_GetHandledException());
-    PyErr_SetHandledException(exception.get());
-    Ref text = Ref::steal(PyObject_CallMethodNoArgs(traceback.get(), formatExcName.get()));
-    PyErr_SetHandledException(outer.get());
-    Ref message = checked(PyUnicode_FromFormat("%s%S", prefix, checked(text.release()).get()));
+    Ref exception = Ref::steal(PyErr_GetRaisedException());
+    Ref text;
+    {
+        const HandledException handled(exception.get());
+        text = callMethod(moduleGlobal(tracebackName).get(), formatExcName);
+    }
+    Ref message = checked(PyUnicode_FromFormat("%s%S", prefix, text.get()));
     callMethod(moduleGlobal(logName).get(), warnName, message.get());
 }
 
@@ -226,7 +215,7 @@ void addLog(PyObject *module) {
     addStaticFunctions(logClass.get(), functions);
     bindInModule(module, "log", logClass);
     originalClass.remember(asType(logClass));
-    state().logClass = std::move(logClass);
+    hold(Held::logClass, std::move(logClass));
 }
 
 } // namespace sonetrix

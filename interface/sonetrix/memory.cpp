@@ -8,7 +8,7 @@ namespace sonetrix {
 
 namespace {
 
-Name printName("print");
+InternedString printName("print");
 
 Ref inspect() {
     // Flushed: the engine prints past Python's buffer.

@@ -2,31 +2,25 @@
 
 #include "module.h"
 
-#include "callback_bridge.h"
-#include "clear.h"
 #include "engine_check.h"
 #include "module_init.h"
-#include "python/gil.h"
-#include "python/version.h"
-
-#include <new>
-#include <utility>
+#include "python/interpreter_guard.h"
+#include "registration.h"
+#include "shutdown.h"
 
 namespace sonetrix {
 
 namespace {
 
-ModuleState *theState = nullptr;
-ModuleState noState;
 bool importing = false;
-bool imported = false; // once and for all: the gate does not open again
+bool imported = false; // once and for all: the interpreter guard does not open again
 
-Name logName("log");
-Name debugName("debug");
-Name errorName("error");
-Name nameName("__name__");
-Name ctypesName("ctypes");
-Name initEngineName("initEngine");
+InternedString logName("log");
+InternedString debugName("debug");
+InternedString errorName("error");
+InternedString nameName("__name__");
+InternedString ctypesName("ctypes");
+InternedString initEngineName("initEngine");
 
 // exit(exitcode=None)
 Ref exitEngine(Arguments arguments) {
@@ -47,7 +41,7 @@ Ref addClearCallback(Arguments arguments) {
     if (PyCallable_Check(arguments[0]) == 0) {
         raise(PyExc_ValueError);
     }
-    checked(PyList_Append(state().clearCallbacks.get(), arguments[0]));
+    checked(PyList_Append(held(Held::clearCallbacks), arguments[0]));
     return none();
 }
 
@@ -57,7 +51,7 @@ constexpr Method functions[] = {
         "- exitcode: the exit code that the engine's process ends with; None leaves it as it is, and anything that is\n"
         "  neither None nor an int counts as 1. OverflowError beyond a signed 32-bit integer.\n"
         "Does nothing when the process has no engine.",
-        function<exitEngine>},
+        function<exitEngine>, Annotations::yes},
     {"add_clear_callback", "(callback)",
         "Registers a callable to be called without arguments when the console is cleaned up.\n\n"
         "Callbacks run in the order of their registration, once for each registration. An exception that one raises "
@@ -84,23 +78,39 @@ void importStandardModules(PyObject *module) {
     for (const char *name : {"time", "math", "ctypes", "traceback"}) {
         importAs(module, name);
     }
-    state().ctypes = moduleGlobal(ctypesName);
+    hold(Held::ctypes, moduleGlobal(ctypesName));
     Ref inspect = checked(PyImport_ImportModule("inspect"));
     bindInModule(module, "signature", checked(PyObject_GetAttrString(inspect.get(), "signature")));
     importAs(module, "typing");
     importAs(module, "os");
 }
 
-// An interpreter that embeds no console of ours takes its leave here, at its exit handlers. It goes on to its end even
-// when a thread does not come out in time.
+// For an interpreter that embeds no console of ours; the console ends the library before its exit handlers have run.
 Ref endAtExit() {
-    closeLibrary();
+    shutDown(nullptr);
     return none();
 }
 
-constexpr Method atExitFunction = {"close_library", "()", "", function<endAtExit>};
+// One of gc.callbacks: called with "start" or "stop".
+Ref onCollection(Arguments arguments) {
+    setCollecting(PyUnicode_Check(arguments[0]) && PyUnicode_CompareWithASCIIString(arguments[0], "start") == 0);
+    return none();
+}
 
-void dropState() noexcept { std::exchange(theState, nullptr)->~ModuleState(); }
+constexpr Method interpreterHooks[] = {
+    {"end_library", "()", "", function<endAtExit>},
+    {"on_collection", "(phase, info)", "", function<onCollection>},
+};
+
+// They hold no reference to the module, which is to be collected at the end.
+void installHooks() {
+    Ref atExit = checked(PyImport_ImportModule("atexit"));
+    checked(PyObject_CallMethod(atExit.get(), "register", "O", newFunction(interpreterHooks[0], Py_None).get()));
+    Ref callbacks = checked(PyObject_GetAttrString(checked(PyImport_ImportModule("gc")).get(), "callbacks"));
+    checked(PyObject_CallMethod(callbacks.get(), "append", "O", newFunction(interpreterHooks[1], Py_None).get()));
+    watchForks();
+    watchForksOfRegistrations();
+}
 
 // Once per process: whether it is too late for another module.
 bool refuseReimport() noexcept {
@@ -112,21 +122,22 @@ bool refuseReimport() noexcept {
     return false;
 }
 
+void letGo() noexcept {
+    for (PyObject *&object : detail::held) {
+        Ref::steal(std::exchange(object, nullptr));
+    }
+}
+
 int execute(PyObject *module) noexcept {
     if (refuseReimport()) {
         return -1;
     }
-    if (theState != nullptr) {
-        dropState(); // of a module whose import failed
-    }
     importing = true;
     try {
-        theState = new (PyModule_GetState(module)) ModuleState;
-        ModuleState &created = *theState;
-        created.module = module;
-        created.moduleNames = PyModule_GetDict(module);
-        Name::makeAll();
-        addFunctionAttributes();
+        letGo(); // of a module whose import failed
+        detail::module = module;
+        InternedString::makeAll();
+        hold(Held::builtins, checked(PyImport_ImportModule("builtins")));
 
         addListValue(module);
         addListKeyValue(module);
@@ -137,17 +148,14 @@ int execute(PyObject *module) noexcept {
         addMemory(module);
         importStandardModules(module);
         checked(PyModule_AddStringConstant(module, "__version__", SONETRIX_API_VERSION));
-        created.clearCallbacks = checked(PyList_New(0));
+        hold(Held::clearCallbacks, checked(PyList_New(0)));
         addFunctions(module, functions);
         addLog(module);
         addCpu(module);
         addUsageInfo(module);
 
-        callMethod(created.engineClass.get(), initEngineName);
-
-        Ref atExit = checked(PyImport_ImportModule("atexit"));
-        Ref handler = newFunction(atExitFunction, module);
-        checked(PyObject_CallMethod(atExit.get(), "register", "O", handler.get()));
+        callMethod(held(Held::engineClass), initEngineName);
+        installHooks();
     } catch (...) {
         translateException();
         importing = false;
@@ -158,7 +166,7 @@ int execute(PyObject *module) noexcept {
     return 0;
 }
 
-// One interpreter, one module per process: the engine handle and the callbacks' gate are the process's.
+// One interpreter, one module per process: the engine handle and the interpreter guard are the process's.
 PyObject *create(PyObject *spec, PyModuleDef *) noexcept {
     if (PyInterpreterState_Get() != PyInterpreterState_Main()) {
         PyErr_SetString(PyExc_ImportError,
@@ -172,45 +180,28 @@ PyObject *create(PyObject *spec, PyModuleDef *) noexcept {
     return name ? PyModule_NewObject(name.get()) : nullptr;
 }
 
-// Visits, or lets go of, each strong reference of the state.
-template <class Action> void forEachReference(ModuleState &state, Action &&action) {
-    for (Ref *reference : {&state.engineClass, &state.logClass, &state.listValueClass, &state.listKeyValueClass,
-             &state.notifyChangesClass, &state.notifyMetersClass, &state.timeoutClass, &state.callbackGuardClass,
-             &state.ctypes, &state.clearCallbacks}) {
-        action(*reference);
-    }
-}
-
-// The state that execute() made for this very module, if it came that far.
-ModuleState *stateOf(PyObject *module) noexcept {
-    return theState != nullptr && theState == PyModule_GetState(module) ? theState : nullptr;
-}
-
 int traverse(PyObject *module, visitproc visit, void *arg) noexcept {
-    if (ModuleState *state = stateOf(module)) {
-        int result = 0;
-        forEachReference(*state, [&](const Ref &reference) {
-            if (result == 0 && reference) {
-                result = visit(reference.get(), arg);
-            }
-        });
-        return result;
+    if (module == detail::module) {
+        for (PyObject *object : detail::held) {
+            Py_VISIT(object);
+        }
     }
     return 0;
 }
 
 int clear(PyObject *module) noexcept {
-    if (ModuleState *state = stateOf(module)) {
-        forEachReference(*state, [](Ref &reference) { reference.reset(); });
+    if (module == detail::module) {
+        letGo();
     }
     return 0;
 }
 
 void freeModule(void *module) noexcept {
-    if (stateOf(static_cast<PyObject *>(module)) != nullptr) {
-        dropState();
+    if (module == detail::module) {
+        letGo();
+        detail::module = nullptr;
         if (imported) {
-            Name::dropAll();
+            InternedString::dropAll();
         }
     }
 }
@@ -226,7 +217,7 @@ PyModuleDef definition = {
     PyModuleDef_HEAD_INIT,
     "sonetrix",
     "The scripting interface of the running SoneTrix audio engine.",
-    sizeof(ModuleState),
+    0,
     nullptr,
     slots,
     traverse,
@@ -236,30 +227,27 @@ PyModuleDef definition = {
 
 } // namespace
 
-ModuleState &state() noexcept { return theState != nullptr ? *theState : noState; }
+void detail::raiseModuleGone() { raise(PyExc_RuntimeError, "the module sonetrix is gone"); }
 
-void raiseModuleGone() { raise(PyExc_RuntimeError, "the module sonetrix is gone"); }
+PyObject *moduleNames() {
+    if (detail::module == nullptr) {
+        detail::raiseModuleGone();
+    }
+    return PyModule_GetDict(detail::module);
+}
 
-Ref moduleGlobal(const Name &name) {
-    PyObject *module = state().module;
-    if (module == nullptr) {
-        raiseModuleGone();
+Ref moduleGlobal(const InternedString &name) {
+    PyObject *found = PyDict_GetItemWithError(moduleNames(), name.get());
+    if (found == nullptr && PyErr_Occurred() == nullptr) {
+        found = PyDict_GetItemWithError(PyModule_GetDict(held(Held::builtins)), name.get());
     }
-    PyObject *globals = PyModule_GetDict(module);
-    if (PyObject *found = PyDict_GetItemWithError(globals, name.get())) {
-        return Ref::borrow(found);
-    }
-    if (PyErr_Occurred() != nullptr) {
-        throw PythonError();
-    }
-    PyObject *builtin = PyDict_GetItemWithError(PyEval_GetBuiltins(), name.get());
-    if (builtin == nullptr) {
+    if (found == nullptr) {
         if (PyErr_Occurred() == nullptr) {
             PyErr_Format(PyExc_NameError, "name '%U' is not defined", name.get());
         }
         throw PythonError();
     }
-    return Ref::borrow(builtin);
+    return Ref::borrow(found);
 }
 
 void bindInModule(PyObject *module, const char *name, const Ref &object) {
@@ -279,15 +267,15 @@ void addStaticFunctions(PyObject *type, std::span<const Method> table) {
 }
 
 void clearPythonModule() noexcept {
-    const GilHeld held;
-    if (theState == nullptr) {
+    const GilHeld gil;
+    const Ref callbacks = Ref::borrow(heldOrNull(Held::clearCallbacks));
+    if (!callbacks) {
         return;
     }
     try {
         Ref message = checked(PyUnicode_FromString("clearing sonetrix Python module"));
         callMethod(moduleGlobal(logName).get(), debugName, message.get());
         // By index: a callback may register another one.
-        Ref callbacks = state().clearCallbacks;
         for (Py_ssize_t index = 0; index < PyList_GET_SIZE(callbacks.get()); ++index) {
             runClearCallback(Ref::borrow(PyList_GET_ITEM(callbacks.get(), index)).get());
         }

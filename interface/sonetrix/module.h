@@ -3,36 +3,51 @@
 
 #include "python/convert.h"
 #include "python/function.h"
-#include "python/names.h"
+#include "python/interned_string.h"
 
 #include <sonetrix/engine_api.h>
 
 namespace sonetrix {
 
-// The module's strong references. There is one interpreter and one module per process, so there is one
-// state; it lives from the module's import to the end of its interpreter.
-struct ModuleState {
-    PyObject *module = nullptr;      // borrowed: the module owns the state
-    PyObject *moduleNames = nullptr; // borrowed: the module's namespace
-    Ref engineClass;
-    Ref logClass;
-    Ref listValueClass;
-    Ref listKeyValueClass;
-    Ref notifyChangesClass;
-    Ref notifyMetersClass;
-    Ref timeoutClass;
-    Ref callbackGuardClass;
-    Ref ctypes;         // the module, as it was imported
-    Ref clearCallbacks; // list of callables, in the order of their registration
+// What the module holds references to. There is one interpreter and one module per process, so there is one state; it
+// lives from the module's import to the end of its interpreter.
+enum class Held : std::size_t {
+    engineClass,
+    logClass,
+    listValueClass,
+    listKeyValueClass,
+    notifyChangesClass,
+    notifyMetersClass,
+    timeoutClass,
+    callbackGuardClass,
+    ctypes,         // the module, as it was imported
+    builtins,       // the module
+    clearCallbacks, // list of callables, in the order of their registration
+    count
 };
-
-// Without references once the module is gone: what it made may outlive it. A module whose import failed for want of an
-// engine keeps its state, as long as it lives and no other is imported.
-ModuleState &state() noexcept;
 
 namespace detail {
 inline constinit sonetrix_engine_t *engine = nullptr;
+inline constinit PyObject *module = nullptr; // borrowed
+// Owned, and null once the module is gone: what it made may outlive it. The interpreter is gone when static objects
+// are destroyed, hence no Refs.
+inline constinit std::array<PyObject *, static_cast<std::size_t>(Held::count)> held{};
+[[noreturn]] void raiseModuleGone();
 } // namespace detail
+
+inline PyObject *heldOrNull(Held what) noexcept { return detail::held[static_cast<std::size_t>(what)]; }
+// RuntimeError when the module is gone: for what a finalizer may come to at the interpreter's end.
+inline PyObject *held(Held what) {
+    PyObject *object = heldOrNull(what);
+    if (object == nullptr) [[unlikely]] {
+        detail::raiseModuleGone();
+    }
+    return object;
+}
+inline PyTypeObject *heldType(Held what) { return reinterpret_cast<PyTypeObject *>(held(what)); }
+inline void hold(Held what, Ref object) noexcept {
+    Ref::steal(std::exchange(detail::held[static_cast<std::size_t>(what)], object.release()));
+}
 
 // The engine handle, null until engine.initEngine() has succeeded.
 inline sonetrix_engine_t *engineHandle() noexcept { return detail::engine; }
@@ -46,18 +61,20 @@ inline sonetrix_engine_t *requireEngine(const char *message = "engine not initia
     return engine;
 }
 
-// For what needs the module when that is gone.
-[[noreturn]] void raiseModuleGone();
-
-// A global of the module as Python code in it would see it: the module's namespace, then the builtins.
-Ref moduleGlobal(const Name &name);
+// The module's namespace; RuntimeError when it is gone.
+PyObject *moduleNames();
+// A global of the module as Python code in it would see it: the module's namespace, then the module builtins.
+Ref moduleGlobal(const InternedString &name);
 // Attribute look-up and call by name: what `object.name` and `object.name(...)` do.
-inline Ref attribute(PyObject *object, const Name &name) { return checked(PyObject_GetAttr(object, name.get())); }
-template <class... Args> Ref call(PyObject *callable, Args *...args) {
-    return checked(PyObject_CallFunctionObjArgs(callable, args..., nullptr));
+inline Ref attribute(PyObject *object, const InternedString &name) {
+    return checked(hangingAtFinalisation([&] { return PyObject_GetAttr(object, name.get()); }));
 }
-template <class... Args> Ref callMethod(PyObject *object, const Name &name, Args *...args) {
-    return checked(PyObject_CallMethodObjArgs(object, name.get(), args..., nullptr));
+template <class... Args> Ref call(PyObject *callable, Args *...args) {
+    return checked(hangingAtFinalisation([&] { return PyObject_CallFunctionObjArgs(callable, args..., nullptr); }));
+}
+template <class... Args> Ref callMethod(PyObject *object, const InternedString &name, Args *...args) {
+    return checked(
+        hangingAtFinalisation([&] { return PyObject_CallMethodObjArgs(object, name.get(), args..., nullptr); }));
 }
 
 // The classes, one function each, in the order in which the module makes them.

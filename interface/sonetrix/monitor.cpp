@@ -1,19 +1,19 @@
 #include "monitor.h"
 
-#include "python/version.h"
+#include "python/gil.h"
 
 namespace sonetrix {
 
 namespace {
 
-Name printName("print");
-Name isRunningName("isRunning");
-Name timeName("time");
-Name sleepName("sleep");
-Name osName("os");
-Name getTerminalSizeName("get_terminal_size");
-Name columnsName("columns");
-Name linesName("lines");
+InternedString printName("print");
+InternedString isRunningName("isRunning");
+InternedString timeName("time");
+InternedString sleepName("sleep");
+InternedString osName("os");
+InternedString getTerminalSizeName("get_terminal_size");
+InternedString columnsName("columns");
+InternedString linesName("lines");
 
 constexpr const char *hideCursor = "\x1b[?25l";
 constexpr const char *showCursor = "\x1b[?25h";
@@ -32,7 +32,7 @@ void printSequence(const char *sequence, const char *end) {
 
 Ref rawTerminalSize() { return callMethod(moduleGlobal(osName).get(), getTerminalSizeName); }
 
-Py_ssize_t dimension(const Ref &size, const Name &name) {
+Py_ssize_t dimension(const Ref &size, const InternedString &name) {
     const Py_ssize_t value = PyNumber_AsSsize_t(attribute(size.get(), name).get(), PyExc_OverflowError);
     if (value == -1 && PyErr_Occurred() != nullptr) {
         throw PythonError();
@@ -45,7 +45,7 @@ Py_ssize_t dimension(const Ref &size, const Name &name) {
 HiddenCursor::HiddenCursor() { printSequence(hideCursor, "\r"); }
 
 HiddenCursor::~HiddenCursor() {
-    Ref raised = version::takeRaised(); // what ends the monitor is what matters
+    const RaisedException raised; // what ends the monitor is what matters
     for (int attempts = 3; hidden_ && attempts > 0; --attempts) {
         try {
             show();
@@ -55,7 +55,6 @@ HiddenCursor::~HiddenCursor() {
             PyErr_Clear();
         }
     }
-    version::setRaised(std::move(raised));
 }
 
 void HiddenCursor::show() {
@@ -76,7 +75,8 @@ void print(PyObject *text, const char *end) {
     Ref arguments = checked(PyTuple_Pack(1, text));
     Ref keywords = checked(end == nullptr ? Py_BuildValue("{sO}", "flush", Py_True)
                                           : Py_BuildValue("{sssO}", "end", end, "flush", Py_True));
-    checked(PyObject_Call(moduleGlobal(printName).get(), arguments.get(), keywords.get()));
+    const Ref function = moduleGlobal(printName);
+    checked(hangingAtFinalisation([&] { return PyObject_Call(function.get(), arguments.get(), keywords.get()); }));
 }
 
 TerminalSize terminalSize() {

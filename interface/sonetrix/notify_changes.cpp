@@ -1,16 +1,16 @@
 // The class `notifyChanges`: parameter changes, as the engine notifies them.
 
-#include "callback_bridge.h"
+#include "callback_classes.h"
 
 namespace sonetrix {
 
 namespace {
 
-constexpr CallbackKind kind = {sonetrix_engine_notify_changes_rmCallback};
+constexpr RemoveFunction removeFunction = sonetrix_engine_notify_changes_rmCallback;
 
 void change(sonetrix_cListKeyValue_t *list, void *user) {
     static constexpr Notification notification = {
-        .kind = &kind,
+        .remove = removeFunction,
         .lockOrderError = "GIL LOCK ORDER ERROR! notify callback invoked with the GIL already acquired",
         .failure = "Exception whilee invoking notification callback registered from Python",
         .reportName = "sonetrix.notifyChanges.change",
@@ -18,14 +18,19 @@ void change(sonetrix_cListKeyValue_t *list, void *user) {
     notify(notification, list, user);
 }
 
-constexpr Method constructor = {"notifyChanges", "(callback)", "", {}};
+constexpr Method constructor = {"notifyChanges", "(callback)",
+    "This utility class is used to invoke any method when parameters change are notified\n"
+    "by the engine.\n\n"
+    "notifyChanges(callback): the callback is called with a dict of the changed parameters, on a thread of the\n"
+    "engine, for as long as the object lives. ValueError unless the callback has exactly one parameter.",
+    {}};
 
 PyObject *construct(PyTypeObject *type, PyObject *positional, PyObject *keywords) noexcept {
-    return border("sonetrix.notifyChanges.__new__", static_cast<PyObject *>(nullptr), [&] {
+    return exceptionBoundary("sonetrix.notifyChanges.__new__", static_cast<PyObject *>(nullptr), [&] {
         std::array<PyObject *, 1> arguments{};
         bindArguments(constructor, positional, keywords, arguments);
         PyObject *callback = arguments[0];
-        return newNotification(type, kind, callback, [callback](sonetrix_engine_t *engine) {
+        return newNotification(type, removeFunction, callback, [callback](sonetrix_engine_t *engine) {
             return sonetrix_engine_notify_changes_addCallback(engine, change, callback);
         }).release();
     });
@@ -33,14 +38,6 @@ PyObject *construct(PyTypeObject *type, PyObject *positional, PyObject *keywords
 
 } // namespace
 
-void addNotifyChanges(PyObject *module) {
-    state().notifyChangesClass = addCallbackClass(module, "sonetrix.notifyChanges",
-        "notifyChanges(callback)\n--\n\n"
-        "This utility class is used to invoke any method when parameters change are notified\n"
-        "by the engine.\n\n"
-        "notifyChanges(callback): the callback is called with a dict of the changed parameters, on a thread of the\n"
-        "engine, for as long as the object lives. ValueError unless the callback has exactly one parameter.",
-        construct);
-}
+void addNotifyChanges(PyObject *module) { addCallbackClass(module, Held::notifyChangesClass, constructor, construct); }
 
 } // namespace sonetrix

@@ -1,17 +1,17 @@
 // The class `notifyMeters`: meters, as the engine delivers them.
 
-#include "callback_bridge.h"
+#include "callback_classes.h"
 #include "meters_type.h"
 
 namespace sonetrix {
 
 namespace {
 
-constexpr CallbackKind kind = {sonetrix_engine_rmCallbackMeterManager};
+constexpr RemoveFunction removeFunction = sonetrix_engine_rmCallbackMeterManager;
 
 void meters(sonetrix_cListKeyValue_t *list, void *user) {
     static constexpr Notification notification = {
-        .kind = &kind,
+        .remove = removeFunction,
         .lockOrderError = "GIL LOCK ORDER ERROR! meters callback invoked with the GIL already acquired",
         .failure = "Exception whilee invoking meter callback registered from Python",
         .reportName = "sonetrix.notifyMeters.meters",
@@ -19,15 +19,21 @@ void meters(sonetrix_cListKeyValue_t *list, void *user) {
     notify(notification, list, user);
 }
 
-constexpr Method constructor = {"notifyMeters", "(callback, meters_type: int = 1)", "", {}};
+constexpr Method constructor = {"notifyMeters", "(callback, meters_type: int = 1)",
+    "This utility class is used to invoke any method when meters are notified\n"
+    "by the engine.\n\n"
+    "notifyMeters(callback, meters_type=1): the callback is called with a dict of the meters, on a thread of the\n"
+    "engine, for as long as the object lives. meters_type is engine.METER_SLOW or engine.METER_FAST.\n"
+    "ValueError unless the callback has exactly one parameter.",
+    {}};
 
 PyObject *construct(PyTypeObject *type, PyObject *positional, PyObject *keywords) noexcept {
-    return border("sonetrix.notifyMeters.__new__", static_cast<PyObject *>(nullptr), [&] {
+    return exceptionBoundary("sonetrix.notifyMeters.__new__", static_cast<PyObject *>(nullptr), [&] {
         std::array<PyObject *, 2> arguments{};
         bindArguments(constructor, positional, keywords, arguments);
         PyObject *callback = arguments[0];
         const sonetrix_module_meters_type metersType = toMetersType(arguments[1]);
-        return newNotification(type, kind, callback, [callback, metersType](sonetrix_engine_t *engine) {
+        return newNotification(type, removeFunction, callback, [callback, metersType](sonetrix_engine_t *engine) {
             return sonetrix_engine_addCallbackMeterManager(engine, metersType, meters, callback);
         }).release();
     });
@@ -35,15 +41,6 @@ PyObject *construct(PyTypeObject *type, PyObject *positional, PyObject *keywords
 
 } // namespace
 
-void addNotifyMeters(PyObject *module) {
-    state().notifyMetersClass = addCallbackClass(module, "sonetrix.notifyMeters",
-        "notifyMeters(callback, meters_type=1)\n--\n\n"
-        "This utility class is used to invoke any method when meters are notified\n"
-        "by the engine.\n\n"
-        "notifyMeters(callback, meters_type=1): the callback is called with a dict of the meters, on a thread of the\n"
-        "engine, for as long as the object lives. meters_type is engine.METER_SLOW or engine.METER_FAST.\n"
-        "ValueError unless the callback has exactly one parameter.",
-        construct);
-}
+void addNotifyMeters(PyObject *module) { addCallbackClass(module, Held::notifyMetersClass, constructor, construct); }
 
 } // namespace sonetrix

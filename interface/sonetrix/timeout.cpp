@@ -1,25 +1,26 @@
 // The class `timeout`, a timer of the engine, and engine.addTimer.
 
-#include "callback_bridge.h"
+#include "callback_classes.h"
 #include "engine.h"
 #include "log.h"
+#include "python/interpreter_guard.h"
 
 namespace sonetrix {
 
 namespace {
 
-constexpr CallbackKind kind = {sonetrix_engine_delTimer};
+constexpr RemoveFunction removeFunction = sonetrix_engine_delTimer;
 
 void timerCb(void *user) {
     const EngineThreadEntry entry(EngineThreadEntry::LockOrder::ignore);
     if (!entry) {
         return;
     }
-    const CallScope scope(user, kind);
-    if (scope.isOfTheDropped()) {
+    const CallScope scope(user, removeFunction);
+    if (!scope) {
         return;
     }
-    const Ref result = Ref::steal(takeLockOrPark([&] { return PyObject_CallNoArgs(scope.callable()); }));
+    const Ref result = Ref::steal(hangingAtFinalisation([&] { return PyObject_CallNoArgs(scope.callable()); }));
     if (result) {
         return;
     }
@@ -31,10 +32,14 @@ void timerCb(void *user) {
     }
 }
 
-constexpr Method constructor = {"timeout", "(timeout_ms: int, callback)", "", {}};
+constexpr Method constructor = {"timeout", "(timeout_ms: int, callback)",
+    "Utility class to add a timer to the engine, which will invoke a callback as soon as timeout elapses.\n"
+    "by the engine.\n\n"
+    "timeout(timeout_ms, callback): see engine.addTimer.",
+    {}};
 
 PyObject *construct(PyTypeObject *type, PyObject *positional, PyObject *keywords) noexcept {
-    return border("sonetrix.timeout.__new__", static_cast<PyObject *>(nullptr), [&] {
+    return exceptionBoundary("sonetrix.timeout.__new__", static_cast<PyObject *>(nullptr), [&] {
         std::array<PyObject *, 2> arguments{};
         bindArguments(constructor, positional, keywords, arguments);
         const std::int32_t milliseconds = toInt32(arguments[0]);
@@ -43,7 +48,7 @@ PyObject *construct(PyTypeObject *type, PyObject *positional, PyObject *keywords
         if (PyCallable_Check(callback) == 0) {
             raise(PyExc_ValueError);
         }
-        return newCallback(type, kind, callback, engine, [callback, milliseconds](sonetrix_engine_t *handle) {
+        return newCallback(type, removeFunction, callback, engine, [callback, milliseconds](sonetrix_engine_t *handle) {
             return sonetrix_engine_addTimer(handle, milliseconds, timerCb, callback);
         }).release();
     });
@@ -51,7 +56,7 @@ PyObject *construct(PyTypeObject *type, PyObject *positional, PyObject *keywords
 
 Ref addTimer(Arguments arguments) {
     requireEngine();
-    return call(state().timeoutClass.get(), arguments[0], arguments[1]);
+    return call(held(Held::timeoutClass), arguments[0], arguments[1]);
 }
 
 constexpr Method functions[] = {
@@ -68,13 +73,6 @@ constexpr Method functions[] = {
 
 const std::span<const Method> engineTimerFunctions = functions;
 
-void addTimeout(PyObject *module) {
-    state().timeoutClass = addCallbackClass(module, "sonetrix.timeout",
-        "timeout(timeout_ms, callback)\n--\n\n"
-        "Utility class to add a timer to the engine, which will invoke a callback as soon as timeout elapses.\n"
-        "by the engine.\n\n"
-        "timeout(timeout_ms, callback): see engine.addTimer.",
-        construct);
-}
+void addTimeout(PyObject *module) { addCallbackClass(module, Held::timeoutClass, constructor, construct); }
 
 } // namespace sonetrix

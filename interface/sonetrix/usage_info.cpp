@@ -10,10 +10,10 @@ namespace sonetrix {
 
 namespace {
 
-Name getUsageInfoName("getUsageInfo");
-Name decodeName("decode");
-Name utf8Name("utf-8");
-Name replaceName("replace");
+InternedString getUsageInfoName("getUsageInfo");
+InternedString decodeName("decode");
+InternedString utf8Name("utf-8");
+InternedString replaceName("replace");
 
 // A quotient that is 0 where there is nothing to divide by.
 double safediv(double dividend, double divisor) noexcept { return divisor == 0 ? 0 : dividend / divisor; }

@@ -5,33 +5,33 @@
 namespace sonetrix {
 
 namespace names {
-Name cInt32("c_int32");
-Name cUInt32("c_uint32");
-Name cFloat("c_float");
-Name cDouble("c_double");
-Name cCharP("c_char_p");
-Name int32("int32");
-Name uint32("uint32");
-Name float32("float");
-Name float64("double");
-Name string("string");
-Name intArray("int");
-Name uintArray("uint");
+InternedString cInt32("c_int32");
+InternedString cUInt32("c_uint32");
+InternedString cFloat("c_float");
+InternedString cDouble("c_double");
+InternedString cCharP("c_char_p");
+InternedString int32("int32");
+InternedString uint32("uint32");
+InternedString float32("float");
+InternedString float64("double");
+InternedString string("string");
+InternedString intArray("int");
+InternedString uintArray("uint");
 } // namespace names
 
 namespace {
 
 constexpr const char *notAccepted = "value type not accepted";
 
-Name ctypesName("ctypes");
-Name auint32("auint32");
-Name aint32("aint32");
-Name afloat("afloat");
+InternedString ctypesName("ctypes");
+InternedString auint32("auint32");
+InternedString aint32("aint32");
+InternedString afloat("afloat");
 
 // ------------------------------------------------------------------------------------------------ engine -> Python
 
 PyObject *typeName(const sonetrix_value_t &value) noexcept {
-    static const std::array<const Name *, 8> typeNames = {&names::uint32, &names::int32, &names::float32,
+    static const std::array<const InternedString *, 8> typeNames = {&names::uint32, &names::int32, &names::float32,
         &names::string, &auint32, &aint32, &afloat, &names::float64}; // by type code
     return typeNames[value.type]->get();
 }
@@ -197,7 +197,7 @@ bool Selector::equals(PyObject *other) const {
     return checked(PyObject_IsTrue(result.get())) != 0;
 }
 
-bool Selector::isText(const Name &text) const {
+bool Selector::isText(const InternedString &text) const {
     if (object_ == Py_None) {
         return false;
     }
@@ -207,11 +207,11 @@ bool Selector::isText(const Name &text) const {
     return equals(text.get());
 }
 
-bool Selector::isCtypes(const Name &className) const {
+bool Selector::isCtypes(const InternedString &className) const {
     const Ref ctypes = moduleGlobal(ctypesName);
     // None and a text equal none of the classes: with the module as it was imported they need no comparison. At the
     // interpreter's end there is None in its place, and finalizers may still write to lists.
-    const bool isOriginal = ctypes.get() == state().ctypes.get() || ctypes.get() == Py_None;
+    const bool isOriginal = ctypes.get() == heldOrNull(Held::ctypes) || ctypes.get() == Py_None;
     return !(isPlain() && isOriginal) && equals(attribute(ctypes.get(), className).get());
 }
 

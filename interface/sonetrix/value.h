@@ -54,8 +54,8 @@ public:
     explicit Selector(PyObject *object) noexcept : object_(object) {}
 
     bool isNone() const { return object_ == Py_None || (!isPlain() && equals(Py_None)); }
-    bool isText(const Name &text) const;
-    bool isCtypes(const Name &className) const;
+    bool isText(const InternedString &text) const;
+    bool isCtypes(const InternedString &className) const;
 
 private:
     // None and plain texts equal nothing but themselves, whatever stands on the other side.
@@ -66,18 +66,18 @@ private:
 };
 
 namespace names {
-extern Name cInt32;
-extern Name cUInt32;
-extern Name cFloat;
-extern Name cDouble;
-extern Name cCharP;
-extern Name int32;
-extern Name uint32;
-extern Name float32;
-extern Name float64;
-extern Name string;
-extern Name intArray;
-extern Name uintArray;
+extern InternedString cInt32;
+extern InternedString cUInt32;
+extern InternedString cFloat;
+extern InternedString cDouble;
+extern InternedString cCharP;
+extern InternedString int32;
+extern InternedString uint32;
+extern InternedString float32;
+extern InternedString float64;
+extern InternedString string;
+extern InternedString intArray;
+extern InternedString uintArray;
 } // namespace names
 
 struct Free {

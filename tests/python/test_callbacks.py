@@ -121,9 +121,10 @@ class CallbackTest(record.TestCase):
             firing = threading.Thread(target=fire, args=(kind,))
             removing = threading.Thread(target=lambda: (made.clear(), order.append("removed")))
             firing.start(), entered.wait(), removing.start()
-            while registrations(kind):
-                self.assertTrue(removing.is_alive())
+            removing.join(0.1)
+            self.assertEqual((removing.is_alive(), registrations(kind)), (True, 1))
             leave.set(), firing.join(), removing.join()
+            self.assertEqual(registrations(kind), 0)
             self.assertEqual(order, ["left", "removed"])
 
             base = type(self.make(kind, len))
@@ -134,25 +135,61 @@ class CallbackTest(record.TestCase):
             gc.collect()
             self.assertEqual(seen.pop(), "finalized")
 
-    def test_nothing_is_called_for_an_object_that_another_callable_has_dropped(self):
-        for kind, (_, remove, _) in ENGINE.items():
-            called, kept = [], []
+    def test_a_drop_that_must_not_wait(self):
+        """Inside a callable and in a collection, while another thread is in the callable of what is dropped."""
+        class Owner:
+            def __init__(self, made): self.made, self.me = made, self
+            def __del__(self): self.made = None  # ahead of the guard's finalizer
+        for kind in ENGINE:
+            entered, leave, called = threading.Event(), threading.Event(), []
             def callback(*_):
                 called.append(kind)
-            remove = "sonetrix_engine_" + remove
-            record.delay(remove, TIME_LIMIT)  # the engine keeps the registration that long
-            dropping = self.make(CHANGES if kind == TIMER else TIMER, lambda *_: kept.clear())
-            kept.append(self.make(kind, callback))
-            fire(CHANGES if kind == TIMER else TIMER, {})
-            fire(kind, {})
-            self.assertEqual((registrations(kind), kept, called), (1, [], []))
-            again = self.make(kind, callback)
-            fire(kind, {})  # may be for this one
-            self.assertIn(kind, called)
-            record.delay(remove, 0)
-            del dropping, again
+                entered.set(), leave.wait()
+            other = CHANGES if kind == TIMER else TIMER
+            kept = [self.make(kind, callback)]
+            dropping = self.make(other, lambda *_: kept.clear())
+            inside = threading.Thread(target=fire, args=(kind, {}))
+            inside.start(), entered.wait()
+            began = time.monotonic()
+            fire(other, {})
+            fire(kind, {})  # the engine has it still, but nothing is called
+            self.assertEqual((registrations(kind), kept, called), (1, [], [kind]))
+            owner = Owner(self.make(kind, callback))  # the same callable: the worker goes ahead
+            del owner
+            gc.collect()
+            self.assertLess(time.monotonic() - began, 4)
+            leave.set(), inside.join()
+            del dropping
             while registrations(kind):
                 pass
+
+    def test_a_drop_waits_for_a_limited_time_and_names_the_callable(self):
+        alone, entered = threading.Lock(), threading.Event()
+        def stuck(*_):
+            entered.set()
+            with alone:
+                pass
+        for kind in TIMER, CHANGES:
+            entered.clear()
+            made = self.make(kind, stuck)
+            inside = threading.Thread(target=fire, args=(kind, {}))
+            with alone:
+                inside.start(), entered.wait()
+                record.calls(clear=True)
+                del made
+                line, = record.calls("sonetrix_log_LogString")
+            self.assertIn("'CallbackTest.test_a_drop_waits", line.args[-1].decode())
+            self.assertEqual(line.args[0], 3)
+            inside.join()
+            while registrations(kind):
+                pass
+
+    def test_a_subclass_may_have_a_constructor_of_its_own(self):
+        class Timer(self.sonetrix.timeout):
+            def __init__(self, milliseconds, callback):
+                super().__init__(milliseconds, callback)
+                self.milliseconds = milliseconds
+        self.assertEqual(Timer(-5, len).milliseconds, -5)
 
     def test_one_callable_for_slow_and_fast_meters_drops_both_while_the_other_call_waits_for_the_lock(self):
         self.addCleanup(sys.setswitchinterval, sys.getswitchinterval())

@@ -29,6 +29,7 @@ def with_failure(call, number):
         error = caught
     return error, record._holding_lock.record_endAllocationFailure()
 
+ODD = type("Odd", (), {"__eq__": lambda self, other: 1 / 0, "__hash__": None})()
 
 class EveryCall(record.TestCase):
     def setUp(self):
@@ -134,8 +135,7 @@ class EveryCall(record.TestCase):
 
     @staticmethod
     def refused(function, count):
-        odd = type("Odd", (), {"__eq__": lambda self, other: 1 / 0, "__hash__": None})
-        for arguments in [odd()] * count, [odd()] * (count + 1), ["\udc80"] * count, [2**70] * min(count, 1):
+        for arguments in [ODD] * count, [ODD] * (count + 1), ["\udc80"] * count, [2**70] * min(count, 1):
             try:
                 function(*arguments)
             except Exception:

@@ -53,7 +53,7 @@ class LogTest(record.TestCase):
                 (log.logOnFile, (b"\xe4", -2**31), ("filename", b"\xe4")),
                 (log.logOnFile, ("/a", 0), ("file_time", 0), ("filename", b"/a")),
                 (log.logOnFile, ("",), ("filename", None)),
-                (log.logOnFile, (b"", Number(2)), ("file_time", 2), ("filename", None)),
+                (log.logOnFile, (b"", 2), ("file_time", 2), ("filename", None)),
                 (log.logSysLog, (), ("syslog", 1)),
                 (log.logSysLog, (None,), ("syslog", 0)), (log.logSysLog, ("no",), ("syslog", 1)),
                 (log.logJournal, (), ("journald", 1)), (log.logJournal, (Number(0),), ("journald", 0))):
@@ -86,7 +86,8 @@ class LogTest(record.TestCase):
             (Exception, "filename type not supported", log.logOnFile, bytearray(b"a"), 1),
             *((OverflowError, "value too large to convert to int", *call)
               for call in ((log.logOnFile, 3, 2**31), (log.logTime, 2**31), (log.logTime, -2**31 - 1))),
-            (TypeError, "an integer is required", log.logTime, None),
+            *((TypeError, "an integer is required", call, *arguments) for call, *arguments in (
+                (log.logTime, None), (log.logTime, 1.5), (log.logOnFile, "a", 1.5))),
             (ZeroDivisionError, DIVISION, log.logSysLog, Number())]
         for kind, text, call, *arguments in rows:
             with self.subTest(call=call, arguments=arguments):

@@ -4,6 +4,7 @@ import inspect
 import pydoc
 import subprocess
 import sys
+import types
 import traceback
 import unittest
 
@@ -65,15 +66,17 @@ class SurfaceTest(record.TestCase):
             with self.subTest(name):
                 signature = inspect.signature(function)
                 self.assertEqual((function.__qualname__, function.__name__), (name, name.split(".")[-1]))
-                shown = {parameter.name: parameter.annotation for parameter in signature.parameters.values()}
-                shown["return"] = signature.return_annotation
-                self.assertEqual(function.__annotations__, {key: value for key, value in shown.items()
-                                                            if value is not inspect.Parameter.empty})
                 page = pydoc.render_doc(function, renderer=pydoc.plaintext)
                 self.assertIn(unspaced(f"{function.__name__}{signature}").replace("'", ""),
                               unspaced(page).replace("'", ""))  # from 3.14 on annotations are shown without quotes
                 self.assertIn(function.__doc__.split("\n")[0], page)
-        self.assertEqual(self.sonetrix.exit.__annotations__, {"exitcode": "int | None"})
+        exit, log = self.sonetrix.exit, self.sonetrix.log
+        self.assertEqual(str(inspect.signature(exit)), "(exitcode: 'int | None' = None)")
+        self.assertEqual((exit.__annotations__, log.getLevel.__annotations__, log.getLevelJournal.__annotations__),
+                         ({"exitcode": "int | None"}, *[{"return": "sonetrix_log_level_t"}] * 2))
+        # The interpreter's own types stay as they are.
+        self.assertEqual(str(inspect.signature(types.BuiltinFunctionType)), "()")
+        self.assertFalse(hasattr(len, "__annotations__"))
         for name, constants in CONSTANTS.items():
             present = {key: value for key, value in vars(getattr(self.sonetrix, name)).items() if type(value) is int}
             self.assertEqual(list(present.items()), list(constants.items()))

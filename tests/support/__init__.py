@@ -1,9 +1,13 @@
 """What the Python tests share. Paths come from ctest's environment, with the release build as the default."""
 
 import os
+import signal
 import pathlib
 import sys
 import unittest
+
+# A runner that was started in the background may ignore it, and every program that a test starts would.
+signal.signal(signal.SIGINT, signal.default_int_handler)
 
 SOURCE = pathlib.Path(os.environ.get("SONETRIX_SOURCE", pathlib.Path(__file__).parents[2]))
 BUILD = pathlib.Path(os.environ.get("SONETRIX_BUILD", SOURCE / "build" / "release"))

@@ -6,6 +6,8 @@ namespace sonetrix {
 
 namespace {
 
+constexpr const char *notAnInteger = "an integer is required";
+
 // The object as an int: itself, or what its __index__ or __int__ gives.
 Ref asInteger(PyObject *object) {
     if (PyLong_Check(object)) {
@@ -16,7 +18,7 @@ Ref asInteger(PyObject *object) {
     }
     const PyNumberMethods *number = Py_TYPE(object)->tp_as_number;
     if (number == nullptr || number->nb_int == nullptr) {
-        raise(PyExc_TypeError, "an integer is required");
+        raise(PyExc_TypeError, notAnInteger);
     }
     Ref result = checked(number->nb_int(object));
     if (!PyLong_Check(result.get())) {
@@ -53,6 +55,13 @@ std::int32_t detail::convertToInt32(PyObject *object, const char *typeName) {
 
 std::uint32_t detail::convertToUInt32(PyObject *object, const char *typeName) {
     return toInteger<std::uint32_t>(object, typeName);
+}
+
+std::int32_t toInt32FromIndex(PyObject *object, const char *typeName) {
+    if (!PyIndex_Check(object)) {
+        raise(PyExc_TypeError, notAnInteger);
+    }
+    return toInteger<std::int32_t>(checked(PyNumber_Index(object)).get(), typeName);
 }
 
 double toDouble(PyObject *object) {

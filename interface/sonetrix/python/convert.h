@@ -1,14 +1,21 @@
 // Python objects to the engine's C types: one place for each kind of argument, with the error it gives.
 #pragma once
 
+#include "compatibility.h"
 #include "errors.h"
-#include "version.h"
 
 #include <cstdint>
 
 namespace sonetrix {
 
 namespace detail {
+// Whether an int is of the kind whose value can be read at once: below 2^30 in any case.
+inline bool isCompact(PyObject *number) noexcept {
+    return PyUnstable_Long_IsCompact(reinterpret_cast<PyLongObject *>(number)) != 0;
+}
+inline Py_ssize_t compactValue(PyObject *number) noexcept {
+    return PyUnstable_Long_CompactValue(reinterpret_cast<PyLongObject *>(number));
+}
 std::int32_t convertToInt32(PyObject *object, const char *typeName);
 std::uint32_t convertToUInt32(PyObject *object, const char *typeName);
 } // namespace detail
@@ -17,17 +24,20 @@ std::uint32_t convertToUInt32(PyObject *object, const char *typeName);
 // required" without one. OverflowError "value too large to convert to <typeName>" beyond the range, which for an
 // unsigned type is "can't convert negative value to <typeName>" below it.
 inline std::int32_t toInt32(PyObject *object, const char *typeName = "int32_t") {
-    if (PyLong_Check(object) && version::isSmallInt(object)) [[likely]] {
-        return static_cast<std::int32_t>(version::smallIntValue(object));
+    if (PyLong_Check(object) && detail::isCompact(object)) [[likely]] {
+        return static_cast<std::int32_t>(detail::compactValue(object));
     }
     return detail::convertToInt32(object, typeName);
 }
 inline std::uint32_t toUInt32(PyObject *object, const char *typeName = "uint32_t") {
-    if (PyLong_Check(object) && version::isSmallInt(object) && version::smallIntValue(object) >= 0) [[likely]] {
-        return static_cast<std::uint32_t>(version::smallIntValue(object));
+    if (PyLong_Check(object) && detail::isCompact(object) && detail::compactValue(object) >= 0) [[likely]] {
+        return static_cast<std::uint32_t>(detail::compactValue(object));
     }
     return detail::convertToUInt32(object, typeName);
 }
+
+// An int or what has __index__ (TypeError else), to an int32 as above.
+std::int32_t toInt32FromIndex(PyObject *object, const char *typeName);
 
 // A float is read directly, anything else through its __float__.
 double toDouble(PyObject *object);

@@ -1,6 +1,6 @@
 #include "errors.h"
 
-#include "version.h"
+#include "gil.h"
 
 #include <cstdarg>
 #include <exception>
@@ -29,6 +29,10 @@ void raiseFormat(PyObject *type, const char *format, ...) {
 void translateException() noexcept {
     try {
         throw;
+#if PY_VERSION_HEX < 0x030E0000
+    } catch (const abi::__forced_unwind &) {
+        hangThread();
+#endif
     } catch (const PythonError &) {
         // The indicator is set already.
     } catch (const std::bad_alloc &) {
@@ -39,33 +43,33 @@ void translateException() noexcept {
 }
 
 void addTraceback(const char *qualifiedName) noexcept {
-    // The exception is set aside: making the frame must not see, nor lose, it.
-    Ref exception = version::takeRaised();
-    Ref globals = Ref::steal(PyDict_New());
-    Ref code = Ref::steal(reinterpret_cast<PyObject *>(PyCode_NewEmpty("<sonetrix>", qualifiedName, 1)));
     Ref frame;
-    if (globals && code) {
-        frame = Ref::steal(reinterpret_cast<PyObject *>(
-            PyFrame_New(PyThreadState_Get(), reinterpret_cast<PyCodeObject *>(code.get()), globals.get(), nullptr)));
+    {
+        const RaisedException raised; // making the frame must not see, nor lose, it
+        Ref globals = Ref::steal(PyDict_New());
+        Ref code = Ref::steal(reinterpret_cast<PyObject *>(PyCode_NewEmpty("<sonetrix>", qualifiedName, 1)));
+        if (globals && code) {
+            frame = Ref::steal(reinterpret_cast<PyObject *>(PyFrame_New(
+                PyThreadState_Get(), reinterpret_cast<PyCodeObject *>(code.get()), globals.get(), nullptr)));
+        }
     }
-    PyErr_Clear(); // no memory for the entry: the exception itself is what matters
-    version::setRaised(std::move(exception));
-    if (frame) {
+    if (frame) { // without memory for the entry, the exception itself is what matters
         PyTraceBack_Here(reinterpret_cast<PyFrameObject *>(frame.get()));
     }
 }
 
 void reportUnraisable(const char *qualifiedName, Report report) noexcept {
-    Ref exception = version::takeRaised();
-    if (!exception) {
-        return;
+    Ref name;
+    {
+        const RaisedException raised;
+        if (raised.get() == nullptr) {
+            return;
+        }
+        if (report == Report::tracebackAndHook) {
+            PyErr_DisplayException(raised.get());
+        }
+        name = Ref::steal(PyUnicode_FromString(qualifiedName));
     }
-    if (report == Report::tracebackAndHook) {
-        version::display(exception.get());
-    }
-    Ref name = Ref::steal(PyUnicode_FromString(qualifiedName));
-    PyErr_Clear();
-    version::setRaised(std::move(exception));
     PyErr_WriteUnraisable(name.get());
 }
 

@@ -1,8 +1,10 @@
-// Errors: a failed Python call throws PythonError, with the interpreter's error indicator set, and the border (see
-// function.h) turns it back into the null that the interpreter expects.
+// Errors: a failed Python call throws PythonError, with the interpreter's error indicator set, and the exception
+// boundary (see function.h) turns it back into the null that the interpreter expects.
 #pragma once
 
 #include "ref.h"
+
+#include <concepts>
 
 namespace sonetrix {
 
@@ -23,15 +25,30 @@ inline Ref checked(PyObject *stolen) {
 }
 
 // The result of a Python call that reports failure by a negative number.
-inline int checked(int result) {
+template <std::signed_integral Number> Number checked(Number result) {
     if (result < 0) {
         throw PythonError();
     }
     return result;
 }
 
-// For a handler of `...`: makes whatever was thrown the current Python exception.
+// For a handler of `...`: makes whatever was thrown the current Python exception. A thread that the interpreter's
+// finalisation is unwinding hangs here; see hangingAtFinalisation().
 void translateException() noexcept;
+
+// Makes an exception the one that is being handled, as in the body of an `except`.
+class HandledException {
+public:
+    explicit HandledException(PyObject *exception) noexcept : outer_(Ref::steal(PyErr_GetHandledException())) {
+        PyErr_SetHandledException(exception);
+    }
+    ~HandledException() { PyErr_SetHandledException(outer_.get()); }
+    HandledException(const HandledException &) = delete;
+    HandledException &operator=(const HandledException &) = delete;
+
+private:
+    Ref outer_;
+};
 
 // Adds an entry that bears the name ("sonetrix.engine.link") to the current exception's traceback.
 void addTraceback(const char *qualifiedName) noexcept;

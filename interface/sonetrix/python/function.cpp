@@ -1,6 +1,6 @@
 #include "function.h"
 
-#include "version.h"
+#include "annotated_function.h"
 
 #include <algorithm>
 #include <deque>
@@ -20,137 +20,11 @@ Ref text(std::string_view view) {
     return checked(PyUnicode_FromStringAndSize(view.data(), static_cast<Py_ssize_t>(view.size())));
 }
 
-// A parameter's parts as they stand in the signature; empty where it has none.
-struct ParameterText {
-    std::string_view name;
-    std::string_view annotation;
-    std::string_view fallback;
-
-    explicit ParameterText(std::string_view parameter) {
-        const std::size_t equals = parameter.find('=');
-        const std::size_t colon = parameter.find(':');
-        if (equals != std::string_view::npos) {
-            fallback = Signature::trim(parameter.substr(equals + 1));
-            parameter = parameter.substr(0, equals);
-        }
-        name = Signature::trim(parameter.substr(0, colon));
-        if (colon != std::string_view::npos) {
-            annotation = Signature::trim(parameter.substr(colon + 1));
-        }
-    }
-};
-
-std::string_view returnAnnotation(std::string_view signature) {
-    const std::size_t arrow = signature.rfind("-> ");
-    return arrow == std::string_view::npos ? std::string_view() : signature.substr(arrow + 3);
-}
-
-// The record of a builtin function or method descriptor, or AttributeError where it is not one of ours.
-const FunctionRecord &recordOf(PyObject *object, const char *attribute) {
-    const PyMethodDef *definition = Py_IS_TYPE(object, &PyMethodDescr_Type)
-                                        ? reinterpret_cast<PyMethodDescrObject *>(object)->d_method
-                                        : reinterpret_cast<PyCFunctionObject *>(object)->m_ml;
-    for (const FunctionRecord &record : records()) {
-        if (&record.definition == definition) {
-            return record;
-        }
-    }
-    raiseFormat(PyExc_AttributeError, "'%.100s' object has no attribute '%s'", Py_TYPE(object)->tp_name, attribute);
-}
-
-// A getter's border: no traceback entry, for an attribute that is missing as it always was.
-template <class Body> PyObject *getter(Body &&body) noexcept {
-    const LibraryFrame frame;
-    try {
-        return body().release();
-    } catch (...) {
-        translateException();
-        return nullptr;
-    }
-}
-
-PyObject *getAnnotations(PyObject *object, void *) noexcept {
-    return getter([object] {
-        const std::string_view signature = recordOf(object, "__annotations__").method->signature.text();
-        Ref annotations = checked(PyDict_New());
-        const auto add = [&annotations](std::string_view name, std::string_view annotation) {
-            if (!annotation.empty()) {
-                checked(PyDict_SetItem(annotations.get(), text(name).get(), text(annotation).get()));
-            }
-        };
-        std::string_view list = Signature::parameterList(signature);
-        while (!list.empty()) {
-            const ParameterText parameter(Signature::takeParameter(list));
-            add(parameter.name, parameter.annotation);
-        }
-        add("return", returnAnnotation(signature));
-        return annotations;
-    });
-}
-
-PyObject *getSignature(PyObject *object, void *) noexcept {
-    return getter([object] {
-        const std::string_view signature = recordOf(object, "__signature__").method->signature.text();
-        Ref inspect = checked(PyImport_ImportModule("inspect"));
-        Ref ast = checked(PyImport_ImportModule("ast"));
-        Ref parameterClass = checked(PyObject_GetAttrString(inspect.get(), "Parameter"));
-        Ref kind = checked(PyObject_GetAttrString(parameterClass.get(), "POSITIONAL_OR_KEYWORD"));
-        const auto newParameter = [&](std::string_view name, std::string_view annotation, std::string_view fallback) {
-            Ref arguments = checked(Py_BuildValue("(NO)", text(name).release(), kind.get()));
-            Ref keywords = checked(PyDict_New());
-            if (!annotation.empty()) {
-                checked(PyDict_SetItemString(keywords.get(), "annotation", text(annotation).get()));
-            }
-            if (!fallback.empty()) {
-                Ref value = checked(PyObject_CallMethod(ast.get(), "literal_eval", "N", text(fallback).release()));
-                checked(PyDict_SetItemString(keywords.get(), "default", value.get()));
-            }
-            return checked(PyObject_Call(parameterClass.get(), arguments.get(), keywords.get()));
-        };
-
-        Ref parameters = checked(PyList_New(0));
-        if (Py_IS_TYPE(object, &PyMethodDescr_Type)) {
-            checked(PyList_Append(parameters.get(), newParameter("self", {}, {}).get()));
-        }
-        std::string_view list = Signature::parameterList(signature);
-        while (!list.empty()) {
-            const ParameterText parameter(Signature::takeParameter(list));
-            checked(PyList_Append(
-                parameters.get(), newParameter(parameter.name, parameter.annotation, parameter.fallback).get()));
-        }
-        Ref keywords = checked(PyDict_New());
-        if (const std::string_view annotation = returnAnnotation(signature); !annotation.empty()) {
-            checked(PyDict_SetItemString(keywords.get(), "return_annotation", text(annotation).get()));
-        }
-        Ref signatureClass = checked(PyObject_GetAttrString(inspect.get(), "Signature"));
-        Ref arguments = checked(PyTuple_Pack(1, parameters.get()));
-        return checked(PyObject_Call(signatureClass.get(), arguments.get(), keywords.get()));
-    });
-}
-
-PyGetSetDef attributes[] = {
-    {"__annotations__", getAnnotations, nullptr, nullptr, nullptr},
-    {"__signature__", getSignature, nullptr, nullptr, nullptr},
-};
-
-// "link(p1, p2=None)\n--\n\n", the interpreter's own form, which has no annotations.
-std::string signatureLine(const Method &method, bool isMethod) {
-    std::string line = std::string(method.name) + "(" + (isMethod ? "$self" : "");
-    const char *separator = isMethod ? ", " : "";
-    std::string_view list = Signature::parameterList(method.signature.text());
-    while (!list.empty()) {
-        const ParameterText parameter(Signature::takeParameter(list));
-        line.append(separator).append(parameter.name);
-        if (!parameter.fallback.empty()) {
-            line.append("=").append(parameter.fallback);
-        }
-        separator = ", ";
-    }
-    return line + ")\n--\n\n";
-}
-
 // The record of a line in a table; `className` is empty for a function of the module.
 FunctionRecord &newRecord(const Method &method, std::string_view className, bool isMethod) {
+    if (*method.entry.record != nullptr && (*method.entry.record)->method != &method) {
+        raise(PyExc_SystemError, "two functions share one body");
+    }
     FunctionRecord &record = records().emplace_back();
     record.method = &method;
     record.qualifiedName = "sonetrix." + std::string(className) + (className.empty() ? "" : ".") + method.name;
@@ -223,21 +97,28 @@ void requireComplete(const Method &method, std::size_t given, std::span<PyObject
 
 } // namespace
 
-void addFunctionAttributes() {
-    for (PyTypeObject *type : {&PyCFunction_Type, &PyMethodDescr_Type}) {
-        for (PyGetSetDef &attribute : attributes) {
-            Ref descriptor = checked(PyDescr_NewGetSet(type, &attribute));
-            checked(PyDict_SetItemString(version::typeDict(type).get(), attribute.name, descriptor.get()));
+std::string signatureLine(const Method &method, bool isMethod) {
+    std::string line = std::string(method.name) + "(" + (isMethod ? "$self" : "");
+    const char *separator = isMethod ? ", " : "";
+    std::string_view list = Signature::parameterList(method.signature.text());
+    while (!list.empty()) {
+        const std::string_view parameter = Signature::takeParameter(list);
+        const std::size_t equals = parameter.find('=');
+        line.append(separator).append(Signature::trim(parameter.substr(0, parameter.find_first_of(":="))));
+        if (equals != std::string_view::npos) {
+            line.append("=").append(Signature::trim(parameter.substr(equals + 1)));
         }
-        PyType_Modified(type);
+        separator = ", ";
     }
+    return line + ")\n--\n\n";
 }
 
 Ref newFunction(const Method &method, PyObject *owner) {
     const std::string_view className =
         PyType_Check(owner) ? shortName(reinterpret_cast<PyTypeObject *>(owner)) : std::string_view();
     Ref moduleName = text("sonetrix");
-    return checked(PyCFunction_NewEx(&newRecord(method, className, false).definition, owner, moduleName.get()));
+    Ref function = checked(PyCFunction_NewEx(&newRecord(method, className, false).definition, owner, moduleName.get()));
+    return method.annotations == Annotations::yes ? annotated(std::move(function), method) : function;
 }
 
 void addMethods(PyTypeObject *type, std::span<const Method> methods) {
@@ -277,7 +158,19 @@ void bindArguments(const Method &method, PyObject *positional, PyObject *keyword
     requireComplete(method, given, slots);
 }
 
+namespace {
+thread_local bool closedFunctions = false;
+}
+
+void closeFunctions() noexcept { detail::functionsAreClosed = closedFunctions = true; }
+
 namespace detail {
+
+void refuseOtherThreads() {
+    if (!closedFunctions) {
+        raise(PyExc_RuntimeError, "the interpreter is ending");
+    }
+}
 
 PyObject *fail(const FunctionRecord &function) noexcept {
     translateException();

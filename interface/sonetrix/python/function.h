@@ -1,12 +1,10 @@
 // Functions and methods that Python calls, each one line in a table: name, signature, docstring, C++ body.
 //
 // The signature is Python's own notation, "(p1: str | bytes, p2: str | bytes | None = None) -> int". It is read at
-// compile time for what the call needs (names, what is required), at import for the docstring, and on request for
-// `__signature__` and `__annotations__`; so what inspect shows is what the call does.
-//
-// In Python they are the interpreter's own builtin functions and method descriptors, which it calls faster than any
-// callable type of ours: only for these exact types does it specialise calls. They have no place for annotations, so
-// the two attributes are added to their types; for functions that are not ours they stay missing.
+// compile time for what the call needs (names, what is required) and at import for the docstring, where the interpreter
+// and inspect.signature() read it; so what they show is what the call does. In Python they are the interpreter's own
+// builtin functions and method descriptors: only for these exact types does it specialise calls. They have no place for
+// annotations; a line that asks for them gets a slower callable around its function (annotated_function.h).
 #pragma once
 
 #include "errors.h"
@@ -101,12 +99,15 @@ struct Entry {
     const FunctionRecord **record;
 };
 
+enum class Annotations { no, yes };
+
 // One line of a table.
 struct Method {
     const char *name;
     Signature signature;
     const char *doc;
     Entry entry; // function<body> or method<Class, body>
+    Annotations annotations = Annotations::no;
 };
 
 // What a function keeps for as long as the process lives.
@@ -117,8 +118,8 @@ struct FunctionRecord {
     PyMethodDef definition;
 };
 
-// Adds `__signature__` and `__annotations__` to the interpreter's builtin functions.
-void addFunctionAttributes();
+// "link(p1, p2=None)\n--\n\n", the interpreter's own form of a signature at the head of a docstring.
+std::string signatureLine(const Method &method, bool isMethod);
 
 // A function for the dictionary of `owner`, the module or a class. In a class it is static: a builtin function binds to
 // nothing.
@@ -135,11 +136,26 @@ void bindArguments(const Method &method,
 // The same for a constructor's tuple and dict.
 void bindArguments(const Method &method, PyObject *positional, PyObject *keywords, std::span<PyObject *> slots);
 
-// The border between the interpreter and C++: whatever `body` throws becomes the current exception, with a traceback
-// entry that bears the name, and the call returns `failure`.
-template <class Body, class Result> Result border(const char *qualifiedName, Result failure, Body &&body) noexcept {
-    const LibraryFrame frame;
+// From now on, functions and methods raise RuntimeError on all threads but the calling one.
+void closeFunctions() noexcept;
+
+namespace detail {
+inline constinit bool functionsAreClosed = false; // guarded by the interpreter lock
+void refuseOtherThreads();
+} // namespace detail
+
+inline void requireOpenFunctions() {
+    if (detail::functionsAreClosed) [[unlikely]] {
+        detail::refuseOtherThreads();
+    }
+}
+
+// The boundary between the interpreter and C++ exceptions: whatever `body` throws becomes the current exception, with a
+// traceback entry that bears the name, and the call returns `failure`.
+template <class Body, class Result>
+Result exceptionBoundary(const char *qualifiedName, Result failure, Body &&body) noexcept {
     try {
+        requireOpenFunctions();
         return std::forward<Body>(body)();
     } catch (...) {
         translateException();
@@ -150,7 +166,7 @@ template <class Body, class Result> Result border(const char *qualifiedName, Res
 
 namespace detail {
 
-// The same border for the calls of a function.
+// The same boundary for the calls of a function.
 PyObject *fail(const FunctionRecord &function) noexcept;
 
 template <auto body, class... Self>
@@ -179,8 +195,8 @@ template <class Class, auto body> struct Call {
     static inline constinit const FunctionRecord *record = nullptr;
 
     static PyObject *call(PyObject *self, PyObject *const *values, Py_ssize_t count, PyObject *keywordNames) noexcept {
-        const LibraryFrame frame;
         try {
+            requireOpenFunctions();
             const Method &method = *record->method;
             const auto given = static_cast<std::size_t>(count);
             if constexpr (std::is_void_v<Class>) {

@@ -1,8 +1,8 @@
 // Heap types from a table of slots.
 #pragma once
 
+#include "compatibility.h"
 #include "errors.h"
-#include "version.h"
 
 #include <initializer_list>
 #include <vector>

@@ -1,10 +1,10 @@
 // The engine's command-line module for Python: its record and the engine's operations on it.
 
 #include "console.h"
-#include "console_thread.h"
 #include "engine_check.h"
 #include "host_log.h"
 #include "interpreter_session.h"
+#include "stop_request.h"
 
 #include <array>
 #include <cerrno>
@@ -21,7 +21,7 @@ namespace {
 
 // The dispositions that the record's console and its interpreter replaced, with their flags and masks.
 struct sigaction savedSigint {};
-constexpr std::array otherSignals = {SIGPIPE, SIGXFSZ, SIGURG};
+constexpr std::array otherSignals = {SIGPIPE, SIGXFSZ};
 std::array<struct sigaction, otherSignals.size()> savedOthers{};
 
 // Holds SIGINT back on this thread until the interpreter's handler is there: the default disposition, which makes the
@@ -52,29 +52,43 @@ std::int32_t run(sonetrix_cliModule_t *module) {
     if (!interpreterIsReady()) {
         return consoleEnded;
     }
-    const ConsoleThread::Activity activity(ConsoleThread::Activity::Kind::run);
-    return module->interactive != 0 ? runConsole(*module) : runStandardInput();
+    const bool interactive = module->interactive != 0;
+    const UnblockedSignals unblocked =
+        module->sigintMode == 0 ? UnblockedSignals{SIGURG} : UnblockedSignals{SIGINT, SIGURG};
+    const StopRequest::Run run(interactive);
+    return interactive ? runConsole(*module) : runStandardInput();
 }
 
 void stop(sonetrix_cliModule_t *module) {
     if (!stopRequested(*module)) {
         log(SONETRIX_LOG_DEBUG, "request to stop cli");
         if (__atomic_exchange_n(&module->stopRequested, 1, __ATOMIC_SEQ_CST) == 0) {
-            ConsoleThread::instance().interrupt();
+            StopRequest::instance().send();
             return;
         }
     }
     log(SONETRIX_LOG_DEBUG, "cli stop already send");
 }
 
-// Back to what was there before the interpreter started.
+// Back to what was there before the interpreter started, unless the engine has set something else meanwhile: what is
+// the interpreter's bears its mark, SA_ONSTACK, and since its end is no function of its own.
+void restore(int number, const struct sigaction &saved) noexcept {
+    struct sigaction current {};
+    sigaction(number, nullptr, &current);
+    const bool isFunction =
+        (current.sa_flags & SA_SIGINFO) != 0 || (current.sa_handler != SIG_DFL && current.sa_handler != SIG_IGN);
+    if (!isFunction && (current.sa_flags & SA_ONSTACK) != 0) {
+        sigaction(number, &saved, nullptr);
+    }
+}
+
 void restoreSignals(sonetrix_cliModule_t &module) noexcept {
     if (module.savedSigintHandler != nullptr) {
-        sigaction(SIGINT, &savedSigint, nullptr);
+        restore(SIGINT, savedSigint);
         module.savedSigintHandler = nullptr;
     }
     for (std::size_t index = 0; index < otherSignals.size(); ++index) {
-        sigaction(otherSignals[index], &savedOthers[index], nullptr);
+        restore(otherSignals[index], savedOthers[index]);
     }
 }
 
@@ -91,7 +105,7 @@ void destroy(sonetrix_cliModule_t *module) {
     if (interpreterIsReady()) {
         endInterpreter(*module);
     }
-    ConsoleThread::instance().close();
+    StopRequest::instance().close();
     restoreSignals(*module);
     release(module);
 }
@@ -178,7 +192,7 @@ extern "C" sonetrix_cliModule_t *sonetrix_engineCliCostructor(sonetrix_cListKeyV
         release(module);
         return nullptr;
     }
-    ConsoleThread::instance().open(module->sigintMode == 0);
+    StopRequest::instance().open();
     startInterpreter(*module);
     return module;
 }

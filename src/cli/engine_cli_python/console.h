@@ -10,21 +10,11 @@ namespace sonetrix::cli {
 constexpr std::int32_t consoleEnded = -1; // also: the script failed
 constexpr std::int32_t scriptSucceeded = -2;
 
-// The interactive console: statements from the terminal until the end of input or a stop request.
-//
-// Whoever dresses it sets `sys.linehook`. It is called on the console thread around every line that is read from the
-// terminal meanwhile, be it at the prompt, by input() or in pdb:
-//
-//   sys.linehook(prompt, None)   before the line is read
-//   sys.linehook(prompt, line)   afterwards: the line with its line end, several lines when line editing returns a
-//   paste
-//                                as one, "" at the end of input and when the line was interrupted
-//
-// A str that the second call returns is read in place of the line. KeyboardInterrupt in the hook interrupts the line;
-// any other exception is reported as unraisable and changes nothing.
+// The interactive console: statements from the terminal until the end of input or a stop request. How a line is read,
+// and how whoever dresses the console has a part in it, is in line_reader.h.
 std::int32_t runConsole(const sonetrix_cliModule_t &module) noexcept;
 
-// All of standard input as one script.
+// All of standard input as one script, whatever the flag says.
 std::int32_t runStandardInput() noexcept;
 
 // Whether a stop has been requested.

@@ -1,19 +1,20 @@
 #include "interpreter_session.h"
 
-#include "clear.h"
-#include "console_thread.h"
 #include "host_log.h"
 #include "module_init.h"
 #include "python/errors.h"
 #include "python/gil.h"
 #include "python_threads.h"
+#include "shutdown.h"
 #include "statement.h"
+#include "stop_request.h"
 
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
+#include <optional>
 
 namespace sonetrix::cli {
 
@@ -92,6 +93,12 @@ void runScriptFile(const char *path) noexcept {
 // Frees a string of the record and clears its field.
 void consume(char *&text) noexcept { std::free(std::exchange(text, nullptr)); }
 
+void clearNamespace() noexcept {
+    if (PyRun_SimpleString(cleanUpStatement) != 0) {
+        log(SONETRIX_LOG_WARN, "problem while cleaning up CLI global variables");
+    }
+}
+
 // Ahead of finalisation, which would run them: until now they can count on this library's functions.
 void runExitHandlers() noexcept {
     Ref module = Ref::steal(PyImport_ImportModule("atexit"));
@@ -142,9 +149,7 @@ void startInterpreter(const sonetrix_cliModule_t &module) noexcept {
         }
     }
     ready = true;
-    LibraryFrame::open();
     const GilHeld held;
-    ConsoleThread::instance().installHandler();
     installExceptHook();
     if (PyRun_SimpleString(importStatement) != 0) {
         log(SONETRIX_LOG_WARN, "error importing sonetrix");
@@ -158,7 +163,10 @@ void setUpConsole(sonetrix_cliModule_t &module) noexcept {
     if (module.interactive != 0) {
         PyOS_InterruptOccurred(); // forgets a Ctrl-C from before there was a console
     }
-    const ConsoleThread::Activity activity(ConsoleThread::Activity::Kind::start);
+    std::optional<UnblockedSignals> unblocked;
+    if (module.sigintMode != 0) {
+        unblocked.emplace({SIGINT});
+    }
     if (PyRun_SimpleString(promptScript) != 0) {
         log(SONETRIX_LOG_WARN, "problem settings python prompt");
     }
@@ -176,29 +184,22 @@ void setUpConsole(sonetrix_cliModule_t &module) noexcept {
 }
 
 void endInterpreter(const sonetrix_cliModule_t &module) noexcept {
+    static constexpr ConsoleEnd console = {waitForPythonThreads, clearNamespace, runExitHandlers};
     ready = false;
-    clearPythonModule();
     if (!holdsGil()) {
-        keepGil();
+        acquireGil();
     }
-    // Threads and callables come to their end while the globals that they use are still there.
-    waitForPythonThreads();
-    endRegistrations();
-    if (PyRun_SimpleString(cleanUpStatement) != 0) {
-        log(SONETRIX_LOG_WARN, "problem while cleaning up CLI global variables");
-    }
-    runExitHandlers();
-    if (!closeLibrary()) {
-        // To finalise under a thread that is inside Python would end it, and the engine with it.
-        log(SONETRIX_LOG_ERROR, "a thread does not return from Python: the interpreter is left as it is");
-        flushStandardOutput();
-        giveGilUp();
-        return;
-    }
+    const bool finalise = shutDown(&console);
     if (module.savedSigintHandler != nullptr) {
         ignoreSigint();
     }
-    Py_FinalizeEx();
+    if (finalise) {
+        Py_FinalizeEx();
+        return;
+    }
+    log(SONETRIX_LOG_ERROR, "a thread does not return from Python: the interpreter is left as it is");
+    flushStandardOutput();
+    releaseGil();
 }
 
 } // namespace sonetrix::cli

@@ -20,7 +20,7 @@ bool interpreterIsReady() noexcept;
 // Prompts, pager, the start code and the script file; the latter two are consumed.
 void setUpConsole(sonetrix_cliModule_t &module) noexcept;
 
-// Clear callbacks, Python threads, registrations, the console's namespace, exit handlers, finalisation.
+// The end, in the order of shutdown.h, and finalisation.
 void endInterpreter(const sonetrix_cliModule_t &module) noexcept;
 
 } // namespace sonetrix::cli

@@ -10,7 +10,8 @@ namespace sonetrix::cli {
 
 namespace {
 
-constexpr double limit = 3.0; // seconds
+constexpr double patience = 3.0; // seconds, before they are named in the log
+constexpr double limit = 15.0;
 
 PyObject *doNothing(PyObject *, PyObject *) noexcept { return Py_NewRef(Py_None); }
 PyMethodDef noShutdown = {"_shutdown", doNothing, METH_NOARGS, nullptr};
@@ -34,20 +35,27 @@ void leaveOut(PyObject *mainThread, PyObject *threading) {
     checked(PyObject_CallMethod(locks.get(), "discard", "O", mainLock.get()));
 }
 
-// Whether `function` returned in time; it is called on a daemon thread.
-bool callInTime(PyObject *threading, const Ref &function) {
+// Calls the function on a daemon thread, which it gives.
+Ref callOnThread(PyObject *threading, const Ref &function) {
     Ref threadClass = checked(PyObject_GetAttrString(threading, "Thread"));
     Ref arguments = checked(PyTuple_New(0));
     Ref keywords = checked(Py_BuildValue("{sOsO}", "target", function.get(), "daemon", Py_True));
     Ref thread = checked(PyObject_Call(threadClass.get(), arguments.get(), keywords.get()));
     checked(PyObject_CallMethod(thread.get(), "start", nullptr));
-    Ref::steal(PyObject_CallMethod(thread.get(), "join", "d", limit));
-    PyErr_Clear(); // Ctrl-C cuts the wait short
+    return thread;
+}
+
+// Whether the thread ended in time, or Ctrl-C cut the wait short.
+bool join(const Ref &thread, double seconds) {
+    if (!Ref::steal(PyObject_CallMethod(thread.get(), "join", "d", seconds))) {
+        PyErr_Clear();
+        return true;
+    }
     Ref alive = checked(PyObject_CallMethod(thread.get(), "is_alive", nullptr));
     return checked(PyObject_IsTrue(alive.get())) == 0;
 }
 
-void nameThreads(PyObject *threading, PyObject *mainThread) {
+void nameThreads(sonetrix_log_level_t level, const LogFormat &format, PyObject *threading, PyObject *mainThread) {
     Ref threads = checked(PyObject_CallMethod(threading, "enumerate", nullptr));
     threads = checked(PySequence_List(threads.get())); // a script may have replaced the function
     for (Py_ssize_t index = 0; index < PyList_GET_SIZE(threads.get()); ++index) {
@@ -56,8 +64,7 @@ void nameThreads(PyObject *threading, PyObject *mainThread) {
         if (thread != mainThread && checked(PyObject_IsTrue(daemon.get())) == 0) {
             Ref name = checked(PyObject_Str(checked(PyObject_GetAttrString(thread, "name")).get()));
             const Ref text = checked(PyUnicode_AsEncodedString(name.get(), "utf-8", "backslashreplace"));
-            log(SONETRIX_LOG_WARN, "python thread '%s' is still running and is left behind",
-                PyBytes_AS_STRING(text.get()));
+            log(level, format, PyBytes_AS_STRING(text.get()));
         }
     }
 }
@@ -73,8 +80,14 @@ void waitForPythonThreads() noexcept {
         const Ref shutdown = takeShutdown(threading.get());
         const Ref mainThread = checked(PyObject_CallMethod(threading.get(), "main_thread", nullptr));
         leaveOut(mainThread.get(), threading.get());
-        if (!callInTime(threading.get(), shutdown)) {
-            nameThreads(threading.get(), mainThread.get());
+        const Ref waiter = callOnThread(threading.get(), shutdown);
+        if (join(waiter, patience)) {
+            return;
+        }
+        nameThreads(SONETRIX_LOG_WARN, "waiting for python thread '%s'", threading.get(), mainThread.get());
+        if (!join(waiter, limit - patience)) {
+            nameThreads(SONETRIX_LOG_ERROR, "python thread '%s' is still running and is left behind", threading.get(),
+                mainThread.get());
         }
     } catch (const PythonError &) {
         if (PyErr_ExceptionMatches(PyExc_KeyboardInterrupt) != 0) {

@@ -2,9 +2,9 @@
 
 namespace sonetrix::cli {
 
-// Finalisation waits for Python threads that are not daemons, without end. This does the same wait for a limited time,
-// ahead of it, and names in the log who is still running then; finalisation does not wait for those again.
-// Needs the interpreter lock.
+// Finalisation waits for Python threads that are not daemons, without end. This does the same wait ahead of it, for 15
+// s at most: who is still running after 3 s is named in the log, and after 15 s left behind, with an error there;
+// finalisation does not wait for those again. Needs the interpreter lock.
 void waitForPythonThreads() noexcept;
 
 } // namespace sonetrix::cli

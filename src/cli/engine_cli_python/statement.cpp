@@ -1,8 +1,8 @@
 #include "statement.h"
 
-#include "console_thread.h"
 #include "python/errors.h"
 #include "python/gil.h"
+#include "stop_request.h"
 
 #include <sonetrix/engine_api.h>
 
@@ -10,24 +10,20 @@ namespace sonetrix::cli {
 
 namespace {
 
-PyObject *exceptHook(PyObject *, PyObject *arguments) noexcept {
+bool isSilent(PyObject *type) noexcept {
+    return PyErr_GivenExceptionMatches(type, PyExc_SystemExit) != 0 ||
+           (PyErr_GivenExceptionMatches(type, PyExc_KeyboardInterrupt) != 0 &&
+               StopRequest::instance().hasInterruptedConsole());
+}
+
+// `self` is the interpreter's own hook.
+PyObject *exceptHook(PyObject *self, PyObject *arguments) noexcept {
     PyObject *type = PyTuple_GET_SIZE(arguments) > 0 ? PyTuple_GET_ITEM(arguments, 0) : Py_None;
-    if (PyErr_GivenExceptionMatches(type, PyExc_SystemExit) != 0) {
-        return Py_NewRef(Py_None);
-    }
-    const ConsoleThread::Display display;
-    PyObject *original = PySys_GetObject("__excepthook__");
-    return original == nullptr ? Py_NewRef(Py_None) : PyObject_Call(original, arguments, nullptr);
+    return isSilent(type) ? Py_NewRef(Py_None) : PyObject_Call(self, arguments, nullptr);
 }
 
 PyMethodDef exceptHookMethod = {
     "excepthook", exceptHook, METH_VARARGS, "Displays an exception on sys.stderr; SystemExit asks the engine to stop."};
-
-bool hasNoCode(PyObject *exception) noexcept {
-    const Ref code = Ref::steal(PyObject_GetAttrString(exception, "code"));
-    PyErr_Clear();
-    return code.get() == Py_None;
-}
 
 // Python's own reading of SystemExit.code: none is 0, an int is itself, anything else is printed and is 1.
 std::int32_t readExitCode(PyObject *exception) noexcept {
@@ -53,23 +49,36 @@ std::int32_t readExitCode(PyObject *exception) noexcept {
 } // namespace
 
 void installExceptHook() noexcept {
-    Ref hook = Ref::steal(PyCFunction_New(&exceptHookMethod, nullptr));
-    if (!hook || PySys_SetObject("excepthook", hook.get()) != 0) {
+    PyObject *original = PySys_GetObject("__excepthook__");
+    const Ref hook = Ref::steal(original == nullptr ? nullptr : PyCFunction_New(&exceptHookMethod, original));
+    if (!hook || PySys_SetObject("excepthook", hook.get()) != 0 || PySys_SetObject("__excepthook__", hook.get()) != 0) {
         PyErr_Clear(); // the default hook shows a traceback for SystemExit, no more
     }
 }
 
 namespace detail {
 
-Ref lastException() noexcept { return Ref::borrow(PySys_GetObject("last_value")); }
+namespace {
 
-std::optional<std::int32_t> exitIfRequested(const Ref &previous) noexcept {
-    const Ref exception = lastException();
-    if (!exception || exception.get() == previous.get() ||
-        PyErr_GivenExceptionMatches(exception.get(), PyExc_SystemExit) == 0) {
-        return std::nullopt;
+// A SystemExit that is the last exception shown.
+Ref lastExit() noexcept {
+    PyObject *exception = PySys_GetObject("last_value");
+    const bool isExit = exception != nullptr && PyErr_GivenExceptionMatches(exception, PyExc_SystemExit) != 0;
+    return isExit ? Ref::borrow(exception) : Ref();
+}
+
+} // namespace
+
+void forgetLastExit() noexcept {
+    if (lastExit()) {
+        PySys_SetObject("last_value", nullptr);
+        PyErr_Clear();
     }
-    if (ConsoleThread::instance().hasRaisedSystemExit() && hasNoCode(exception.get())) {
+}
+
+std::optional<std::int32_t> exitIfRequested() noexcept {
+    const Ref exception = lastExit();
+    if (!exception) {
         return std::nullopt;
     }
     const std::int32_t code = readExitCode(exception.get());

@@ -12,14 +12,14 @@
 
 namespace sonetrix::cli {
 
-// Replaces sys.excepthook by one that passes SystemExit over in silence.
+// Replaces sys.excepthook, and sys.__excepthook__ with it, by one that passes over in silence SystemExit and the
+// KeyboardInterrupt that a stop request raises at the console.
 void installExceptHook() noexcept;
 
 namespace detail {
-Ref lastException() noexcept;
-// If the last exception is a SystemExit and not `previous`: sets the engine's exit code, requests its stop, and gives
-// the code.
-std::optional<std::int32_t> exitIfRequested(const Ref &previous) noexcept;
+void forgetLastExit() noexcept;
+// If the last exception is a SystemExit: sets the engine's exit code, requests its stop, and gives the code.
+std::optional<std::int32_t> exitIfRequested() noexcept;
 } // namespace detail
 
 struct StatementResult {
@@ -29,9 +29,9 @@ struct StatementResult {
 
 // Runs `statement`, a call of one of the interpreter's entry points. Needs the interpreter lock.
 template <class Statement> StatementResult runStatement(Statement &&statement) noexcept {
-    const Ref previous = detail::lastException();
+    detail::forgetLastExit();
     const int result = statement();
-    return {result, result == 0 ? std::nullopt : detail::exitIfRequested(previous)};
+    return {result, result == 0 ? std::nullopt : detail::exitIfRequested()};
 }
 
 } // namespace sonetrix::cli

@@ -1,0 +1,111 @@
+// What the library's own code does differently for the supported interpreters (3.11 and later; 3.12 is the reference):
+// the official names of later versions for the earlier ones, and the few places that look inside an object.
+#pragma once
+
+#include "ref.h"
+
+#if PY_VERSION_HEX < 0x030B0000
+#error "CPython 3.11 or later is needed"
+#endif
+
+#if PY_VERSION_HEX < 0x030D0000
+inline PyThreadState *PyThreadState_GetUnchecked() noexcept { return _PyThreadState_UncheckedGet(); }
+#endif
+
+#if PY_VERSION_HEX < 0x030C0000
+inline PyObject *PyErr_GetRaisedException() noexcept {
+    PyObject *type = nullptr;
+    PyObject *value = nullptr;
+    PyObject *traceback = nullptr;
+    PyErr_Fetch(&type, &value, &traceback);
+    if (type == nullptr) {
+        return nullptr;
+    }
+    PyErr_NormalizeException(&type, &value, &traceback);
+    const sonetrix::Ref ownedType = sonetrix::Ref::steal(type);
+    const sonetrix::Ref ownedTraceback = sonetrix::Ref::steal(traceback);
+    if (ownedTraceback) {
+        PyException_SetTraceback(value, traceback);
+    }
+    return value;
+}
+
+inline void PyErr_SetRaisedException(PyObject *exception) noexcept {
+    if (exception == nullptr) {
+        PyErr_Clear();
+        return;
+    }
+    PyErr_Restore(Py_NewRef(Py_TYPE(exception)), exception, PyException_GetTraceback(exception));
+}
+
+inline void PyErr_DisplayException(PyObject *exception) noexcept {
+    const sonetrix::Ref traceback = sonetrix::Ref::steal(PyException_GetTraceback(exception));
+    PyErr_Display(reinterpret_cast<PyObject *>(Py_TYPE(exception)), exception, traceback.get());
+}
+
+inline int PyUnstable_Long_IsCompact(const PyLongObject *number) noexcept {
+    return Py_SIZE(number) >= -1 && Py_SIZE(number) <= 1;
+}
+
+inline Py_ssize_t PyUnstable_Long_CompactValue(const PyLongObject *number) noexcept {
+    return Py_SIZE(number) * static_cast<Py_ssize_t>(number->ob_digit[0]);
+}
+#endif
+
+namespace sonetrix {
+
+// Sets the current exception aside for as long as it lives; whatever is raised meanwhile is dropped.
+class RaisedException {
+public:
+    RaisedException() noexcept : exception_(PyErr_GetRaisedException()) {}
+    ~RaisedException() { PyErr_SetRaisedException(exception_); }
+    RaisedException(const RaisedException &) = delete;
+    RaisedException &operator=(const RaisedException &) = delete;
+
+    PyObject *get() const noexcept { return exception_; }
+
+private:
+    PyObject *exception_; // owned
+};
+
+namespace version {
+
+// Whether the running interpreter is of the minor version that this was compiled for; no other lays out objects so.
+inline bool matchesHeaders() noexcept { return Py_Version >> 16 == PY_VERSION_HEX >> 16; }
+
+// Whether the text is ASCII, so that PyUnicode_DATA is its NUL-terminated bytes.
+inline bool isAscii(PyObject *text) noexcept {
+#if PY_VERSION_HEX < 0x030C0000
+    if (PyUnicode_READY(text) < 0) {
+        PyErr_Clear();
+        return false;
+    }
+#endif
+    return PyUnicode_IS_ASCII(text) != 0;
+}
+
+// A number that changes whenever the type or a base of it is changed; 0 while the interpreter keeps none.
+inline unsigned int typeVersion(PyTypeObject *type) noexcept {
+#if PY_VERSION_HEX < 0x030D0000
+    if (!PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG)) {
+        return 0;
+    }
+#endif
+    return type->tp_version_tag;
+}
+
+// In a module's slots: it is made in any kind of interpreter, and says itself which ones it refuses.
+inline PyModuleDef_Slot createdInAnyInterpreter() noexcept {
+#if PY_VERSION_HEX >= 0x030C0000
+    return {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED};
+#else
+    return {0, nullptr};
+#endif
+}
+
+// A dict with room for `size` entries.
+inline Ref newDict(Py_ssize_t size) noexcept { return Ref::steal(_PyDict_NewPresized(size)); }
+
+} // namespace version
+
+} // namespace sonetrix

@@ -1,0 +1,138 @@
+#include "interpreter_guard.h"
+
+#include <memory>
+#include <new>
+#include <pthread.h>
+#include <thread>
+#include <unistd.h>
+
+namespace sonetrix {
+
+constinit InterpreterGuard interpreterGuard;
+
+namespace {
+
+thread_local std::uint32_t entriesOfThread = 0;
+
+// The state that an engine thread keeps.
+struct KeptState {
+    PyThreadState *state;
+    KeptState *next = nullptr;
+};
+
+// Of threads that have ended. Taken as a whole, so pushing needs no more than a compare-and-swap.
+constinit std::atomic<KeptState *> endedThreads = nullptr;
+
+// For a thread without a state of its own; it has none afterwards, either. Clearing a state may run Python code, hence
+// the one that is made for it.
+void disposeOfEndedThreads() noexcept {
+#ifndef Py_DEBUG // where disposing of another thread's state is an assertion; there they stay until finalisation
+    KeptState *ended = endedThreads.exchange(nullptr, std::memory_order_acquire);
+    if (ended == nullptr) {
+        return;
+    }
+    hangingAtFinalisation(PyGILState_Ensure);
+    while (ended != nullptr) {
+        const std::unique_ptr<KeptState> disposed(std::exchange(ended, ended->next));
+        PyThreadState_Clear(disposed->state);
+        PyThreadState_Delete(disposed->state);
+    }
+    PyThreadState_Clear(PyThreadState_Get());
+    PyThreadState_DeleteCurrent();
+#endif
+}
+
+// From a destructor, not from a pthread key's: those run when the interpreter's own key is being cleared.
+class StateKeeper {
+public:
+    constexpr StateKeeper() noexcept = default;
+    ~StateKeeper() {
+        if (kept_ != nullptr) {
+            kept_->next = endedThreads.load(std::memory_order_relaxed);
+            while (!endedThreads.compare_exchange_weak(kept_->next, kept_, std::memory_order_release)) {
+            }
+        }
+    }
+    StateKeeper(const StateKeeper &) = delete;
+    StateKeeper &operator=(const StateKeeper &) = delete;
+
+    void enter() noexcept {
+        if (!std::exchange(entered_, true)) {
+            keep();
+        }
+    }
+
+private:
+    void keep() noexcept {
+        if (PyGILState_GetThisThreadState() != nullptr) {
+            return; // a thread of Python's own, which looks after its state itself
+        }
+        disposeOfEndedThreads();
+        kept_ = new (std::nothrow) KeptState{nullptr};
+        if (kept_ == nullptr) {
+            return; // it works without, at a price
+        }
+        hangingAtFinalisation(PyGILState_Ensure);
+        kept_->state = PyEval_SaveThread();
+    }
+
+    bool entered_ = false;
+    KeptState *kept_ = nullptr;
+};
+
+constinit thread_local StateKeeper keeper;
+
+} // namespace
+
+void hangThread() noexcept {
+    for (;;) {
+        pause();
+    }
+}
+
+bool InterpreterGuard::close(std::chrono::milliseconds limit) noexcept {
+    state_.fetch_or(closedBit, std::memory_order_acq_rel);
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    // Late comers count themselves in for an instant, hence a loop rather than a wait.
+    while (state_.load(std::memory_order_acquire) != closedBit) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    return true;
+}
+
+void InterpreterGuard::resetAfterFork(std::uint32_t entries) noexcept {
+    state_ = (state_ & closedBit) | entries;
+    endedThreads = nullptr; // the interpreter itself deletes the other threads' states
+}
+
+EngineThreadEntry::EngineThreadEntry(LockOrder order) noexcept {
+    if (!interpreterGuard.tryEnter()) {
+        return;
+    }
+    if (order == LockOrder::check && holdsGil()) {
+        interpreterGuard.leave();
+        outcome_ = Outcome::heldAlready;
+        return;
+    }
+    keeper.enter();
+    state_ = hangingAtFinalisation(PyGILState_Ensure);
+    ++entriesOfThread;
+    outcome_ = Outcome::entered;
+}
+
+EngineThreadEntry::~EngineThreadEntry() {
+    if (outcome_ == Outcome::entered) {
+        --entriesOfThread;
+        PyGILState_Release(state_);
+        interpreterGuard.leave();
+    }
+}
+
+void watchForks() noexcept {
+    pthread_atfork(nullptr, nullptr, [] { interpreterGuard.resetAfterFork(entriesOfThread); });
+}
+
+} // namespace sonetrix

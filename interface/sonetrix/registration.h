@@ -1,0 +1,114 @@
+// A registration with the engine: a callable that engine threads call until it is removed.
+//
+//   registering ──▶ live ──▶ removing ──▶ gone
+//        └──────────────────────────────────▲    the engine refused it
+//
+//   registering   the engine is asked, with the interpreter lock released, and may call before it has answered
+//   live          the Python object that owns it lives
+//   removing      the object is gone, or the interpreter ends; the engine has the callable still
+//   gone          the engine has let go; the callable is released now, not before
+//
+// The engine hands the callable back as user data, so a call is for a callable, not for a registration. What the rules
+// need to know is kept per callable, in the registry, a monitor of its own: how many registrations are registering or
+// live (L), how many removing (R), how many calls are in progress (C). It is never held while anything waits or while
+// the engine or Python runs; whoever holds it may hold the interpreter lock, and never asks for that.
+//
+//   a call      is delivered if L > 0, else it ends at once, having touched nothing. So when the last registration is
+//               being removed no call begins, and one that is on its way cannot hold the removal up.
+//   removal     is the engine's function, which waits for a call in progress on another thread. Where L = 0, R is this
+//               one alone and nobody else is in the callable, there is nothing to wait for but calls that end at once:
+//               the dropping thread makes it itself. (A new registration of the callable waits until that is done.)
+//               Else a thread of ours, the removal worker, makes it as soon as C = 0 or L > 0.
+//   a drop      that goes to the worker waits for it, with the lock released, five seconds at most, and then names the
+//               callable in the log. It does not wait inside a callable, nor in a collection by the garbage collector,
+//               where nobody knows what the thread holds that the callable may want; nor on the worker.
+//
+// Hence nobody waits without limit, whatever locks are held: an engine thread waits for the interpreter lock only, and
+// nobody keeps that while waiting for an engine thread; the worker waits for callables, and nobody waits for the worker
+// without limit.
+//
+//   the end         removeAllRegistrations() removes what is live, oldest first, and waits five seconds for what the
+//                   worker has; after it there are no new registrations and the worker makes no engine call.
+//   a forked child  has no engine threads and no worker. Registrations of its parent are forgotten without a call of
+//                   the engine, which would wait for threads that only the parent has.
+#pragma once
+
+#include "python/ref.h"
+
+#include <sonetrix/engine_api.h>
+
+#include <list>
+#include <memory>
+
+namespace sonetrix {
+
+class Registration;
+struct CallableUse;
+
+// The engine's function that removes a registration; it tells the kinds of registrations apart.
+using RemoveFunction = void (*)(sonetrix_engine_t *engine, void *handle);
+using RegistrationList = std::list<std::shared_ptr<Registration>>;
+
+// All of it needs the interpreter lock; what waits gives it up meanwhile.
+class Registration {
+public:
+    // In state registering, or null when the interpreter is ending. Throws std::bad_alloc.
+    static std::shared_ptr<Registration> make(RemoveFunction remove, PyObject *callable);
+    Registration(RemoveFunction remove, PyObject *callable) noexcept;
+
+    // The engine's answer; null is a refusal.
+    void complete(void *handle) noexcept;
+    // Its owner drops it. Nothing happens unless it is live.
+    void drop() noexcept;
+
+    // The callable as long as it is the owner's: for the garbage collector.
+    PyObject *ownedCallable() const noexcept { return state_ <= State::live ? callable_.get() : nullptr; }
+    // False when the engine refused it.
+    bool isRegistered() const noexcept { return handle_ != nullptr; }
+
+private:
+    friend class Registry;
+    enum class State { registering, live, removing, gone };
+
+    State state_ = State::registering;
+    bool isBeingRemoved_ = false; // by the engine's function
+    int generation_ = 0;          // of the process that made it
+    RemoveFunction remove_;
+    sonetrix_engine_t *engine_ = nullptr;
+    void *handle_ = nullptr;
+    Ref callable_;
+    CallableUse *use_ = nullptr;
+    RegistrationList::iterator place_;
+};
+
+// One call of a callable on the calling thread, which holds the interpreter lock.
+class CallScope {
+public:
+    CallScope(void *user, RemoveFunction remove) noexcept;
+    ~CallScope();
+    CallScope(const CallScope &) = delete;
+    CallScope &operator=(const CallScope &) = delete;
+
+    // False when there is no registration that the call can be for: nothing is to be called.
+    explicit operator bool() const noexcept { return use_ != nullptr; }
+    // Alive until the scope ends, whatever the callable drops.
+    PyObject *callable() const noexcept { return callable_.get(); }
+
+private:
+    friend class Registry;
+
+    CallableUse *use_ = nullptr;
+    Ref callable_;
+    CallScope *outer_ = nullptr;
+};
+
+// Says that the garbage collector begins, or ends, a collection on this thread.
+void setCollecting(bool collecting) noexcept;
+
+// The end of all registrations; see above. False when some are not gone after five seconds.
+bool removeAllRegistrations() noexcept;
+
+// To be called once: how forked children start.
+void watchForksOfRegistrations() noexcept;
+
+} // namespace sonetrix

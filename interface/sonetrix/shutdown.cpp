@@ -1,0 +1,45 @@
+#include "shutdown.h"
+
+#include "key_cache.h"
+#include "python/function.h"
+#include "python/interpreter_guard.h"
+#include "registration.h"
+
+#include <utility>
+
+namespace sonetrix {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::chrono::milliseconds guardLimit = 5s;
+
+bool begun = false;
+
+} // namespace
+
+bool shutDown(const ConsoleEnd *console) noexcept {
+    if (std::exchange(begun, true)) {
+        return true; // the library's exit handler, among those that the console runs
+    }
+    if (console != nullptr) {
+        clearPythonModule();
+        console->waitForPythonThreads();
+    }
+    const bool allRemoved = removeAllRegistrations();
+    if (console != nullptr) {
+        console->clearNamespace();
+        console->runExitHandlers();
+    }
+    if (console == nullptr) {
+        closeFunctions();
+    }
+    // A callable that has had its time already gets no more.
+    const auto limit = allRemoved ? guardLimit : 0ms;
+    const bool allOut = unlocked([limit] { return interpreterGuard.close(limit); });
+    dropKeyCache();
+    return allRemoved && allOut;
+}
+
+} // namespace sonetrix

@@ -1,0 +1,86 @@
+// A stop request, and how it reaches the console thread.
+//
+// `stop` sets the record's flag and, while `run` is in progress, sends SIGINT to the console thread, once. What running
+// code makes of that is its own affair; nothing follows. Only the read at the console's own prompt needs more: a signal
+// that lands between the look at the flag and the blocking read is noticed when the read returns, which may be never.
+// So while that read is in progress a request also starts a timer, whose signal interrupts the thread's system calls
+// every ten milliseconds; its Python-level handler ends the read, whoever handles SIGINT. The signal is SIGURG, which
+// does nothing wherever nobody handles it, and is handled by us during that read only.
+//
+// A SIGINT that is still on its way when `run` ends is discarded there: it cannot strike the clean-up.
+#pragma once
+
+#include "python/ref.h"
+
+#include <csignal>
+#include <ctime>
+#include <mutex>
+#include <optional>
+
+namespace sonetrix::cli {
+
+// Lets signals reach the calling thread, whatever mask the engine gave it.
+class UnblockedSignals {
+public:
+    UnblockedSignals(std::initializer_list<int> signals) noexcept;
+    ~UnblockedSignals();
+    UnblockedSignals(const UnblockedSignals &) = delete;
+    UnblockedSignals &operator=(const UnblockedSignals &) = delete;
+
+private:
+    sigset_t previousMask_{};
+};
+
+// There is one interpreter and so one console per process. All but send() is for the console thread.
+class StopRequest {
+public:
+    static StopRequest &instance() noexcept;
+
+    // Around the life of the interpreter.
+    void open() noexcept;
+    void close() noexcept;
+
+    // For any thread, the request being in the record already. Never waits for the console.
+    void send() noexcept;
+
+    // While one of these lives, `run` is in progress.
+    class Run {
+    public:
+        explicit Run(bool interactive) noexcept;
+        ~Run();
+        Run(const Run &) = delete;
+        Run &operator=(const Run &) = delete;
+    };
+
+    // While one of these lives, the console reads at its own prompt. Made and ended with the interpreter lock.
+    class PromptRead {
+    public:
+        PromptRead() noexcept;
+        ~PromptRead();
+        PromptRead(const PromptRead &) = delete;
+        PromptRead &operator=(const PromptRead &) = delete;
+
+    private:
+        Ref previousHandler_;
+        struct sigaction previousAction_ {};
+    };
+
+    // Whether a request has come during the present run.
+    bool isRequested() noexcept;
+    // Whether a KeyboardInterrupt at the interactive console is, for all that is known, the request's own.
+    bool hasInterruptedConsole() noexcept;
+
+private:
+    void startTimer(bool on) noexcept;
+
+    std::mutex mutex_;   // held for the time of a signal, never while anything waits for the console
+    pthread_t thread_{}; // the console thread
+    bool runs_ = false;  // `run` is in progress
+    bool reads_ = false; // at its own prompt
+    bool interactive_ = false;
+    bool requested_ = false;
+    bool sigintSent_ = false;
+    std::optional<timer_t> timer_;
+};
+
+} // namespace sonetrix::cli
