@@ -330,6 +330,14 @@ class Stop(unittest.TestCase):
 
 
 class End(unittest.TestCase):
+    def test_an_engine_thread_may_end_whenever_it_likes(self):
+        code = "import time; called = []; kept = notifyChanges(called.append)\nwhile not called: time.sleep(0.01)"
+        begin = "construct", "after", 300, "on", 1, 0, 9, "after", 3000 * SLOWNESS, "on", 2, 0, 9, "start"
+        for rest in ("join", 1, "run", "destroy"), ("run", "join", 1, "destroy"), ("run", "destroy", "join", 1):
+            with self.subTest(rest):
+                report = host.run(*start(code), *begin, *rest, text_input="print(len(called))")
+                self.assertRegex(report.result.stdout, "^\\d+\n$", report.result.stderr)
+
     def test_daemon_threads_inside_the_library_survive_the_end(self):
         for attempt in range(20 // SLOWNESS):
             result = programs.run_script("""

@@ -203,12 +203,12 @@ class ReadTest(ListTestCase):
             for name in "sonetrix_valueListForEach", "sonetrix_keyValueListForEach":
                 record.gives_lock_up(name, every)
             pairs = [(number, "int32") for number in range(6)]
-            self.assertEqual((sorted(plain.toList()), sorted(plain.toListType())), (list(range(6)), pairs))
-            self.assertEqual((sorted(keyed.toDict().values()), sorted(keyed.toDictType().values())),
+            self.assertEqual((plain.toList(), plain.toListType()), (list(range(6)), pairs))
+            self.assertEqual((list(keyed.toDict().values()), list(keyed.toDictType().values())),
                              (list(range(6)), pairs))
         other = [5]
         record.user_data("sonetrix_valueListForEach", other)
-        self.assertEqual((plain.toList(), other), ([], [5, *other[1:]]))
+        self.assertEqual((plain.toList(), other), ([], [5, *range(6)]))
 
 
 class OwnershipTest(ListTestCase):
@@ -293,7 +293,7 @@ class OwnershipTest(ListTestCase):
             thread.start()
             try:
                 for _ in range(20):
-                    self.assertLessEqual(set(range(2000)), set(self.values(one)))
+                    self.assertEqual(self.values(one)[:2000], list(range(2000)))
             finally:
                 done.set()
                 thread.join()
