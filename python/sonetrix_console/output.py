@@ -65,6 +65,7 @@ class _Console:
         self.prompt: str | None = None  # of the line that is being typed
         self._reader: FrameType | None = None  # who reads it: none at the console's own prompt
         self.thread = threading.get_ident()  # that of the console
+        assert sys.__stdout__ is not None  # there is a terminal
         self._terminal = os.dup(sys.__stdout__.fileno())
         self._pipe, self._entry = os.pipe()
         os.set_blocking(self._pipe, False)

@@ -46,7 +46,7 @@ class AudioTest(live.LiveTest):
 class Plugins(AudioTest):
     def setUp(self):
         super().setUp()
-        self.set_environment(LADSPA_PATH=f"{PLUGINS}:{self.folder}:{support.BUILD / 'tests'}")
+        self.set_environment(LADSPA_PATH=f"{PLUGINS}:{self.folder}:{support.BUILD / 'tests' / 'plugins'}")
 
     def test_start_values_are_there_when_a_plugin_is_activated(self):
         sound.write_tone("in.wav", 500, 0.5, 0.5, rate=8000)
