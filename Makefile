@@ -11,7 +11,7 @@ SAME_ADDRESSES = $(shell [ "$$(cat /proc/sys/vm/mmap_rnd_bits)" -gt 28 ] && seta
 RELEASES ?= bookworm trixie sid
 
 help: ## Show this list
-	@grep -hE '^[a-z-]+:.*## ' $(MAKEFILE_LIST) | sort | awk -F ':.*## ' '{printf "  make %-12s %s\n", $$1, $$2}'
+	@grep -hE '^[a-z-]+:.*## ' $(MAKEFILE_LIST) | sort | awk -F ':.*## ' '{printf "  make %-16s %s\n", $$1, $$2}'
 
 setup: ## Install what is missing to build and test (Debian, Ubuntu)
 	@tools/setup test
