@@ -239,6 +239,7 @@ class Stop(unittest.TestCase):
             self.assertEqual((facts["run"], facts["stopRequested"]), (ENDED, 1))
             self.assertEqual(sorted(log[-4:]), sorted([*STOP_LINES, (DEBUG, ALREADY)]))
             self.assertEqual((log[-4], log[-1]), (STOP_LINES[0], CLEARING))
+            self.assertNotIn("KeyboardInterrupt", console.transcript)  # it is the stop's own
             check_end(facts, log, console.transcript)
 
     def test_in_every_state(self):
