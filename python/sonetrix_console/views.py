@@ -27,6 +27,7 @@ def _live(frame: Callable[[int], list[str]], seconds: float) -> None:
     stream = sys.stdout if here.client else sys.__stdout__  # ours alone: that of the console holds others' output back
 
     def write(text: str) -> None:
+        assert stream is not None
         stream.write(text)
         stream.flush()
 
