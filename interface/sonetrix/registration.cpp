@@ -8,6 +8,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <new>
@@ -72,7 +73,8 @@ class Registry {
 public:
     static Registry &instance() noexcept {
         // Never destroyed: when the process ends without the interpreter's end, the worker is still in here.
-        static Registry &registry = *new Registry;
+        alignas(Registry) static std::byte memory[sizeof(Registry)];
+        static Registry &registry = *new (memory) Registry;
         return registry;
     }
 

@@ -8,6 +8,7 @@
 #error "CPython 3.11 or later is needed"
 #endif
 
+// NOLINTBEGIN(readability-identifier-naming): the interpreter's names
 #if PY_VERSION_HEX < 0x030D0000
 inline PyThreadState *PyThreadState_GetUnchecked() noexcept { return _PyThreadState_UncheckedGet(); }
 #endif
@@ -51,6 +52,7 @@ inline Py_ssize_t PyUnstable_Long_CompactValue(const PyLongObject *number) noexc
     return Py_SIZE(number) * static_cast<Py_ssize_t>(number->ob_digit[0]);
 }
 #endif
+// NOLINTEND(readability-identifier-naming)
 
 namespace sonetrix {
 
