@@ -78,10 +78,11 @@ int32_t sonetrix_engine_ModuleGetStartParameter(sonetrix_engine_t *engine,
     char **library,
     sonetrix_cListKeyValue_t **configuration) {
     return withEngine(engine, module != nullptr, [&](Engine &one) {
-        auto origin = one.graph().origin(module->name);
-        if (!origin)
+        const auto plugin = one.graph().module(module->name);
+        const Module::Origin *origin = plugin ? plugin->origin() : nullptr;
+        if (origin == nullptr)
             return statusNotFound;
-        auto list = std::make_unique<ListKeyValue>(std::move(origin->configuration));
+        auto list = std::make_unique<ListKeyValue>(origin->configuration);
         *library = strdup(origin->library.c_str());
         if (*library == nullptr)
             return statusNoMemory;

@@ -128,7 +128,7 @@ void Meters::forEachMeter(sonetrix_module_meters_type type, std::string_view mod
     };
     if (module.empty()) {
         for (const auto &one : graph_.modules())
-            visitModule(*one);
+            visitModule(*one.module);
     } else if (const auto one = graph_.module(module)) {
         visitModule(*one);
     }

@@ -1,15 +1,12 @@
 #include "graph/graph.h"
 
-#include "api/status.h"
 #include "graph/refusal.h"
 #include "ladspa/ladspa_module.h"
-#include "ladspa/port_names.h"
 
 #include <algorithm>
 #include <chrono>
-#include <deque>
 #include <fmt/format.h>
-#include <stdexcept>
+#include <iterator>
 #include <utility>
 
 namespace sonetrix::dev {
@@ -21,58 +18,58 @@ constexpr std::chrono::milliseconds collecting{10}; // until the audio thread is
 
 /// Refuses what cannot be a module's name; "engine" and "plugins" stand before parameters of other kinds.
 void checkModuleName(std::string_view name) {
-    if (!isModuleName(name))
+    constexpr auto permitted = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-";
+    if (name.empty() || name.size() > Module::nameMaximum || name.find_first_not_of(permitted) != std::string::npos)
         throw Refusal(statusInvalid,
             fmt::format("a module's name has 1 to {} letters, digits, \"_\" and \"-\"", Module::nameMaximum));
     if (name == "engine" || name == "plugins")
         throw Refusal(statusInvalid, "that name is taken by the engine's own parameters");
 }
 
-template <class Names> std::string suggestion(std::string_view given, const Names &names) {
+const std::string &nameOf(const WiredModule &wired) noexcept { return wired.module->name(); }
+
+const std::string &nameOf(const Source &source) noexcept { return source.module->sources()[source.index]; }
+
+template <class Modules> auto find(Modules &modules, std::string_view name) {
+    return std::ranges::find_if(modules, [name](const WiredModule &one) { return nameOf(one) == name; });
+}
+
+std::string suggestion(std::string_view given, const std::vector<std::string> &names) {
     Suggestion suggestion(given);
-    for (const auto &[name, what] : names)
+    for (const std::string &name : names)
         suggestion.consider(name);
     return suggestion.text();
 }
 
-/// A module's record for the C interface, with all that it points to. The record's reference is null for every module,
-/// the driver's as well, so that the ports of all are looked at.
-class ModuleRecord {
-public:
-    /// `links`: for every sink the name of its source, empty for none.
-    ModuleRecord(const Module &module, std::vector<std::string> links) : links_(std::move(links)) {
-        const size_t sources = module.sources().size();
-        const size_t sinks = module.sinks().size();
-        ports_.resize(sources + sinks);
-        for (size_t i = 0; i < ports_.size(); ++i) {
-            copyName(ports_[i].name, i < sources ? module.sources()[i] : module.sinks()[i - sources]);
-            if (i >= sources && !links_[i - sources].empty())
-                ports_[i].link = links_[i - sources].c_str();
-            pointers_.push_back(&ports_[i]);
-        }
-        copyName(record_.name, module.name());
-        record_.type = static_cast<uint32_t>(module.type());
-        record_.sources = pointers_.data();
-        record_.sourceCount = static_cast<uint32_t>(sources);
-        record_.sinks = pointers_.data() + sources;
-        record_.sinkCount = static_cast<uint32_t>(sinks);
+/// The names are checked where modules are made; the field is all zero before.
+template <size_t size> void copyName(char (&field)[size], const std::string &name) { name.copy(field, size - 1); }
+
+/// Hands over the module's record for the C interface. The record's reference is null for every module, the driver's
+/// as well, so that the ports of all are looked at.
+void visitRecord(const WiredModule &wired, const std::function<void(const sonetrix_module_t &)> &visit) {
+    const auto &sources = wired.module->sources();
+    const auto &sinks = wired.module->sinks();
+    std::vector<sonetrix_port_t> ports(sources.size() + sinks.size());
+    for (size_t i = 0; i < sources.size(); ++i)
+        copyName(ports[i].name, sources[i]);
+    for (size_t i = 0; i < sinks.size(); ++i) {
+        sonetrix_port_t &sink = ports[sources.size() + i];
+        copyName(sink.name, sinks[i]);
+        if (wired.inputs[i])
+            sink.link = nameOf(*wired.inputs[i]).c_str();
     }
-    ModuleRecord(const ModuleRecord &) = delete;
-    ModuleRecord &operator=(const ModuleRecord &) = delete;
-
-    [[nodiscard]] const sonetrix_module_t &get() const noexcept { return record_; }
-
-private:
-    /// The names are checked where modules are made; the record is all zero before.
-    template <size_t size> static void copyName(char (&field)[size], const std::string &name) {
-        name.copy(field, size - 1);
-    }
-
-    const std::vector<std::string> links_;
-    std::vector<sonetrix_port_t> ports_; // sources, then sinks
-    std::vector<sonetrix_port_t *> pointers_;
-    sonetrix_module_t record_{};
-};
+    std::vector<sonetrix_port_t *> pointers;
+    for (sonetrix_port_t &port : ports)
+        pointers.push_back(&port);
+    sonetrix_module_t record{};
+    copyName(record.name, nameOf(wired));
+    record.type = static_cast<uint32_t>(wired.module->type());
+    record.sources = pointers.data();
+    record.sourceCount = static_cast<uint32_t>(sources.size());
+    record.sinks = pointers.data() + sources.size();
+    record.sinkCount = static_cast<uint32_t>(sinks.size());
+    visit(record);
+}
 
 } // namespace
 
@@ -83,8 +80,8 @@ Graph::Graph(std::shared_ptr<SystemModule> system,
     Parameters &parameters,
     PlanExchange &plans)
     : rate_(rate), block_(block), catalogue_(catalogue), parameters_(parameters), plans_(plans) {
-    insert(std::move(system), std::nullopt);
-    plans_.publish(std::make_unique<Plan>(wiring(), rate_, block_));
+    modules_.emplace_back(std::move(system));
+    plans_.publish(std::make_unique<Plan>(modules_, rate_, block_));
     planThread_.start("sonetrix-graph", [this](const std::stop_token &stop) { planRound(stop); });
 }
 
@@ -96,191 +93,139 @@ int32_t Graph::createModule(const char *name, const char *identifier, const List
         if (module(name))
             throw Refusal(statusExists, "there is a module of that name");
         const auto created = std::make_shared<LadspaModule>(name, plugin, rate_, block_, smoothing_, configuration);
-        Origin origin{plugin.library, configuration != nullptr ? *configuration : ListKeyValue()};
+        auto parameters = LadspaModule::parameters(created);
 
         const std::lock_guard lock(mutex_);
-        if (modules_.contains(created->name()))
+        if (find(modules_, name) != modules_.end())
             throw Refusal(statusExists, "there is a module of that name");
+        modules_.emplace_back(created);
         try {
-            insert(created, std::move(origin));
-            parameters_.add(created->name(), LadspaModule::parameters(created));
+            parameters_.add(created->name(), std::move(parameters));
         } catch (...) {
-            remove(*created);
+            modules_.pop_back();
             throw;
         }
+        edited();
     });
 }
 
 int32_t Graph::deleteModule(std::string_view name) {
-    return attempt([&] { return "cannot delete module " + inQuotes(name); },
-        [&] {
-            std::shared_ptr<Module> deleted; // ends after the lock
-            const std::lock_guard lock(mutex_);
-            const auto found = modules_.find(name);
-            if (found == modules_.end())
-                throw Refusal(statusNotFound, "there is no such module" + suggestion(name, modules_));
-            deleted = found->second->module;
-            if (deleted->type() == Module::Type::driver)
-                throw Refusal(statusInvalid, "it belongs to the driver");
-            remove(*deleted);
-        });
+    const auto what = [&] { return "cannot delete module " + inQuotes(name); };
+    return attempt(what, [&] {
+        std::shared_ptr<Module> deleted; // ends after the lock
+        const std::lock_guard lock(mutex_);
+        const auto found = find(modules_, name);
+        if (found == modules_.end()) {
+            std::vector<std::string> names;
+            std::ranges::transform(modules_, std::back_inserter(names), [](const auto &one) { return nameOf(one); });
+            throw Refusal(statusNotFound, "there is no such module" + suggestion(name, names));
+        }
+        if (found->module->type() == Module::Type::driver)
+            throw Refusal(statusInvalid, "it belongs to the driver");
+        deleted = std::move(found->module);
+        modules_.erase(found);
+        for (WiredModule &other : modules_)
+            for (auto &input : other.inputs)
+                if (input && input->module == deleted.get())
+                    input.reset();
+        parameters_.removeModule(deleted->name());
+        edited();
+    });
 }
 
 int32_t Graph::link(std::string_view sourceName, std::string_view sinkName) {
     const auto what = [&] { return "cannot link " + inQuotes(sourceName) + " to " + inQuotes(sinkName); };
     return attempt(what, [&] {
         const std::lock_guard lock(mutex_);
-        Port &source = port(sourceName);
-        Port &sink = port(sinkName);
-        if (!source.isSource || sink.isSource)
+        const Port source = port(sourceName);
+        const Port sink = port(sinkName);
+        if (source.input != nullptr || sink.input == nullptr)
             throw Refusal(statusInvalid, "a link goes from a source to a sink");
-        if (sink.source == &source)
+        if (*sink.input == source.place)
             return;
-        if (sink.source != nullptr)
-            throw Refusal(statusBusy, "the sink is linked already, to " + inQuotes(sink.source->name()));
-        source.sinks.push_back(&sink);
-        sink.source = &source;
+        if (*sink.input)
+            throw Refusal(statusBusy, "the sink is linked already, to " + inQuotes(nameOf(**sink.input)));
+        *sink.input = source.place;
         edited();
     });
 }
 
 int32_t Graph::unlink(std::string_view name) {
-    return attempt([&] { return "cannot unlink " + inQuotes(name); },
-        [&] {
-            const std::lock_guard lock(mutex_);
-            unlink(port(name));
-            edited();
-        });
+    const auto what = [&] { return "cannot unlink " + inQuotes(name); };
+    return attempt(what, [&] {
+        const std::lock_guard lock(mutex_);
+        const Port unlinked = port(name);
+        for (WiredModule &one : modules_)
+            for (auto &input : one.inputs)
+                if (&input == unlinked.input || (unlinked.input == nullptr && input == unlinked.place))
+                    input.reset();
+        edited();
+    });
 }
 
 std::vector<std::string> Graph::portNames() const {
     const std::lock_guard lock(mutex_);
+    return allPortNames();
+}
+
+std::vector<std::string> Graph::allPortNames() const {
     std::vector<std::string> names;
-    names.reserve(ports_.size());
-    for (const Entry &entry : entries_) {
-        names.insert(names.end(), entry.module->sources().begin(), entry.module->sources().end());
-        names.insert(names.end(), entry.module->sinks().begin(), entry.module->sinks().end());
-    }
+    for (const auto &[module, inputs] : modules_)
+        for (const auto *ports : {&module->sources(), &module->sinks()})
+            names.insert(names.end(), ports->begin(), ports->end());
     return names;
 }
 
-std::vector<std::string> Graph::links(std::string_view name) const {
+std::vector<std::string> Graph::links(std::string_view name) {
     const std::lock_guard lock(mutex_);
     std::vector<std::string> names;
-    const auto found = ports_.find(name);
-    if (found == ports_.end())
+    const auto port = findPort(name);
+    if (!port)
         return names;
-    const Port &port = found->second;
-    if (port.source != nullptr)
-        names.push_back(port.source->name());
-    for (const Port *sink : port.sinks)
-        names.push_back(sink->name());
+    if (port->input != nullptr && *port->input)
+        names.push_back(nameOf(**port->input));
+    for (const auto &[module, inputs] : modules_)
+        for (size_t i = 0; port->input == nullptr && i < inputs.size(); ++i)
+            if (inputs[i] == port->place)
+                names.push_back(module->sinks()[i]);
     return names;
 }
 
 void Graph::forEachRecord(const std::function<void(const sonetrix_module_t &)> &visit) const {
-    std::deque<ModuleRecord> records; // visited without the lock: a visit may edit the graph
-    {
-        const std::lock_guard lock(mutex_);
-        for (const Entry &entry : entries_) {
-            std::vector<std::string> links(entry.sinks.size());
-            for (size_t i = 0; i < links.size(); ++i)
-                if (const Port *source = entry.sinks[i]->source)
-                    links[i] = source->name();
-            records.emplace_back(*entry.module, std::move(links));
-        }
-    }
-    for (const ModuleRecord &record : records)
-        visit(record.get());
+    for (const auto all = modules(); const WiredModule &wired : all) // without the lock: a visit may edit the graph
+        visitRecord(wired, visit);
 }
 
-std::vector<std::shared_ptr<const Module>> Graph::modules() const {
+std::vector<WiredModule> Graph::modules() const {
     const std::lock_guard lock(mutex_);
-    std::vector<std::shared_ptr<const Module>> modules;
-    modules.reserve(entries_.size());
-    for (const Entry &entry : entries_)
-        modules.push_back(entry.module);
-    return modules;
+    return modules_;
 }
 
 std::shared_ptr<const Module> Graph::module(std::string_view name) const {
     const std::lock_guard lock(mutex_);
-    const auto found = modules_.find(name);
-    return found == modules_.end() ? nullptr : found->second->module;
+    const auto found = find(modules_, name);
+    return found == modules_.end() ? nullptr : found->module;
 }
 
-std::optional<Graph::Origin> Graph::origin(std::string_view name) const {
-    const std::lock_guard lock(mutex_);
-    const auto found = modules_.find(name);
-    return found == modules_.end() ? std::nullopt : found->second->origin;
+std::optional<Graph::Port> Graph::findPort(std::string_view name) {
+    const auto owner = find(modules_, name.substr(0, name.find(':')));
+    if (owner == modules_.end())
+        return std::nullopt;
+    const Module &module = *owner->module;
+    if (const auto source = std::ranges::find(module.sources(), name); source != module.sources().end())
+        return Port{{&module, static_cast<size_t>(source - module.sources().begin())}};
+    const auto sink = std::ranges::find(module.sinks(), name);
+    if (sink == module.sinks().end())
+        return std::nullopt;
+    const auto index = static_cast<size_t>(sink - module.sinks().begin());
+    return Port{{&module, index}, &owner->inputs[index]};
 }
 
-void Graph::insert(std::shared_ptr<Module> module, std::optional<Origin> origin) {
-    auto &position = modules_.emplace(module->name(), entries_.end()).first->second;
-    const auto entry = entries_.insert(entries_.end(), Entry{std::move(module), std::move(origin), {}, {}});
-    position = entry;
-    const auto addPorts = [&](const std::vector<std::string> &names, bool areSources, std::vector<Port *> &ports) {
-        for (size_t i = 0; i < names.size(); ++i)
-            ports.push_back(&ports_.emplace(names[i], Port{&*entry, i, areSources, nullptr, {}}).first->second);
-    };
-    addPorts(entry->module->sources(), true, entry->sources);
-    addPorts(entry->module->sinks(), false, entry->sinks);
-    edited();
-}
-
-void Graph::remove(const Module &module) {
-    const auto found = modules_.find(module.name());
-    if (found == modules_.end())
-        return;
-    if (const auto entry = found->second; entry != entries_.end()) {
-        for (const auto *ports : {&entry->sources, &entry->sinks})
-            for (Port *port : *ports)
-                unlink(*port);
-        for (const auto *names : {&module.sources(), &module.sinks()})
-            for (const std::string &port : *names)
-                ports_.erase(port);
-        entries_.erase(entry);
-    }
-    modules_.erase(found);
-    parameters_.removeModule(module.name());
-    edited();
-}
-
-void Graph::unlink(Port &port) {
-    if (port.source != nullptr)
-        unlinkSink(port);
-    while (!port.sinks.empty())
-        unlinkSink(*port.sinks.back());
-}
-
-void Graph::unlinkSink(Port &sink) {
-    auto &siblings = sink.source->sinks;
-    siblings.erase(std::ranges::find(siblings.rbegin(), siblings.rend(), &sink).base() - 1);
-    sink.source = nullptr;
-}
-
-const std::string &Graph::Port::name() const {
-    return (isSource ? owner->module->sources() : owner->module->sinks())[index];
-}
-
-Graph::Port &Graph::port(std::string_view name) {
-    const auto found = ports_.find(name);
-    if (found == ports_.end())
-        throw Refusal(statusNotFound, "there is no port " + inQuotes(name) + suggestion(name, ports_));
-    return found->second;
-}
-
-std::vector<WiredModule> Graph::wiring() const {
-    std::vector<WiredModule> modules;
-    modules.reserve(entries_.size());
-    for (const Entry &entry : entries_) {
-        auto &wired = modules.emplace_back(WiredModule{entry.module, {}});
-        wired.inputs.resize(entry.sinks.size());
-        for (size_t i = 0; i < entry.sinks.size(); ++i)
-            if (const Port *source = entry.sinks[i]->source)
-                wired.inputs[i] = Source{source->owner->module.get(), source->index};
-    }
-    return modules;
+Graph::Port Graph::port(std::string_view name) {
+    const auto found = findPort(name);
+    if (!found)
+        throw Refusal(statusNotFound, "there is no port " + inQuotes(name) + suggestion(name, allPortNames()));
+    return *found;
 }
 
 void Graph::edited() noexcept {
@@ -307,7 +252,7 @@ void Graph::planRound(const std::stop_token &stop) {
     changed_.wait_for(lock, stop, gathering, [this] { return flushing_ > 0 || planned_ == edits_; });
     const uint64_t edits = edits_;
     const bool isStale = planned_ != edits;
-    auto modules = isStale ? wiring() : std::vector<WiredModule>();
+    auto modules = isStale ? modules_ : std::vector<WiredModule>();
     lock.unlock();
     if (isStale)
         plans_.publish(std::make_unique<Plan>(modules, rate_, block_));

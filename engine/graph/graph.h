@@ -1,6 +1,5 @@
 #pragma once
 
-#include "graph/parameters.h"
 #include "graph/plan_exchange.h"
 #include "graph/system_module.h"
 #include "ladspa/ladspa_catalogue.h"
@@ -11,13 +10,11 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <list>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 namespace sonetrix::dev {
@@ -29,12 +26,6 @@ namespace sonetrix::dev {
 /// and frees what is no longer in use.
 class Graph {
 public:
-    /// What a plugin module was made from.
-    struct Origin {
-        std::string library;
-        ListKeyValue configuration;
-    };
-
     Graph(std::shared_ptr<SystemModule> system,
         uint32_t rate,
         uint32_t block,
@@ -53,16 +44,14 @@ public:
     int32_t unlink(std::string_view port);
 
     [[nodiscard]] std::vector<std::string> portNames() const;
-    /// The sinks that a source feeds, or the source that feeds a sink.
-    [[nodiscard]] std::vector<std::string> links(std::string_view port) const;
+    /// The sinks that a source feeds, in the order of their modules, or the source that feeds a sink.
+    [[nodiscard]] std::vector<std::string> links(std::string_view port);
     /// Calls back for the modules as they are now, in creation order, the system module first.
     void forEachRecord(const std::function<void(const sonetrix_module_t &)> &visit) const;
-    /// The same modules themselves.
-    [[nodiscard]] std::vector<std::shared_ptr<const Module>> modules() const;
+    /// The same modules themselves, with what feeds them.
+    [[nodiscard]] std::vector<WiredModule> modules() const;
     /// Null when there is no such module.
     [[nodiscard]] std::shared_ptr<const Module> module(std::string_view name) const;
-    /// Empty when there is no such module or it is not from a plugin.
-    [[nodiscard]] std::optional<Origin> origin(std::string_view name) const;
 
     /// How long plugins' controls take to a new value, in seconds; 0: none at all.
     [[nodiscard]] std::atomic<float> &smoothing() noexcept { return smoothing_; }
@@ -74,32 +63,17 @@ public:
     void join() { planThread_.join(); }
 
 private:
-    struct Entry;
+    /// Where a port is; of a sink also what feeds it.
     struct Port {
-        Entry *owner;
-        size_t index;
-        bool isSource;
-        Port *source = nullptr;    // a sink's
-        std::vector<Port *> sinks; // a source's
-
-        [[nodiscard]] const std::string &name() const;
-    };
-    struct Entry {
-        std::shared_ptr<Module> module;
-        std::optional<Origin> origin;
-        std::vector<Port *> sources;
-        std::vector<Port *> sinks;
+        Source place;
+        std::optional<Source> *input = nullptr;
     };
 
     // The functions below are called with the mutex held.
-    void insert(std::shared_ptr<Module> module, std::optional<Origin> origin);
-    /// Also one that has been inserted in part. The caller keeps the module until the mutex is free.
-    void remove(const Module &module);
-    void unlink(Port &port);
-    void unlinkSink(Port &sink);
+    [[nodiscard]] std::vector<std::string> allPortNames() const;
+    [[nodiscard]] std::optional<Port> findPort(std::string_view name);
     /// Throws Refusal when there is none.
-    [[nodiscard]] Port &port(std::string_view name);
-    [[nodiscard]] std::vector<WiredModule> wiring() const;
+    [[nodiscard]] Port port(std::string_view name);
     void edited() noexcept;
 
     void planRound(const std::stop_token &stop);
@@ -112,10 +86,7 @@ private:
     std::atomic<float> smoothing_{0};
 
     mutable std::mutex mutex_;
-    std::list<Entry> entries_; // in creation order
-    std::unordered_map<std::string_view, std::list<Entry>::iterator> modules_;
-    std::unordered_map<std::string_view, Port> ports_;
-
+    std::vector<WiredModule> modules_; // in creation order
     uint64_t edits_ = 0;
     uint64_t planned_ = 0; // of the edits
     uint32_t flushing_ = 0;

@@ -41,6 +41,13 @@ public:
     /// Audio thread: one block, with one input per sink.
     virtual void process(const float *const *inputs, uint32_t frames) noexcept = 0;
 
+    /// What a plugin module was made from; null for others.
+    struct Origin {
+        std::string library;
+        ListKeyValue configuration;
+    };
+    [[nodiscard]] virtual const Origin *origin() const noexcept { return nullptr; }
+
     /// What a plugin tells besides audio: names without the module's, and values after the last block.
     [[nodiscard]] virtual const std::vector<std::string> &controlOutputNames() const noexcept { return noNames; }
     [[nodiscard]] virtual float controlOutput(size_t /*index*/) const noexcept { return 0; }

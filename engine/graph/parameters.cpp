@@ -101,15 +101,14 @@ const Parameter *Parameters::Module::find(std::string_view name) const noexcept 
 
 void Parameters::add(const std::string &module, std::vector<Parameter> parameters) {
     const std::lock_guard lock(mutex_);
-    auto &present = modules_[module];
-    if (present)
-        parameters.insert(parameters.begin(), present->parameters.begin(), present->parameters.end());
-    present = std::make_shared<const Module>(Module{std::move(parameters), nullptr});
+    if (const auto found = modules_.find(module); found != modules_.end())
+        parameters.insert(parameters.begin(), found->second->parameters.begin(), found->second->parameters.end());
+    modules_.insert_or_assign(module, std::make_shared<const Module>(Module{std::move(parameters), nullptr}));
 }
 
 void Parameters::addReader(const std::string &module, Reader reader) {
     const std::lock_guard lock(mutex_);
-    modules_[module] = std::make_shared<const Module>(Module{{}, std::move(reader)});
+    modules_.insert_or_assign(module, std::make_shared<const Module>(Module{{}, std::move(reader)}));
 }
 
 void Parameters::removeModule(const std::string &module) {

@@ -17,10 +17,14 @@ namespace sonetrix::dev {
 struct Source {
     const Module *module = nullptr;
     size_t index = 0;
+
+    bool operator==(const Source &) const = default;
 };
 
 /// A module and what feeds its sinks; a sink without a source is silent.
 struct WiredModule {
+    explicit WiredModule(std::shared_ptr<Module> one) : module(std::move(one)), inputs(module->sinks().size()) {}
+
     std::shared_ptr<Module> module;
     std::vector<std::optional<Source>> inputs;
 };

@@ -29,14 +29,14 @@ LadspaModule::LadspaModule(std::string name,
     : Module(std::move(name), Type::plugin, plugin.sourceNames, plugin.sinkNames, block),
       plugin_(plugin),
       descriptor_(*plugin.descriptor),
+      origin_{plugin.library, configuration != nullptr ? *configuration : ListKeyValue()},
       smoothing_(smoothing),
       rate_(static_cast<float>(rate)),
       controlOutputs_(plugin.outputs.size()),
       connected_(plugin.sinks.size(), nullptr) {
     for (const auto &control : plugin.controls)
         controls_.emplace_back(control.initial);
-    if (configuration != nullptr)
-        configure(*configuration);
+    configure(origin_.configuration);
 
     const std::lock_guard lock(pluginMutex());
     handle_ = descriptor_.instantiate(&descriptor_, rate);

@@ -35,6 +35,7 @@ public:
     /// The parameters keep the module alive.
     static std::vector<Parameter> parameters(const std::shared_ptr<LadspaModule> &module);
 
+    [[nodiscard]] const Origin *origin() const noexcept override { return &origin_; }
     [[nodiscard]] const std::vector<std::string> &controlOutputNames() const noexcept override {
         return plugin_.outputNames;
     }
@@ -65,6 +66,7 @@ private:
 
     const LadspaPlugin &plugin_;
     const LADSPA_Descriptor &descriptor_;
+    const Origin origin_;
     const std::atomic<float> &smoothing_;
     const float rate_;
     std::deque<Control> controls_;

@@ -1,12 +1,12 @@
 #include "ladspa_plugin.h"
 
 #include "graph/module.h"
-#include "port_names.h"
 
 #include <algorithm>
 #include <array>
 #include <cctype>
 #include <cmath>
+#include <set>
 #include <utility>
 
 namespace sonetrix::dev {
@@ -21,9 +21,14 @@ constexpr std::array<std::pair<std::string_view, const char *>, 13> units{{{"(hz
     {"(seconds)", "s"}, {"(secs)", "s"}, {"(ms)", "ms"}, {"(in ms)", "ms"}, {"(%)", "%"}, {"(percent)", "%"},
     {"(octaves)", "octaves"}, {"(samples)", "samples"}, {"(inches)", "inches"}, {"(m)", "m"}}};
 
+std::string lowered(std::string_view text) {
+    std::string result(text);
+    std::ranges::transform(result, result.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return result;
+}
+
 std::string unitOf(std::string_view portName, bool isRatedFrequency) {
-    std::string name(portName);
-    std::ranges::transform(name, name.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    const std::string name = lowered(portName);
     for (const auto &[written, unit] : units)
         if (name.find(written) != std::string::npos)
             return unit;
@@ -73,6 +78,37 @@ double hintedDefault(const LADSPA_PortRangeHint &hint, const Domain &domain) noe
     }
 }
 
+/// Turns what plugins call their ports into names for scripts: lower-case letters, digits and single underscores
+/// ("Delay (Seconds)" becomes "delay_seconds"), at most so long, a number appended where one is taken.
+class PortNames {
+public:
+    std::string add(std::string_view pluginsName) {
+        const std::string base = sanitised(pluginsName);
+        std::string name = base;
+        for (size_t number = 2; !taken_.insert(name).second; ++number) {
+            const std::string suffix = '_' + std::to_string(number);
+            name = base.substr(0, portNameMaximum - suffix.size()) + suffix;
+        }
+        return name;
+    }
+
+private:
+    static std::string sanitised(std::string_view name) {
+        std::string result;
+        for (const char character : lowered(name)) {
+            if ((character >= 'a' && character <= 'z') || (character >= '0' && character <= '9'))
+                result += character;
+            else if (!result.empty() && result.back() != '_')
+                result += '_';
+        }
+        result.resize(std::min(result.size(), portNameMaximum));
+        result.erase(result.find_last_not_of('_') + 1);
+        return result.empty() ? "port" : result;
+    }
+
+    std::set<std::string> taken_;
+};
+
 float initialOf(const LADSPA_PortRangeHint &hint, const Domain &domain) noexcept {
     const double value = hintedDefault(hint, domain);
     const double finite = std::isfinite(value) ? value : 0;
@@ -89,8 +125,8 @@ std::mutex &pluginMutex() {
 
 LadspaPlugin::LadspaPlugin(std::filesystem::path file, const LADSPA_Descriptor &plugin, uint32_t rate)
     : library(std::move(file)), descriptor(&plugin) {
-    PortNames audioNames(portNameMaximum);
-    PortNames controlNames(portNameMaximum);
+    PortNames audioNames;
+    PortNames controlNames;
     for (unsigned long port = 0; port < plugin.PortCount; ++port) {
         const LADSPA_PortDescriptor kind = plugin.PortDescriptors[port];
         const char *name = plugin.PortNames[port];
