@@ -88,10 +88,11 @@ class EngineThreads {
 public:
     void add(std::function<void()> work) {
         const std::lock_guard lock(mutex_);
-        threads_.emplace_back([work = std::move(work)] {
-            blockSignals({SIGINT, SIGTERM, SIGHUP});
-            work();
-        });
+        sigset_t before; // from their first instruction on
+        pthread_sigmask(SIG_SETMASK, nullptr, &before);
+        blockSignals({SIGINT, SIGTERM, SIGHUP});
+        threads_.emplace_back(std::move(work));
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
     }
     void join() {
         std::vector<std::jthread> ending;
