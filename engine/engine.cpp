@@ -168,11 +168,10 @@ bool Engine::start(std::string &error) {
         running_ = true;
         if (offline_ == nullptr)
             lockMemory();
-        meters_->start();
-        notifier_->start();
-        timers_.start();
+        for (Thread *thread : eventThreads())
+            thread->start();
         driver_->start();
-        stopThread_.start("sonetrix-stop", [this](const std::stop_token & /*stop*/) { carryOutStop(); });
+        stopThread_.start();
         return true;
     } catch (const std::system_error &failure) {
         running_ = false;
@@ -208,15 +207,15 @@ void Engine::carryOutStop() {
     running_ = false;
     if (stopHook_)
         stopHook_();
-    meters_->requestEnd();
-    notifier_->requestEnd();
+    for (Thread *thread : eventThreads())
+        thread->requestEnd();
     finishAudio();
     stopThread_.requestEnd();
 }
 
 // The plugins' code runs here for the last time.
 void Engine::finishAudio() noexcept {
-    timers_.requestEnd(); // rendering waits for them
+    timers_.thread().requestEnd(); // rendering waits for them
     const std::lock_guard lock(finishMutex_);
     graph_->flush();
     driver_->stop();
@@ -228,8 +227,9 @@ bool Engine::join(std::chrono::milliseconds callbacks) {
     stopThread_.join();
     running_ = false;
     const auto limit = Thread::Clock::now() + callbacks;
-    if (!meters_->joinUntil(limit) || !notifier_->joinUntil(limit) || !timers_.joinUntil(limit))
-        return false;
+    for (Thread *thread : eventThreads())
+        if (!thread->joinUntil(limit))
+            return false;
     finishAudio();
     graph_->join();
     return true;

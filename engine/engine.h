@@ -12,6 +12,7 @@
 #include "lists/lists.h"
 #include "thread.h"
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -91,6 +92,7 @@ private:
     void addOfflineParameters();
     std::unique_ptr<Driver> makeDriver();
     void processBlock(uint32_t wanted) noexcept;
+    std::array<Thread *, 3> eventThreads() { return {&meters_->thread(), &notifier_->thread(), &timers_.thread()}; }
     void carryOutStop();
     void finishAudio() noexcept;
 
@@ -114,7 +116,7 @@ private:
     std::atomic<uint32_t> askedRunning_{0};
     std::atomic<std::optional<int32_t>> exitCode_{std::nullopt};
     std::mutex finishMutex_;
-    Thread stopThread_;
+    Thread stopThread_{"sonetrix-stop", [this](const std::stop_token & /*stop*/) { carryOutStop(); }};
 };
 
 } // namespace sonetrix::dev

@@ -31,16 +31,20 @@ class Thread {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /// Throws std::system_error when there is no thread to be had. The name has at most fifteen characters.
-    void start(const char *name, std::function<void(const std::stop_token &)> round) {
-        thread_ = std::jthread([this, name, round = std::move(round)](const std::stop_token &stop) {
+    /// The name has at most fifteen characters.
+    Thread(const char *name, std::function<void(const std::stop_token &)> round)
+        : name_(name), round_(std::move(round)) {}
+
+    /// Throws std::system_error when there is no thread to be had.
+    void start() {
+        thread_ = std::jthread([this](const std::stop_token &stop) {
             blockTerminationSignals();
-            pthread_setname_np(pthread_self(), name);
+            pthread_setname_np(pthread_self(), name_);
             while (!stop.stop_requested()) {
                 try {
-                    round(stop);
+                    round_(stop);
                 } catch (const std::exception &failure) { // only these: pthread_exit in a callback is none
-                    sonetrix_log(SONETRIX_LOG_ERROR, __FILE__, __LINE__, 1, "%s: %s", name, failure.what());
+                    sonetrix_log(SONETRIX_LOG_ERROR, __FILE__, __LINE__, 1, "%s: %s", name_, failure.what());
                     pause(stop, Clock::now() + std::chrono::milliseconds(100));
                 }
             }
@@ -73,6 +77,8 @@ public:
     }
 
 private:
+    const char *const name_;
+    const std::function<void(const std::stop_token &)> round_;
     std::mutex mutex_;
     std::binary_semaphore ended_{0};
     std::condition_variable_any never_; // notified by the request to end only

@@ -64,10 +64,7 @@ int32_t sonetrix_engine_DriverGetCpuUsage(sonetrix_engine_t *engine,
     float *maxCpuTime,
     float *maxCpuTimeErr) {
     CpuFigures figures;
-    const int32_t status = withEngine(engine, true, [&](Engine &one) {
-        figures = one.driver().cpuFigures();
-        return statusOk;
-    });
+    const int32_t status = withEngine(engine, true, [&](Engine &one) { figures = one.driver().cpuFigures(); });
     *cpuUsageMean = figures.usageMean;
     *cpuUsagePeakMean = figures.usagePeakMean;
     *timeUsage = figures.timeMean;
@@ -97,7 +94,7 @@ int32_t sonetrix_clock_gettime(struct timespec *time) {
 }
 
 sonetrix_cListKeyValue_t *sonetrix_engine_GetParams(sonetrix_engine_t *engine, const sonetrix_cListValue_t *keys) {
-    return pointerWithEngine(engine, keys != nullptr,
+    return withEngine(engine, keys != nullptr,
         [&](Engine &one) { return std::make_unique<ListKeyValue>(one.parameters().read(*keys)).release(); });
 }
 
@@ -114,7 +111,7 @@ int32_t sonetrix_engine_SetParamsFullCli(
 
 void *sonetrix_engine_notify_changes_addCallback(
     sonetrix_engine_t *engine, sonetrix_listCallback_t callback, void *user) {
-    return pointerWithEngine(
+    return withEngine(
         engine, callback != nullptr, [&](Engine &one) { return one.notifier().callbacks().add(callback, user); });
 }
 
@@ -125,7 +122,7 @@ void sonetrix_engine_notify_changes_rmCallback(sonetrix_engine_t *engine, void *
 
 void *sonetrix_engine_addTimer(
     sonetrix_engine_t *engine, int32_t milliseconds, sonetrix_timerCallback_t callback, void *user) {
-    return pointerWithEngine(
+    return withEngine(
         engine, callback != nullptr, [&](Engine &one) { return one.timers().add(milliseconds, callback, user); });
 }
 
@@ -136,7 +133,7 @@ void sonetrix_engine_delTimer(sonetrix_engine_t *engine, void *handle) {
 
 void *sonetrix_engine_addCallbackMeterManager(
     sonetrix_engine_t *engine, MetersType type, sonetrix_listCallback_t callback, void *user) {
-    return pointerWithEngine(engine, callback != nullptr && Meters::isType(type),
+    return withEngine(engine, callback != nullptr && Meters::isType(type),
         [&](Engine &one) { return one.meters().callbacks(type).add(callback, user); });
 }
 
@@ -148,10 +145,8 @@ void sonetrix_engine_rmCallbackMeterManager(sonetrix_engine_t *engine, void *han
 
 int32_t sonetrix_engine_addDebugMeter(
     sonetrix_engine_t *engine, MetersType type, const char *key, const sonetrix_value_t *value) {
-    return withEngine(engine, Meters::isType(type) && key != nullptr && value != nullptr, [&](Engine &one) {
-        one.meters().setDebugMeter(type, key, *value);
-        return statusOk;
-    });
+    return withEngine(engine, Meters::isType(type) && key != nullptr && value != nullptr,
+        [&](Engine &one) { one.meters().setDebugMeter(type, key, *value); });
 }
 
 int32_t sonetrix_engine_delDebugMeter(sonetrix_engine_t *engine, MetersType type, const char *key) {
@@ -161,12 +156,12 @@ int32_t sonetrix_engine_delDebugMeter(sonetrix_engine_t *engine, MetersType type
 
 sonetrix_cListKeyValue_t *sonetrix_engine_GetLastMeters(
     sonetrix_engine_t *engine, const char *module, MetersType type) {
-    return pointerWithEngine(engine, Meters::isType(type),
+    return withEngine(engine, Meters::isType(type),
         [&](Engine &one) { return handedOver(one.meters().read(type, module != nullptr ? module : "")); });
 }
 
 sonetrix_cListKeyValue_t *sonetrix_engine_meterInfoList(sonetrix_engine_t *engine, MetersType type) {
-    return pointerWithEngine(
+    return withEngine(
         engine, Meters::isType(type), [&](Engine &one) { return handedOver(one.meters().descriptions(type)); });
 }
 

@@ -14,25 +14,14 @@ inline Engine *engineOf(sonetrix_engine_t *handle) noexcept { return reinterpret
 /// engine's threads are not.
 inline Engine *engineHere(sonetrix_engine_t *handle) noexcept { return isForkedChild() ? nullptr : engineOf(handle); }
 
-/// `body(engine)`, which returns a status, with whatever it throws turned into one; "invalid" without an engine or when
-/// an argument is not as it must be.
-template <class Body> int32_t withEngine(sonetrix_engine_t *handle, bool valid, Body &&body) noexcept {
+/// `guarded(body(engine))`; refused as invalid without an engine or when an argument is not as it must be.
+template <class Body> auto withEngine(sonetrix_engine_t *handle, bool valid, Body &&body) noexcept {
     Engine *engine = engineHere(handle);
+    const auto whole = [&] { return body(*engine); };
     if (engine == nullptr || !valid)
-        return statusInvalid;
+        return refused<decltype(guarded(whole))>(statusInvalid);
     engine->noteOtherwise();
-    return guarded([&] { return body(*engine); });
-}
-
-/// The same for a pointer; null in these cases.
-template <class Body>
-auto pointerWithEngine(sonetrix_engine_t *handle, bool valid, Body &&body) noexcept
-    -> decltype(body(*engineOf(handle))) {
-    Engine *engine = engineHere(handle);
-    if (engine == nullptr || !valid)
-        return nullptr;
-    engine->noteOtherwise();
-    return guardedPointer([&] { return body(*engine); });
+    return guarded(whole);
 }
 
 } // namespace sonetrix::dev

@@ -24,15 +24,15 @@ ListValue *listOf(const std::vector<std::string> &strings) {
 } // namespace
 
 sonetrix_cListValue_t *sonetrix_engine_GetModulesList(sonetrix_engine_t *engine) {
-    return pointerWithEngine(engine, true, [](Engine &one) { return listOf(one.catalogue().identifiers()); });
+    return withEngine(engine, true, [](Engine &one) { return listOf(one.catalogue().identifiers()); });
 }
 
 sonetrix_cListValue_t *sonetrix_engine_GetAllPortNames(sonetrix_engine_t *engine) {
-    return pointerWithEngine(engine, true, [](Engine &one) { return listOf(one.graph().portNames()); });
+    return withEngine(engine, true, [](Engine &one) { return listOf(one.graph().portNames()); });
 }
 
 sonetrix_cListValue_t *sonetrix_engine_GetLinkPort(sonetrix_engine_t *engine, const char *port) {
-    return pointerWithEngine(engine, port != nullptr, [&](Engine &one) { return listOf(one.graph().links(port)); });
+    return withEngine(engine, port != nullptr, [&](Engine &one) { return listOf(one.graph().links(port)); });
 }
 
 int32_t sonetrix_engine_ModuleNew(
@@ -54,7 +54,6 @@ int32_t sonetrix_engine_LinkPort(sonetrix_engine_t *engine, const char *p1, cons
 int32_t sonetrix_engine_ForEachModuleSafe(sonetrix_engine_t *engine, sonetrix_moduleCallback_t callback, void *user) {
     return withEngine(engine, callback != nullptr, [&](Engine &one) {
         one.graph().forEachRecord([&](const sonetrix_module_t &record) { callback(&record, user); });
-        return statusOk;
     });
 }
 

@@ -18,18 +18,15 @@ template <class Number> bool isMissing(Number /*number*/) noexcept { return fals
 template <class List, class... Arguments> int32_t add(List *list, Arguments... arguments) noexcept {
     if (list == nullptr || (isMissing(arguments) || ...))
         return statusInvalid;
-    return guarded([&] {
-        list->add(arguments...);
-        return statusOk;
-    });
+    return guarded([&] { list->add(arguments...); });
 }
 
 template <class List> List *newList() noexcept {
-    return guardedPointer([] { return std::make_unique<List>().release(); });
+    return guarded([] { return std::make_unique<List>().release(); });
 }
 
 template <class List> List *copyOf(const List *list) noexcept {
-    return guardedPointer([&] { return list == nullptr ? nullptr : std::make_unique<List>(*list).release(); });
+    return guarded([&] { return list == nullptr ? nullptr : std::make_unique<List>(*list).release(); });
 }
 
 template <class List> int32_t merge(List *list, List *other) noexcept {
@@ -38,7 +35,6 @@ template <class List> int32_t merge(List *list, List *other) noexcept {
     return guarded([&] {
         if (other != nullptr)
             list->merge(*other);
-        return statusOk;
     });
 }
 

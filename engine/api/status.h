@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <new>
 #include <stdexcept>
+#include <type_traits>
 
 namespace sonetrix::dev {
 
@@ -17,25 +18,32 @@ constexpr int32_t statusBusy = -EBUSY;
 constexpr int32_t statusRange = -ERANGE;
 constexpr int32_t statusFailed = -EIO;
 
-/// The border to C: runs `body`, which returns a status, and turns whatever it throws into one.
-template <class Body> int32_t guarded(Body &&body) noexcept {
-    try {
-        return body();
-    } catch (const std::bad_alloc &) {
-        return statusNoMemory;
-    } catch (const std::length_error &) {
-        return statusNoMemory;
-    } catch (...) {
-        return statusInvalid;
-    }
+/// What a C function returns when it is refused: null in place of a pointer, else a status.
+template <class Result> Result refused(int32_t status) noexcept {
+    if constexpr (std::is_pointer_v<Result>)
+        return nullptr;
+    else
+        return status;
 }
 
-/// The same for functions that return a pointer, null on failure.
-template <class Body> auto guardedPointer(Body &&body) noexcept -> decltype(body()) {
+/// The border to C: the result of `body`, a pointer or a status, which is 0 for a body that returns nothing. Whatever
+/// it throws becomes a refusal.
+template <class Body> auto guarded(Body &&body) noexcept {
+    using BodyResult = decltype(body());
+    using Result = std::conditional_t<std::is_pointer_v<BodyResult>, BodyResult, int32_t>;
     try {
-        return body();
+        if constexpr (std::is_void_v<BodyResult>) {
+            body();
+            return statusOk;
+        } else {
+            return Result(body());
+        }
+    } catch (const std::bad_alloc &) {
+        return refused<Result>(statusNoMemory);
+    } catch (const std::length_error &) {
+        return refused<Result>(statusNoMemory);
     } catch (...) {
-        return nullptr;
+        return refused<Result>(statusInvalid);
     }
 }
 

@@ -71,7 +71,7 @@ std::optional<PaStreamParameters> direction(
     const PaDeviceInfo *info = device == paNoDevice ? nullptr : Pa_GetDeviceInfo(device);
     if (info == nullptr || info->*channels == 0)
         return std::nullopt;
-    const int used = std::min(info->*channels, static_cast<int>(DeviceBuffers::channels));
+    const int used = std::min(info->*channels, static_cast<int>(channelCount));
     return PaStreamParameters{device, used, paFloat32 | paNonInterleaved, info->*latency, nullptr};
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "driver/clock_driver.h"
-#include "graph/device_buffers.h"
+#include "graph/system_module.h"
 
 #include <condition_variable>
 #include <mutex>

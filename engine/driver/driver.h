@@ -63,7 +63,7 @@ private:
     std::atomic<uint32_t> threadId_{0};
     std::atomic<int64_t> blockBegan_{0};
     std::mutex threadMutex_;
-    Thread thread_;
+    Thread thread_{"sonetrix-audio", [this](const std::stop_token & /*stop*/) { threadMain(); }};
 };
 
 } // namespace sonetrix::dev

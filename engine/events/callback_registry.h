@@ -24,16 +24,16 @@ public:
     void *add(Callback callback, void *user) {
         const auto registration = std::make_shared<Registration>(callback, user);
         const std::lock_guard lock(mutex_);
-        const uintptr_t handle = ++newestHandle;
+        void *const handle = reinterpret_cast<void *>(++newestHandle);
         registrations_.emplace(handle, registration);
-        return reinterpret_cast<void *>(handle);
+        return handle;
     }
 
     /// Returns when no call is in progress on another thread; one on this thread is the last. False when there is no
     /// such registration.
     bool remove(const void *handle) {
         std::unique_lock lock(mutex_);
-        const auto found = registrations_.find(reinterpret_cast<uintptr_t>(handle));
+        const auto found = registrations_.find(handle);
         if (found == registrations_.end())
             return false;
         const auto registration = found->second;
@@ -42,7 +42,7 @@ public:
             return std::ranges::all_of(
                 registration->callers, [self](std::thread::id caller) { return caller == self; });
         });
-        registrations_.erase(reinterpret_cast<uintptr_t>(handle)); // unless another removal has
+        registrations_.erase(handle); // unless another removal has
         return true;
     }
 
@@ -56,7 +56,7 @@ public:
         std::shared_ptr<Registration> registration;
         {
             const std::lock_guard lock(mutex_);
-            const auto found = registrations_.find(reinterpret_cast<uintptr_t>(handle));
+            const auto found = registrations_.find(handle);
             if (found == registrations_.end() || found->second->removed)
                 return false;
             registration = found->second;
@@ -101,13 +101,13 @@ private:
         const std::lock_guard lock(mutex_);
         handles.reserve(registrations_.size());
         for (const auto &[handle, registration] : registrations_)
-            handles.push_back(reinterpret_cast<const void *>(handle));
+            handles.push_back(handle);
         return handles;
     }
 
     mutable std::mutex mutex_;
     std::condition_variable finished_;
-    std::map<uintptr_t, std::shared_ptr<Registration>> registrations_; // by handle: in the order of registration
+    std::map<const void *, std::shared_ptr<Registration>> registrations_; // by handle: in the order of registration
 };
 
 } // namespace sonetrix::dev

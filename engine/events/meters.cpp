@@ -45,11 +45,6 @@ Meters::Meters(const Graph &graph, const SystemModule &system, std::chrono::nano
             portKeys_.at(port++) = portKey(name);
 }
 
-void Meters::start() {
-    nextFast_ = nextSlow_ = Thread::Clock::now();
-    thread_.start("sonetrix-meters", [this](const std::stop_token &stop) { round(stop); });
-}
-
 void Meters::add(const SystemModule::Levels &levels) noexcept {
     const auto floats = std::bit_cast<std::array<float, floatsPerBlock>>(levels);
     if (levels_.room() < floats.size())

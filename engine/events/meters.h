@@ -2,7 +2,6 @@
 
 #include "events/callback_registry.h"
 #include "files/sample_ring.h"
-#include "graph/port_level.h"
 #include "graph/system_module.h"
 #include "lists/lists.h"
 #include "thread.h"
@@ -30,10 +29,7 @@ public:
     /// `graph` must outlive the thread.
     Meters(const Graph &graph, const SystemModule &system, std::chrono::nanoseconds block);
 
-    void start();
-    /// Returns at once; the emission in progress is the last.
-    void requestEnd() noexcept { thread_.requestEnd(); }
-    bool joinUntil(Thread::Clock::time_point limit) { return thread_.joinUntil(limit); }
+    Thread &thread() noexcept { return thread_; }
 
     static bool isType(sonetrix_module_meters_type type) noexcept { return type <= SONETRIX_METERS_FAST; }
     // All types below are ones for which that holds.
@@ -86,9 +82,9 @@ private:
     mutable std::mutex mutex_; // guards the kinds' levels and debug meters
     std::array<Kind, 2> kinds_;
     std::atomic<bool> hasManager_{false};
-    Thread::Clock::time_point nextFast_;
-    Thread::Clock::time_point nextSlow_;
-    Thread thread_;
+    Thread::Clock::time_point nextFast_ = Thread::Clock::now();
+    Thread::Clock::time_point nextSlow_ = nextFast_;
+    Thread thread_{"sonetrix-meters", [this](const std::stop_token &stop) { round(stop); }};
 };
 
 } // namespace sonetrix::dev

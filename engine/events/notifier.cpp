@@ -4,10 +4,6 @@
 
 namespace sonetrix::dev {
 
-void Notifier::start() {
-    thread_.start("sonetrix-notify", [this](const std::stop_token &stop) { round(stop); });
-}
-
 void Notifier::parameterWritten(std::string_view key) noexcept {
     if (callbacks_.empty())
         return;

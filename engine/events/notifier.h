@@ -22,10 +22,7 @@ public:
     Notifier(const Parameters &parameters, std::chrono::nanoseconds gathering)
         : parameters_(parameters), gathering_(gathering) {}
 
-    void start();
-    /// Returns at once; the delivery in progress is the last.
-    void requestEnd() noexcept { thread_.requestEnd(); }
-    bool joinUntil(Thread::Clock::time_point limit) { return thread_.joinUntil(limit); }
+    Thread &thread() noexcept { return thread_; }
 
     CallbackRegistry<sonetrix_listCallback_t> &callbacks() noexcept { return callbacks_; }
     void parameterWritten(std::string_view key) noexcept;
@@ -40,7 +37,7 @@ private:
     std::condition_variable_any written_;
     ListValue keys_;
     std::unordered_set<std::string> seen_; // what `keys_` holds
-    Thread thread_;
+    Thread thread_{"sonetrix-notify", [this](const std::stop_token &stop) { round(stop); }};
 };
 
 } // namespace sonetrix::dev

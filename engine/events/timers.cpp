@@ -12,10 +12,6 @@ double secondsOf(std::chrono::nanoseconds time) { return std::chrono::duration<d
 
 } // namespace
 
-void Timers::start() {
-    thread_.start("sonetrix-timer", [this](const std::stop_token &stop) { round(stop); });
-}
-
 Timers::Time Timers::now() const noexcept {
     return byRenderedTime_ ? rendered_ : Time(Thread::Clock::now().time_since_epoch());
 }

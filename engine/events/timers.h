@@ -23,10 +23,7 @@ public:
 
     explicit Timers(bool byRenderedTime) : byRenderedTime_(byRenderedTime) {}
 
-    void start();
-    /// Returns at once; nothing is called back any more once the call in progress has ended.
-    void requestEnd() noexcept { thread_.requestEnd(); }
-    bool joinUntil(Thread::Clock::time_point limit) { return thread_.joinUntil(limit); }
+    Thread &thread() noexcept { return thread_; }
 
     /// A handle; null for a negative period. The shortest period is a millisecond.
     void *add(int32_t milliseconds, sonetrix_timerCallback_t callback, void *user);
@@ -61,7 +58,7 @@ private:
     Time rendered_{0};
     uint64_t calls_ = 0;
     bool calling_ = false;
-    Thread thread_;
+    Thread thread_{"sonetrix-timer", [this](const std::stop_token &stop) { round(stop); }};
 };
 
 } // namespace sonetrix::dev

@@ -20,8 +20,8 @@ void Player::open(const std::filesystem::path &path) {
     }
     const std::lock_guard lock(mutex_);
     if (interleaved_.empty()) {
-        ring_.allocate(2 * channels * rate_); // twice what is read ahead: what is discarded may still be in it
-        interleaved_.resize(framesPerRead * channels);
+        ring_.allocate(2 * channelCount * rate_); // twice what is read ahead: what is discarded may still be in it
+        interleaved_.resize(framesPerRead * channelCount);
     }
     ring_.discard();
     name_ = path;
@@ -45,27 +45,30 @@ void Player::pump() noexcept {
 
 void Player::readAhead() noexcept {
     const auto fileChannels = static_cast<size_t>(info_.channels);
-    const size_t used = std::min(channels, fileChannels);
-    while (!ended_ && ring_.available() < channels * rate_ && ring_.room() >= interleaved_.size()) {
+    const size_t used = std::min(channelCount, fileChannels);
+    while (!ended_ && ring_.available() < channelCount * rate_ && ring_.room() >= interleaved_.size()) {
         const auto frames =
             static_cast<size_t>(std::max<sf_count_t>(0, sf_readf_float(file_.get(), fromFile_.data(), framesPerRead)));
         for (size_t frame = 0; frame < frames; ++frame)
             for (size_t channel = 0; channel < used; ++channel)
-                interleaved_[frame * channels + channel] = fromFile_[frame * fileChannels + channel];
-        ring_.write(std::span<const float>(interleaved_).first(frames * channels));
+                interleaved_[frame * channelCount + channel] = fromFile_[frame * fileChannels + channel];
+        ring_.write(std::span<const float>(interleaved_).first(frames * channelCount));
         if (frames < framesPerRead)
             ended_.store(true, std::memory_order_release);
     }
 }
 
-bool Player::read(std::span<float> interleaved) noexcept {
+bool Player::read(std::array<float *, channelCount> outputs, uint32_t frames) noexcept {
     if (!playing_.load(std::memory_order_acquire))
         return false;
     const bool ended = ended_.load(std::memory_order_acquire);
-    const size_t count = ring_.read(interleaved);
-    std::ranges::fill(interleaved.subspan(count), 0.0F);
-    if (!ended && count < interleaved.size())
-        missed_.fetch_add(static_cast<uint32_t>((interleaved.size() - count) / channels), std::memory_order_relaxed);
+    const auto samples = std::span(block_).first(frames * channelCount);
+    const size_t count = ring_.read(samples);
+    std::ranges::fill(samples.subspan(count), 0.0F);
+    for (size_t i = 0; i < samples.size(); ++i)
+        outputs[i % channelCount][i / channelCount] = samples[i];
+    if (!ended && count < samples.size())
+        missed_.fetch_add(static_cast<uint32_t>((samples.size() - count) / channelCount), std::memory_order_relaxed);
     return true;
 }
 

@@ -3,11 +3,11 @@
 #include "files/sample_ring.h"
 #include "files/sound_file.h"
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <mutex>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -17,9 +17,7 @@ namespace sonetrix::dev {
 /// no channel and after the end. Somebody calls `pump` every few milliseconds.
 class Player {
 public:
-    static constexpr size_t channels = 2;
-
-    explicit Player(uint32_t rate) : rate_(rate) {}
+    Player(uint32_t rate, uint32_t block) : rate_(rate), block_(block * channelCount) {}
 
     /// Plays this file from its beginning; an empty path ends what plays. Throws std::runtime_error when the file
     /// cannot serve: it must have the engine's frame rate.
@@ -28,8 +26,8 @@ public:
     [[nodiscard]] std::string file() const;
     /// Reads ahead.
     void pump() noexcept;
-    /// Audio thread: the next interleaved samples. False when nothing is played.
-    bool read(std::span<float> interleaved) noexcept;
+    /// Audio thread: the next frames, channel by channel. False when nothing is played.
+    bool read(std::array<float *, channelCount> outputs, uint32_t frames) noexcept;
     /// Frames that were silent because reading ahead was too slow.
     [[nodiscard]] uint32_t framesMissed() const noexcept { return missed_.load(std::memory_order_relaxed); }
 
@@ -44,6 +42,7 @@ private:
     std::vector<float> fromFile_;
     std::vector<float> interleaved_;
     SampleRing ring_;
+    std::vector<float> block_; // the audio thread's
     std::atomic<bool> playing_{false};
     std::atomic<bool> ended_{false}; // all of the file is in the ring
     std::atomic<uint32_t> missed_{0};

@@ -17,14 +17,14 @@ void Recorder::open(const std::filesystem::path &path) {
     if (path.empty())
         return;
     const auto writtenPath = std::filesystem::exists(path) ? std::filesystem::path(path.string() + ".partial") : path;
-    file_ = createSoundFile(writtenPath, path, rate_, channels);
+    file_ = createSoundFile(writtenPath, path, rate_, channelCount);
     path_ = path;
     writtenPath_ = writtenPath;
     cutShort_ = false;
     sinceHeader_ = 0;
     if (chunk_.empty()) {
-        ring_.allocate(2 * channels * rate_);
-        chunk_.resize(framesPerWrite * channels);
+        ring_.allocate(2 * channelCount * rate_);
+        chunk_.resize(framesPerWrite * channelCount);
     }
     ring_.discard();
     recording_.store(true, std::memory_order_release);
@@ -47,7 +47,7 @@ void Recorder::close() noexcept {
 
 void Recorder::writeOut() noexcept {
     while (const size_t count = file_ ? ring_.read(chunk_) : 0) {
-        const auto frames = static_cast<sf_count_t>(count / channels);
+        const auto frames = static_cast<sf_count_t>(count / channelCount);
         if (!cutShort_ && sf_writef_float(file_.get(), chunk_.data(), frames) != frames)
             fail(sf_strerror(file_.get()));
         if (cutShort_)
@@ -83,13 +83,16 @@ void Recorder::fail(const std::string &reason) noexcept {
         SONETRIX_LOG_ERROR, "engine", 0, 1, "the recording %s is cut short: %s", writtenPath_.c_str(), reason.c_str());
 }
 
-void Recorder::write(std::span<const float> interleaved) noexcept {
+void Recorder::write(const float *const *inputs, uint32_t frames) noexcept {
     if (!recording_.load(std::memory_order_acquire))
         return;
-    const size_t count = std::min(interleaved.size(), ring_.room() / channels * channels);
-    ring_.write(interleaved.first(count));
-    if (count < interleaved.size())
-        dropped_.fetch_add(static_cast<uint32_t>((interleaved.size() - count) / channels), std::memory_order_relaxed);
+    const auto count = std::min<size_t>(frames, ring_.room() / channelCount);
+    const auto samples = std::span(block_).first(count * channelCount);
+    for (size_t i = 0; i < samples.size(); ++i)
+        samples[i] = inputs[i % channelCount][i / channelCount];
+    ring_.write(samples);
+    if (count < frames)
+        dropped_.fetch_add(frames - static_cast<uint32_t>(count), std::memory_order_relaxed);
 }
 
 } // namespace sonetrix::dev

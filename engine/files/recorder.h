@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <mutex>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -20,9 +19,7 @@ namespace sonetrix::dev {
 /// can be read at any time up to about the last second: its header follows what is written.
 class Recorder {
 public:
-    static constexpr size_t channels = 2;
-
-    explicit Recorder(uint32_t rate) : rate_(rate) {}
+    Recorder(uint32_t rate, uint32_t block) : rate_(rate), block_(block * channelCount) {}
     ~Recorder() { close(); }
     Recorder(const Recorder &) = delete;
     Recorder &operator=(const Recorder &) = delete;
@@ -34,8 +31,8 @@ public:
     [[nodiscard]] std::string file() const;
     /// Writes what has come in.
     void pump() noexcept;
-    /// Audio thread: the next interleaved samples.
-    void write(std::span<const float> interleaved) noexcept;
+    /// Audio thread: the next frames, channel by channel.
+    void write(const float *const *inputs, uint32_t frames) noexcept;
     /// Writes the rest and completes the file.
     void close() noexcept;
     /// Frames that are missing because writing was too slow or failed.
@@ -57,6 +54,7 @@ private:
     uint32_t sinceHeader_ = 0; // frames
     std::vector<float> chunk_;
     SampleRing ring_;
+    std::vector<float> block_; // the audio thread's
     std::atomic<bool> recording_{false};
     std::atomic<uint32_t> dropped_{0};
     std::atomic<bool> hasFailed_{false};

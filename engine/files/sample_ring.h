@@ -9,6 +9,8 @@
 
 namespace sonetrix::dev {
 
+constexpr size_t channelCount = 2; // of the sound files that are played and recorded, and of a sound device
+
 /// Samples on their way from one thread to one other; neither ever waits.
 class SampleRing {
 public:

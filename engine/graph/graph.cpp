@@ -82,7 +82,7 @@ Graph::Graph(std::shared_ptr<SystemModule> system,
     : rate_(rate), block_(block), catalogue_(catalogue), parameters_(parameters), plans_(plans) {
     modules_.emplace_back(std::move(system));
     plans_.publish(std::make_unique<Plan>(modules_, rate_, block_));
-    planThread_.start("sonetrix-graph", [this](const std::stop_token &stop) { planRound(stop); });
+    planThread_.start();
 }
 
 int32_t Graph::createModule(const char *name, const char *identifier, const ListKeyValue *configuration) {

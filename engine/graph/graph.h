@@ -93,7 +93,7 @@ private:
     bool isTaken_ = true;   // the newest plan, by the audio thread
     bool isSettled_ = true; // nothing comes back from the audio thread any more
     std::condition_variable_any changed_;
-    Thread planThread_;
+    Thread planThread_{"sonetrix-graph", [this](const std::stop_token &stop) { planRound(stop); }};
 };
 
 } // namespace sonetrix::dev

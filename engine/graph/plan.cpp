@@ -85,11 +85,10 @@ void Plan::addStep(const WiredModule &wired) {
 }
 
 double Plan::run() noexcept {
-    int64_t before = nanosecondsOf(CLOCK_MONOTONIC);
+    const int64_t began = nanosecondsOf(CLOCK_MONOTONIC);
     system_->capture(block_);
-    const int64_t captured = nanosecondsOf(CLOCK_MONOTONIC);
-    const int64_t captureTime = captured - before;
-    before = captured;
+    int64_t before = nanosecondsOf(CLOCK_MONOTONIC);
+    const int64_t captureTime = before - began;
     double total = 0;
     for (const Step &step : steps_) {
         for (size_t i = step.firstHeld; i < step.endHeld; ++i)

@@ -1,7 +1,5 @@
 #pragma once
 
-#include "graph/audio_buffer.h"
-#include "graph/module.h"
 #include "graph/system_module.h"
 
 #include <cstddef>

@@ -1,22 +1,42 @@
 #include "graph/system_module.h"
 
 #include <algorithm>
+#include <cmath>
+#include <numeric>
 #include <span>
 #include <stdexcept>
 #include <system_error>
 
 namespace sonetrix::dev {
 
+namespace {
+
+PortLevel levelOf(std::span<const float> samples) noexcept {
+    constexpr size_t lanes = 8; // added up beside each other: in one sum, each addition would wait for the one before
+    std::array<float, lanes> peaks{};
+    std::array<float, lanes> squares{};
+    const auto add = [&](size_t lane, float sample) {
+        peaks[lane] = std::max(peaks[lane], std::abs(sample)); // passes over what is no number
+        squares[lane] += sample * sample;
+    };
+    const size_t rest = samples.size() % lanes;
+    for (size_t i = 0; i < samples.size() - rest; i += lanes)
+        for (size_t lane = 0; lane < lanes; ++lane)
+            add(lane, samples[i + lane]);
+    for (size_t lane = 0; lane < rest; ++lane)
+        add(lane, samples[samples.size() - rest + lane]);
+    const float sum = std::accumulate(squares.begin(), squares.end(), 0.0F);
+    return {std::isnan(sum) ? sum : *std::ranges::max_element(peaks), sum / static_cast<float>(samples.size())};
+}
+
+} // namespace
+
 SystemModule::SystemModule(uint32_t rate, uint32_t block, bool offline)
     : Module(moduleName, Type::driver, {"capture_1", "capture_2"}, {"playback_1", "playback_2"}, block),
       offline_(offline),
       wanted_(block),
-      interleaved_(channels * block),
-      player_(rate),
-      recorder_(rate) {
-    static_assert(
-        Player::channels == channels && Recorder::channels == channels && DeviceBuffers::channels == channels);
-}
+      player_(rate, block),
+      recorder_(rate, block) {}
 
 void SystemModule::play(const std::filesystem::path &path) {
     checkDistinct(path, recorder_.file());
@@ -39,44 +59,36 @@ void SystemModule::checkDistinct(const std::filesystem::path &played, const std:
 void SystemModule::startThread() {
     if (offline_)
         return;
-    std::call_once(threadStarted_, [this] {
-        thread_.start("sonetrix-file", [this](const std::stop_token &stop) {
-            player_.pump();
-            recorder_.pump();
-            thread_.pause(stop, Thread::Clock::now() + std::chrono::milliseconds(10));
-        });
-    });
+    std::call_once(threadStarted_, [this] { thread_.start(); });
+}
+
+void SystemModule::fileRound(const std::stop_token &stop) {
+    player_.pump();
+    recorder_.pump();
+    thread_.pause(stop, Thread::Clock::now() + std::chrono::milliseconds(10));
 }
 
 void SystemModule::capture(uint32_t frames) noexcept {
     if (offline_)
         player_.pump();
-    const auto samples = std::span(interleaved_).first(frames * channels);
-    const bool plays = player_.read(samples);
-    for (size_t channel = 0; channel < channels; ++channel) {
+    const bool plays = player_.read({output(0), output(1)}, frames);
+    for (size_t channel = 0; channel < channelCount; ++channel) {
         float *out = output(channel);
-        if (plays) {
-            for (size_t i = 0; i < frames; ++i)
-                out[i] = samples[i * channels + channel];
-        } else if (const float *captured = deviceBuffers_.captured[channel]) {
+        if (const float *captured = deviceBuffers_.captured[channel]; captured != nullptr && !plays)
             std::copy_n(captured, frames, out);
-        } else {
+        else if (!plays)
             std::fill_n(out, frames, 0.0F);
-        }
-        levels_[channel] = levelOf(std::span<const float>(out, frames));
+        levels_[channel] = levelOf({out, frames});
     }
 }
 
 void SystemModule::process(const float *const *inputs, uint32_t frames) noexcept {
-    const uint32_t count = std::min(frames, wanted_);
-    for (size_t channel = 0; channel < channels; ++channel) {
-        levels_[channels + channel] = levelOf(std::span(inputs[channel], frames));
+    for (size_t channel = 0; channel < channelCount; ++channel) {
+        levels_[channelCount + channel] = levelOf({inputs[channel], frames});
         if (float *played = deviceBuffers_.played[channel])
             std::copy_n(inputs[channel], frames, played);
-        for (size_t i = 0; i < count; ++i)
-            interleaved_[i * channels + channel] = inputs[channel][i];
     }
-    recorder_.write(std::span<const float>(interleaved_).first(count * channels));
+    recorder_.write(inputs, std::min(frames, wanted_));
     if (offline_)
         recorder_.pump();
 }

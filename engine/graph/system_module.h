@@ -2,9 +2,7 @@
 
 #include "files/player.h"
 #include "files/recorder.h"
-#include "graph/device_buffers.h"
 #include "graph/module.h"
-#include "graph/port_level.h"
 #include "thread.h"
 
 #include <array>
@@ -14,15 +12,27 @@
 
 namespace sonetrix::dev {
 
+/// What a sound device brings and takes in a block, channel by channel; null where it has no such channel.
+struct DeviceBuffers {
+    std::array<const float *, channelCount> captured{};
+    std::array<float *, channelCount> played{};
+};
+
+/// What went through a port in a block: the highest magnitude, and the mean of the squares. Full scale is 1. A sample
+/// that is not a number makes both such.
+struct PortLevel {
+    float peak = 0;
+    float meanSquare = 0;
+};
+
 /// The driver's own module: its capture ports are sources, its playback ports sinks. They carry what a sound device
 /// captures and plays, if that drives the engine. A sound file can be played into the ones, instead of what is
 /// captured, and what the others get be recorded, at any time.
 class SystemModule final : public Module {
 public:
     static constexpr const char *moduleName = "system";
-    static constexpr size_t channels = 2;
     /// Of a block: the capture ports, then the playback ports.
-    using Levels = std::array<PortLevel, 2 * channels>;
+    using Levels = std::array<PortLevel, 2 * channelCount>;
 
     /// `offline`: the audio thread itself reads and writes the files, as it may when nothing happens in real time.
     SystemModule(uint32_t rate, uint32_t block, bool offline);
@@ -52,16 +62,18 @@ public:
 private:
     void checkDistinct(const std::filesystem::path &played, const std::filesystem::path &recorded) const;
     void startThread();
+    void fileRound(const std::stop_token &stop);
 
     const bool offline_;
     uint32_t wanted_;
     DeviceBuffers deviceBuffers_;
     Levels levels_;
-    std::vector<float> interleaved_;
     Player player_;
     Recorder recorder_;
     std::once_flag threadStarted_;
-    Thread thread_; // reads and writes the files: the audio thread must not even wake somebody
+    Thread thread_{"sonetrix-file", [this](const std::stop_token &stop) {
+                       fileRound(stop);
+                   }}; // reads and writes the files: the audio thread must not even wake somebody
 };
 
 } // namespace sonetrix::dev

@@ -17,28 +17,25 @@ bool CliModule::load(const std::filesystem::path &library, std::string &error) {
 }
 
 bool CliModule::construct(ListKeyValue &startParameters, std::string &error) {
-    record_ = constructor_(&startParameters, nullptr);
-    if (record_ == nullptr) {
+    sonetrix_cliModule_t *const record = constructor_(&startParameters, nullptr);
+    if (record == nullptr)
         error = "the scripting module could not be created";
-        return false;
-    }
-    const std::lock_guard lock(stopMutex_);
-    stoppable_ = record_;
-    return true;
+    const std::lock_guard lock(mutex_);
+    record_ = record;
+    return record != nullptr;
 }
 
 void CliModule::stop() {
-    const std::lock_guard lock(stopMutex_);
-    if (stoppable_ != nullptr)
-        stoppable_->stop(stoppable_);
+    const std::lock_guard lock(mutex_);
+    if (record_ != nullptr)
+        record_->stop(record_);
 }
 
 void CliModule::destroy() {
-    {
-        const std::lock_guard lock(stopMutex_);
-        stoppable_ = nullptr;
-    }
-    if (sonetrix_cliModule_t *record = std::exchange(record_, nullptr))
+    std::unique_lock lock(mutex_);
+    sonetrix_cliModule_t *const record = std::exchange(record_, nullptr);
+    lock.unlock();
+    if (record != nullptr)
         record->destroy(record);
 }
 

@@ -36,9 +36,8 @@ private:
     using Constructor = decltype(&sonetrix_engineCliCostructor);
 
     Constructor constructor_ = nullptr;
+    std::mutex mutex_; // between `stop` and what changes the record
     sonetrix_cliModule_t *record_ = nullptr;
-    std::mutex stopMutex_;
-    sonetrix_cliModule_t *stoppable_ = nullptr;
 };
 
 } // namespace sonetrix::dev

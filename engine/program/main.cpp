@@ -1,8 +1,6 @@
 #include "forked.h"
 #include "program/cli_module.h"
-#include "program/exit_status.h"
 #include "program/options.h"
-#include "program/start_code.h"
 #include "program/termination_signals.h"
 
 #include <atomic>
@@ -42,23 +40,6 @@ void openStandardStreams() {
         descriptor = ::open("/dev/null", O_RDWR); // NOLINT(android-cloexec-open): these three are inherited
     } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
     ::close(descriptor);
-}
-
-/// What the program has to have run in the module's `start`, in front of a "python.start" that was set by hand.
-void addStartCode(ProgramOptions &options, const std::filesystem::path &packages) {
-    std::string text = searchPathCode(packages);
-    text += "__import__('sonetrix_console.program').program.find_interpreter()\n";
-    if (!options.scriptOnly())
-        text += consoleCode();
-    if (options.listen)
-        text += listenCode(*options.listen);
-    if (options.code || options.script)
-        text += scriptRunCode({options.code, options.script, options.scriptArguments, options.scriptOnly()});
-    const char *byHand = nullptr;
-    if (sonetrix_keyValueListGetS(&options.startParameters, "python.start", &byHand) == 0)
-        text += byHand;
-    options.startParameters.remove("python.start");
-    options.startParameters.add("python.start", text);
 }
 
 /// Runs the module on this thread. The status of what it ran.
@@ -112,7 +93,7 @@ int runEngine(ProgramOptions options) {
     CliModule module;
     if (!module.load(options.module, error))
         return complain(exitUnavailable, error);
-    const std::filesystem::path packages = pythonPackages();
+    const auto packages = libraryFolder() / "python3" / "dist-packages";
     if (!std::filesystem::exists(packages / "sonetrix_console"))
         return complain(exitUnavailable, "there is no sonetrix_console in " + packages.string());
     addStartCode(options, packages);

@@ -1,7 +1,6 @@
 #include "program/options.h"
 
 #include "driver/device_driver.h"
-#include "program/exit_status.h"
 
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
@@ -39,14 +38,6 @@ public:
         return name.substr(0, name.find('{'));
     }
 };
-
-std::filesystem::path moduleBesideProgram() {
-    std::error_code error;
-    const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
-    const auto libraries = program.parent_path().parent_path() / "lib";
-    const auto installed = libraries / "sonetrix" / "sonetrix.so";
-    return std::filesystem::exists(installed, error) ? installed : libraries / "sonetrix.so";
-}
 
 const std::map<std::string, sonetrix_log_level_t> levelNames{{"trace", SONETRIX_LOG_TRACE},
     {"debug", SONETRIX_LOG_DEBUG}, {"info", SONETRIX_LOG_INFO}, {"warn", SONETRIX_LOG_WARN},
@@ -88,9 +79,16 @@ int usageError(const char *what) {
 
 } // namespace
 
+std::filesystem::path libraryFolder() {
+    std::error_code error;
+    return std::filesystem::read_symlink("/proc/self/exe", error).parent_path().parent_path() / "lib";
+}
+
 std::optional<ProgramOptions> readOptions(int argc, char **argv, int &exitStatus) {
     ProgramOptions options;
-    options.module = moduleBesideProgram();
+    std::error_code unreadable;
+    const auto installed = libraryFolder() / "sonetrix" / "sonetrix.so";
+    options.module = std::filesystem::exists(installed, unreadable) ? installed : libraryFolder() / "sonetrix.so";
     std::vector<std::string> settings;
 
     CLI::App app(description, "sonetrix-engine");

@@ -11,6 +11,14 @@
 
 namespace sonetrix::dev {
 
+// Exit statuses of the program's own; a script's come from `exit`.
+constexpr int exitFailure = 1;        // a script failed
+constexpr int exitUsage = 64;         // wrong options
+constexpr int exitNoInput = 66;       // the script cannot be read
+constexpr int exitUnavailable = 69;   // the scripting module cannot be loaded
+constexpr int exitEngineFailure = 70; // the engine cannot start
+constexpr int exitRecording = 74;     // a recording has been cut short
+
 struct ProgramOptions {
     Engine::Options engine;
     ListKeyValue startParameters;
@@ -30,7 +38,17 @@ struct ProgramOptions {
 /// streams and gives the exit status instead.
 std::optional<ProgramOptions> readOptions(int argc, char **argv, int &exitStatus);
 
+/// Where shared libraries and packages are, as the program's own place tells: in the build tree and installed.
+std::filesystem::path libraryFolder();
+
 /// Adds the start parameter that "KEY=VALUE" or "KEY:TYPE=VALUE" describes. Throws std::invalid_argument.
 void addStartParameter(ListKeyValue &parameters, const std::string &description);
+
+/// Puts what the module has to run in its `start` in front of a "python.start" that was set by hand. The packages'
+/// folder is searched after all others; the console is turned on and clients are let in, if they are wanted; code and
+/// script run in `__main__`, the way the interpreter's own command line would run them. Where they are all there is, a
+/// failure becomes the engine's exit code, a stop interrupts the script without a traceback, and SIGINT is ignored from
+/// then on.
+void addStartCode(ProgramOptions &options, const std::filesystem::path &packages);
 
 } // namespace sonetrix::dev

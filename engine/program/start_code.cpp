@@ -1,4 +1,4 @@
-#include "program/start_code.h"
+#include "program/options.h"
 
 #include <fmt/format.h>
 
@@ -16,36 +16,37 @@ std::string literal(const std::string &text) {
     return result + "'";
 }
 
-} // namespace
-
-std::filesystem::path pythonPackages() {
-    std::error_code error;
-    const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
-    return program.parent_path().parent_path() / "lib" / "python3" / "dist-packages";
-}
-
-std::string searchPathCode(const std::filesystem::path &packages) {
-    return fmt::format("__import__('sys').path.append(__import__('os').fsdecode({}))\n", literal(packages));
-}
-
-std::string consoleCode() { return "import sonetrix_console; sonetrix_console.install()\n"; }
-
-std::string listenCode(const std::string &path) {
-    const std::string argument = path.empty() ? "" : fmt::format("__import__('os').fsdecode({})", literal(path));
-    return fmt::format("__import__('sonetrix_console').serve({})\n", argument);
-}
-
-std::string scriptRunCode(const ScriptRun &run) {
+std::string scriptRunCode(const ProgramOptions &options) {
     std::string steps;
-    std::string arguments = literal(run.script ? *run.script : "-c");
-    if (run.code)
-        steps += fmt::format("('<string>', {}), ", literal(*run.code));
-    if (run.script)
-        steps += fmt::format("({}, None), ", literal(*run.script));
-    for (const std::string &argument : run.arguments)
+    if (options.code)
+        steps += fmt::format("('<string>', {}), ", literal(*options.code));
+    if (options.script)
+        steps += fmt::format("({}, None), ", literal(*options.script));
+    std::string arguments = literal(options.script.value_or("-c"));
+    for (const std::string &argument : options.scriptArguments)
         arguments += ", " + literal(argument);
     return fmt::format("__import__('sonetrix_console.program').program.run([{}], [{}], {})\n", steps, arguments,
-        run.ends ? "True" : "False");
+        options.scriptOnly() ? "True" : "False");
+}
+
+} // namespace
+
+void addStartCode(ProgramOptions &options, const std::filesystem::path &packages) {
+    constexpr auto path = [](const std::string &name) { return "__import__('os').fsdecode(" + literal(name) + ')'; };
+    std::string text = fmt::format("__import__('sys').path.append({})\n", path(packages));
+    text += "__import__('sonetrix_console.program').program.find_interpreter()\n";
+    if (!options.scriptOnly())
+        text += "import sonetrix_console; sonetrix_console.install()\n";
+    if (options.listen)
+        text += fmt::format(
+            "__import__('sonetrix_console').serve({})\n", options.listen->empty() ? "" : path(*options.listen));
+    if (options.code || options.script)
+        text += scriptRunCode(options);
+    const char *byHand = nullptr;
+    if (sonetrix_keyValueListGetS(&options.startParameters, "python.start", &byHand) == 0)
+        text += byHand;
+    options.startParameters.remove("python.start");
+    options.startParameters.add("python.start", text);
 }
 
 } // namespace sonetrix::dev

@@ -1,29 +1,25 @@
 #include "program/termination_signals.h"
 
-#include "thread.h"
-
 #include <cerrno>
 #include <csignal>
-#include <fcntl.h>
 #include <pthread.h>
-#include <system_error>
+#include <semaphore.h>
 #include <unistd.h>
 
 namespace sonetrix::dev {
 
 namespace {
 
-constexpr unsigned char endOfThread = 0;
-
-std::atomic<int> handlerPipe{-1};
+std::atomic<int> newestSignal{0};
+sem_t arrived; // the only way of waking a thread that a signal handler has
 
 // A signal that the process directs at its own thread only interrupts that thread: so the console is woken for a stop.
 void onSignal(int number, siginfo_t *info, void *) {
     if (info->si_code == SI_TKILL && info->si_pid == ::getpid())
         return;
     const int saved = errno;
-    const auto byte = static_cast<unsigned char>(number);
-    [[maybe_unused]] const ssize_t written = ::write(handlerPipe, &byte, 1);
+    newestSignal = number;
+    ::sem_post(&arrived);
     errno = saved;
 }
 
@@ -54,15 +50,9 @@ bool isIgnored(int number) {
 
 TerminationSignals::TerminationSignals(bool withInterrupt, std::function<void()> requested)
     : requested_(std::move(requested)) {
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0)
-        throw std::system_error(errno, std::generic_category(), "pipe");
-    readEnd_ = FileDescriptor(ends[0]);
-    writeEnd_ = FileDescriptor(ends[1]);
-    ::fcntl(writeEnd_.get(), F_SETFL, O_NONBLOCK);
-    handlerPipe = writeEnd_.get();
+    ::sem_init(&arrived, 0, 0);
     ::pthread_atfork(nullptr, nullptr, onFork);
-    thread_ = std::thread(&TerminationSignals::threadMain, this);
+    thread_.start();
     handle(SIGTERM);
     if (!isIgnored(SIGHUP)) // as under nohup
         handle(SIGHUP);
@@ -71,9 +61,9 @@ TerminationSignals::TerminationSignals(bool withInterrupt, std::function<void()>
 }
 
 TerminationSignals::~TerminationSignals() {
-    [[maybe_unused]] const ssize_t written = ::write(writeEnd_.get(), &endOfThread, 1);
+    thread_.requestEnd();
+    ::sem_post(&arrived);
     thread_.join();
-    handlerPipe = -1;
 }
 
 void TerminationSignals::endAtOnce() {
@@ -81,19 +71,14 @@ void TerminationSignals::endAtOnce() {
     handle(SIGINT);
 }
 
-void TerminationSignals::threadMain() {
-    blockTerminationSignals();
-    for (;;) {
-        unsigned char number = endOfThread;
-        const ssize_t got = ::read(readEnd_.get(), &number, 1);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got != 1 || number == endOfThread)
-            return;
-        if (received_.exchange(true))
-            ::_exit(status_.load().value_or(128 + number));
-        requested_();
+void TerminationSignals::round(const std::stop_token &stop) {
+    while (::sem_wait(&arrived) != 0) { // interrupted
     }
+    if (stop.stop_requested())
+        return;
+    if (received_.exchange(true))
+        ::_exit(status_.load().value_or(128 + newestSignal));
+    requested_();
 }
 
 } // namespace sonetrix::dev

@@ -1,11 +1,10 @@
 #pragma once
 
-#include "program/file_descriptor.h"
+#include "thread.h"
 
 #include <atomic>
 #include <functional>
 #include <optional>
-#include <thread>
 
 namespace sonetrix::dev {
 
@@ -27,14 +26,12 @@ public:
     [[nodiscard]] bool received() const noexcept { return received_; }
 
 private:
-    void threadMain();
+    void round(const std::stop_token &stop);
 
     std::function<void()> requested_;
     std::atomic<bool> received_{false};
     std::atomic<std::optional<int>> status_{std::nullopt};
-    FileDescriptor readEnd_;
-    FileDescriptor writeEnd_;
-    std::thread thread_;
+    Thread thread_{"sonetrix-signal", [this](const std::stop_token &stop) { round(stop); }};
 };
 
 } // namespace sonetrix::dev
