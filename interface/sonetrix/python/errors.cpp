@@ -29,16 +29,14 @@ void raiseFormat(PyObject *type, const char *format, ...) {
 void translateException() noexcept {
     try {
         throw;
-#if PY_VERSION_HEX < 0x030E0000
-    } catch (const abi::__forced_unwind &) {
-        hangThread();
-#endif
     } catch (const PythonError &) {
         // The indicator is set already.
     } catch (const std::bad_alloc &) {
         PyErr_NoMemory();
     } catch (const std::exception &error) {
         PyErr_SetString(PyExc_RuntimeError, error.what());
+    } catch (...) { // nothing else is thrown: the thread is being unwound
+        hangThread();
     }
 }
 
