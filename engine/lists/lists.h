@@ -60,8 +60,9 @@ struct sonetrix_cListValue : sonetrix::dev::RecordList<sonetrix::dev::Value> {
 
 struct sonetrix_cListKeyValue : sonetrix::dev::RecordList<sonetrix::dev::KeyValue> {
     /// Takes what valueRecord takes, or a record of which it makes a deep copy.
-    template <class T> void add(std::string_view key, const T &value) { add(key, sonetrix::dev::valueRecord(value)); }
-    void add(std::string_view key, const sonetrix_value_t &value) { elements_.emplace_back(key, value); }
+    template <class T> void add(const char *key, const T &value) { add(key, sonetrix::dev::valueRecord(value)); }
+    void add(const char *key, const sonetrix_value_t &value) { addRecord({key, 0, value}); }
+    template <class T> void add(const std::string &key, const T &value) { add(key.c_str(), value); }
 
     /// The newest entry of that key, or null; valid until the list is changed.
     [[nodiscard]] const sonetrix_value_t *find(std::string_view key) const noexcept {

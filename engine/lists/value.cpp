@@ -25,19 +25,15 @@ void *copied(const void *data, size_t size) {
     return copy;
 }
 
-const char *copied(std::string_view text) {
-    auto *copy = static_cast<char *>(std::malloc(text.size() + 1));
-    if (copy == nullptr)
-        throw std::bad_alloc();
-    copy[text.copy(copy, text.size())] = '\0';
-    return copy;
-}
+const char *copied(const char *text) { return static_cast<const char *>(copied(text, std::strlen(text) + 1)); }
 
-/// The same record with a string or array of its own. An array that says it has elements and shows none stays so.
-sonetrix_value_t copied(const sonetrix_value_t &record) {
+} // namespace
+
+// An array that says it has elements and shows none stays so.
+sonetrix_value_t deepCopy(const sonetrix_value_t &record) {
     sonetrix_value_t copy = record;
     if (record.type == SONETRIX_VALUE_STRING && record.as.string != nullptr) {
-        copy.as.string = copied(std::string_view(record.as.string));
+        copy.as.string = copied(record.as.string);
     } else if (isArray(record.type) && record.as.array != nullptr) {
         if (record.count > PTRDIFF_MAX / elementSize)
             throw std::bad_alloc();
@@ -46,22 +42,22 @@ sonetrix_value_t copied(const sonetrix_value_t &record) {
     return copy;
 }
 
-} // namespace
-
-Value::Value(const Record &record) : record_(copied(record)) {}
-
-KeyValue::KeyValue(std::string_view key, const sonetrix_value_t &value) : record_{nullptr, 0, copied(value)} {
+sonetrix_keyValue_t deepCopy(const sonetrix_keyValue_t &record) {
+    sonetrix_keyValue_t copy{copied(record.key), 0, {}};
     try {
-        record_.key = copied(key);
+        copy.value = deepCopy(record.value);
     } catch (...) {
-        sonetrix_valueDeinit(&record_.value);
+        release(copy);
         throw;
     }
+    return copy;
 }
 
-KeyValue::~KeyValue() {
-    std::free(const_cast<char *>(record_.key));
-    sonetrix_valueDeinit(&record_.value);
+void release(sonetrix_value_t &record) noexcept { sonetrix_valueDeinit(&record); }
+
+void release(sonetrix_keyValue_t &record) noexcept {
+    std::free(const_cast<char *>(record.key));
+    release(record.value);
 }
 
 } // namespace sonetrix::dev

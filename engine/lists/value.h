@@ -46,20 +46,25 @@ template <class T> sonetrix_value_t valueRecord(T value) noexcept {
 }
 inline sonetrix_value_t valueRecord(const std::string &text) noexcept { return valueRecord(text.c_str()); }
 
-/// A typed value that owns its string or array.
-class Value {
-public:
-    using Record = sonetrix_value_t;
+// Of both records: a copy with strings and arrays of its own, which throws std::bad_alloc; and what frees those.
+sonetrix_value_t deepCopy(const sonetrix_value_t &record);
+sonetrix_keyValue_t deepCopy(const sonetrix_keyValue_t &record);
+void release(sonetrix_value_t &record) noexcept;
+void release(sonetrix_keyValue_t &record) noexcept;
 
-    /// A deep copy; throws std::bad_alloc.
-    explicit Value(const Record &record);
-    Value(const Value &other) : Value(other.record_) {}
-    Value(Value &&other) noexcept : record_(std::exchange(other.record_, valueRecord(uint32_t{0}))) {}
-    Value &operator=(Value other) noexcept {
+/// A record that owns its strings and arrays.
+template <class Owned> class RecordOwner {
+public:
+    using Record = Owned;
+
+    explicit RecordOwner(const Record &record) : record_(deepCopy(record)) {}
+    RecordOwner(const RecordOwner &other) : RecordOwner(other.record_) {}
+    RecordOwner(RecordOwner &&other) noexcept : record_(std::exchange(other.record_, {})) {}
+    RecordOwner &operator=(RecordOwner other) noexcept {
         std::swap(record_, other.record_);
         return *this;
     }
-    ~Value() { sonetrix_valueDeinit(&record_); }
+    ~RecordOwner() { release(record_); }
 
     [[nodiscard]] const Record &record() const noexcept { return record_; }
     operator const Record &() const noexcept { return record_; } // NOLINT(google-explicit-constructor)
@@ -68,27 +73,7 @@ private:
     Record record_;
 };
 
-/// A typed value under a key that it owns, too.
-class KeyValue {
-public:
-    using Record = sonetrix_keyValue_t;
-
-    explicit KeyValue(const Record &record) : KeyValue(record.key, record.value) {}
-    KeyValue(std::string_view key, const sonetrix_value_t &value);
-    KeyValue(const KeyValue &other) : KeyValue(other.record_) {}
-    KeyValue(KeyValue &&other) noexcept
-        : record_{std::exchange(other.record_.key, nullptr), 0,
-              std::exchange(other.record_.value, valueRecord(uint32_t{0}))} {}
-    KeyValue &operator=(KeyValue other) noexcept {
-        std::swap(record_, other.record_);
-        return *this;
-    }
-    ~KeyValue();
-
-    operator const Record &() const noexcept { return record_; } // NOLINT(google-explicit-constructor)
-
-private:
-    Record record_;
-};
+using Value = RecordOwner<sonetrix_value_t>;       // a typed value
+using KeyValue = RecordOwner<sonetrix_keyValue_t>; // a typed value under a key
 
 } // namespace sonetrix::dev

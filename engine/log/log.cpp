@@ -1,10 +1,19 @@
-#include "log/log.h"
+#include "api/status.h"
+#include "sonetrix/engine_api.h"
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <fmt/format.h>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <pthread.h>
 #include <spdlog/details/log_msg.h>
@@ -14,6 +23,7 @@
 #include <spdlog/sinks/syslog_sink.h>
 #include <spdlog/sinks/systemd_sink.h>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace sonetrix::dev {
@@ -41,14 +51,66 @@ std::unique_ptr<spdlog::formatter> formatter(bool timeStamps) {
     return std::make_unique<spdlog::pattern_formatter>(timeStamps ? "%Y-%m-%d %H:%M:%S.%f %v" : "%v");
 }
 
-} // namespace
+/// The process's log. A message goes to the session's targets (console, file, syslog) and to the journal, each group
+/// with its own threshold; one that no target wants costs one comparison. A target that fails is reported once on the
+/// others. Safe from any thread but the audio thread, which must not wait, and in a forked child.
+class Log {
+public:
+    enum class Target { console, file, syslog, journal };
 
-struct Log::Message {
-    sonetrix_log_level_t level;
-    const char *tag;
-    int32_t line;
-    std::string_view text;
-    std::optional<Target> except = std::nullopt;
+    /// Never destroyed, so that threads may log to the very end of the process.
+    static Log &instance();
+
+    [[nodiscard]] bool wants(sonetrix_log_level_t level) const noexcept {
+        return effective(level) >= lowest_.load(std::memory_order_relaxed);
+    }
+    /// `line` 0: `tag` is no source file.
+    void write(sonetrix_log_level_t level, const char *tag, int32_t line, std::string_view message) noexcept;
+
+    [[nodiscard]] sonetrix_log_level_t sessionLevel() const noexcept { return sessionLevel_; }
+    [[nodiscard]] sonetrix_log_level_t journalLevel() const noexcept { return journalLevel_; }
+    /// Values above FATAL silence the targets.
+    void setSessionLevel(sonetrix_log_level_t level) noexcept;
+    void setJournalLevel(sonetrix_log_level_t level) noexcept;
+
+    // The targets' settings throw std::bad_alloc only.
+    void setTimeStamps(Target target, bool on);
+    /// Does nothing while a file is open; null closes it.
+    void setFile(const char *path);
+    /// For syslog and journal.
+    void setDaemon(Target target, bool on);
+
+private:
+    struct State {
+        std::shared_ptr<spdlog::sinks::sink> sink; // null: off
+        bool timeStamps = false;
+        bool failing = false;
+    };
+    struct Message {
+        sonetrix_log_level_t level;
+        const char *tag;
+        int32_t line;
+        std::string_view text;
+        std::optional<Target> except = std::nullopt;
+    };
+
+    Log();
+
+    static sonetrix_log_level_t effective(sonetrix_log_level_t level) noexcept {
+        return level < SONETRIX_LOG_FATAL ? level : sonetrix_log_level_t{SONETRIX_LOG_FATAL};
+    }
+    State &state(Target target) noexcept { return targets_[static_cast<size_t>(target)]; }
+    // The functions below are called with the mutex held.
+    void install(Target target, std::shared_ptr<spdlog::sinks::sink> sink);
+    void distribute(const Message &message);
+    void report(Target failed, std::string_view reason);
+    void updateLowest() noexcept;
+
+    std::mutex mutex_;
+    std::array<State, 4> targets_;
+    std::atomic<sonetrix_log_level_t> sessionLevel_ = SONETRIX_LOG_WARN;
+    std::atomic<sonetrix_log_level_t> journalLevel_ = SONETRIX_LOG_WARN;
+    std::atomic<sonetrix_log_level_t> lowest_ = SONETRIX_LOG_WARN;
 };
 
 Log &Log::instance() {
@@ -178,4 +240,58 @@ void Log::setDaemon(Target target, bool on) {
     install(target, std::move(sink));
 }
 
+const char *tagOr(const char *tag) noexcept { return tag != nullptr ? tag : "?"; }
+
+/// These settings have no result to report a failure with.
+template <class Change> void apply(Change change) noexcept {
+    guarded([&] { change(Log::instance()); });
+}
+
+} // namespace
+
 } // namespace sonetrix::dev
+
+using namespace sonetrix::dev;
+
+void sonetrix_log(
+    sonetrix_log_level_t level, const char *file, int32_t line, int32_t /*flag*/, const char *format, ...) {
+    Log &log = Log::instance();
+    if (!log.wants(level) || format == nullptr)
+        return;
+    va_list arguments;
+    va_start(arguments, format);
+    char *text = nullptr;
+    const int length = ::vasprintf(&text, format, arguments);
+    va_end(arguments);
+    log.write(level, tagOr(file), line, length < 0 ? format : text);
+    if (length >= 0)
+        std::free(text);
+}
+
+void sonetrix_log_LogString(
+    sonetrix_log_level_t level, const char *tag, int32_t line, int32_t /*flag*/, const char *message) {
+    Log &log = Log::instance();
+    if (log.wants(level) && message != nullptr)
+        log.write(level, tagOr(tag), line, message);
+}
+
+sonetrix_log_level_t sonetrix_log_GetLogLevel() { return Log::instance().sessionLevel(); }
+void sonetrix_log_SetLogLevel(sonetrix_log_level_t level) { Log::instance().setSessionLevel(level); }
+sonetrix_log_level_t sonetrix_log_GetLogLevelJournal() { return Log::instance().journalLevel(); }
+void sonetrix_log_SetLogLevelJournal(sonetrix_log_level_t level) { Log::instance().setJournalLevel(level); }
+
+void sonetrix_log_time(int32_t on) {
+    apply([on](Log &log) { log.setTimeStamps(Log::Target::console, on != 0); });
+}
+void sonetrix_log_file_time(int32_t on) {
+    apply([on](Log &log) { log.setTimeStamps(Log::Target::file, on != 0); });
+}
+void sonetrix_log_filename(const char *path) {
+    apply([path](Log &log) { log.setFile(path); });
+}
+void sonetrix_log_syslog(int32_t on) {
+    apply([on](Log &log) { log.setDaemon(Log::Target::syslog, on != 0); });
+}
+void sonetrix_log_journald(int32_t on) {
+    apply([on](Log &log) { log.setDaemon(Log::Target::journal, on != 0); });
+}
