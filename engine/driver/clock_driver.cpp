@@ -51,10 +51,10 @@ void ClockDriver::askForRealtimeScheduling() noexcept {
     pthread_setschedparam(pthread_self(), SCHED_FIFO, &parameters);
 }
 
-void ClockDriver::run() noexcept {
+void ClockDriver::run(const std::stop_token &stop) noexcept {
     askForRealtimeScheduling();
     Grid grid(rate(), block());
-    while (!stopping()) {
+    while (!stop.stop_requested()) {
         const int64_t lateness = nanosecondsOf(CLOCK_MONOTONIC) - grid.boundary();
         processBlock(block(), secondsOf(std::max<int64_t>(lateness, 0)));
         grid.advance();

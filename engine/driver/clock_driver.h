@@ -16,7 +16,7 @@ public:
     [[nodiscard]] const char *name() const noexcept override { return "clock"; }
 
 protected:
-    void run() noexcept override;
+    void run(const std::stop_token &stop) noexcept override;
     static void askForRealtimeScheduling() noexcept;
 };
 

@@ -131,10 +131,10 @@ void DeviceDriver::open(std::string_view device) {
     playbackLatency_ = static_cast<float>(info.outputLatency);
 }
 
-void DeviceDriver::run() noexcept {
+void DeviceDriver::run(const std::stop_token &stop) noexcept {
     if (Pa_StartStream(stream_) == paNoError)
-        watch();
-    if (stopping()) {
+        watch(stop);
+    if (stop.stop_requested()) {
         Pa_StopStream(stream_);
         Pa_CloseStream(stream_);
         return;
@@ -147,25 +147,19 @@ void DeviceDriver::run() noexcept {
     sonetrix_log(SONETRIX_LOG_ERROR, "engine", 0, 1, "the sound device \"%s\" is gone: the engine goes on by the clock",
         device_.c_str());
     becomeAudioThread();
-    ClockDriver::run();
+    ClockDriver::run(stop);
 }
 
-void DeviceDriver::interrupt() noexcept {
-    const std::lock_guard lock(mutex_);
-    stopped_.notify_all();
-}
-
-void DeviceDriver::watch() noexcept {
+void DeviceDriver::watch(const std::stop_token &stop) {
     constexpr int patience = 20; // looks without a block between them
     int idle = 0;
-    uint32_t seen = blocks_;
-    std::unique_lock lock(mutex_);
-    while (!stopped_.wait_for(lock, 100ms, [this] { return stopping(); })) {
+    for (uint32_t seen = blocks_; idle < patience;) {
+        pause(stop, 100ms);
+        if (stop.stop_requested() || Pa_IsStreamActive(stream_) != 1)
+            return;
         const uint32_t blocks = blocks_;
         idle = blocks == seen ? idle + 1 : 0;
         seen = blocks;
-        if (Pa_IsStreamActive(stream_) != 1 || idle == patience)
-            return;
     }
 }
 

@@ -3,8 +3,6 @@
 #include "driver/clock_driver.h"
 #include "graph/system_module.h"
 
-#include <condition_variable>
-#include <mutex>
 #include <portaudio.h>
 #include <string>
 #include <string_view>
@@ -31,10 +29,9 @@ public:
     [[nodiscard]] float playbackLatency() const noexcept { return playbackLatency_; }
 
 private:
-    void run() noexcept override;
-    void interrupt() noexcept override;
+    void run(const std::stop_token &stop) noexcept override;
     void open(std::string_view device);
-    void watch() noexcept;
+    void watch(const std::stop_token &stop);
     static int deviceBlock(const void *captured,
         void *played,
         unsigned long frames,
@@ -53,8 +50,6 @@ private:
     std::atomic<uint32_t> blocks_{0};
     std::atomic<bool> inBlock_{false}; // and for ever once the clock drives
     std::atomic<bool> vanished_{false};
-    std::mutex mutex_;
-    std::condition_variable stopped_;
 };
 
 } // namespace sonetrix::dev

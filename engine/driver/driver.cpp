@@ -41,16 +41,13 @@ void Driver::start() {
 
 void Driver::stop() noexcept {
     const std::lock_guard lock(threadMutex_);
-    stopping_.store(true, std::memory_order_release);
-    thread_.requestEnd();
-    interrupt();
     thread_.join();
     loaded_.store(false, std::memory_order_release);
 }
 
-void Driver::threadMain() noexcept {
+void Driver::threadMain(const std::stop_token &stop) noexcept {
     becomeAudioThread();
-    run();
+    run(stop);
     threadId_.store(0, std::memory_order_relaxed);
 }
 

@@ -4,9 +4,11 @@
 #include "thread.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <stop_token>
 
 namespace sonetrix::dev {
 
@@ -39,31 +41,31 @@ public:
     [[nodiscard]] uint32_t threadId() const noexcept { return threadId_.load(std::memory_order_relaxed); }
 
 protected:
-    /// The audio thread's body; returns when `stopping()`.
-    virtual void run() noexcept = 0;
-    /// Called by `stop`: ends whatever `run` waits for.
-    virtual void interrupt() noexcept {}
+    /// The audio thread's body; returns when a stop is requested.
+    virtual void run(const std::stop_token &stop) noexcept = 0;
+    /// For a body that has nothing to do: waits so long, or until it is to end.
+    void pause(const std::stop_token &stop, std::chrono::milliseconds time) {
+        thread_.pause(stop, Thread::Clock::now() + time);
+    }
 
     /// On the thread that processes blocks, before the first one.
     void becomeAudioThread() noexcept;
-    [[nodiscard]] bool stopping() const noexcept { return stopping_.load(std::memory_order_acquire); }
     void processBlock(uint32_t wanted, double lateness) noexcept;
     void countXrun() noexcept { xruns_.fetch_add(1, std::memory_order_relaxed); }
 
 private:
-    void threadMain() noexcept;
+    void threadMain(const std::stop_token &stop) noexcept;
 
     const uint32_t rate_;
     const uint32_t block_;
     const Process process_;
     CpuLoad load_;
     std::atomic<bool> loaded_{false};
-    std::atomic<bool> stopping_{false};
     std::atomic<uint32_t> xruns_{0};
     std::atomic<uint32_t> threadId_{0};
     std::atomic<int64_t> blockBegan_{0};
     std::mutex threadMutex_;
-    Thread thread_{"sonetrix-audio", [this](const std::stop_token & /*stop*/) { threadMain(); }};
+    Thread thread_{"sonetrix-audio", [this](const std::stop_token &stop) { threadMain(stop); }};
 };
 
 } // namespace sonetrix::dev

@@ -36,11 +36,11 @@ double OfflineDriver::secondsLeft() const {
     return static_cast<double>(total_ - asked_) / rate();
 }
 
-void OfflineDriver::run() noexcept {
+void OfflineDriver::run(const std::stop_token &stop) noexcept {
     std::unique_lock lock(mutex_);
     while (!ended_) {
-        changed_.wait(lock, [this] { return stopping() || rendered_ < asked_ || done_; });
-        if (stopping()) {
+        changed_.wait(lock, stop, [this] { return rendered_ < asked_ || done_; });
+        if (stop.stop_requested()) {
             asked_ = total_;
             ended_ = true;
         }
@@ -57,11 +57,6 @@ void OfflineDriver::run() noexcept {
             done();
         changed_.notify_all();
     }
-}
-
-void OfflineDriver::interrupt() noexcept {
-    const std::lock_guard lock(mutex_);
-    changed_.notify_all();
 }
 
 } // namespace sonetrix::dev

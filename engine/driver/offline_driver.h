@@ -34,14 +34,13 @@ public:
     [[nodiscard]] double secondsLeft() const;
 
 private:
-    void run() noexcept override;
-    void interrupt() noexcept override;
+    void run(const std::stop_token &stop) noexcept override;
     [[nodiscard]] int64_t framesIn(double seconds) const noexcept;
 
     const int64_t total_;
     const Before before_;
     mutable std::mutex mutex_;
-    std::condition_variable changed_;
+    std::condition_variable_any changed_;
     int64_t asked_ = 0;
     int64_t rendered_ = 0;
     bool ended_ = false;
