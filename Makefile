@@ -1,7 +1,7 @@
 # Thin front door: every target is one or two commands that can be typed by hand.
 
 .DEFAULT_GOAL := help
-.PHONY: help setup run program build build-arm test test-asan test-tsan test-arm test-matrix test-references test-fresh coverage fuzz package package-arm bench lint format docs-console docs-graph docs-reference soak clean
+.PHONY: help setup run program build build-arm test test-asan test-tsan test-arm test-matrix test-references test-fresh coverage fuzz package package-arm bench bench-programs bench-peers lint format docs-console docs-graph docs-performance docs-reference soak clean
 
 ARGS ?=
 SECONDS ?= 120
@@ -9,6 +9,7 @@ FUZZ_SECONDS ?= 60
 # The sanitizers' own memory is in the way of addresses that are as random as some kernels make them.
 SAME_ADDRESSES = $(shell [ "$$(cat /proc/sys/vm/mmap_rnd_bits)" -gt 28 ] && setarch -R true 2>&1 && echo setarch -R)
 RELEASES ?= bookworm trixie sid
+BENCH = sh build/release/bench/run
 
 help: ## Show this list
 	@grep -hE '^[a-z-]+:.*## ' $(MAKEFILE_LIST) | sort | awk -F ':.*## ' '{printf "  make %-16s %s\n", $$1, $$2}'
@@ -82,8 +83,18 @@ package: setup ## Make Debian packages, in build/package, for the distribution's
 package-arm: build-arm ## Make Debian packages for 64-bit Arm, in build/aarch64
 	@cd build/aarch64 && cpack
 
-bench: build ## Run the benchmarks
-	@cmake --build --preset release --target bench
+bench-programs:
+	@tools/setup test
+	@cmake --preset release --log-level=NOTICE
+	@cmake --build --preset release --target bench-programs
+
+bench: bench-programs ## Run the benchmarks; COMPARE=<commit> to compare with, PARTS="calls lists", JSON=<file>
+	@$(BENCH) $(PARTS) $(COMPARE:%=--compare %) $(JSON:%=--json %)
+
+bench-peers: bench-programs ## Build a Cython binding that the benchmarks show beside
+	@tools/setup peers
+	@cmake --preset release --log-level=NOTICE
+	@cmake --build --preset release --target peer
 
 lint: build ## Check formatting, clang-tidy and the source rules
 	@tools/setup lint
@@ -105,6 +116,9 @@ docs-console: program ## Draw docs/console.svg anew, from a session at the conso
 	@tools/setup test
 	@python3 tools/record_console.py >build/console.svg
 	@mv build/console.svg docs/console.svg
+
+docs-performance: bench-peers ## Write docs/performance.md anew: ten minutes, on an idle machine
+	@SONETRIX_BENCH_SECONDS=10 $(BENCH) --page docs/performance.md
 
 docs-reference: program ## Write docs/reference.md anew, from the stub and the docstrings
 	@build/release/bin/sonetrix-engine tools/reference.py >build/reference.md

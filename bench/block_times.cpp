@@ -1,5 +1,6 @@
-// How long the development engine's audio thread takes for a block while a script runs.
-//   block_times LIBRARY SCRIPT     one line: blocks, median, 99th and 99.9th percentile and longest, in nanoseconds
+// How long the development engine's audio thread takes for a block, and how late it begins, while a script runs.
+//   block_times LIBRARY SCRIPT     three lines: xruns; then processing and lateness, each as median, 99th and 99.9th
+//                                  percentile and worst, in nanoseconds
 #include "clock.h"
 #include "engine.h"
 #include "program/cli_module.h"
@@ -12,30 +13,42 @@ using namespace sonetrix::dev;
 
 namespace {
 
+// What the audio thread notes at the end of every block, in nanoseconds.
 class BlockTimes {
 public:
-    BlockTimes() { nanoseconds_.reserve(maximum); }
+    BlockTimes() {
+        processing_.reserve(maximum);
+        lateness_.reserve(maximum);
+    }
 
-    // At the end of every block, on the audio thread.
-    void add(int64_t nanoseconds) {
-        if (nanoseconds_.size() < maximum)
-            nanoseconds_.push_back(nanoseconds);
+    void add(const Driver &driver) {
+        if (processing_.size() < maximum) {
+            processing_.push_back(nanosecondsOf(CLOCK_MONOTONIC) - driver.blockStart());
+            lateness_.push_back(static_cast<int64_t>(driver.blockLateness() * nanosecondsPerSecond));
+        }
     }
 
     // Once the audio thread has ended.
-    void print() {
-        std::sort(nanoseconds_.begin(), nanoseconds_.end());
-        const auto at = [this](double share) {
-            return static_cast<long long>(
-                nanoseconds_[static_cast<size_t>(share * static_cast<double>(nanoseconds_.size() - 1))]);
-        };
-        std::printf("%zu %lld %lld %lld %lld\n", nanoseconds_.size(), at(0.5), at(0.99), at(0.999), at(1));
+    void print(uint32_t xruns) {
+        std::printf("%u\n", xruns);
+        print(processing_);
+        print(lateness_);
     }
 
 private:
     static constexpr size_t maximum = 10'000'000;
 
-    std::vector<int64_t> nanoseconds_;
+    static void print(std::vector<int64_t> &nanoseconds) {
+        std::sort(nanoseconds.begin(), nanoseconds.end());
+        for (const double share : {0.5, 0.99, 0.999, 1.0}) {
+            const auto index = static_cast<size_t>(share * static_cast<double>(nanoseconds.size() - 1));
+            std::printf("%lld ", static_cast<long long>(nanoseconds[index]));
+        }
+        std::printf("\n");
+    }
+
+    std::vector<int64_t> processing_;
+    std::vector<int64_t> lateness_;
 };
 
 int measure(const char *library, const char *script) {
@@ -44,9 +57,7 @@ int measure(const char *library, const char *script) {
     ListKeyValue parameters;
     parameters.add("python.file", std::string(script));
     BlockTimes times;
-    const auto afterBlock = [&times] {
-        times.add(nanosecondsOf(CLOCK_REALTIME) - Engine::current()->driver().blockBegan());
-    };
+    const auto afterBlock = [&times] { times.add(Engine::current()->driver()); };
     const auto engine = module.load(library, error)
                             ? Engine::create({.block = 64, .afterBlock = afterBlock}, std::move(parameters), error)
                             : nullptr;
@@ -63,7 +74,7 @@ int measure(const char *library, const char *script) {
     engine->requestStop();
     module.destroy();
     engine->join();
-    times.print();
+    times.print(engine->driver().xruns());
     return 0;
 }
 

@@ -50,6 +50,15 @@ static PyObject *link2(PyObject *self, PyObject *const *arguments, Py_ssize_t co
     return PyLong_FromLong(status);
 }
 
+/* link(p1, p2=...): what a keyword costs at least. */
+static PyObject *linkKeywords(PyObject *self, PyObject *const *arguments, Py_ssize_t count, PyObject *names) {
+    if (names == NULL || PyTuple_GET_SIZE(names) != 1 ||
+        PyUnicode_CompareWithASCIIString(PyTuple_GET_ITEM(names, 0), "p2") != 0) {
+        return refuse();
+    }
+    return link2(self, arguments, count + 1);
+}
+
 static PyObject *logInfo(PyObject *self, PyObject *const *arguments, Py_ssize_t count) {
     (void)self;
     const char *text = count == 1 && PyUnicode_Check(arguments[0]) ? PyUnicode_AsUTF8(arguments[0]) : NULL;
@@ -78,21 +87,6 @@ static PyObject *getModuleNames(PyObject *self, PyObject *const *arguments, Py_s
     Py_BEGIN_ALLOW_THREADS;
     sonetrix_engine_ForEachModuleSafe(engine, addModuleName, list);
     Py_END_ALLOW_THREADS;
-    return list;
-}
-
-/* The same with the lock kept for the whole iteration, which a real engine forbids. */
-static int32_t addModuleNameLocked(const sonetrix_module_t *module, void *user) {
-    PyObject *name = PyBytes_FromString(module->name);
-    PyList_Append(user, name);
-    Py_DECREF(name);
-    return 0;
-}
-
-static PyObject *getModuleNamesLocked(PyObject *self, PyObject *const *arguments, Py_ssize_t count) {
-    (void)self, (void)arguments, (void)count;
-    PyObject *list = PyList_New(0);
-    sonetrix_engine_ForEachModuleSafe(engine, addModuleNameLocked, list);
     return list;
 }
 
@@ -146,6 +140,30 @@ static int32_t addEntry(const sonetrix_keyValue_t *entry, void *user) {
     return 0;
 }
 
+static int32_t addTypedEntry(const sonetrix_keyValue_t *entry, void *user) {
+    static const char *const names[] = {"uint32", "int32", "float", "string", "auint32", "aint32", "afloat", "double"};
+    static PyObject *interned[sizeof names / sizeof *names];
+    PyObject **name = &interned[entry->value.type];
+    if (*name == NULL) {
+        *name = PyUnicode_InternFromString(names[entry->value.type]);
+    }
+    PyObject *key = PyBytes_FromString(entry->key);
+    PyObject *pair = PyTuple_New(2);
+    PyTuple_SET_ITEM(pair, 0, toPython(&entry->value));
+    PyTuple_SET_ITEM(pair, 1, Py_NewRef(*name));
+    PyDict_SetItem(user, key, pair);
+    Py_DECREF(key);
+    Py_DECREF(pair);
+    return 0;
+}
+
+static PyObject *newestToDictType(PyObject *self, PyObject *size) {
+    (void)self;
+    PyObject *dict = _PyDict_NewPresized(PyLong_AsSsize_t(size));
+    sonetrix_keyValueListForEach(stub_newestKeyValueList, addTypedEntry, dict);
+    return dict;
+}
+
 static PyObject *readDict(sonetrix_cListKeyValue_t *list, Py_ssize_t size) {
     PyObject *dict = _PyDict_NewPresized(size);
     sonetrix_keyValueListForEach(list, addEntry, dict);
@@ -189,7 +207,12 @@ static int32_t addElement(const sonetrix_value_t *value, void *user) {
     return 0;
 }
 
-/* These three read the list that the stub engine made last; the argument is its length. */
+/* The same, asking first whether the thread holds the interpreter lock: an engine may call from anywhere. */
+static int32_t addElementAsking(const sonetrix_value_t *value, void *user) {
+    return _PyThreadState_UncheckedGet() == NULL ? -1 : addElement(value, user);
+}
+
+/* These read the list that the stub engine made last; the argument is its length. */
 static PyObject *newestToDict(PyObject *self, PyObject *size) {
     (void)self;
     return readDict(stub_newestKeyValueList, PyLong_AsSsize_t(size));
@@ -204,6 +227,13 @@ static PyObject *newestToList(PyObject *self, PyObject *size) {
     (void)self;
     Filling filling = {PyList_New(PyLong_AsSsize_t(size)), 0};
     sonetrix_valueListForEach(stub_newestValueList, addElement, &filling);
+    return filling.list;
+}
+
+static PyObject *newestToListAsking(PyObject *self, PyObject *size) {
+    (void)self;
+    Filling filling = {PyList_New(PyLong_AsSsize_t(size)), 0};
+    sonetrix_valueListForEach(stub_newestValueList, addElementAsking, &filling);
     return filling.list;
 }
 
@@ -292,6 +322,45 @@ static PyObject *appendFloats(PyObject *self, PyObject *const *arguments, Py_ssi
     return Py_NewRef(self);
 }
 
+/* ------------------------------------------------------------------------------------------------------ parameters */
+
+static PyTypeObject *keyValueListType;
+
+static PyObject *wrap(sonetrix_cListKeyValue_t *list) {
+    PyObject *object = keyValueListType->tp_alloc(keyValueListType, 0);
+    ((KeyValueList *)object)->list = list;
+    return object;
+}
+
+/* Of a key, or of a tuple of keys. */
+static PyObject *getParam(PyObject *self, PyObject *const *arguments, Py_ssize_t count) {
+    (void)self, (void)count;
+    const int isTuple = PyTuple_Check(arguments[0]);
+    const Py_ssize_t size = isTuple ? PyTuple_GET_SIZE(arguments[0]) : 1;
+    sonetrix_cListValue_t *keyList = sonetrix_valueListNew();
+    for (Py_ssize_t index = 0; index < size; ++index) {
+        sonetrix_valueListAddS(keyList, asciiText(isTuple ? PyTuple_GET_ITEM(arguments[0], index) : arguments[0]));
+    }
+    sonetrix_cListKeyValue_t *list;
+    Py_BEGIN_ALLOW_THREADS;
+    list = sonetrix_engine_GetParams(engine, keyList);
+    Py_END_ALLOW_THREADS;
+    sonetrix_valueListDestroy(keyList);
+    return wrap(list);
+}
+
+static PyObject *setParams(PyObject *self, PyObject *const *arguments, Py_ssize_t count) {
+    (void)self;
+    if (count != 1 || !Py_IS_TYPE(arguments[0], keyValueListType)) {
+        return refuse();
+    }
+    sonetrix_cListKeyValue_t *written = sonetrix_keyValueListNew();
+    Py_BEGIN_ALLOW_THREADS;
+    sonetrix_engine_SetParamsFull(engine, ((KeyValueList *)arguments[0])->list, written);
+    Py_END_ALLOW_THREADS;
+    return wrap(written);
+}
+
 /* --------------------------------------------------------------------------------------------------- notifications */
 
 static void callWithDict(sonetrix_cListKeyValue_t *list, PyObject *callable) {
@@ -323,17 +392,58 @@ static void deleteKeptState(void *state) {
     PyThreadState_DeleteCurrent();
 }
 
-static void notifyWithKeptState(sonetrix_cListKeyValue_t *list, void *user) {
+static void enterWithKeptState(void) {
     if (keptState == NULL) {
         keptState = PyThreadState_New(interpreter);
         pthread_setspecific(stateKey, keptState);
     }
     PyEval_RestoreThread(keptState);
+}
+
+static void notifyWithKeptState(sonetrix_cListKeyValue_t *list, void *user) {
+    enterWithKeptState();
     callWithDict(list, user);
     PyEval_SaveThread();
 }
 
-/* Registrations last for the process's life. */
+static void timerWithKeptState(void *callable) {
+    enterWithKeptState();
+    Py_XDECREF(PyObject_CallNoArgs(callable));
+    PyEval_SaveThread();
+}
+
+/* A registration for as long as the object lives. */
+typedef struct Held {
+    PyObject_HEAD PyObject *callable;
+    void *handle;
+} Held;
+
+static PyObject *newHeld(PyTypeObject *type, PyObject *arguments, PyObject *keywords) {
+    (void)keywords;
+    Held *self = (Held *)type->tp_alloc(type, 0);
+    self->callable = Py_NewRef(PyTuple_GET_ITEM(arguments, 0));
+    Py_BEGIN_ALLOW_THREADS;
+    self->handle = sonetrix_engine_notify_changes_addCallback(engine, notifyWithKeptState, self->callable);
+    Py_END_ALLOW_THREADS;
+    return (PyObject *)self;
+}
+
+static void deleteHeld(PyObject *object) {
+    Held *self = (Held *)object;
+    Py_BEGIN_ALLOW_THREADS;
+    sonetrix_engine_notify_changes_rmCallback(engine, self->handle);
+    Py_END_ALLOW_THREADS;
+    Py_DECREF(self->callable);
+    deleteObject(object);
+}
+
+/* These registrations last for the process's life. */
+static PyObject *addTimer(PyObject *self, PyObject *callable) {
+    (void)self;
+    sonetrix_engine_addTimer(engine, 0, timerWithKeptState, Py_NewRef(callable));
+    Py_RETURN_NONE;
+}
+
 static PyObject *notifyNew(PyObject *self, PyObject *callable) {
     (void)self;
     sonetrix_engine_notify_changes_addCallback(engine, notifyWithNewState, Py_NewRef(callable));
@@ -354,8 +464,10 @@ static PyObject *notifyKept(PyObject *self, PyObject *callable) {
 static PyMethodDef engineFunctions[] = {
     VECTORCALL("isRunning", isRunning),
     VECTORCALL("link", link2),
+    {"linkKeywords", (PyCFunction)(void (*)(void))linkKeywords, METH_FASTCALL | METH_KEYWORDS, NULL},
+    VECTORCALL("getParam", getParam),
+    VECTORCALL("setParams", setParams),
     VECTORCALL("getModuleNames", getModuleNames),
-    VECTORCALL("getModuleNamesLocked", getModuleNamesLocked),
     {NULL, NULL, 0, NULL},
 };
 static PyMethodDef logFunctions[] = {VECTORCALL("info", logInfo), {NULL, NULL, 0, NULL}};
@@ -365,9 +477,12 @@ static PyMethodDef valueListMethods[] = {VECTORCALL("append", appendFloats), {NU
 static PyMethodDef moduleFunctions[] = {
     {"newestToDict", newestToDict, METH_O, NULL},
     {"newestToDictOfKnownKeys", newestToDictOfKnownKeys, METH_O, NULL},
+    {"newestToDictType", newestToDictType, METH_O, NULL},
     {"newestToList", newestToList, METH_O, NULL},
+    {"newestToListAsking", newestToListAsking, METH_O, NULL},
     {"notifyNew", notifyNew, METH_O, NULL},
     {"notifyKept", notifyKept, METH_O, NULL},
+    {"addTimer", addTimer, METH_O, NULL},
     {NULL, NULL, 0, NULL},
 };
 
@@ -384,6 +499,8 @@ static PyType_Slot valueListSlots[] = {
     {Py_tp_methods, valueListMethods},
     {0, NULL},
 };
+
+static PyType_Slot heldSlots[] = {{Py_tp_new, newHeld}, {Py_tp_dealloc, deleteHeld}, {0, NULL}};
 
 static PyObject *addClass(PyObject *module, const char *name, int size, PyType_Slot *slots) {
     PyType_Spec spec = {.name = name, .basicsize = size, .flags = Py_TPFLAGS_DEFAULT, .slots = slots};
@@ -409,7 +526,8 @@ PyMODINIT_FUNC PyInit_floor(void) {
     pthread_key_create(&stateKey, deleteKeptState);
     addBuiltins(addClass(module, "floor.engine", sizeof(PyObject), noSlots), engineFunctions);
     addBuiltins(addClass(module, "floor.log", sizeof(PyObject), noSlots), logFunctions);
-    addClass(module, "floor.listKeyValue", sizeof(KeyValueList), keyValueListSlots);
+    keyValueListType = (PyTypeObject *)addClass(module, "floor.listKeyValue", sizeof(KeyValueList), keyValueListSlots);
+    addClass(module, "floor.registration", sizeof(Held), heldSlots);
     addClass(module, "floor.listValue", sizeof(ValueList), valueListSlots);
     return module;
 }

@@ -1,4 +1,4 @@
-"""Measuring two things side by side, and showing the figures."""
+"""Measuring two or more things side by side, in one process."""
 
 import gc
 import statistics
@@ -8,27 +8,19 @@ from typing import NamedTuple
 
 
 class Row(NamedTuple):
+    """One figure of one process: what is measured, by the fastest and the median of its rounds. Times in seconds."""
     name: str
-    ours: str
-    floor: str
-    ratio: str = ""
-    target: str = ""
+    ours: list
+    floor: list = []
+    limit: float | None = None  # of the ratio to the floor
+    peers: dict = {}  # name: times
+    unit: str = "s"
 
-
-def time_text(seconds):
-    for unit, size in (("s", 1), ("ms", 1e-3), ("us", 1e-6)):
-        if seconds >= size:
-            return f"{seconds / size:.3g} {unit}"
-    return f"{seconds / 1e-9:.3g} ns"
-
-
-def compared(name, ours, floor, target="", show=time_text):
-    """A row of two samples, each shown as median and minimum. The ratio, too, is that of the medians and, being the
-    one that other work on the machine disturbs least, that of the minima."""
-    medians = statistics.median(ours), statistics.median(floor)
-    minima = min(ours), min(floor)
-    return Row(name, f"{show(medians[0])} ({show(minima[0])})", f"{show(medians[1])} ({show(minima[1])})",
-               f"{medians[0] / medians[1]:.2f} ({minima[0] / minima[1]:.2f})", target)
+    def summary(self):
+        def both(sample):
+            return [min(sample), statistics.median(sample)] if sample else None
+        return self._replace(ours=both(self.ours), floor=both(self.floor),
+                             peers={name: both(sample) for name, sample in self.peers.items()})._asdict()
 
 
 def interleaved(*actions, seconds=1.0, least=7):
@@ -52,13 +44,13 @@ def fitting(timer, seconds=1e-3):
     return max(1, round(number * seconds / taken))
 
 
-def statements(*texts, names, number=None, operations=1, seconds=1.0):
-    """The processor time per operation of Python statements in a loop, interleaved. Each round runs every statement
-    `number` times, or as often as it takes for about a millisecond; one run counts as so many operations."""
+def statements(*texts, names, operations=1, seconds=0.3):
+    """The processor time per operation of Python statements in a loop, interleaved. Each round runs every statement as
+    often as it takes for about a millisecond; one run counts as so many operations."""
     timers = [timeit.Timer(text, timer=time.thread_time, globals=names) for text in texts]
-    if number is None:
-        number = fitting(timers[0])
-    actions = [lambda timer=timer: timer.timeit(number) / number / operations for timer in timers]
+    numbers = [fitting(timer) for timer in timers]
+    actions = [lambda timer=timer, number=number: timer.timeit(number) / number / operations
+               for timer, number in zip(timers, numbers)]
     gc.collect()
     return interleaved(*actions, seconds=seconds)
 
@@ -70,18 +62,5 @@ def percentile(sample, share):
 
 def resident():
     """The process's resident memory, in bytes."""
-    with open("/proc/self/statm") as file:
-        return int(file.read().split()[1]) * 4096
-
-
-def memory_text(size):
-    return f"{size / 1e6:.2f} MB"
-
-
-def print_table(rows):
-    heading = Row("what", "ours", "floor", "ratio", "target")
-    widths = [max(len(row[column]) for row in [heading, *rows]) for column in range(len(heading))]
-    for index, row in enumerate([heading, *rows]):
-        print("  ".join(text.ljust(width) for text, width in zip(row, widths)).rstrip())
-        if index == 0:
-            print("  ".join("-" * width for width in widths))
+    with open("/proc/self/status") as file:
+        return next(int(line.split()[1]) * 1024 for line in file if line.startswith("VmRSS"))

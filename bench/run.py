@@ -1,296 +1,232 @@
-"""The library beside bare C extension functions (floor.c) on the same engine, in one table.
+"""Runs the benchmark in several processes and shows the figures.
 
-    make bench                     everything
-    bench/run.py BUILD [PART...]   some of: calls lists add notify modules memory start audio
+    make bench                     a table
+    make bench COMPARE=<commit>    this tree's library beside that commit's
+    make docs-performance          docs/performance.md
 
-A time is the median of many interleaved rounds, with the minimum in brackets; of statements it is processor time.
-Nothing here passes or fails.
+The processes have hash seeds of their own, and so memory layouts. A time is the fastest of a process's rounds, the
+median over the processes; a ratio is formed within each process and shown as median and range.
 """
 
-import ctypes
+import argparse
+import datetime
+import json
 import os
 import pathlib
-import pty
+import platform
+import statistics
 import subprocess
 import sys
-import tempfile
-import time
 
-from measure import Row, compared, interleaved, memory_text, percentile, print_table, resident, statements, time_text
-
-BUILD = pathlib.Path(sys.argv[1]).resolve()
-LIBRARY = BUILD / "lib" / "sonetrix.so"
-PROGRAMS = BUILD / "bench"
-
-sys.path[:0] = [str(LIBRARY.parent), str(PROGRAMS)]
-stub = ctypes.CDLL(str(PROGRAMS / "libsonetrix_stub.so"), mode=ctypes.RTLD_GLOBAL)
-stub.stub_setModules.argtypes = ctypes.c_uint32, ctypes.c_uint32
-# Called with the interpreter lock kept, so that a busy console is busy from the first call on.
-notify_start = ctypes.PyDLL(stub._name).stub_notifyStart
-notify_start.argtypes = ctypes.c_uint32, ctypes.c_void_p, ctypes.c_uint32, ctypes.c_uint32, ctypes.c_void_p
-
-import floor  # noqa: E402  (both find the stub engine's functions)
-import sonetrix  # noqa: E402
+HERE = pathlib.Path(__file__).resolve().parent
+ROOT = HERE.parent
+ONCE = {"memory"}  # parts that a single process measures
+PARTS = ["calls", "parameters", "add", "lists", "notify", "registrations", "modules", "threads", "imports", "start",
+         "realtime", "memory"]
 
 
-def side_by_side(name, ours, beside, target, names, **options):
-    return compared(name, *statements(ours, beside, names=names, **options), target)
+def measured(library, programs, part, seed):
+    """The rows of one part from one process, by name."""
+    result = subprocess.run([sys.executable, "-B", HERE / "rows.py", library, programs, part], text=True,
+                            stdout=subprocess.PIPE, env=os.environ | {"PYTHONHASHSEED": str(seed)})
+    if result.returncode != 0:
+        sys.exit(f"rows.py {part} has failed")
+    return {row["name"]: row for row in map(json.loads, result.stdout.splitlines())}
 
 
-# ----------------------------------------------------------------------------------------------------------- calls
-
-def calls():
-    names = {"engine": sonetrix.engine, "log": sonetrix.log, "bare": floor.engine, "barelog": floor.log}
-    yield side_by_side("engine.isRunning()", "engine.isRunning()", "bare.isRunning()", "1.10", names)
-    yield side_by_side("log.info(str)", "log.info('a line for the log')", "barelog.info('a line for the log')", "1.10",
-                       names)
-    yield side_by_side("engine.link(str, str)", "engine.link('gain:out_1', 'system:playback_1')",
-                       "bare.link('gain:out_1', 'system:playback_1')", "1.10", names)
-
-
-# ----------------------------------------------------------------------------------------------------------- lists
-
-def mixed_values(count):
-    """Numbers of each kind, strings and a few arrays: (value, type name)."""
-    for index in range(count):
-        yield ((index, None), (index, "uint32"), (index * 0.5, None), (index * 0.25, "double"), (-index, None),
-               (f"value {index}", None), (index * 1.5, None), (index, None), ((1, 2, 3), None),
-               (f"another value {index}", None))[index % 10]
+def rounds(libraries, programs, parts, processes):
+    """For each part and library the rows of all its processes; the libraries take turns."""
+    results = [[] for _ in libraries]
+    for part in parts:
+        print(f"{part} ...", file=sys.stderr, flush=True)
+        for seed in range(1, 1 + (1 if part in ONCE else processes)):
+            for library, result in zip(libraries, results):
+                result += measured(library, programs, part, seed).values()
+    return [by_name(result) for result in results]
 
 
-def mixed_key_value_list(count):
-    result = sonetrix.listKeyValue()
-    for index, (value, kind) in enumerate(mixed_values(count)):
-        result.append(f"module{index // 10}.parameter{index % 10}", value, kind)
-    return result
+def by_name(rows):
+    names = {}
+    for row in rows:
+        names.setdefault(row["name"], []).append(row)
+    return names
 
 
-def mixed_value_list(count):
-    result = sonetrix.listValue()
-    for value, kind in mixed_values(count):
-        result.append(value, kind)
-    return result
+# --------------------------------------------------------------------------------------------------------- showing
+
+def shown(value, unit):
+    if unit != "s":
+        return f"{value / 1000:,.0f} kB" if unit == "B" else f"{value:g}"
+    for name, size in (("s", 1), ("ms", 1e-3), ("us", 1e-6)):
+        if value >= size:
+            return f"{value / size:.3g} {name}"
+    return f"{value / 1e-9:.3g} ns"
 
 
-def lists():
-    for count in (10, 10_000, 100_000, 1_000_000):
-        options = {"operations": count, "seconds": 1 if count <= 10_000 else 4}
-        names = {"keyed": mixed_key_value_list(count), "floor": floor, "count": count}
-        assert names["keyed"].toDict() == floor.newestToDict(count) == floor.newestToDictOfKnownKeys(count)
-        label = f"toDict() of {count:,}, per entry"
-        if count == 10:
-            yield side_by_side(label + "; floor with new keys", "keyed.toDict()", "floor.newestToDict(count)", "1.10",
-                               names, **options)
-            yield side_by_side(label + "; floor with last keys", "keyed.toDict()",
-                               "floor.newestToDictOfKnownKeys(count)", "", names, **options)
-        else:
-            yield side_by_side(label, "keyed.toDict()", "floor.newestToDict(count)", "1.10", names, **options)
-    for count in (10, 10_000, 100_000, 1_000_000):
-        options = {"operations": count, "seconds": 1 if count <= 10_000 else 4}
-        names = {"values": mixed_value_list(count), "floor": floor, "count": count}
-        assert names["values"].toList() == floor.newestToList(count)
-        yield side_by_side(f"toList() of {count:,}, per element", "values.toList()", "floor.newestToList(count)", "1.10",
-                           names, **options)
+def spread(ratios):
+    return f"{statistics.median(ratios):.2f} ({min(ratios):.2f}–{max(ratios):.2f})"
 
 
-def add():
-    names = {"sonetrix": sonetrix, "floor": floor, "hundred": range(100),
-             "floats": tuple(float(index) for index in range(100_000))}
-    adding = "target = {}.listKeyValue()\nfor _ in hundred: target.append('gain.level', {})"
-    for kind, value in (("int", "7"), ("str", "'some text'")):
-        yield side_by_side(f"append(str, {kind})", adding.format("sonetrix", value), adding.format("floor", value),
-                           "1.15", names, operations=100)
-    yield side_by_side("append(tuple of 100,000 floats), per float", "sonetrix.listValue().append(floats)",
-                       "floor.listValue().append(floats)", "1.15", names, operations=100_000)
+def middle(rows, column, statistic=0):
+    return statistics.median(row[column][statistic] for row in rows)
 
 
-# --------------------------------------------------------------------------------------------------- notifications
-
-def notify():
-    changes = sonetrix.listKeyValue()
-    for index in range(10):
-        changes.append(f"gain.level_{index}", index * 0.5 if index % 2 else index)
-    changes_list = ctypes.c_void_p.in_dll(stub, "stub_newestKeyValueList").value
-    notifying = ctypes.c_int32.in_dll(stub, "stub_notifying")
-
-    received = []
-
-    def callback(entries):
-        received[:] = [len(entries)]
-
-    registration = sonetrix.notifyChanges(callback)
-    floor.notifyKept(callback)
-    floor.notifyNew(callback)
-
-    def batch(index, count, busy):
-        samples = (ctypes.c_double * count)()
-        notify_start(index, changes_list, count, 1000 if busy else 0, samples)
-        while busy and notifying.value:
-            pass
-        stub.stub_notifyJoin()
-        return [sample * 1e-9 for sample in samples]
-
-    for busy in (False, True):
-        count, seconds = (20, 10) if busy else (200, 3)
-        results = interleaved(*[lambda index=index: batch(index, count, busy) for index in range(3)], seconds=seconds,
-                              least=5)
-        ours, kept, new = ([sample for one in result for sample in one] for result in results)
-        state = "console busy" if busy else "console idle"
-        for name, beside, target in (("thread state kept", kept, "1.20"), ("new thread state each time", new, "")):
-            yield compared(f"notification of 10, {state}; floor: {name}", ours, beside, target)
-            tails = percentile(ours, 0.99), percentile(beside, 0.99)
-            yield Row("    99th percentile", *map(time_text, tails), f"{tails[0] / tails[1]:.2f}", target)
-    assert received == [10]
-    del registration
+def table_line(name, rows):
+    first = rows[0]
+    unit = first["unit"]
+    def both(column):
+        fastest, median = (shown(middle(rows, column, statistic), unit) for statistic in (0, 1))
+        return fastest if len(rows) == 1 or fastest == median else f"{fastest} ({median})"
+    line = [name, both("ours"), both("floor") if first["floor"] else "", "", "", "", ""]
+    if first["floor"]:
+        if all(row["floor"][0] > 0 for row in rows):
+            ratios = [row["ours"][0] / row["floor"][0] for row in rows]
+            line[3] = spread(ratios)
+            if first["limit"]:
+                line[4] = f"{first['limit']:.2f}" + (" over" if statistics.median(ratios) > first["limit"] else "")
+    for column, peer in (5, "ctypes"), (6, "Cython"):
+        if peer in first["peers"]:
+            line[column] = shown(statistics.median(row["peers"][peer][0] for row in rows), unit)
+    return line
 
 
-# --------------------------------------------------------------------------------------------------------- modules
-
-def modules():
-    names = {"engine": sonetrix.engine, "bare": floor.engine}
-    counts = 10, 100, 1000, 5000
-    for statement, label in (("engine.getModuleInfos()", "getModuleInfos()"), ("engine.dot('/dev/null')", "dot()")):
-        base = None
-        for count in counts:
-            stub.stub_setModules(count, 2)
-            sample, = statements(statement, names=names, operations=count, seconds=1)
-            base = base or sample
-            row = compared(f"{label}, per module of {count:,}; beside: of 10", sample, base, "linear")
-            yield row
-    for count in counts:
-        stub.stub_setModules(count, 2)
-        options = {"operations": count, "seconds": 0.5}
-        ours, taking, keeping = statements("engine.getModuleNames()", "bare.getModuleNames()",
-                                           "bare.getModuleNamesLocked()", names=names, **options)
-        yield compared(f"getModuleNames() of {count:,}, per module", ours, taking, "1.25")
-        yield compared("    floor that keeps the lock throughout", ours, keeping)
-    stub.stub_setModules(1, 1)
+HEADING = ["what", "ours", "floor", "ratio", "limit", "ctypes", "Cython"]
 
 
-# ---------------------------------------------------------------------------------------------------------- memory
-
-def flat(name, round_of_1000):
-    """Resident memory after 100,000 rounds, and what 900,000 more have added."""
-    for _ in range(100):
-        round_of_1000()
-    before = resident()
-    began = time.perf_counter()
-    for _ in range(900):
-        round_of_1000()
-    each = (time.perf_counter() - began) / 900_000
-    return Row(f"{name}: memory at 100,000 and at 1,000,000", memory_text(resident()), memory_text(before),
-               f"{(resident() - before) / 1e3:+.0f} kB", "flat"), each
+def table(results):
+    return [HEADING, *[table_line(name, rows) for name, rows in results.items()]]
 
 
-def memory():
-    def read_round():
-        for index in range(1000):
-            filled = sonetrix.listKeyValue().append("gain.level", index * 0.5).append("gain.name", "text")
-            filled.toDict()
-
-    def register_round():
-        for _ in range(1000):
-            sonetrix.notifyChanges(callback)
-
-    def callback(entries):
-        pass
-
-    row, each = flat("create, append, read, drop", read_round)
-    yield row
-    row, each = flat("registrations created and dropped", register_round)
-    yield row
-    yield Row("registrations created and dropped", f"{1 / each:,.0f} per second", "")
+def comparison(new, old):
+    """A change is one on which all pairs of processes agree, by more than a hundredth."""
+    lines = [["what", "this tree", "that commit", "ratio", "verdict"]]
+    for name, rows in new.items():
+        pairs = [(mine["ours"][0], theirs["ours"][0]) for mine, theirs in zip(rows, old.get(name, []))]
+        if not pairs or any(theirs <= 0 for _, theirs in pairs):
+            continue
+        ratios = [mine / theirs for mine, theirs in pairs]
+        verdict = "slower" if min(ratios) > 1.01 else "faster" if max(ratios) < 0.99 else "-"
+        unit = rows[0]["unit"]
+        lines.append([name, shown(middle(rows, "ours"), unit), shown(middle(old[name], "ours"), unit), spread(ratios),
+                      verdict if len(pairs) >= 5 else "too few processes"])
+    return lines
 
 
-# ------------------------------------------------------------------------------------------------------- processes
-
-def console_start():
-    """Seconds from the constructor to the first prompt."""
-    terminal, console_terminal = pty.openpty()
-    with subprocess.Popen([PROGRAMS / "console_start", LIBRARY], stdin=console_terminal, stdout=console_terminal,
-                          stderr=console_terminal) as process:
-        os.close(console_terminal)
-        output = b""
-        while not output.endswith(b"engine> "):
-            output += os.read(terminal, 4096)
-        prompt = time.clock_gettime_ns(time.CLOCK_MONOTONIC)
-        process.kill()
-    os.close(terminal)
-    return (prompt - int(output.split(b"constructing ")[1].split()[0])) * 1e-9
+def text_table(lines):
+    widths = [max(map(len, column)) for column in zip(*lines)]
+    lines = [lines[0], ["-" * width for width in widths], *lines[1:]]
+    return "\n".join("  ".join(cell.ljust(width) for cell, width in zip(line, widths)).rstrip() for line in lines)
 
 
-def interpreter_run():
-    began = time.perf_counter()
-    subprocess.run([sys.executable, "-c", "import time, math, ctypes, traceback, typing, os, inspect"], check=True)
-    return time.perf_counter() - began
+# -------------------------------------------------------------------------------------------------------- the page
+
+def processor():
+    with open("/proc/cpuinfo") as file:
+        names = [line.split(":")[1].strip() for line in file if line.startswith(("model name", "Model"))]
+    return f"{names[0] if names else platform.machine()}, {os.cpu_count()} cores"
 
 
-def start():
-    yield compared("console: constructor to prompt; beside: bare python -c 'import ...'",
-                   *interleaved(console_start, interpreter_run, seconds=8), "1.20")
+def output_of(*command):
+    return subprocess.run(command, capture_output=True, text=True, cwd=ROOT).stdout.strip()
 
 
-CHAIN = """
-import time
-from sonetrix import engine, listKeyValue, notifyMeters
-for index in range(20):
-    engine.newModule(f"gain{index}", "amp_mono", None)
-    engine.link(f"gain{index - 1}:output" if index else "system:capture_1", f"gain{index}:input")
-engine.link("gain19:output", "system:playback_1")
-time.sleep(0.5)
-end = time.monotonic() + 4
-"""
-WAITING = "time.sleep(4)"
-EDITING = """
-while time.monotonic() < end:
-    engine.newModule("extra", "amp_mono", None)
-    engine.link("gain19:output", "extra:input")
-    engine.link("extra:output", "system:playback_2")
-    engine.link("system:playback_2", "")
-    engine.delModule("extra")
-"""
-METERS = """
-for index in range(1000):
-    engine.addDebugMeter(f"meter{index}", index * 0.5)
-def slow(meters):
-    time.sleep(0.05)
-registration = notifyMeters(slow)
-time.sleep(4)
+def conditions(processes, load_before):
+    commit = output_of("git", "rev-parse", "--short", "HEAD")
+    changed = output_of("git", "status", "--porcelain", "--", "interface", "engine", "bench", "src")
+    loads = " and ".join(f"{load:.1f}" for load in (load_before, os.getloadavg()[0]))
+    return {"commit": commit + (" with changes" if changed else ""), "date": str(datetime.date.today()),
+            "processor": processor(), "system": platform.release(), "python": platform.python_version(),
+            "processes": processes, "load": loads}
+
+
+PAGE = """# Performance
+
+The library beside what is fastest by hand: for each figure a *floor*, C extension functions
+([floor.c](../bench/floor.c)) that do the same job on the same engine and nothing else: no keywords, no selectors, no
+subclasses, no tracebacks, no check who holds the interpreter lock. The engine is a stub whose functions cost next to
+nothing, so the figures are those of the binding. ctypes and Cython are what a user could take instead, for the calls
+that all have.
+
+Written by `make docs-performance` on {date}, at commit {commit}: {processor}, Linux {system}, CPython {python}. The
+load average was {load} (before and after): above 1 on a machine that should be idle, others were at work, and the
+figures are the worse for it, those of real time most of all.
+
+{table}
+
+A time is the fastest round of a process, the median of {processes} processes; in brackets the median round. Each
+process has a hash seed, and so a memory layout, of its own; library, floor and peers take turns of about a
+millisecond on one core, and the time is the thread's processor time. (Notifications, threads, the start and real time
+are not kept to one core, and are time that passes.) The ratio to the floor is formed in each process: median and
+range. "over" marks one beyond its limit.
+
+## What stands above its limit, and why
+
+- Reading a list asks for every element whether the thread holds the interpreter lock, since an engine may call from
+  anywhere; the floor does not, but one that does stands in a row of its own. The private field of the thread state
+  that would tell for less is not used.
+- `getParam` is what `getParam` is documented to be, a call of `engine.getParams`, which looks at its keys through
+  `toListType()`; the floor goes to the engine at once.
+- Making a registration looks at the callable's parameters; dropping it makes sure that no call is in progress. The
+  floor does neither.
+- A refused call raises an exception with a traceback entry that names the function; the floor raises a bare one.
+- Long graphs make many Python objects, which the garbage collector goes through while they are made.
+
+## Real time
+
+The development engine on its clock driver, blocks of 64 frames at 48 kHz, {scheduling}. "Scripts at work": one that
+adds, links and deletes a module and writes a parameter as fast as it can, while a callable takes 1,000 meters and
+sleeps. Processing is what a block takes, lateness how long after its time it begins.
 """
 
 
-def block_times(script):
-    with tempfile.NamedTemporaryFile("w", suffix=".py") as file:
-        file.write(CHAIN + script)
-        file.flush()
-        result = subprocess.run([PROGRAMS / "block_times", LIBRARY, file.name], stdin=subprocess.DEVNULL,
-                                capture_output=True, text=True, check=True)
-    if "Traceback" in result.stderr:
-        sys.exit(result.stderr)
-    _, median, high, highest, longest = map(int, result.stdout.splitlines()[-1].split())
-    return median * 1e-9, high * 1e-9, highest * 1e-9
-
-
-def audio():
-    results = interleaved(*[lambda script=script: block_times(script) for script in (WAITING, EDITING, METERS)],
-                          seconds=40, least=3)
-    quiet, editing, meters = (list(zip(*result)) for result in results)
-    for label, sample in (("a script edits the graph", editing), ("1,000 fast meters, slow callable", meters)):
-        yield compared(f"block's median, {label}; beside: no script runs", sample[0], quiet[0])
-        yield compared(f"block's 99.9th percentile, {label}", sample[2], quiet[2], "as without")
+def page(results, facts):
+    lines = table(results)
+    markdown = ["| " + " | ".join(line) + " |" for line in [lines[0], ["---"] * len(lines[0]), *lines[1:]]]
+    try:
+        os.sched_setscheduler(0, os.SCHED_FIFO, os.sched_param(60))
+        scheduling = "with real-time scheduling"
+    except PermissionError:
+        scheduling = "without real-time scheduling, which this machine does not permit"
+    return PAGE.format(table="\n".join(markdown), scheduling=scheduling, **facts)
 
 
 # ------------------------------------------------------------------------------------------------------------ main
 
-PARTS = {part.__name__: part for part in (calls, lists, add, notify, modules, memory, start, audio)}
+def library_of(commit, build):
+    """Builds the library of another commit, beside this build."""
+    tree = build / f"compare-{output_of('git', 'rev-parse', '--short', commit)}"
+    if not tree.exists():
+        subprocess.run(["git", "worktree", "add", "--quiet", "--detach", tree, commit], cwd=ROOT, check=True)
+    for command in (["cmake", "--preset", "release", "--log-level=NOTICE"],
+                    ["cmake", "--build", "--preset", "release", "--target", "sonetrix"]):
+        subprocess.run(command, cwd=tree, check=True, stdout=subprocess.DEVNULL)
+    return tree / "build/release/lib/sonetrix.so"
 
 
 def main():
-    rows = []
-    for name in sys.argv[2:] or PARTS:
-        print(f"{name} ...", file=sys.stderr, flush=True)
-        rows += PARTS[name]()
-    print_table(rows)
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("build", type=pathlib.Path)
+    parser.add_argument("part", nargs="*", help=f"some of: {' '.join(PARTS)}")
+    parser.add_argument("--processes", type=int, default=7)
+    parser.add_argument("--compare", metavar="COMMIT")
+    parser.add_argument("--json", type=pathlib.Path, metavar="FILE")
+    parser.add_argument("--page", type=pathlib.Path, metavar="FILE")
+    options = parser.parse_intermixed_args()
+    build = options.build.resolve()
+    if unknown := set(options.part) - set(PARTS):
+        parser.error(f"no such part: {' '.join(unknown)}")
+    libraries = [build / "lib/sonetrix.so"]
+    if options.compare:
+        libraries.append(library_of(options.compare, build))
+    load = os.getloadavg()[0]
+    results, *others = rounds(libraries, build / "bench", options.part or PARTS, options.processes)
+    facts = conditions(options.processes, load)
+    if options.json:
+        options.json.write_text(json.dumps(facts | {"rows": results, "compared": others}, indent=1))
+    if options.page:
+        options.page.write_text(page(results, facts))
+    print(text_table(comparison(results, others[0]) if others else table(results)))
+    print(", ".join(f"{name} {fact}" for name, fact in facts.items()))
 
 
 if __name__ == "__main__":

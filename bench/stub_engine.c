@@ -1,6 +1,6 @@
 /*
  * An engine that costs next to nothing, so that a benchmark measures the binding. Lists and registrations are real;
- * what no benchmark needs is there only so that the library's symbols are found.
+ * what no benchmark needs is in stub_rest.c.
  */
 #include "stub_engine.h"
 
@@ -238,11 +238,18 @@ int32_t sonetrix_engine_ModuleGetStartParameter(sonetrix_engine_t *engine,
     return sonetrix_keyValueListAddSI32(*configuration, "channels", 2);
 }
 sonetrix_cListKeyValue_t *sonetrix_engine_GetParams(sonetrix_engine_t *engine, const sonetrix_cListValue_t *keys) {
-    (void)engine, (void)keys;
+    (void)engine;
     sonetrix_cListKeyValue_t *list = sonetrix_keyValueListNew();
-    sonetrix_keyValueListAddSF(list, "gain", 0.5F);
-    sonetrix_keyValueListAddSI32(list, "mute", 0);
+    for (size_t index = 0; index < keys->list.count; ++index) {
+        sonetrix_keyValueListAddSF(list, keys->list.entries[index].value.as.string, 0.5F);
+    }
     return list;
+}
+int32_t sonetrix_engine_SetParamsFull(
+    sonetrix_engine_t *engine, const sonetrix_cListKeyValue_t *parameters, sonetrix_cListKeyValue_t *written) {
+    (void)engine;
+    addCopies(&written->list, &parameters->list);
+    return 0;
 }
 
 /* --------------------------------------------------------------------------------------------------- registrations */
@@ -250,31 +257,57 @@ sonetrix_cListKeyValue_t *sonetrix_engine_GetParams(sonetrix_engine_t *engine, c
 typedef struct Registration {
     struct Registration *previous, *next;
     sonetrix_listCallback_t callback;
+    sonetrix_timerCallback_t timer; /* or this */
     void *user;
 } Registration;
 
 static pthread_mutex_t registrationMutex = PTHREAD_MUTEX_INITIALIZER;
-static Registration registrations = {&registrations, &registrations, NULL, NULL};
+static Registration registrations = {&registrations, &registrations, NULL, NULL, NULL};
 
-void *sonetrix_engine_notify_changes_addCallback(
-    sonetrix_engine_t *engine, sonetrix_listCallback_t callback, void *user) {
-    (void)engine;
+static void *addRegistration(sonetrix_listCallback_t callback, sonetrix_timerCallback_t timer, void *user) {
     Registration *registration = malloc(sizeof *registration);
     pthread_mutex_lock(&registrationMutex);
-    *registration = (Registration){registrations.previous, &registrations, callback, user};
+    *registration = (Registration){registrations.previous, &registrations, callback, timer, user};
     registration->previous->next = registration;
     registrations.previous = registration;
     pthread_mutex_unlock(&registrationMutex);
     return registration;
 }
-void sonetrix_engine_notify_changes_rmCallback(sonetrix_engine_t *engine, void *handle) {
-    (void)engine;
-    Registration *registration = handle;
+
+static void removeRegistration(Registration *registration) {
     pthread_mutex_lock(&registrationMutex);
     registration->previous->next = registration->next;
     registration->next->previous = registration->previous;
     pthread_mutex_unlock(&registrationMutex);
     free(registration);
+}
+
+void *sonetrix_engine_notify_changes_addCallback(
+    sonetrix_engine_t *engine, sonetrix_listCallback_t callback, void *user) {
+    (void)engine;
+    return addRegistration(callback, NULL, user);
+}
+void sonetrix_engine_notify_changes_rmCallback(sonetrix_engine_t *engine, void *handle) {
+    (void)engine;
+    removeRegistration(handle);
+}
+/* A timer elapses when stub_notifyStart() says so. */
+void *sonetrix_engine_addTimer(
+    sonetrix_engine_t *engine, int32_t milliseconds, sonetrix_timerCallback_t callback, void *user) {
+    (void)engine, (void)milliseconds;
+    return addRegistration(NULL, callback, user);
+}
+void sonetrix_engine_delTimer(sonetrix_engine_t *engine, void *handle) {
+    (void)engine;
+    removeRegistration(handle);
+}
+
+static void fire(const Registration *registration, sonetrix_cListKeyValue_t *list) {
+    if (registration->timer != NULL) {
+        registration->timer(registration->user);
+    } else {
+        registration->callback(list, registration->user);
+    }
 }
 
 static struct {
@@ -301,14 +334,14 @@ static void *notify(void *unused) {
         registration = registration->next;
     }
     for (uint32_t index = 0; index < warmUp; ++index) {
-        registration->callback(order.list, registration->user);
+        fire(registration, order.list);
     }
     for (uint32_t index = 0; index < order.calls; ++index) {
         if (order.pause.tv_nsec != 0) {
             nanosleep(&order.pause, NULL);
         }
         const double began = now();
-        registration->callback(order.list, registration->user);
+        fire(registration, order.list);
         order.nanoseconds[index] = now() - began;
     }
     stub_notifying = 0;
@@ -341,72 +374,7 @@ void sonetrix_free(void *memory) { free(memory); }
 
 int32_t sonetrix_engine_IsRunning(sonetrix_engine_t *engine) { return 1; }
 int32_t sonetrix_engine_LinkPort(sonetrix_engine_t *engine, const char *p1, const char *p2) { return 0; }
-void sonetrix_log_LogString(
-    sonetrix_log_level_t level, const char *tag, int32_t line, int32_t flag, const char *message) {}
-void sonetrix_log(sonetrix_log_level_t level, const char *file, int32_t line, int32_t flag, const char *format, ...) {}
 /* A driver, so that dot() writes; its module records have none, so that they show their ports. */
 int32_t sonetrix_engine_DriverIsLoaded(const void *reference) { return reference != NULL; }
 int32_t sonetrix_keyValueListGetS(sonetrix_cListKeyValue_t *list, const char *key, const char **text) { return -1; }
 int32_t sonetrix_keyValueListGetIU(sonetrix_cListKeyValue_t *list, const char *key, uint32_t *number) { return -1; }
-
-#define NOTHING(Result, name, ...)                                                                                     \
-    Result name(__VA_ARGS__) { return (Result)0; }
-#define NO_RESULT(name, ...)                                                                                           \
-    void name(__VA_ARGS__) {}
-#define ENGINE sonetrix_engine_t *engine
-#define TYPE sonetrix_module_meters_type type
-
-NO_RESULT(sonetrix_valueInitUInt32, sonetrix_value_t *value, uint32_t number)
-NO_RESULT(sonetrix_valueInitInt32, sonetrix_value_t *value, int32_t number)
-NO_RESULT(sonetrix_valueInitFloat, sonetrix_value_t *value, float number)
-NO_RESULT(sonetrix_valueInitS, sonetrix_value_t *value, const char *text)
-NO_RESULT(sonetrix_valueDeinit, sonetrix_value_t *value)
-NO_RESULT(sonetrix_engine_RequestStop, ENGINE)
-NO_RESULT(sonetrix_engine_SetExitCode, ENGINE, int32_t code)
-NOTHING(sonetrix_cListKeyValue_t *, sonetrix_engine_getStartParameter, ENGINE)
-NOTHING(int32_t, sonetrix_engine_DriverGetXRun, ENGINE)
-NOTHING(uint32_t, sonetrix_engine_DriverGetFrameRate, ENGINE)
-NOTHING(int32_t, sonetrix_engine_DriverGetCpuUsage, ENGINE, float *a, float *b, float *c, float *d, float *e, float *f)
-NOTHING(int32_t, sonetrix_engine_DriverGetName, ENGINE, char **name)
-NOTHING(int32_t, sonetrix_clock_sample_timestamp, ENGINE, struct timespec *time)
-NOTHING(int32_t,
-    sonetrix_engine_SetParamsFull,
-    ENGINE,
-    const sonetrix_cListKeyValue_t *parameters,
-    sonetrix_cListKeyValue_t *written)
-NOTHING(int32_t,
-    sonetrix_engine_SetParamsFullCli,
-    ENGINE,
-    const sonetrix_cListKeyValue_t *parameters,
-    sonetrix_cListKeyValue_t *written)
-NOTHING(sonetrix_cListValue_t *, sonetrix_engine_GetModulesList, ENGINE)
-NOTHING(sonetrix_cListValue_t *, sonetrix_engine_GetAllPortNames, ENGINE)
-NOTHING(sonetrix_cListValue_t *, sonetrix_engine_GetLinkPort, ENGINE, const char *port)
-NOTHING(int32_t,
-    sonetrix_engine_ModuleNew,
-    ENGINE,
-    const char *name,
-    const char *identifier,
-    const sonetrix_cListKeyValue_t *info)
-NOTHING(int32_t, sonetrix_engine_ModuleDelete, ENGINE, const char *name)
-NOTHING(int32_t, sonetrix_engine_ModuleUsage, ENGINE, const char *name, float *absolute, float *relative, uint32_t *id)
-NOTHING(int32_t, sonetrix_engine_addDebugMeter, ENGINE, TYPE, const char *key, const sonetrix_value_t *value)
-NOTHING(int32_t, sonetrix_engine_delDebugMeter, ENGINE, TYPE, const char *key)
-NOTHING(sonetrix_cListKeyValue_t *, sonetrix_engine_GetLastMeters, ENGINE, const char *module, TYPE)
-NOTHING(int32_t, sonetrix_engine_registerMeterManager, ENGINE, sonetrix_readMeters_t *read)
-NOTHING(int32_t, sonetrix_engine_unregisterMeterManager, ENGINE)
-NOTHING(sonetrix_cListKeyValue_t *, sonetrix_engine_meterInfoList, ENGINE, TYPE)
-NOTHING(void *, sonetrix_engine_addCallbackMeterManager, ENGINE, TYPE, sonetrix_listCallback_t callback, void *user)
-NO_RESULT(sonetrix_engine_rmCallbackMeterManager, ENGINE, void *registration)
-NOTHING(void *, sonetrix_engine_addTimer, ENGINE, int32_t milliseconds, sonetrix_timerCallback_t callback, void *user)
-NO_RESULT(sonetrix_engine_delTimer, ENGINE, void *registration)
-NOTHING(sonetrix_log_level_t, sonetrix_log_GetLogLevel, void)
-NO_RESULT(sonetrix_log_SetLogLevel, sonetrix_log_level_t level)
-NOTHING(sonetrix_log_level_t, sonetrix_log_GetLogLevelJournal, void)
-NO_RESULT(sonetrix_log_SetLogLevelJournal, sonetrix_log_level_t level)
-NO_RESULT(sonetrix_log_time, int32_t on)
-NO_RESULT(sonetrix_log_file_time, int32_t on)
-NO_RESULT(sonetrix_log_filename, const char *path)
-NO_RESULT(sonetrix_log_syslog, int32_t on)
-NO_RESULT(sonetrix_log_journald, int32_t on)
-NO_RESULT(sonetrix_memory_rt_inspect, void)

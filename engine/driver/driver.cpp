@@ -58,9 +58,10 @@ void Driver::becomeAudioThread() noexcept {
 
 void Driver::processBlock(uint32_t wanted, double lateness) noexcept {
     blockBegan_.store(nanosecondsOf(CLOCK_REALTIME), std::memory_order_relaxed);
-    const int64_t began = nanosecondsOf(CLOCK_MONOTONIC);
+    blockStart_ = nanosecondsOf(CLOCK_MONOTONIC);
+    blockLateness_ = lateness;
     process_(wanted);
-    load_.add(secondsOf(nanosecondsOf(CLOCK_MONOTONIC) - began), lateness);
+    load_.add(secondsOf(nanosecondsOf(CLOCK_MONOTONIC) - blockStart_), lateness);
 }
 
 } // namespace sonetrix::dev

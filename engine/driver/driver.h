@@ -37,6 +37,10 @@ public:
     [[nodiscard]] CpuFigures cpuFigures() const noexcept { return load_.figures(); }
     /// When the current block began, in nanoseconds on CLOCK_REALTIME; 0 before the first.
     [[nodiscard]] int64_t blockBegan() const noexcept { return blockBegan_.load(std::memory_order_relaxed); }
+    /// On the audio thread, of the current block: when it began, in nanoseconds on CLOCK_MONOTONIC, and how late that
+    /// was, in seconds.
+    [[nodiscard]] int64_t blockStart() const noexcept { return blockStart_; }
+    [[nodiscard]] double blockLateness() const noexcept { return blockLateness_; }
     /// The audio thread's id as the system knows it; 0 while there is none.
     [[nodiscard]] uint32_t threadId() const noexcept { return threadId_.load(std::memory_order_relaxed); }
 
@@ -64,6 +68,8 @@ private:
     std::atomic<uint32_t> xruns_{0};
     std::atomic<uint32_t> threadId_{0};
     std::atomic<int64_t> blockBegan_{0};
+    int64_t blockStart_ = 0;
+    double blockLateness_ = 0;
     std::mutex threadMutex_;
     Thread thread_{"sonetrix-audio", [this](const std::stop_token &stop) { threadMain(stop); }};
 };
