@@ -39,6 +39,8 @@ std::string Player::file() const {
 }
 
 void Player::pump() noexcept {
+    if (ended_.load(std::memory_order_acquire))
+        return;
     const std::lock_guard lock(mutex_);
     readAhead();
 }

@@ -44,7 +44,7 @@ private:
     SampleRing ring_;
     std::vector<float> block_; // the audio thread's
     std::atomic<bool> playing_{false};
-    std::atomic<bool> ended_{false}; // all of the file is in the ring
+    std::atomic<bool> ended_{true}; // all of the file is in the ring
     std::atomic<uint32_t> missed_{0};
 };
 

@@ -36,6 +36,8 @@ std::string Recorder::file() const {
 }
 
 void Recorder::pump() noexcept {
+    if (!recording_.load(std::memory_order_acquire))
+        return;
     const std::lock_guard lock(mutex_);
     writeOut();
 }
