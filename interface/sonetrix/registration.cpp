@@ -51,11 +51,10 @@ struct KeyHash {
 // Names the callable without running code of a script's.
 void warnOfCallable(PyObject *callable) noexcept {
     const Ref raised = Ref::steal(PyErr_GetRaisedException());
-    Ref name = Ref::steal(PyObject_GetAttrString(callable, "__qualname__"));
-    PyErr_Clear();
-    if (!name || !PyUnicode_Check(name.get())) {
-        name = Ref::steal(PyUnicode_FromString(Py_TYPE(callable)->tp_name));
-    }
+    PyObject *function = PyMethod_Check(callable) ? PyMethod_GET_FUNCTION(callable) : callable;
+    const Ref name = PyFunction_Check(function)
+                         ? Ref::borrow(reinterpret_cast<PyFunctionObject *>(function)->func_qualname)
+                         : Ref::steal(PyUnicode_FromString(Py_TYPE(callable)->tp_name));
     if (name) {
         const Ref text = Ref::steal(PyUnicode_FromFormat(
             "the callable '%U' does not return: its registration is removed when it has", name.get()));
@@ -134,11 +133,11 @@ bool Registry::add(const std::shared_ptr<Registration> &registration) {
         return found != uses_.end() && found->second.isBeingRemoved;
     };
     std::unique_lock lock(mutex_);
-    if (isBeingRemoved()) {
+    while (isBeingRemoved() && !ending_) { // again by another thread, perhaps, once this one has the lock
         lock.unlock();
         unlocked([&] {
             std::unique_lock waiting(mutex_);
-            changed_.wait_for(waiting, waitLimit, [&] { return !isBeingRemoved(); });
+            changed_.wait(waiting, [&] { return !isBeingRemoved() || ending_; });
         });
         lock.lock();
     }
@@ -189,9 +188,9 @@ void Registry::drop(Registration &registration) noexcept {
         taken->engine_ = engineHandle();
         callsEngine = taken->handle_ != nullptr && taken->engine_ != nullptr && taken->generation_ == generation_;
         const bool nobodyInside = use.live == 0 && use.removing == 1 && use.calls == callsOfThisThread(use);
-        removesHere = !callsEngine || nobodyInside;
+        removesHere = !callsEngine || (nobodyInside && putDisposalOff());
         taken->isBeingRemoved_ = removesHere;
-        use.isBeingRemoved = callsEngine && nobodyInside;
+        use.isBeingRemoved = callsEngine && removesHere;
         if (!removesHere) {
             startWorker();
         }
@@ -205,6 +204,7 @@ void Registry::drop(Registration &registration) noexcept {
     }
     if (callsEngine) {
         unlocked([&taken] { taken->remove_(taken->engine_, taken->handle_); });
+        allowDisposal();
     }
     settle(*taken);
 }
@@ -220,7 +220,8 @@ void Registry::waitUntilGone(const Registration &registration) noexcept {
 }
 
 void Registry::settle(Registration &registration) noexcept {
-    registration.callable_.reset();
+    // Released lastly: a finalizer may come back here, fork, or take long.
+    const Ref released = std::move(registration.callable_);
     const std::lock_guard guard(mutex_);
     settleLocked(registration);
 }
@@ -332,6 +333,7 @@ bool Registry::removeAll() noexcept {
     const bool wasWorker = std::exchange(isWorker, true); // no drop waits by itself
     std::unique_lock lock(mutex_);
     ending_ = true;
+    changed_.notify_all();
     while (const std::shared_ptr<Registration> oldest = oldestLive()) {
         lock.unlock();
         drop(*oldest);

@@ -17,7 +17,8 @@
 //               being removed no call begins, and one that is on its way cannot hold the removal up.
 //   removal     is the engine's function, which waits for a call in progress on another thread. Where L = 0, R is this
 //               one alone and nobody else is in the callable, there is nothing to wait for but calls that end at once:
-//               the dropping thread makes it itself. (A new registration of the callable waits until that is done.)
+//               the dropping thread makes it itself. (A new registration of the callable waits until that is done, and
+//               ended threads' states, whose finalizers would run ahead of a call, are not disposed of meanwhile.)
 //               Else a thread of ours, the removal worker, makes it as soon as C = 0 or L > 0.
 //   a drop      that goes to the worker waits for it, with the lock released, five seconds at most, and then names the
 //               callable in the log. It does not wait inside a callable, nor in a collection by the garbage collector,

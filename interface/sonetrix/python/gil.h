@@ -2,28 +2,11 @@
 #pragma once
 
 #include "compatibility.h"
+#include "finalisation.h"
 
 #include <utility>
 
 namespace sonetrix {
-
-// Blocks the calling thread for ever.
-[[noreturn]] void hangThread() noexcept;
-
-// Makes a call of the interpreter below which the thread may ask for the interpreter lock. Up to CPython 3.13 a thread
-// that asks for it during finalisation is unwound by pthread_exit; the frames above hold references that may not be
-// dropped then, so the thread hangs where it is, which is what later versions do with it themselves.
-template <class Call> [[gnu::always_inline]] inline decltype(auto) hangingAtFinalisation(Call &&call) {
-#if PY_VERSION_HEX < 0x030E0000
-    try {
-        return std::forward<Call>(call)();
-    } catch (...) { // no exception of C++: there is only C below
-        hangThread();
-    }
-#else
-    return std::forward<Call>(call)();
-#endif
-}
 
 // Holds the interpreter lock, whether or not the thread held it before. For the console thread and for threads that are
 // Python's own; engine threads come in by EngineThreadEntry.

@@ -14,6 +14,11 @@ namespace {
 
 thread_local std::uint32_t entriesOfThread = 0;
 
+// Under the interpreter lock: how many put disposing off, and how many threads are at it.
+int puttingOff = 0;
+int disposing = 0;
+thread_local bool disposes = false; // this one
+
 // The state that an engine thread keeps.
 struct KeptState {
     PyThreadState *state;
@@ -24,20 +29,26 @@ struct KeptState {
 constinit std::atomic<KeptState *> endedThreads = nullptr;
 
 // For a thread without a state of its own; it has none afterwards, either. Clearing a state may run Python code, hence
-// the one that is made for it.
+// the one that is made for it, and hence all are cleared before the first deletion takes the binding to that away.
 void disposeOfEndedThreads() noexcept {
 #ifndef Py_DEBUG // where disposing of another thread's state is an assertion; there they stay until finalisation
-    KeptState *ended = endedThreads.exchange(nullptr, std::memory_order_acquire);
-    if (ended == nullptr) {
+    if (endedThreads.load(std::memory_order_relaxed) == nullptr) {
         return;
     }
     hangingAtFinalisation(PyGILState_Ensure);
-    while (ended != nullptr) {
-        const std::unique_ptr<KeptState> disposed(std::exchange(ended, ended->next));
-        PyThreadState_Clear(disposed->state);
-        PyThreadState_Delete(disposed->state);
+    KeptState *ended = puttingOff == 0 ? endedThreads.exchange(nullptr, std::memory_order_acquire) : nullptr;
+    ++disposing;
+    disposes = true;
+    for (const KeptState *cleared = ended; cleared != nullptr; cleared = cleared->next) {
+        PyThreadState_Clear(cleared->state);
     }
     PyThreadState_Clear(PyThreadState_Get());
+    disposes = false;
+    --disposing;
+    while (ended != nullptr) {
+        const std::unique_ptr<KeptState> disposed(std::exchange(ended, ended->next));
+        PyThreadState_Delete(disposed->state);
+    }
     PyThreadState_DeleteCurrent();
 #endif
 }
@@ -106,6 +117,8 @@ bool InterpreterGuard::close(std::chrono::milliseconds limit) noexcept {
 void InterpreterGuard::resetAfterFork(std::uint32_t entries) noexcept {
     state_ = (state_ & closedBit) | entries;
     endedThreads = nullptr; // the interpreter itself deletes the other threads' states
+    puttingOff = 0;
+    disposing = disposes ? 1 : 0;
 }
 
 EngineThreadEntry::EngineThreadEntry(LockOrder order) noexcept {
@@ -117,9 +130,9 @@ EngineThreadEntry::EngineThreadEntry(LockOrder order) noexcept {
         outcome_ = Outcome::heldAlready;
         return;
     }
+    ++entriesOfThread;
     keeper.enter();
     state_ = hangingAtFinalisation(PyGILState_Ensure);
-    ++entriesOfThread;
     outcome_ = Outcome::entered;
 }
 
@@ -130,6 +143,16 @@ EngineThreadEntry::~EngineThreadEntry() {
         interpreterGuard.leave();
     }
 }
+
+bool putDisposalOff() noexcept {
+    if (disposing > (disposes ? 1 : 0)) {
+        return false;
+    }
+    ++puttingOff;
+    return true;
+}
+
+void allowDisposal() noexcept { --puttingOff; }
 
 void watchForks() noexcept {
     pthread_atfork(nullptr, nullptr, [] { interpreterGuard.resetAfterFork(entriesOfThread); });

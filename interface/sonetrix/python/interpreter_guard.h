@@ -8,6 +8,8 @@
 //                      entry on. The end of the thread takes no lock, whatever the host is waiting for: the state goes
 //                      to a list, and the next thread that enters for the first time disposes of those on it. A thread
 //                      with a state of its own could not: deleting a state takes the caller's binding to its own along.
+//                      Disposing may run finalizers, of what is local to a thread, and these may wait for a lock. So it
+//                      is put off while somebody waits for engine threads with no more than their calls in mind.
 //   a forked child     has the forking thread only: the count there is of its own entries.
 #pragma once
 
@@ -68,6 +70,11 @@ private:
     Outcome outcome_ = Outcome::refused;
     PyGILState_STATE state_ = PyGILState_UNLOCKED;
 };
+
+// Puts disposing of ended threads' states off until allowDisposal(). False, and nothing is put off, when another thread
+// is at it. Both need the interpreter lock.
+bool putDisposalOff() noexcept;
+void allowDisposal() noexcept;
 
 // To be called once, before there are entries: forked children start with the guard as said above.
 void watchForks() noexcept;

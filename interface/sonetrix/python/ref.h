@@ -1,5 +1,6 @@
 #pragma once
 
+#include "finalisation.h"
 #include "python.h"
 
 #include <utility>
@@ -24,7 +25,10 @@ public:
         std::swap(object_, other.object_);
         return *this;
     }
-    ~Ref() { Py_XDECREF(object_); }
+    // With the last reference may go code of a script's.
+    ~Ref() {
+        hangingAtFinalisation([this] { Py_XDECREF(object_); });
+    }
 
     PyObject *get() const noexcept { return object_; }
     // Hands the reference over to the caller.

@@ -1,0 +1,161 @@
+# ctest: timeout=100
+"""Registrations, engine threads, forked children and interpreters that end in the midst of something."""
+
+import concurrent.futures
+import subprocess
+import sys
+import unittest
+
+from support import TIME_LIMIT, interpreter_environment
+
+PRELUDE = """
+import atexit, ctypes, gc, logging, os, sys, threading, time
+from support import record
+older = []  # exit handlers that run after the library's
+atexit.register(lambda: [call() for call in older])
+sonetrix = record.load()
+def timed(call):
+    began = time.monotonic()
+    call()
+    print("at once" if time.monotonic() - began < 2.5 else "late")
+def background(call, *arguments):
+    thread = threading.Thread(target=call, args=arguments, daemon=True)
+    thread.start()
+    return thread
+def in_child(call):
+    if (pid := os.fork()) == 0:
+        call(), sys.stdout.flush(), os._exit(0)
+    print("child", os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]))
+def fire():
+    thread = background(record.fire, record.TIMER)
+    entered.wait()
+    return thread
+entered, leave, local, lock = threading.Event(), threading.Event(), threading.local(), threading.Lock()
+def wait(*_):
+    entered.set()
+    with lock: pass
+class Callable:
+    def __call__(self): pass
+class Slow(Callable):
+    def __del__(self, sleep=time.sleep):
+        entered.set()
+        while True: sleep(0.001)
+class Late:
+    def __del__(self, sleep=time.sleep): sleep(0.3)
+"""
+LATE_END = "sys.late = Late()\n"
+
+
+class Ends(unittest.TestCase):
+    def run_all(self, scripts):
+        """Runs the scripts, each with the lines that it is to print, side by side: some wait."""
+        def run(source):
+            return subprocess.run([sys.executable, "-X", "faulthandler", "-W", "ignore", "-c", PRELUDE + source],
+                                  capture_output=True, text=True, timeout=TIME_LIMIT,
+                                  env=interpreter_environment(ASAN_OPTIONS="detect_leaks=0"))
+        with concurrent.futures.ThreadPoolExecutor(4) as pool:
+            for (source, *lines), result in zip(scripts, pool.map(run, [source for source, *_ in scripts])):
+                with self.subTest(source):
+                    self.assertEqual((result.returncode, result.stderr), (0, ""))
+                    self.assertEqual(result.stdout.splitlines(), lines)
+
+    def test_finalizers_of_callables(self):
+        self.run_all([
+            # One that registers its object again does not wait for itself.
+            ("""
+class Again(Callable):
+    def __del__(self, kept=[]):
+        if not kept: kept.append(self), timed(lambda: kept.append(sonetrix.timeout(1, self)))
+sonetrix.timeout(1, Again())
+""", "at once"),
+            # One that is still at work is no hindrance for the end, which leaves its thread where it is.
+            ("""
+background(lambda: sonetrix.timeout(1, Slow())), entered.wait()
+""" + LATE_END,),
+            ("""
+class Last:
+    def __del__(self, calls=((sonetrix.add_clear_callback, len), (sonetrix.engine.addTimer, 1, len)),
+                write=os.write):
+        for call, *arguments in calls: call(*arguments), write(1, b"called\\n")
+sys.last, kept = Last(), type("Cycle", (), {})()
+kept.me, kept.last = kept, Last()
+""", *["called"] * 4)])
+
+    def test_locks_that_the_callable_waits_for(self):
+        self.run_all([
+            # It is named without asking it: to answer, it would want the lock.
+            ("""
+class Locked:
+    __call__ = wait
+    def __getattr__(self, name):
+        with lock: raise AttributeError(name)
+made = sonetrix.timeout(1, Locked())
+with lock:
+    inside = fire()
+    del made
+    print(*record.log_lines()[-1])
+inside.join()
+""", "3 the callable 'Locked' does not return: its registration is removed when it has"),
+            # A collection in the midst of logging finds the object.
+            ("""
+lock, cycle = logging.StreamHandler().lock, Callable()
+cycle.made, cycle.cycle = sonetrix.timeout(1, wait), cycle
+del cycle
+gc.disable()
+with lock:
+    inside = fire()
+    timed(gc.collect)
+inside.join()
+""", "at once"),
+            # What an ended engine thread leaves behind waits for it, on the next thread's way to its call.
+            ("""
+class Left: __del__ = wait
+made = sonetrix.timeout(1, lambda: setattr(local, "left", Left()))
+record.fire(record.TIMER)
+with lock:
+    inside = fire()
+    del made
+inside.join()
+""",),
+            # Or asks for the interpreter lock that its thread has.
+            ("""
+class Left:
+    def __del__(self, call=ctypes.PYFUNCTYPE(None)(lambda: left.append(1))): call()
+left, made = [], sonetrix.timeout(1, lambda: setattr(local, "left", Left()))
+for act in record.fire_on, lambda thread, _: record.join(thread):
+    for thread in range(3): act(thread, record.TIMER)
+record.fire(record.TIMER), print(len(left))
+""", "3")])
+
+    def test_interpreter_end_in_the_midst_of_calls(self):
+        self.run_all([
+            (f"made = sonetrix.timeout(1, lambda: (entered.set(), time.sleep({seconds})))\n"
+             "fire()\n" + LATE_END,) for seconds in (1, 60)
+        ] + [
+            ("""
+def use():
+    try:
+        while True:
+            sonetrix.timeout(1, print), sonetrix.listKeyValue().append("a", 1).toDict(lambda entry: entered.set())
+    except RuntimeError as error:
+        print(error)
+user, _ = background(use), entered.wait()
+older.append(lambda: timed(user.join))
+""", "the interpreter is ending", "at once")])
+
+    def test_forked_children(self):
+        self.run_all([("""
+kept = sonetrix.timeout(1, len)
+made = sonetrix.timeout(1, lambda: (entered.set(), leave.wait(60)))
+inside, dropping = fire(), background(globals().pop, "made")
+time.sleep(0.1)  # the removal worker is at it
+def drop_and_make():
+    timed(lambda: globals().pop("kept")), timed(lambda: sonetrix.timeout(1, inside.join))
+    print(len(record.calls("*delTimer")))  # for its own
+in_child(drop_and_make)
+leave.set(), inside.join(), dropping.join()
+""", "at once", "at once", "1", "child 0")])
+
+
+if __name__ == "__main__":
+    unittest.main()
