@@ -30,12 +30,12 @@ build: setup ## Build the release preset
 	@cmake --build --preset release
 
 test: build ## Build and run all tests
-	@ctest --preset release
+	@ctest --preset release $(CTEST_ARGS)
 
 test-asan test-tsan: test-%: setup
 	@cmake --preset $* --log-level=NOTICE
 	@cmake --build --preset $*
-	@$(SAME_ADDRESSES) ctest --preset $*
+	@$(SAME_ADDRESSES) ctest --preset $* $(CTEST_ARGS)
 test-asan: ## Run all tests with the address, leak and undefined-behaviour sanitizers
 test-tsan: ## Run all tests with the thread sanitizer
 
@@ -52,7 +52,7 @@ coverage: setup ## Run all tests with the library's lines counted: build/coverag
 	@cmake --preset coverage --log-level=NOTICE
 	@cmake --build --preset coverage
 	@find build/coverage -name '*.gcda' -delete
-	@ctest --preset coverage
+	@ctest --preset coverage $(CTEST_ARGS)
 	@mkdir -p build/coverage/report
 	@cd build/coverage && gcovr --root ../.. --filter ../../interface/ --filter ../../src/ --exclude-throw-branches \
 		--html-details report/index.html --txt - --print-summary --fail-under-line 95 .

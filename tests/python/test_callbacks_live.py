@@ -48,7 +48,7 @@ assert values == sorted(set(values)) and len(values) < 1000, values  # gathered,
 """)
 
     def test_churn(self):
-        self.run_live(live.CHURN + f"churn({float(os.environ.get('SONETRIX_CHURN_SECONDS', 4))})")
+        self.run_live("log.setLevel(log.ERROR)\n" + live.CHURN + f"churn({float(os.environ.get('SONETRIX_CHURN_SECONDS', 4))})")
 
 
 # Ends in the way that the first argument names, with registrations alive in globals, in cycles and in threads.

@@ -138,6 +138,7 @@ for line, word in 5 * [("engine.link('", "")] + [("engine.link('module99", "modu
 
         self.on_both_engines(check)
 
+    @unittest.skipIf(SANITIZER, "what is typed before the prompt is back, the terminal echoes: too much of it here")
     def test_output_while_typing(self):
         """A timer, the log, a thread and a person, all at the same time."""
         setup = ("import threading\rgo = True; typed = []; noted = iter(range(10**6))\r"
