@@ -12,6 +12,7 @@ import json
 import os
 import pathlib
 import pty
+import statistics
 import subprocess
 import sys
 import tempfile
@@ -180,7 +181,8 @@ def notify():
     yield Row("a notification of 10; floor with a new thread state for each", ours, new, 0.2)
     yield Row("a timer's call", *sampled((3, 4), 0.5, 200))
     ours, kept = sampled(range(2), 2, 20, True)
-    yield Row("a notification of 10 while a script computes", ours, kept, 1.2)
+    yield Row("a notification of 10 while a script computes, median", [statistics.median(ours)],
+              [statistics.median(kept)])
     yield Row("the same, 99th percentile", [percentile(ours, 0.99)], [percentile(kept, 0.99)])
     assert received == [10]
 

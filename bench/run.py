@@ -56,7 +56,7 @@ def by_name(rows):
 
 def shown(value, unit):
     if unit != "s":
-        return f"{value / 1000:,.0f} kB" if unit == "B" else f"{value:g}"
+        return f"{value / 1000:,.0f} kB"
     for name, size in (("s", 1), ("ms", 1e-3), ("us", 1e-6)):
         if value >= size:
             return f"{value / size:.3g} {name}"
@@ -75,11 +75,13 @@ def table_line(name, rows):
     first = rows[0]
     unit = first["unit"]
     def both(column):
+        if not unit:
+            return f"{sum(row[column][0] for row in rows)}"  # a count
         fastest, median = (shown(middle(rows, column, statistic), unit) for statistic in (0, 1))
         return fastest if len(rows) == 1 or fastest == median else f"{fastest} ({median})"
     line = [name, both("ours"), both("floor") if first["floor"] else "", "", "", "", ""]
     if first["floor"]:
-        if all(row["floor"][0] > 0 for row in rows):
+        if unit and all(row["floor"][0] > 0 for row in rows):
             ratios = [row["ours"][0] / row["floor"][0] for row in rows]
             line[3] = spread(ratios)
             if first["limit"]:
@@ -175,7 +177,8 @@ range. "over" marks one beyond its limit.
 
 The development engine on its clock driver, blocks of 64 frames at 48 kHz, {scheduling}. "Scripts at work": one that
 adds, links and deletes a module and writes a parameter as fast as it can, while a callable takes 1,000 meters and
-sleeps. Processing is what a block takes, lateness how long after its time it begins.
+sleeps. Processing is what a block takes, lateness how long after its time it begins, each as the median over the runs;
+xruns are their sum.
 """
 
 
@@ -196,7 +199,7 @@ def library_of(commit, build):
     """Builds the library of another commit, beside this build."""
     tree = build / f"compare-{output_of('git', 'rev-parse', '--short', commit)}"
     if not tree.exists():
-        subprocess.run(["git", "worktree", "add", "--quiet", "--detach", tree, commit], cwd=ROOT, check=True)
+        subprocess.run(["git", "worktree", "add", "--quiet", "--force", "--detach", tree, commit], cwd=ROOT, check=True)
     for command in (["cmake", "--preset", "release", "--log-level=NOTICE"],
                     ["cmake", "--build", "--preset", "release", "--target", "sonetrix"]):
         subprocess.run(command, cwd=tree, check=True, stdout=subprocess.DEVNULL)
