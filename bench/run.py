@@ -138,7 +138,7 @@ def conditions(processes, load_before):
     loads = " and ".join(f"{load:.1f}" for load in (load_before, os.getloadavg()[0]))
     return {"commit": commit + (" with changes" if changed else ""), "date": str(datetime.date.today()),
             "processor": processor(), "system": platform.release(), "python": platform.python_version(),
-            "processes": processes, "load": loads}
+            "processes": processes, "seconds": os.environ.get("SONETRIX_BENCH_SECONDS", "5"), "load": loads}
 
 
 PAGE = """# Performance
@@ -166,6 +166,7 @@ range. "over" marks one beyond its limit.
 - Reading a list asks for every element whether the thread holds the interpreter lock, since an engine may call from
   anywhere; the floor does not, but one that does stands in a row of its own. The private field of the thread state
   that would tell for less is not used.
+- `toDict()` collects all entries before it makes the dict; the floor is told how many there will be.
 - `getParam` is what `getParam` is documented to be, a call of `engine.getParams`, which looks at its keys through
   `toListType()`; the floor goes to the engine at once.
 - Making a registration looks at the callable's parameters; dropping it makes sure that no call is in progress. The
@@ -177,8 +178,8 @@ range. "over" marks one beyond its limit.
 
 The development engine on its clock driver, blocks of 64 frames at 48 kHz, {scheduling}. "Scripts at work": one that
 adds, links and deletes a module and writes a parameter as fast as it can, while a callable takes 1,000 meters and
-sleeps. Processing is what a block takes, lateness how long after its time it begins, each as the median over the runs;
-xruns are their sum.
+sleeps. Processing is what a block takes, lateness how long after its time it begins, each as the median over
+{processes} runs of {seconds} seconds; xruns are their sum.
 """
 
 
