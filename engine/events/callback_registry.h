@@ -24,7 +24,7 @@ public:
     void *add(Callback callback, void *user) {
         const auto registration = std::make_shared<Registration>(callback, user);
         const std::lock_guard lock(mutex_);
-        void *const handle = reinterpret_cast<void *>(++newestHandle);
+        void *const handle = reinterpret_cast<void *>(++newestHandle); // NOLINT(performance-no-int-to-ptr)
         registrations_.emplace(handle, registration);
         return handle;
     }

@@ -59,6 +59,7 @@ void visitRecord(const WiredModule &wired, const std::function<void(const sonetr
             sink.link = nameOf(*wired.inputs[i]).c_str();
     }
     std::vector<sonetrix_port_t *> pointers;
+    pointers.reserve(ports.size());
     for (sonetrix_port_t &port : ports)
         pointers.push_back(&port);
     sonetrix_module_t record{};

@@ -66,6 +66,7 @@ struct sonetrix_cListKeyValue : sonetrix::dev::RecordList<sonetrix::dev::KeyValu
 
     /// The newest entry of that key, or null; valid until the list is changed.
     [[nodiscard]] const sonetrix_value_t *find(std::string_view key) const noexcept {
+        // NOLINTNEXTLINE(modernize-loop-convert): from the newest on
         for (auto element = elements_.rbegin(); element != elements_.rend(); ++element)
             if (const Record &record = *element; key == record.key)
                 return &record.value;

@@ -342,9 +342,9 @@ void sonetrix_memory_rt_inspect(void); /* prints the real-time memory accounting
 /*
  * The record of the command-line module. The engine calls the constructor, `start`, `run` and `destroy` on one thread,
  * the console thread, which keeps the interpreter lock from construction on. `stop` may be called from any thread at
- * any time between construction and `destroy`; keeping it apart from `destroy` itself is the engine's duty. During `run`
- * it sends SIGINT to the console thread, once: engine functions that are called there must stand EINTR. During `start` it
- * sets the flag, and no more.
+ * any time between construction and `destroy`; keeping it apart from `destroy` itself is the engine's duty. During
+ * `run` it sends SIGINT to the console thread, once: engine functions that are called there must stand EINTR. During
+ * `start` it sets the flag, and no more.
  *
  * Engine threads end whenever they like, and may be joined before, between or after `run` and `destroy`: the end of one
  * that has called back takes no lock. When `destroy` has had to leave the interpreter as it is (the log says so), a

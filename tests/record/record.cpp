@@ -98,7 +98,7 @@ template <typename Items> std::string joined(const Items &items, const char *quo
 
 std::string Recorder::takeCalls(bool clear) {
     const std::lock_guard lock(mutex_);
-    const std::string text = joined(calls_, "");
+    std::string text = joined(calls_, "");
     if (clear)
         calls_.clear();
     return text;
@@ -111,7 +111,7 @@ void Recorder::violate(const std::string &what) {
 
 std::string Recorder::takeViolations() {
     const std::lock_guard lock(mutex_);
-    const std::string text = joined(violations_, "\"");
+    std::string text = joined(violations_, "\"");
     violations_.clear();
     return text;
 }

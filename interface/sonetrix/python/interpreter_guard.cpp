@@ -31,7 +31,8 @@ constinit std::atomic<KeptState *> endedThreads = nullptr;
 // For a thread without a state of its own; it has none afterwards, either. Clearing a state may run Python code, hence
 // the one that is made for it, and hence all are cleared before the first deletion takes the binding to that away.
 void disposeOfEndedThreads() noexcept {
-#ifndef Py_DEBUG // where disposing of another thread's state is an assertion; there they stay until finalisation
+// Debug builds from 3.12 on assert that no thread disposes of another's state: there they stay until finalisation.
+#if !defined(Py_DEBUG) || PY_VERSION_HEX < 0x030C0000
     if (endedThreads.load(std::memory_order_relaxed) == nullptr) {
         return;
     }
