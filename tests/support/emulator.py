@@ -1,5 +1,6 @@
 """A console with its screen, as a terminal emulator draws it for a person."""
 
+import itertools
 import os
 import re
 import select
@@ -21,6 +22,7 @@ class Screen(Console):
     def __init__(self, *arguments, terminal="xterm", columns=80, rows=24, environment=None, **options):
         self._screen = pyte.HistoryScreen(columns, rows, history=100_000, ratio=0.5)
         self._painter = pyte.ByteStream(self._screen)
+        self._scrolled = []
         environment = {"TERM": terminal, **(environment or {})}
         super().__init__(*arguments, columns=columns, rows=rows, environment=environment, **options)
 
@@ -31,8 +33,9 @@ class Screen(Console):
     def lines(self):
         """All lines, those that have left the screen first, without blanks at their ends."""
         columns = range(self._screen.columns)
-        scrolled = ("".join(row[column].data for column in columns) for row in self._screen.history.top)
-        lines = [*(line.rstrip() for line in scrolled), *self.shown()]
+        for row in itertools.islice(self._screen.history.top, len(self._scrolled), None):
+            self._scrolled.append("".join(row[column].data for column in columns).rstrip())
+        lines = [*self._scrolled, *self.shown()]
         while lines and not lines[-1]:
             lines.pop()
         return lines
@@ -46,6 +49,8 @@ class Screen(Console):
         while not (match := re.search(pattern, "\n".join(self.lines()), re.M)):
             if not self._read():
                 self._fail(f"output ended before {pattern!r}")
+            while select.select([self._terminal], [], [], 0)[0] and self._read():
+                pass
         return match
 
     def type(self, text, key_every=0.0):
