@@ -33,12 +33,16 @@ class Monitors(unittest.TestCase):
                 fcntl.ioctl(terminal._terminal, termios.TIOCSWINSZ, struct.pack("HHHH", LINES, COLUMNS, 0, 0))
                 for index in range(5):  # more than there are lines for
                     terminal.ask(f"engine.newModule('module_{index}', 'amp_mono', None)")
-                for call in (f"{monitor}()", "cpu(hold=True)" if monitor == "cpu" else "usageInfo()"):
+                for hasty, call in enumerate((f"{monitor}()", "cpu(hold=True)" if monitor == "cpu" else "usageInfo()")):
                     terminal.prompt()
                     terminal.send(call)
                     terminal.expect(re.escape(call) + "\n")
                     terminal.expect(FULL[monitor])
-                    terminal.write("\x03\x03")  # hastily
+                    if hasty:  # without the key: at its second press the terminal forgets what was just printed
+                        terminal.signal()
+                        terminal.signal()
+                    else:
+                        terminal.control("C")
                     self.check_drawn(terminal, monitor)
                     terminal.expect("KeyboardInterrupt\n")
                 terminal.send("engine.isRunning()")
