@@ -10,9 +10,6 @@ namespace sonetrix {
 
 namespace {
 
-InternedString signatureName("signature");
-InternedString parametersName("parameters");
-
 CallbackObject &self(PyObject *object) noexcept { return CallbackObject::of(object); }
 
 void drop(CallbackObject &object) noexcept {
@@ -111,8 +108,8 @@ void addCallbackClass(PyObject *module, Held place, const Method &constructor, n
 // ---------------------------------------------------------------------------------------------------- notifications
 
 void requireOneParameter(PyObject *callback) {
-    Ref signature = call(moduleGlobal(signatureName).get(), callback);
-    Ref parameters = attribute(signature.get(), parametersName);
+    Ref signature = call(moduleGlobal("signature"_id).get(), callback);
+    Ref parameters = attribute(signature.get(), "parameters"_id);
     if (checked(PyObject_Size(parameters.get())) != 1) {
         raise(PyExc_ValueError, "The callback must have only one parameter");
     }

@@ -8,15 +8,13 @@ namespace sonetrix {
 
 namespace {
 
-InternedString cpuInfoName("cpuInfo");
-
 constexpr double measurementAllowance = 0.00017; // seconds
 constexpr double millisecond = 0.001;
 
 // engine.cpuInfo(), unpacked into exactly six.
 std::array<Ref, 6> cpuFigures() {
     std::array<Ref, 6> figures;
-    Ref sequence = checked(PySequence_Fast(callEngine(cpuInfoName).get(), "cannot unpack non-iterable object"));
+    Ref sequence = checked(PySequence_Fast(callEngine("cpuInfo"_id).get(), "cannot unpack non-iterable object"));
     const Py_ssize_t count = PySequence_Fast_GET_SIZE(sequence.get());
     if (count > 6) {
         raise(PyExc_ValueError, "too many values to unpack (expected 6)");

@@ -1,7 +1,6 @@
 // engine: the processing graph as a Graphviz file.
 
 #include "engine.h"
-#include "info_keys.h"
 #include "python/gil.h"
 
 #include <algorithm>
@@ -10,21 +9,6 @@
 namespace sonetrix {
 
 namespace {
-
-InternedString hasDriverName("hasDriver");
-InternedString getModuleInfosName("getModuleInfos");
-InternedString writeLinesName("_writeLinesWithHeader");
-InternedString openName("open");
-InternedString writeName("write");
-InternedString enterName("__enter__");
-InternedString exitName("__exit__");
-InternedString decodeName("decode");
-InternedString basenameName("basename");
-InternedString pathName("path");
-InternedString utf8Name("utf-8");
-InternedString writeModeName("w");
-InternedString newlineName("\n");
-InternedString indentName("  ");
 
 // ------------------------------------------------------------------------------------------------------- templates
 
@@ -74,11 +58,11 @@ constexpr const char *driverColour = "#aaffff";
 
 // with open(filename, "w") as file: body(file)
 template <class Body> void withOpenFile(PyObject *filename, Body &&body) {
-    Ref manager = call(moduleGlobal(openName).get(), filename, writeModeName.get());
+    Ref manager = call(moduleGlobal("open"_id).get(), filename, "w"_id.get());
     const auto exit = [&manager](PyObject *type, PyObject *exception, PyObject *traceback) {
-        return callMethod(manager.get(), exitName, type, exception, traceback);
+        return callMethod(manager.get(), "__exit__"_id, type, exception, traceback);
     };
-    Ref file = callMethod(manager.get(), enterName);
+    Ref file = callMethod(manager.get(), "__enter__"_id);
     try {
         body(file.get());
     } catch (...) {
@@ -105,11 +89,11 @@ Ref writeLinesWithHeader(Arguments arguments) {
     if (!PyLong_CheckExact(lineHeaderCount)) {
         raiseArgumentType("lineHeaderCount", "int", lineHeaderCount);
     }
-    Ref header = checked(PyNumber_Multiply(indentName.get(), lineHeaderCount));
-    Ref pieces = checked(PyUnicode_Split(lines, newlineName.get(), -1));
+    Ref header = checked(PyNumber_Multiply("  "_id.get(), lineHeaderCount));
+    Ref pieces = checked(PyUnicode_Split(lines, "\n"_id.get(), -1));
     for (Py_ssize_t index = 0; index < PyList_GET_SIZE(pieces.get()); ++index) {
         PyObject *piece = PyList_GET_ITEM(pieces.get(), index);
-        callMethod(file, writeName, checked(PyUnicode_FromFormat("%U%U\n", header.get(), piece)).get());
+        callMethod(file, "write"_id, checked(PyUnicode_FromFormat("%U%U\n", header.get(), piece)).get());
     }
     return none();
 }
@@ -150,18 +134,18 @@ private:
     template <class... Values> void line(const char *format, Values... values) {
         Ref text = checked(PyUnicode_FromFormat(format, values...));
         Ref depth = checked(PyLong_FromSsize_t(depth_));
-        callEngine(writeLinesName, file_, text.get(), depth.get());
+        callEngine("_writeLinesWithHeader"_id, file_, text.get(), depth.get());
     }
 
     static bool has(PyObject *dict, const InternedString &key) {
         return checked(PySequence_Contains(dict, key.get())) != 0;
     }
-    static Ref decoded(const Ref &bytes) { return callMethod(bytes.get(), decodeName, utf8Name.get()); }
+    static Ref decoded(const Ref &bytes) { return callMethod(bytes.get(), "decode"_id, "utf-8"_id.get()); }
     static Py_ssize_t size(const Ref &sequence) { return checked(PySequence_Size(sequence.get())); }
 
     static bool isDriver(PyObject *info) {
         Ref driverType = checked(PyLong_FromLong(0));
-        return checked(PyObject_RichCompareBool(item(info, info_key::type).get(), driverType.get(), Py_EQ)) != 0;
+        return checked(PyObject_RichCompareBool(item(info, "type"_id).get(), driverType.get(), Py_EQ)) != 0;
     }
 
     static Ref shortened(const Ref &text) {
@@ -175,15 +159,15 @@ private:
     }
 
     static Ref moduleLabel(PyObject *info) {
-        Ref label = decoded(item(info, info_key::name));
-        if (has(info, info_key::library)) {
+        Ref label = decoded(item(info, "name"_id));
+        if (has(info, "library"_id)) {
             Ref os = checked(PyImport_ImportModule("os"));
-            Ref path = attribute(os.get(), pathName);
-            Ref base = callMethod(path.get(), basenameName, decoded(item(info, info_key::library)).get());
+            Ref path = attribute(os.get(), "path"_id);
+            Ref base = callMethod(path.get(), "basename"_id, decoded(item(info, "library"_id)).get());
             label = checked(PyUnicode_FromFormat("%S\n(%S)", label.get(), base.get()));
         }
-        if (has(info, info_key::configuration)) {
-            Ref text = shortened(checked(PyObject_Str(item(info, info_key::configuration).get())));
+        if (has(info, "configuration"_id)) {
+            Ref text = shortened(checked(PyObject_Str(item(info, "configuration"_id).get())));
             label = checked(PyUnicode_FromFormat("%S\n%U", label.get(), text.get()));
         }
         return label;
@@ -208,8 +192,8 @@ private:
         ++depth_;
         line(nodeHeader, moduleName.c_str(), colour);
         ++depth_;
-        const Ref sinks = group.sinks ? item(info, info_key::sink) : Ref();
-        const Ref sources = group.sources ? item(info, info_key::source) : Ref();
+        const Ref sinks = group.sinks ? item(info, "sink"_id) : Ref();
+        const Ref sources = group.sources ? item(info, "src"_id) : Ref();
         const Py_ssize_t sinkCount = sinks ? size(sinks) : 0;
         const Py_ssize_t sourceCount = sources ? size(sources) : 0;
         for (Py_ssize_t row = 0; row < std::max(sinkCount, sourceCount); ++row) {
@@ -231,7 +215,7 @@ private:
     }
 
     void writeCell(const char *format, const Ref &ports, Py_ssize_t row, Py_ssize_t module) {
-        Ref name = item(checked(PySequence_GetItem(ports.get(), row)).get(), info_key::name);
+        Ref name = item(checked(PySequence_GetItem(ports.get(), row)).get(), "name"_id);
         Ref record = checked(Py_BuildValue("(nn)", PyDict_GET_SIZE(ports_.get()), module));
         checked(PyDict_SetItem(ports_.get(), name.get(), record.get()));
         line(format, port(name).id, decoded(name).get());
@@ -244,7 +228,7 @@ private:
     }
 
     Port firstPort(const Ref &ports) const {
-        return port(item(checked(PySequence_GetItem(ports.get(), 0)).get(), info_key::name));
+        return port(item(checked(PySequence_GetItem(ports.get(), 0)).get(), "name"_id));
     }
 
     static const char *sourceSuffix(bool driver) noexcept { return driver ? "src" : "src_sink"; }
@@ -252,8 +236,8 @@ private:
 
     // An invisible edge from a module's sources to its sinks, which steers the layout.
     void writeLayoutEdge(PyObject *info, Py_ssize_t index, bool driver) {
-        const Ref sources = item(info, info_key::source);
-        const Ref sinks = item(info, info_key::sink);
+        const Ref sources = item(info, "src"_id);
+        const Ref sinks = item(info, "sink"_id);
         if (size(sources) == 0 || size(sinks) == 0) {
             return;
         }
@@ -262,14 +246,14 @@ private:
     }
 
     void writeLinks(PyObject *infos, PyObject *info, Py_ssize_t index) {
-        const Ref sinks = item(info, info_key::sink);
+        const Ref sinks = item(info, "sink"_id);
         for (Py_ssize_t row = 0; row < size(sinks); ++row) {
             const Ref sink = checked(PySequence_GetItem(sinks.get(), row));
-            if (!has(sink.get(), info_key::link)) {
+            if (!has(sink.get(), "link"_id)) {
                 continue;
             }
-            const Port to = port(item(sink.get(), info_key::name));
-            const Port from = port(item(sink.get(), info_key::link));
+            const Port to = port(item(sink.get(), "name"_id));
+            const Port from = port(item(sink.get(), "link"_id));
             const Ref feeding = checked(PySequence_GetItem(infos, from.module));
             line(linkEdge, from.module, sourceSuffix(isDriver(feeding.get())), from.id, index,
                 sinkSuffix(isDriver(info)), to.id);
@@ -284,10 +268,10 @@ private:
 Ref dot(Arguments arguments) {
     PyObject *filename = arguments[0];
     requireStr("filename", filename);
-    if (checked(PyObject_IsTrue(callEngine(hasDriverName).get())) == 0) {
+    if (checked(PyObject_IsTrue(callEngine("hasDriver"_id).get())) == 0) {
         raisePlain("dot is supported only if a driver is loaded");
     }
-    const Ref infos = callEngine(getModuleInfosName);
+    const Ref infos = callEngine("getModuleInfos"_id);
     withOpenFile(filename, [&infos](PyObject *file) { GraphWriter(file).write(infos.get()); });
     return none();
 }

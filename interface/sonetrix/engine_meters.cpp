@@ -13,10 +13,6 @@ namespace sonetrix {
 
 namespace {
 
-InternedString typeNameInt("int");
-InternedString typeNameUInt("uint");
-InternedString emptyName("");
-
 // The engine's read function, while this library is the engine's meter manager.
 std::atomic<sonetrix_readMeters_t> readMeters = nullptr;
 std::mutex managerMutex; // for becoming the manager and ceasing to be it; taken with the interpreter lock released
@@ -39,15 +35,15 @@ class MeterValue {
 public:
     MeterValue(PyObject *value, PyObject *type) {
         const Selector selector(type);
-        if (selector.isText(emptyName)) {
+        if (selector.isText(""_id)) {
             deduce(value);
-        } else if (selector.isText(typeNameUInt) || selector.isText(names::uint32)) {
+        } else if (selector.isText("uint"_id) || selector.isText("uint32"_id)) {
             require(PyLong_Check(value), value, type);
             sonetrix_valueInitUInt32(&value_, toUInt32(value));
-        } else if (selector.isText(typeNameInt) || selector.isText(names::int32)) {
+        } else if (selector.isText("int"_id) || selector.isText("int32"_id)) {
             require(PyLong_Check(value), value, type);
             sonetrix_valueInitInt32(&value_, toInt32(value));
-        } else if (selector.isText(names::float32)) {
+        } else if (selector.isText("float"_id)) {
             require(PyFloat_CheckExact(value), value, type);
             sonetrix_valueInitFloat(&value_, static_cast<float>(PyFloat_AS_DOUBLE(value)));
         } else {
@@ -87,7 +83,7 @@ Ref addDebugMeter(Arguments arguments) {
     const sonetrix_module_meters_type metersType = toMetersType(arguments[3]);
     sonetrix_engine_t *engine = requireEngine();
     const EngineText key = toKey(arguments[0], keyRefused);
-    const MeterValue value(arguments[1], arguments.get(2, emptyName.get()));
+    const MeterValue value(arguments[1], arguments.get(2, ""_id.get()));
     unlocked([&] { sonetrix_engine_addDebugMeter(engine, metersType, key.get(), value.get()); });
     return none();
 }
@@ -123,7 +119,7 @@ Ref filteredByPrefix(const Ref &meters, std::string_view prefix) {
 Ref getLastMeter(Arguments arguments) {
     const sonetrix_module_meters_type metersType = toMetersType(arguments[1]);
     sonetrix_engine_t *engine = requireEngine();
-    const EngineText text = toKey(arguments.get(0, emptyName.get()), inputRefused);
+    const EngineText text = toKey(arguments.get(0, ""_id.get()), inputRefused);
     const std::string_view key(text.get(), static_cast<std::size_t>(text.size()));
     const std::size_t stop = key.find('.');
     const std::string module(key.substr(0, stop));
@@ -169,7 +165,7 @@ Ref getMeters(Arguments arguments) {
     const std::int32_t number = toMetersNumber(arguments[1]);
     sonetrix_engine_t *engine = requireEngine("Engine not initialized");
     const sonetrix_readMeters_t read = becomeMeterManager(engine);
-    const EngineText module = toKey(arguments.get(0, emptyName.get()), inputRefused);
+    const EngineText module = toKey(arguments.get(0, ""_id.get()), inputRefused);
     const sonetrix_module_meters_type metersType = requireMetersType(number);
     return ListKeyValue::initOrEmpty(unlocked([&] { return read(engine, module.get(), metersType); }));
 }

@@ -1,7 +1,6 @@
 // engine: modules, ports and links.
 
 #include "engine.h"
-#include "info_keys.h"
 #include "list_key_value.h"
 #include "list_value.h"
 #include "log.h"
@@ -86,8 +85,8 @@ void set(const Ref &dict, const InternedString &key, const Ref &value) {
 
 Ref portRecord(const sonetrix_port_t &port) {
     Ref record = checked(PyDict_New());
-    set(record, info_key::name, checked(PyBytes_FromString(port.name)));
-    set(record, info_key::type, checked(PyLong_FromUnsignedLong(port.type)));
+    set(record, "name"_id, checked(PyBytes_FromString(port.name)));
+    set(record, "type"_id, checked(PyLong_FromUnsignedLong(port.type)));
     return record;
 }
 
@@ -105,7 +104,7 @@ Ref sinkRecords(const sonetrix_module_t &module) {
         const sonetrix_port_t &port = *module.sinks[index];
         Ref record = portRecord(port);
         if (port.link != nullptr) {
-            set(record, info_key::link, checked(PyBytes_FromString(port.link)));
+            set(record, "link"_id, checked(PyBytes_FromString(port.link)));
         }
         append(records.get(), record);
     }
@@ -132,8 +131,8 @@ void setStartParameters(const Ref &record, const sonetrix_module_t &module) {
     if (library == nullptr) {
         raisePlain("module without a library");
     }
-    set(record, info_key::library, checked(PyBytes_FromString(library)));
-    set(record, info_key::configuration, configurationDict);
+    set(record, "library"_id, checked(PyBytes_FromString(library)));
+    set(record, "configuration"_id, configurationDict);
 }
 
 Ref currentParameters(const sonetrix_module_t &module) {
@@ -150,16 +149,16 @@ Ref currentParameters(const sonetrix_module_t &module) {
 
 Ref moduleRecord(const sonetrix_module_t &module) {
     Ref record = checked(PyDict_New());
-    set(record, info_key::name, checked(PyBytes_FromString(module.name)));
-    set(record, info_key::type, checked(PyLong_FromUnsignedLong(module.type)));
+    set(record, "name"_id, checked(PyBytes_FromString(module.name)));
+    set(record, "type"_id, checked(PyLong_FromUnsignedLong(module.type)));
     if (unlocked([&] { return sonetrix_engine_DriverIsLoaded(module.reference); }) == 0) {
-        set(record, info_key::source, sourceRecords(module));
-        set(record, info_key::sink, sinkRecords(module));
+        set(record, "src"_id, sourceRecords(module));
+        set(record, "sink"_id, sinkRecords(module));
     }
     if (module.type == 1) {
         setStartParameters(record, module);
     }
-    set(record, info_key::param, currentParameters(module));
+    set(record, "param"_id, currentParameters(module));
     return record;
 }
 
@@ -228,9 +227,9 @@ Ref getUsageInfo() {
             continue;
         }
         Ref usage = checked(PyDict_New());
-        set(usage, info_key::absolute, checked(PyFloat_FromDouble(static_cast<double>(absolute))));
-        set(usage, info_key::relative, checked(PyFloat_FromDouble(static_cast<double>(relative))));
-        set(usage, info_key::processId, checked(PyLong_FromUnsignedLong(processId)));
+        set(usage, "absolute"_id, checked(PyFloat_FromDouble(static_cast<double>(absolute))));
+        set(usage, "relative"_id, checked(PyFloat_FromDouble(static_cast<double>(relative))));
+        set(usage, "processId"_id, checked(PyLong_FromUnsignedLong(processId)));
         checked(PyDict_SetItem(usages.get(), name.get(), usage.get()));
     }
     return usages;

@@ -9,9 +9,6 @@ namespace sonetrix {
 
 namespace {
 
-InternedString getParamsName("getParams");
-InternedString toListTypeName("toListType");
-
 // The keys of getParam's argument, as a listValue.
 Ref toKeyList(PyObject *keys) {
     Ref list = ListValue::newEmpty();
@@ -44,18 +41,18 @@ Ref toKeyList(PyObject *keys) {
 Ref getParam(Arguments arguments) {
     requireEngine();
     Ref keys = toKeyList(arguments[0]);
-    return callEngine(getParamsName, keys.get());
+    return callEngine("getParams"_id, keys.get());
 }
 
 // Refuses keys whose toListType() shows anything but strings; None has no such method.
 void requireStrings(PyObject *keys) {
     Ref elements =
-        ListValue::hasOriginalMethods(keys) ? toTypedList(ListValue::of(keys)) : callMethod(keys, toListTypeName);
+        ListValue::hasOriginalMethods(keys) ? toTypedList(ListValue::of(keys)) : callMethod(keys, "toListType"_id);
     Ref second = checked(PyLong_FromLong(1));
     Ref iterator = checked(PyObject_GetIter(elements.get()));
     while (Ref element = Ref::steal(PyIter_Next(iterator.get()))) {
         Ref type = checked(PyObject_GetItem(element.get(), second.get()));
-        if (checked(PyObject_RichCompareBool(type.get(), names::string.get(), Py_NE)) != 0) {
+        if (checked(PyObject_RichCompareBool(type.get(), "string"_id.get(), Py_NE)) != 0) {
             raisePlain("only string is accepted");
         }
     }

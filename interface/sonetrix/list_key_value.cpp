@@ -8,19 +8,13 @@ namespace sonetrix {
 
 namespace {
 
-InternedString appendName("append");
-InternedString filterName("filter");
-InternedString itemsName("items");
-InternedString toDictName("toDict");
-InternedString dupName("dup");
-
 // ------------------------------------------------------------------------------------------------------- writing
 
 class KeyValueTarget {
 public:
     // Unlike a value list's, whose names are "int32" and "uint32".
-    static inline const InternedString &int32ArrayName = names::intArray;
-    static inline const InternedString &uint32ArrayName = names::uintArray;
+    static inline const InternedString &int32ArrayName = "int"_id;
+    static inline const InternedString &uint32ArrayName = "uint"_id;
     static constexpr bool storesUInt32Arrays = true;
     static constexpr bool charPointerIsString = true;
     static constexpr const char *appendTupleName = "sonetrix.listKeyValue.appendTuple";
@@ -130,7 +124,7 @@ void callAppend(ListKeyValue &list, PyObject *key, PyObject *value, PyObject *se
     if (ListKeyValue::hasOriginalMethods(object)) {
         appendEntry(list, key, value, selector == nullptr ? Py_None : selector);
     } else {
-        callMethod(object, appendName, key, value, selector); // a null argument ends the arguments
+        callMethod(object, "append"_id, key, value, selector); // a null argument ends the arguments
     }
 }
 
@@ -143,15 +137,15 @@ Ref appendFromDict(ListKeyValue &list, Arguments arguments) {
 // The array types of typed dicts, and the selectors that their values are appended with. The integer ones are not
 // append()'s own selectors for arrays, so that such entries are refused there.
 struct ArrayType {
-    InternedString name;
+    const InternedString &name;
     const InternedString &selector;
     const char *notATuple;
 };
 
 const ArrayType arrayTypes[] = {
-    {InternedString("afloat"), names::float32, "afloat as to contain a tuple"},
-    {InternedString("aint32"), names::int32, "aint32 as to contain a tuple"},
-    {InternedString("auint32"), names::uint32, "auint32 as to contain a tuple"},
+    {"afloat"_id, "float"_id, "afloat as to contain a tuple"},
+    {"aint32"_id, "int32"_id, "aint32 as to contain a tuple"},
+    {"auint32"_id, "uint32"_id, "auint32 as to contain a tuple"},
 };
 
 void appendTyped(ListKeyValue &list, PyObject *key, PyObject *pair) {
@@ -224,8 +218,8 @@ Ref filtered(Ref dict, PyObject *callable) {
     if (callable == Py_None) {
         return dict;
     }
-    Ref items = callMethod(dict.get(), itemsName);
-    Ref kept = call(moduleGlobal(filterName).get(), callable, items.get());
+    Ref items = callMethod(dict.get(), "items"_id);
+    Ref kept = call(moduleGlobal("filter"_id).get(), callable, items.get());
     return call(reinterpret_cast<PyObject *>(&PyDict_Type), kept.get());
 }
 
@@ -288,12 +282,12 @@ Ref toDict(sonetrix_cListKeyValue_t *list) { return read(list, readPlain); }
 Ref toDictType(sonetrix_cListKeyValue_t *list) { return read(list, readTyped); }
 
 Ref borrowedToDict(sonetrix_cListKeyValue_t *list) {
-    return ListKeyValue::isOriginalClass() ? toDict(list) : callOnBorrowed(list, toDictName);
+    return ListKeyValue::isOriginalClass() ? toDict(list) : callOnBorrowed(list, "toDict"_id);
 }
 
 Ref borrowedDup(sonetrix_cListKeyValue_t *list) {
     return ListKeyValue::isOriginalClass() ? ListKeyValue::init(sonetrix_keyValueListDeepCopy(list))
-                                           : callOnBorrowed(list, dupName);
+                                           : callOnBorrowed(list, "dup"_id);
 }
 
 void appendFromTypedDict(ListKeyValue &target, PyObject *dict) {

@@ -10,8 +10,8 @@ namespace {
 
 class ValueTarget {
 public:
-    static inline const InternedString &int32ArrayName = names::int32;
-    static inline const InternedString &uint32ArrayName = names::uint32;
+    static inline const InternedString &int32ArrayName = "int32"_id;
+    static inline const InternedString &uint32ArrayName = "uint32"_id;
     static constexpr bool storesUInt32Arrays = false;
     static constexpr bool charPointerIsString = false;
     static constexpr const char *appendTupleName = "sonetrix.listValue.appendTuple";

@@ -9,12 +9,6 @@ namespace sonetrix {
 
 namespace {
 
-InternedString logName("log");
-InternedString logbName("logb");
-InternedString warnName("warn");
-InternedString tracebackName("traceback");
-InternedString formatExcName("format_exc");
-
 constexpr const char *levelType = "enum sonetrix_log_level";
 
 // ------------------------------------------------------------------------------------------------------- messages
@@ -50,7 +44,7 @@ Ref encoded(PyObject *message) {
 Ref log(Arguments arguments) {
     const sonetrix_log_level_t level = toUInt32(arguments[0], levelType);
     requireMessage(arguments[1], &PyUnicode_Type);
-    Ref write = attribute(moduleGlobal(logName).get(), logbName);
+    Ref write = attribute(moduleGlobal("log"_id).get(), "logb"_id);
     Ref text = encoded(arguments[1]);
     Ref number = checked(PyLong_FromUnsignedLong(level));
     call(write.get(), number.get(), text.get());
@@ -62,17 +56,17 @@ Ref log(Arguments arguments) {
 // look-ups would find is known.
 struct Level {
     const char *function;
-    InternedString constant;
+    const InternedString &constant;
     sonetrix_log_level_t value;
 };
 
 const Level levels[] = {
-    {"trace", InternedString("TRACE"), SONETRIX_LOG_TRACE},
-    {"debug", InternedString("DEBUG"), SONETRIX_LOG_DEBUG},
-    {"info", InternedString("INFO"), SONETRIX_LOG_INFO},
-    {"warn", InternedString("WARN"), SONETRIX_LOG_WARN},
-    {"error", InternedString("ERROR"), SONETRIX_LOG_ERROR},
-    {"fatal", InternedString("FATAL"), SONETRIX_LOG_FATAL},
+    {"trace", "TRACE"_id, SONETRIX_LOG_TRACE},
+    {"debug", "DEBUG"_id, SONETRIX_LOG_DEBUG},
+    {"info", "INFO"_id, SONETRIX_LOG_INFO},
+    {"warn", "WARN"_id, SONETRIX_LOG_WARN},
+    {"error", "ERROR"_id, SONETRIX_LOG_ERROR},
+    {"fatal", "FATAL"_id, SONETRIX_LOG_FATAL},
 };
 
 OriginalClass originalClass;
@@ -80,7 +74,7 @@ OriginalClass originalClass;
 // Whether `log` in the module is known to be the class as it was made.
 bool nothingReplaced() {
     PyObject *logClass = held(Held::logClass);
-    return PyDict_GetItemWithError(moduleNames(), logName.get()) == logClass &&
+    return PyDict_GetItemWithError(moduleNames(), "log"_id.get()) == logClass &&
            originalClass.isUnchanged(reinterpret_cast<PyTypeObject *>(logClass));
 }
 
@@ -90,8 +84,8 @@ template <std::size_t index> Ref logAtLevel(Arguments arguments) {
         logText(levels[index].value, EngineText::fromValue(arguments[0]).get());
         return none();
     }
-    const Ref logClass = moduleGlobal(logName);
-    Ref write = attribute(logClass.get(), logName);
+    const Ref logClass = moduleGlobal("log"_id);
+    Ref write = attribute(logClass.get(), "log"_id);
     Ref level = attribute(logClass.get(), levels[index].constant);
     call(write.get(), level.get(), arguments[0]);
     return none();
@@ -197,10 +191,10 @@ void warnWithTraceback(const char *prefix) {
     Ref text;
     {
         const HandledException handled(exception.get());
-        text = callMethod(moduleGlobal(tracebackName).get(), formatExcName);
+        text = callMethod(moduleGlobal("traceback"_id).get(), "format_exc"_id);
     }
     Ref message = checked(PyUnicode_FromFormat("%s%S", prefix, text.get()));
-    callMethod(moduleGlobal(logName).get(), warnName, message.get());
+    callMethod(moduleGlobal("log"_id).get(), "warn"_id, message.get());
 }
 
 void addLog(PyObject *module) {

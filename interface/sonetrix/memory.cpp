@@ -8,11 +8,9 @@ namespace sonetrix {
 
 namespace {
 
-InternedString printName("print");
-
 Ref inspect() {
     // Flushed: the engine prints past Python's buffer.
-    Ref print = moduleGlobal(printName);
+    Ref print = moduleGlobal("print"_id);
     Ref arguments = checked(Py_BuildValue("(s)", "RT Memory Inspect:"));
     Ref keywords = checked(Py_BuildValue("{sO}", "flush", Py_True));
     checked(PyObject_Call(print.get(), arguments.get(), keywords.get()));

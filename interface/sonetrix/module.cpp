@@ -15,13 +15,6 @@ namespace {
 bool importing = false;
 bool imported = false; // once and for all: the interpreter guard does not open again
 
-InternedString logName("log");
-InternedString debugName("debug");
-InternedString errorName("error");
-InternedString nameName("__name__");
-InternedString ctypesName("ctypes");
-InternedString initEngineName("initEngine");
-
 // exit(exitcode=None)
 Ref exitEngine(Arguments arguments) {
     sonetrix_engine_t *engine = unlocked(sonetrix_engineGet);
@@ -67,8 +60,8 @@ void runClearCallback(PyObject *callback) {
     }
     PyErr_Clear();
     Ref message = checked(PyUnicode_FromFormat(
-        "error while running clean callback registered from user: %S", attribute(callback, nameName).get()));
-    callMethod(moduleGlobal(logName).get(), errorName, message.get());
+        "error while running clean callback registered from user: %S", attribute(callback, "__name__"_id).get()));
+    callMethod(moduleGlobal("log"_id).get(), "error"_id, message.get());
 }
 
 void importAs(PyObject *module, const char *name) { bindInModule(module, name, checked(PyImport_ImportModule(name))); }
@@ -78,7 +71,7 @@ void importStandardModules(PyObject *module) {
     for (const char *name : {"time", "math", "ctypes", "traceback"}) {
         importAs(module, name);
     }
-    hold(Held::ctypes, moduleGlobal(ctypesName));
+    hold(Held::ctypes, moduleGlobal("ctypes"_id));
     Ref inspect = checked(PyImport_ImportModule("inspect"));
     bindInModule(module, "signature", checked(PyObject_GetAttrString(inspect.get(), "signature")));
     importAs(module, "typing");
@@ -154,7 +147,7 @@ int execute(PyObject *module) noexcept {
         addCpu(module);
         addUsageInfo(module);
 
-        callMethod(held(Held::engineClass), initEngineName);
+        callMethod(held(Held::engineClass), "initEngine"_id);
         installHooks();
     } catch (...) {
         translateException();
@@ -274,7 +267,7 @@ void clearPythonModule() noexcept {
     }
     try {
         Ref message = checked(PyUnicode_FromString("clearing sonetrix Python module"));
-        callMethod(moduleGlobal(logName).get(), debugName, message.get());
+        callMethod(moduleGlobal("log"_id).get(), "debug"_id, message.get());
         // By index: a callback may register another one.
         for (Py_ssize_t index = 0; index < PyList_GET_SIZE(callbacks.get()); ++index) {
             runClearCallback(Ref::borrow(PyList_GET_ITEM(callbacks.get(), index)).get());

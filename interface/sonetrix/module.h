@@ -69,6 +69,10 @@ Ref moduleGlobal(const InternedString &name);
 inline Ref attribute(PyObject *object, const InternedString &name) {
     return checked(hangingAtFinalisation([&] { return PyObject_GetAttr(object, name.get()); }));
 }
+// object[key]
+inline Ref item(PyObject *object, const InternedString &key) {
+    return checked(hangingAtFinalisation([&] { return PyObject_GetItem(object, key.get()); }));
+}
 template <class... Args> Ref call(PyObject *callable, Args *...args) {
     return checked(hangingAtFinalisation([&] { return PyObject_CallFunctionObjArgs(callable, args..., nullptr); }));
 }

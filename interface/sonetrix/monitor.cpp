@@ -6,15 +6,6 @@ namespace sonetrix {
 
 namespace {
 
-InternedString printName("print");
-InternedString isRunningName("isRunning");
-InternedString timeName("time");
-InternedString sleepName("sleep");
-InternedString osName("os");
-InternedString getTerminalSizeName("get_terminal_size");
-InternedString columnsName("columns");
-InternedString linesName("lines");
-
 constexpr const char *hideCursor = "\x1b[?25l";
 constexpr const char *showCursor = "\x1b[?25h";
 
@@ -30,7 +21,7 @@ void printSequence(const char *sequence, const char *end) {
     }
 }
 
-Ref rawTerminalSize() { return callMethod(moduleGlobal(osName).get(), getTerminalSizeName); }
+Ref rawTerminalSize() { return callMethod(moduleGlobal("os"_id).get(), "get_terminal_size"_id); }
 
 Py_ssize_t dimension(const Ref &size, const InternedString &name) {
     const Py_ssize_t value = PyNumber_AsSsize_t(attribute(size.get(), name).get(), PyExc_OverflowError);
@@ -62,11 +53,11 @@ void HiddenCursor::show() {
     hidden_ = false;
 }
 
-bool engineIsRunning() { return checked(PyObject_IsTrue(callEngine(isRunningName).get())) != 0; }
+bool engineIsRunning() { return checked(PyObject_IsTrue(callEngine("isRunning"_id).get())) != 0; }
 
 void sleepATenth() {
     Ref seconds = checked(PyFloat_FromDouble(0.1));
-    callMethod(moduleGlobal(timeName).get(), sleepName, seconds.get());
+    callMethod(moduleGlobal("time"_id).get(), "sleep"_id, seconds.get());
     // The sleep looks for signals only when one has cut it short, not when one came just before.
     checked(PyErr_CheckSignals());
 }
@@ -75,16 +66,16 @@ void print(PyObject *text, const char *end) {
     Ref arguments = checked(PyTuple_Pack(1, text));
     Ref keywords = checked(end == nullptr ? Py_BuildValue("{sO}", "flush", Py_True)
                                           : Py_BuildValue("{sssO}", "end", end, "flush", Py_True));
-    const Ref function = moduleGlobal(printName);
+    const Ref function = moduleGlobal("print"_id);
     checked(hangingAtFinalisation([&] { return PyObject_Call(function.get(), arguments.get(), keywords.get()); }));
 }
 
 TerminalSize terminalSize() {
     const Ref size = rawTerminalSize();
-    return {dimension(size, columnsName), dimension(size, linesName)};
+    return {dimension(size, "columns"_id), dimension(size, "lines"_id)};
 }
 
-Py_ssize_t terminalColumns() { return dimension(rawTerminalSize(), columnsName); }
+Py_ssize_t terminalColumns() { return dimension(rawTerminalSize(), "columns"_id); }
 
 Ref cut(const Ref &text, Py_ssize_t columns) {
     return columns > 0 ? checked(PyUnicode_Substring(text.get(), 0, columns)) : text;

@@ -1,6 +1,5 @@
 // usageInfo(): a live table of the modules' processing load.
 
-#include "info_keys.h"
 #include "monitor.h"
 
 #include <algorithm>
@@ -9,11 +8,6 @@
 namespace sonetrix {
 
 namespace {
-
-InternedString getUsageInfoName("getUsageInfo");
-InternedString decodeName("decode");
-InternedString utf8Name("utf-8");
-InternedString replaceName("replace");
 
 // A quotient that is 0 where there is nothing to divide by.
 double safediv(double dividend, double divisor) noexcept { return divisor == 0 ? 0 : dividend / divisor; }
@@ -27,19 +21,18 @@ struct Row {
 
 // engine.getUsageInfo() as rows, the busiest module first.
 std::vector<Row> usageRows() {
-    Ref usages = callEngine(getUsageInfoName);
+    Ref usages = callEngine("getUsageInfo"_id);
     std::vector<Row> rows;
     Ref names = checked(PyMapping_Keys(usages.get()));
     for (Py_ssize_t index = 0; index < PyList_GET_SIZE(names.get()); ++index) {
         PyObject *name = PyList_GET_ITEM(names.get(), index);
         const Ref usage = checked(PyObject_GetItem(usages.get(), name));
-        const long processId = PyLong_AsLong(item(usage.get(), info_key::processId).get());
+        const long processId = PyLong_AsLong(item(usage.get(), "processId"_id).get());
         if (processId == -1 && PyErr_Occurred() != nullptr) {
             throw PythonError();
         }
-        rows.push_back({callMethod(name, decodeName, utf8Name.get(), replaceName.get()), processId,
-            toDouble(item(usage.get(), info_key::relative).get()),
-            toDouble(item(usage.get(), info_key::absolute).get())});
+        rows.push_back({callMethod(name, "decode"_id, "utf-8"_id.get(), "replace"_id.get()), processId,
+            toDouble(item(usage.get(), "relative"_id).get()), toDouble(item(usage.get(), "absolute"_id).get())});
     }
     std::stable_sort(rows.begin(), rows.end(), [](const Row &a, const Row &b) { return a.absolute > b.absolute; });
     return rows;

@@ -4,35 +4,15 @@
 
 namespace sonetrix {
 
-namespace names {
-InternedString cInt32("c_int32");
-InternedString cUInt32("c_uint32");
-InternedString cFloat("c_float");
-InternedString cDouble("c_double");
-InternedString cCharP("c_char_p");
-InternedString int32("int32");
-InternedString uint32("uint32");
-InternedString float32("float");
-InternedString float64("double");
-InternedString string("string");
-InternedString intArray("int");
-InternedString uintArray("uint");
-} // namespace names
-
 namespace {
 
 constexpr const char *notAccepted = "value type not accepted";
 
-InternedString ctypesName("ctypes");
-InternedString auint32("auint32");
-InternedString aint32("aint32");
-InternedString afloat("afloat");
-
 // ------------------------------------------------------------------------------------------------ engine -> Python
 
 PyObject *typeName(const sonetrix_value_t &value) noexcept {
-    static const std::array<const InternedString *, 8> typeNames = {&names::uint32, &names::int32, &names::float32,
-        &names::string, &auint32, &aint32, &afloat, &names::float64}; // by type code
+    static const std::array<const InternedString *, 8> typeNames = {&"uint32"_id, &"int32"_id, &"float"_id,
+        &"string"_id, &"auint32"_id, &"aint32"_id, &"afloat"_id, &"double"_id}; // by type code
     return typeNames[value.type]->get();
 }
 
@@ -208,7 +188,7 @@ bool Selector::isText(const InternedString &text) const {
 }
 
 bool Selector::isCtypes(const InternedString &className) const {
-    const Ref ctypes = moduleGlobal(ctypesName);
+    const Ref ctypes = moduleGlobal("ctypes"_id);
     // None and a text equal none of the classes: with the module as it was imported they need no comparison. At the
     // interpreter's end there is None in its place, and finalizers may still write to lists.
     const bool isOriginal = ctypes.get() == heldOrNull(Held::ctypes) || ctypes.get() == Py_None;

@@ -65,21 +65,6 @@ private:
     PyObject *object_;
 };
 
-namespace names {
-extern InternedString cInt32;
-extern InternedString cUInt32;
-extern InternedString cFloat;
-extern InternedString cDouble;
-extern InternedString cCharP;
-extern InternedString int32;
-extern InternedString uint32;
-extern InternedString float32;
-extern InternedString float64;
-extern InternedString string;
-extern InternedString intArray;
-extern InternedString uintArray;
-} // namespace names
-
 struct Free {
     void operator()(void *memory) const noexcept { std::free(memory); }
 };
@@ -101,17 +86,17 @@ template <class Target> bool appendTuple(const Target &target, PyObject *tuple, 
         return array != nullptr;
     };
     try {
-        if (selector.isCtypes(names::cInt32) || selector.isText(Target::int32ArrayName)) {
+        if (selector.isCtypes("c_int32"_id) || selector.isText(Target::int32ArrayName)) {
             return store(tupleToInt32(tuple));
         }
-        if (selector.isCtypes(names::cUInt32) || selector.isText(Target::uint32ArrayName)) {
+        if (selector.isCtypes("c_uint32"_id) || selector.isText(Target::uint32ArrayName)) {
             const auto array = tupleToUInt32(tuple);
             if constexpr (Target::storesUInt32Arrays) {
                 return store(array);
             }
             return false;
         }
-        if (selector.isCtypes(names::cFloat) || selector.isText(names::float32)) {
+        if (selector.isCtypes("c_float"_id) || selector.isText("float"_id)) {
             return store(tupleToFloat(tuple));
         }
         if (selector.isNone()) {
@@ -133,22 +118,22 @@ template <class Target> bool appendTuple(const Target &target, PyObject *tuple, 
 template <class Target> void appendValue(const Target &target, PyObject *value, const Selector &selector) {
     if (PyUnicode_Check(value) || PyBytes_Check(value)) {
         const EngineText text = EngineText::fromValue(value);
-        if (selector.isNone() || (Target::charPointerIsString && selector.isCtypes(names::cCharP)) ||
-            selector.isText(names::string)) {
+        if (selector.isNone() || (Target::charPointerIsString && selector.isCtypes("c_char_p"_id)) ||
+            selector.isText("string"_id)) {
             return target.add(text.get());
         }
     } else if (PyLong_Check(value)) {
-        if (selector.isNone() || selector.isCtypes(names::cInt32) || selector.isText(names::int32)) {
+        if (selector.isNone() || selector.isCtypes("c_int32"_id) || selector.isText("int32"_id)) {
             return target.add(toInt32(value));
         }
-        if (selector.isCtypes(names::cUInt32) || selector.isText(names::uint32)) {
+        if (selector.isCtypes("c_uint32"_id) || selector.isText("uint32"_id)) {
             return target.add(toUInt32(value));
         }
     } else if (PyFloat_Check(value)) {
-        if (selector.isNone() || selector.isCtypes(names::cFloat) || selector.isText(names::float32)) {
+        if (selector.isNone() || selector.isCtypes("c_float"_id) || selector.isText("float"_id)) {
             return target.add(static_cast<float>(PyFloat_AS_DOUBLE(value)));
         }
-        if (selector.isCtypes(names::cDouble) || selector.isText(names::float64)) {
+        if (selector.isCtypes("c_double"_id) || selector.isText("double"_id)) {
             return target.add(PyFloat_AS_DOUBLE(value));
         }
     } else if (PyTuple_Check(value)) {
