@@ -161,6 +161,7 @@ for line, word in 5 * [("engine.link('", "")] + [("engine.link('module99", "modu
                 screen.wait_for(r"^\(66, 'end'\)$")
                 lines = screen.lines()
                 lines = lines[max(index for index, line in enumerate(lines) if line == "thread 9"):]
+                self.assertEqual([line for line in lines if line.count("engine>") > 1], [])
                 # Each whole, and none missing. What is typed before the prompt is there, the terminal itself echoes.
                 for word in ("thread", "tick") if program == ENGINE else ("thread",):
                     found = (re.fullmatch(rf"[typed.]{{0,4}}{word} (\d+)", line) for line in lines)

@@ -46,23 +46,29 @@ char *newLine(const char *text, std::size_t size) noexcept {
 
 // Called without the interpreter lock.
 char *readLine(std::FILE *input, std::FILE *output, const char *prompt) noexcept {
+    // Its two ends run signal handlers, and some draw on the terminal what a line that is being read needs: so they
+    // are not within what the hook is told to be a read.
     std::optional<StopRequest::PromptRead> ownPrompt;
     {
         const GilHeld gil;
-        callLineHook(prompt, nullptr);
-        if (PyErr_Occurred() != nullptr) {
+        if (PyErr_CheckSignals() != 0) {
             return nullptr;
         }
         if (PyEval_GetFrame() == nullptr) { // no Python code is running: it is not input()'s, or pdb's
             ownPrompt.emplace();
+        }
+        callLineHook(prompt, nullptr);
+        if (PyErr_Occurred() != nullptr) {
+            ownPrompt.reset();
+            return nullptr;
         }
     }
     const bool reads = !ownPrompt || !StopRequest::instance().isRequested();
     char *line = reads ? interpretersReader(input, output, prompt) : nullptr;
     const GilHeld gil;
     const bool stopped = ownPrompt && StopRequest::instance().isRequested();
-    ownPrompt.reset();
     const Ref replacement = callLineHook(prompt, line == nullptr ? "" : line);
+    ownPrompt.reset();
     if (stopped) {
         PyErr_Clear();
         PyMem_RawFree(line);
