@@ -1,7 +1,5 @@
 #include "function.h"
 
-#include "annotated_function.h"
-
 #include <algorithm>
 #include <deque>
 #include <memory>
@@ -95,6 +93,26 @@ void requireComplete(const Method &method, std::size_t given, std::span<PyObject
     }
 }
 
+// A Python function of the same signature, with its annotations, that calls the builtin one.
+Ref annotated(const Ref &builtin, const Method &method) {
+    std::string arguments;
+    for (std::size_t index = 0; index < method.signature.size(); ++index) {
+        arguments.append(method.signature.name(index)).append(", ");
+    }
+    const std::string source = std::string("from __future__ import annotations\ndef ") + method.name +
+                               method.signature.text() + ": return builtin(" + arguments + ")\n";
+    Ref code = checked(Py_CompileString(source.c_str(), "<sonetrix>", Py_file_input));
+    Ref globals = checked(Py_BuildValue("{sssO}", "__name__", "sonetrix", "builtin", builtin.get()));
+    Ref locals = checked(PyDict_New());
+    checked(PyEval_EvalCode(code.get(), globals.get(), locals.get()));
+    Ref function = Ref::borrow(PyDict_GetItemString(locals.get(), method.name));
+    for (const char *name : {"__doc__", "__qualname__"}) {
+        const Ref value = checked(PyObject_GetAttrString(builtin.get(), name));
+        checked(PyObject_SetAttrString(function.get(), name, value.get()));
+    }
+    return function;
+}
+
 } // namespace
 
 std::string signatureLine(const Method &method, bool isMethod) {
@@ -118,7 +136,12 @@ Ref newFunction(const Method &method, PyObject *owner) {
         PyType_Check(owner) ? shortName(reinterpret_cast<PyTypeObject *>(owner)) : std::string_view();
     Ref moduleName = text("sonetrix");
     Ref function = checked(PyCFunction_NewEx(&newRecord(method, className, false).definition, owner, moduleName.get()));
-    return method.annotations == Annotations::yes ? annotated(std::move(function), method) : function;
+    if (method.annotations == Annotations::no) {
+        return function;
+    }
+    function = annotated(function, method);
+    auto *staticMethod = reinterpret_cast<PyObject *>(&PyStaticMethod_Type);
+    return PyType_Check(owner) ? checked(PyObject_CallOneArg(staticMethod, function.get())) : function;
 }
 
 void addMethods(PyTypeObject *type, std::span<const Method> methods) {

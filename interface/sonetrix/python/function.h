@@ -4,7 +4,7 @@
 // compile time for what the call needs (names, what is required) and at import for the docstring, where the interpreter
 // and inspect.signature() read it; so what they show is what the call does. In Python they are the interpreter's own
 // builtin functions and method descriptors: only for these exact types does it specialise calls. They have no place for
-// annotations; a line that asks for them gets a slower callable around its function (annotated_function.h).
+// annotations; a line that asks for them gets a Python function around its own.
 #pragma once
 
 #include "errors.h"
@@ -39,7 +39,7 @@ public:
         }
     }
 
-    constexpr std::string_view text() const noexcept { return text_; }
+    constexpr const char *text() const noexcept { return text_; }
     constexpr std::size_t size() const noexcept { return size_; }
     constexpr std::size_t required() const noexcept { return required_; }
     constexpr std::string_view name(std::size_t index) const noexcept { return names_[index]; }
