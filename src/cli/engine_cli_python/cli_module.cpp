@@ -24,24 +24,6 @@ struct sigaction savedSigint {};
 constexpr std::array otherSignals = {SIGPIPE, SIGXFSZ};
 std::array<struct sigaction, otherSignals.size()> savedOthers{};
 
-// Holds SIGINT back on this thread until the interpreter's handler is there: the default disposition, which makes the
-// interpreter install it, would end the process.
-class SigintBlocked {
-public:
-    SigintBlocked() noexcept {
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGINT);
-        pthread_sigmask(SIG_BLOCK, &signals, &previousMask_);
-    }
-    ~SigintBlocked() { pthread_sigmask(SIG_SETMASK, &previousMask_, nullptr); }
-    SigintBlocked(const SigintBlocked &) = delete;
-    SigintBlocked &operator=(const SigintBlocked &) = delete;
-
-private:
-    sigset_t previousMask_{};
-};
-
 void start(sonetrix_cliModule_t *module) {
     if (interpreterIsReady()) {
         setUpConsole(*module);
@@ -53,8 +35,8 @@ std::int32_t run(sonetrix_cliModule_t *module) {
         return consoleEnded;
     }
     const bool interactive = module->interactive != 0;
-    const UnblockedSignals unblocked =
-        module->sigintMode == 0 ? UnblockedSignals{SIGURG} : UnblockedSignals{SIGINT, SIGURG};
+    const SignalMask unblocked =
+        module->sigintMode == 0 ? SignalMask(SIG_UNBLOCK, {SIGURG}) : SignalMask(SIG_UNBLOCK, {SIGINT, SIGURG});
     const StopRequest::Run run(interactive);
     return interactive ? runConsole(*module) : runStandardInput();
 }
@@ -184,7 +166,9 @@ extern "C" sonetrix_cliModule_t *sonetrix_engineCliCostructor(sonetrix_cListKeyV
     if (registered) {
         saveSignals();
     }
-    const SigintBlocked blocked;
+    // Until the interpreter's handler is there: the default disposition, which makes the interpreter install it, would
+    // end the process.
+    const SignalMask blocked(SIG_BLOCK, {SIGINT});
     chooseMode(*module, registered);
     if (!registered) {
         log(SONETRIX_LOG_WARN, "could not extend in-built modules table");

@@ -3,6 +3,7 @@
 #include "line_reader.h"
 #include "python/gil.h"
 #include "statement.h"
+#include "stop_request.h"
 
 #include <algorithm>
 #include <array>
@@ -49,29 +50,13 @@ struct CloseFile {
 };
 using File = std::unique_ptr<std::FILE, CloseFile>;
 
-// Keeps SIGINT back but while waitForInput() waits, so that none is lost between a look and the wait.
-class SigintHeldBack {
-public:
-    SigintHeldBack() noexcept {
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGINT);
-        pthread_sigmask(SIG_BLOCK, &signals, &previousMask_);
-    }
-    ~SigintHeldBack() { pthread_sigmask(SIG_SETMASK, &previousMask_, nullptr); }
-    SigintHeldBack(const SigintHeldBack &) = delete;
-    SigintHeldBack &operator=(const SigintHeldBack &) = delete;
-
-    // With the interpreter lock released: a pipe may stay silent for long. False with errno EINTR for a signal.
-    bool waitForInput() const noexcept {
-        const GilReleased released;
-        pollfd input = {.fd = fileno(stdin), .events = POLLIN, .revents = 0};
-        return ppoll(&input, 1, nullptr, &previousMask_) >= 0;
-    }
-
-private:
-    sigset_t previousMask_{};
-};
+// With the interpreter lock released: a pipe may stay silent for long. Signals strike as `mask` says. False with errno
+// EINTR for one.
+bool waitForInput(const sigset_t &mask) noexcept {
+    const GilReleased released;
+    pollfd input = {.fd = fileno(stdin), .events = POLLIN, .revents = 0};
+    return ppoll(&input, 1, nullptr, &mask) >= 0;
+}
 
 // What the engine itself has read into the stream's buffer, but not used.
 void takeBuffered(std::FILE *script, std::span<char> part) noexcept {
@@ -93,10 +78,10 @@ File readStandardInput() noexcept {
     }
     std::array<char, 65536> part{};
     takeBuffered(script.get(), part);
-    const SigintHeldBack sigint;
+    const SignalMask blocked(SIG_BLOCK, {SIGINT}); // but in the wait: none is lost between a look and that
     ssize_t count = 1;
     while (count != 0) {
-        count = sigint.waitForInput() ? read(fileno(stdin), part.data(), part.size()) : -1;
+        count = waitForInput(blocked.previous()) ? read(fileno(stdin), part.data(), part.size()) : -1;
         if (count > 0) {
             std::fwrite(part.data(), 1, static_cast<std::size_t>(count), script.get());
         } else if (count < 0 && errno != EINTR && errno != EAGAIN) {

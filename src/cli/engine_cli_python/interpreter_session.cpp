@@ -59,28 +59,6 @@ PyStatus initialize() noexcept {
     return status;
 }
 
-// For "python.sigint" = 0: while this lives, the interpreter finds a SIGINT disposition that is not the default one,
-// and so leaves it alone.
-class SigintKept {
-public:
-    explicit SigintKept(bool keep) noexcept {
-        struct sigaction placeholder {};
-        placeholder.sa_handler = [](int) {};
-        kept_ = keep && sigaction(SIGINT, &placeholder, &action_) == 0;
-    }
-    ~SigintKept() {
-        if (kept_) {
-            sigaction(SIGINT, &action_, nullptr);
-        }
-    }
-    SigintKept(const SigintKept &) = delete;
-    SigintKept &operator=(const SigintKept &) = delete;
-
-private:
-    bool kept_ = false;
-    struct sigaction action_ {};
-};
-
 void runScriptFile(const char *path) noexcept {
     std::FILE *file = std::fopen(path, "re");
     if (file == nullptr) {
@@ -140,13 +118,18 @@ bool registerModule() noexcept {
 
 void startInterpreter(const sonetrix_cliModule_t &module) noexcept {
     makePythonSymbolsGlobal();
-    {
-        const SigintKept kept(module.sigintMode == 0);
-        const PyStatus status = initialize();
-        if (PyStatus_Exception(status) != 0) {
-            log(SONETRIX_LOG_WARN, "error init python");
-            return;
-        }
+    struct sigaction engines {};
+    sigaction(SIGINT, nullptr, &engines);
+    if (module.sigintMode == 0) {
+        signal(SIGINT, [](int) {}); // not the default disposition, so the interpreter leaves it alone
+    }
+    const PyStatus status = initialize();
+    if (module.sigintMode == 0) {
+        sigaction(SIGINT, &engines, nullptr);
+    }
+    if (PyStatus_Exception(status) != 0) {
+        log(SONETRIX_LOG_WARN, "error init python");
+        return;
     }
     ready = true;
     const GilHeld held;
@@ -163,9 +146,9 @@ void setUpConsole(sonetrix_cliModule_t &module) noexcept {
     if (module.interactive != 0) {
         PyOS_InterruptOccurred(); // forgets a Ctrl-C from before there was a console
     }
-    std::optional<UnblockedSignals> unblocked;
+    std::optional<SignalMask> unblocked;
     if (module.sigintMode != 0) {
-        unblocked.emplace({SIGINT});
+        unblocked.emplace(SIG_UNBLOCK, std::initializer_list<int>{SIGINT});
     }
     if (PyRun_SimpleString(promptScript) != 0) {
         log(SONETRIX_LOG_WARN, "problem settings python prompt");

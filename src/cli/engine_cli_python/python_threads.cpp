@@ -1,100 +1,62 @@
-// Rests on two of the module threading's own names: `_shutdown`, which finalisation calls, and in 3.11 and 3.12
-// `_shutdown_locks`, which it waits for.
-
 #include "python_threads.h"
 
 #include "host_log.h"
-#include "python/errors.h"
+#include "python/ref.h"
 
 namespace sonetrix::cli {
 
 namespace {
 
-constexpr double patience = 3.0; // seconds, before they are named in the log
-constexpr double limit = 15.0;
+// Rests on names of the module threading's own: `_shutdown`, which finalisation calls, and up to 3.12 the locks that it
+// waits for. On another thread it would wait for the main one's, too.
+constexpr const char *waitScript = R"(
+import sys
 
-PyObject *doNothing(PyObject *, PyObject *) noexcept { return Py_NewRef(Py_None); }
-PyMethodDef noShutdown = {"_shutdown", doNothing, METH_NOARGS, nullptr};
+def wait(threading):
+    shutdown, threading._shutdown = threading._shutdown, lambda: None
+    main = threading.main_thread()
+    if hasattr(threading, "_shutdown_locks"):
+        threading._shutdown_locks.discard(main._tstate_lock)
+    waiter = threading.Thread(target=shutdown, daemon=True)
+    waiter.start()
+    for seconds, left_behind in (3, False), (12, True):
+        waiter.join(seconds)
+        if not waiter.is_alive():
+            return
+        for thread in threading.enumerate():
+            if thread is not main and not thread.daemon:
+                report(str(thread.name).encode("utf-8", "backslashreplace"), left_behind)
 
-// Puts a function that does nothing in the place of threading._shutdown, which it returns.
-Ref takeShutdown(PyObject *threading) {
-    Ref shutdown = checked(PyObject_GetAttrString(threading, "_shutdown"));
-    Ref nothing = checked(PyCFunction_New(&noShutdown, nullptr));
-    checked(PyObject_SetAttrString(threading, "_shutdown", nothing.get()));
-    return shutdown;
-}
+try:
+    if "threading" in sys.modules:
+        wait(sys.modules["threading"])
+except KeyboardInterrupt:
+    pass
+)";
 
-// On another thread, the wait would be for the main one, too.
-void leaveOut(PyObject *mainThread, PyObject *threading) {
-    Ref locks = Ref::steal(PyObject_GetAttrString(threading, "_shutdown_locks"));
-    if (!locks) {
-        PyErr_Clear();
-        return;
+PyObject *report(PyObject *, PyObject *arguments) noexcept {
+    PyObject *name = nullptr;
+    int leftBehind = 0;
+    if (PyArg_ParseTuple(arguments, "Sp", &name, &leftBehind) == 0) {
+        return nullptr;
     }
-    Ref mainLock = checked(PyObject_GetAttrString(mainThread, "_tstate_lock"));
-    checked(PyObject_CallMethod(locks.get(), "discard", "O", mainLock.get()));
-}
-
-// Calls the function on a daemon thread, which it gives.
-Ref callOnThread(PyObject *threading, const Ref &function) {
-    Ref threadClass = checked(PyObject_GetAttrString(threading, "Thread"));
-    Ref arguments = checked(PyTuple_New(0));
-    Ref keywords = checked(Py_BuildValue("{sOsO}", "target", function.get(), "daemon", Py_True));
-    Ref thread = checked(PyObject_Call(threadClass.get(), arguments.get(), keywords.get()));
-    checked(PyObject_CallMethod(thread.get(), "start", nullptr));
-    return thread;
-}
-
-// Whether the thread ended in time, or Ctrl-C cut the wait short.
-bool join(const Ref &thread, double seconds) {
-    if (!Ref::steal(PyObject_CallMethod(thread.get(), "join", "d", seconds))) {
-        PyErr_Clear();
-        return true;
+    if (leftBehind == 0) {
+        log(SONETRIX_LOG_WARN, "waiting for python thread '%s'", PyBytes_AS_STRING(name));
+    } else {
+        log(SONETRIX_LOG_ERROR, "python thread '%s' is still running and is left behind", PyBytes_AS_STRING(name));
     }
-    Ref alive = checked(PyObject_CallMethod(thread.get(), "is_alive", nullptr));
-    return checked(PyObject_IsTrue(alive.get())) == 0;
+    return Py_NewRef(Py_None);
 }
 
-void nameThreads(sonetrix_log_level_t level, const LogFormat &format, PyObject *threading, PyObject *mainThread) {
-    Ref threads = checked(PyObject_CallMethod(threading, "enumerate", nullptr));
-    threads = checked(PySequence_List(threads.get())); // a script may have replaced the function
-    for (Py_ssize_t index = 0; index < PyList_GET_SIZE(threads.get()); ++index) {
-        PyObject *thread = PyList_GET_ITEM(threads.get(), index);
-        Ref daemon = checked(PyObject_GetAttrString(thread, "daemon"));
-        if (thread != mainThread && checked(PyObject_IsTrue(daemon.get())) == 0) {
-            Ref name = checked(PyObject_Str(checked(PyObject_GetAttrString(thread, "name")).get()));
-            const Ref text = checked(PyUnicode_AsEncodedString(name.get(), "utf-8", "backslashreplace"));
-            log(level, format, PyBytes_AS_STRING(text.get()));
-        }
-    }
-}
+PyMethodDef reportMethod = {"report", report, METH_VARARGS, nullptr};
 
 } // namespace
 
 void waitForPythonThreads() noexcept {
-    const Ref threading = Ref::borrow(PyDict_GetItemString(PyImport_GetModuleDict(), "threading"));
-    if (!threading) {
-        return;
-    }
-    try {
-        const Ref shutdown = takeShutdown(threading.get());
-        const Ref mainThread = checked(PyObject_CallMethod(threading.get(), "main_thread", nullptr));
-        leaveOut(mainThread.get(), threading.get());
-        const Ref waiter = callOnThread(threading.get(), shutdown);
-        if (join(waiter, patience)) {
-            return;
-        }
-        nameThreads(SONETRIX_LOG_WARN, "waiting for python thread '%s'", threading.get(), mainThread.get());
-        if (!join(waiter, limit - patience)) {
-            nameThreads(SONETRIX_LOG_ERROR, "python thread '%s' is still running and is left behind", threading.get(),
-                mainThread.get());
-        }
-    } catch (const PythonError &) {
-        if (PyErr_ExceptionMatches(PyExc_KeyboardInterrupt) != 0) {
-            PyErr_Clear();
-        } else {
-            PyErr_Print();
-        }
+    const Ref function = Ref::steal(PyCFunction_New(&reportMethod, nullptr));
+    const Ref names = Ref::steal(function ? Py_BuildValue("{sO}", "report", function.get()) : nullptr);
+    if (!names || !Ref::steal(PyRun_String(waitScript, Py_file_input, names.get(), names.get()))) {
+        PyErr_Print();
     }
 }
 

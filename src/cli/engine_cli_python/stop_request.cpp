@@ -39,16 +39,16 @@ Ref setWakeHandler(PyObject *handler) noexcept {
 
 } // namespace
 
-UnblockedSignals::UnblockedSignals(std::initializer_list<int> signals) noexcept {
+SignalMask::SignalMask(int how, std::initializer_list<int> signals) noexcept {
     sigset_t set;
     sigemptyset(&set);
     for (const int signal : signals) {
         sigaddset(&set, signal);
     }
-    pthread_sigmask(SIG_UNBLOCK, &set, &previousMask_);
+    pthread_sigmask(how, &set, &previous_);
 }
 
-UnblockedSignals::~UnblockedSignals() { pthread_sigmask(SIG_SETMASK, &previousMask_, nullptr); }
+SignalMask::~SignalMask() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
 
 StopRequest &StopRequest::instance() noexcept {
     static StopRequest request;

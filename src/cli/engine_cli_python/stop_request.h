@@ -19,16 +19,19 @@
 
 namespace sonetrix::cli {
 
-// Lets signals reach the calling thread, whatever mask the engine gave it.
-class UnblockedSignals {
+// Blocks signals on the calling thread (SIG_BLOCK), or lets them reach it (SIG_UNBLOCK), whatever mask the engine gave
+// it, for as long as this lives.
+class SignalMask {
 public:
-    UnblockedSignals(std::initializer_list<int> signals) noexcept;
-    ~UnblockedSignals();
-    UnblockedSignals(const UnblockedSignals &) = delete;
-    UnblockedSignals &operator=(const UnblockedSignals &) = delete;
+    SignalMask(int how, std::initializer_list<int> signals) noexcept;
+    ~SignalMask();
+    SignalMask(const SignalMask &) = delete;
+    SignalMask &operator=(const SignalMask &) = delete;
+
+    const sigset_t &previous() const noexcept { return previous_; }
 
 private:
-    sigset_t previousMask_{};
+    sigset_t previous_{};
 };
 
 // There is one interpreter and so one console per process. All but send() is for the console thread.
