@@ -367,7 +367,7 @@ for callback in (partial(print, "first"), partial(int, "x"), partial(print, "nev
 """)
         self.assertEqual(report.result.stdout, "first\n")
         self.assertRegex(report.result.stderr, "^Exception ignored in: 'sonetrix.clear_python_sonetrix'\n(.*\n)*"
-                         "AttributeError: 'functools.partial' object has no attribute '__name__'\n$")
+                         "AttributeError: 'functools.partial' object has no attribute '__name__'.*\n$")
         result = programs.run_script("""
 import os, signal, time
 def first():

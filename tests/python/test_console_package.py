@@ -127,7 +127,7 @@ for line, word in 5 * [("engine.link('", "")] + [("engine.link('module99", "modu
             screen.type(f"\x1b[200~{BLOCK}1 / 0\n\x1b[201~")
             screen.wait_for("^1 / 0$")
             screen.type("\r")
-            screen.wait_for('^8\n42\nTraceback .*\n  File "<pasted 1>", line 8, in <module>\n(    .*\n)*Zero')
+            screen.wait_for('^8\n42\nTraceback .*\n  File "<pasted 1>", line 8, in <module>\n(    .*\n)*Zero.*\nengine>$')
             screen.type("\x1b[A")  # one entry of the history
             screen.wait_for(r"^engine> def twice\(x\):\n    y = 2 \* x\n\n    return y")
             screen.type("\x03")
