@@ -1,5 +1,5 @@
-// Who may enter Python, and until when: the interpreter guard. (The terms are PEP 788's. CPython 3.15 has such guards of
-// its own; it waits for them without limit, so that a callable that never returns would keep the process from ending.)
+// Who may enter Python, and until when: the interpreter guard. (The terms are PEP 788's. CPython 3.15 has such guards
+// itself; it waits for them without limit, so that a callable that never returns would keep the process from ending.)
 //
 //   engine threads     An engine thread that asked for the interpreter lock during finalisation would be unwound or
 //                      blocked by the interpreter, and after finalisation it would crash. So each entry is counted in
