@@ -12,11 +12,10 @@
 #include "python/types.h"
 #include "value.h"
 
-#include <cstddef>
+#include <algorithm>
 #include <memory>
 #include <new>
 #include <optional>
-#include <vector>
 
 namespace sonetrix {
 
@@ -28,6 +27,7 @@ template <class Traits> struct ListObject {
 
     PyObject_HEAD;
     std::shared_ptr<List> list; // null until something is stored; never null again after that
+    Py_ssize_t expected;        // elements: so many were added since the last reading, and read then
 
     // The engine list, to be written to.
     List *writable() {
@@ -35,6 +35,11 @@ template <class Traits> struct ListObject {
             list = own(list == nullptr ? Traits::create() : Traits::copy(list.get()));
         }
         return list.get();
+    }
+    // The same, for one more element.
+    List *growing() {
+        ++expected;
+        return writable();
     }
 
     static ListObject &of(PyObject *object) noexcept { return *reinterpret_cast<ListObject *>(object); }
@@ -99,13 +104,18 @@ template <class Traits> struct ListObject {
 
     // -------------------------------------------------------------------------------------------- shared methods
 
-    static Ref dup(ListObject &self) { return self.list == nullptr ? newEmpty() : init(Traits::copy(self.list.get())); }
+    static Ref dup(ListObject &self) {
+        Ref copy = self.list == nullptr ? newEmpty() : init(Traits::copy(self.list.get()));
+        of(copy).expected = self.expected;
+        return copy;
+    }
 
     static Ref merge(ListObject &self, Arguments arguments) {
         ListObject &other = require("other", arguments[0]);
         List *list = self.writable();
         if (&self != &other) { // a list merged with itself stays as it is
             Traits::merge(list, other.list == nullptr ? nullptr : other.writable());
+            self.expected += std::exchange(other.expected, 0);
         }
         return none();
     }
@@ -149,53 +159,17 @@ private:
     static inline OriginalClass original_;
 };
 
-// One reading of an engine list. The engine's for-each hands the callback the Python container as user data; what is
-// read for the container of a reading is collected there, so that the result can be made in its final size at once.
-// All of it is guarded by the interpreter lock.
-class ListReading {
-public:
-    explicit ListReading(Ref container) noexcept
-        : container_(std::move(container)), outer_(std::exchange(innermost_, this)), items_(std::move(spare_)) {}
-    ~ListReading();
-    ListReading(const ListReading &) = delete;
-    ListReading &operator=(const ListReading &) = delete;
+// Empty, with room for `expected` elements; but there may be far fewer of them, when keys recur or are removed again.
+constexpr Py_ssize_t mostRoom = 1 << 17;
+inline Ref newDict(Py_ssize_t expected) { return checked(_PyDict_NewPresized(std::min(expected, mostRoom))); }
+inline Ref newList(Py_ssize_t expected) {
+    Ref list = checked(PyList_New(std::min(expected, mostRoom)));
+    Py_SET_SIZE(reinterpret_cast<PyVarObject *>(list.get()), 0);
+    return list;
+}
 
-    PyObject *container() const noexcept { return container_.get(); }
-
-    // The reading that fills the container, or null.
-    static ListReading *of(const void *container) noexcept {
-        ListReading *reading = innermost_;
-        while (reading != nullptr && reading->container_.get() != container)
-            [[unlikely]] { reading = reading->outer_; }
-        return reading;
-    }
-
-    void add(Ref item) { items_.push_back(std::move(item)); }
-    void add(Ref key, Ref value) {
-        if (items_.capacity() - items_.size() < 2) {
-            items_.reserve(2 * items_.size() + 2); // both or none
-        }
-        items_.push_back(std::move(key));
-        items_.push_back(std::move(value));
-    }
-    std::size_t size() const noexcept { return items_.size(); }
-
-    // The list of all items, or the dict of all pairs of items.
-    Ref takeList();
-    Ref takeDict();
-
-private:
-    Ref container_;
-    ListReading *outer_; // a finalizer, or another thread, may read a list during a reading
-    std::vector<Ref> items_;
-
-    static inline constinit ListReading *innermost_ = nullptr;
-    // The memory of the last reading, for the next one.
-    static inline std::vector<Ref> spare_;
-};
-
-// The body of a read callback: stores one record by `store(record, reading, container)`; `reading` is null for a
-// container that no reading is for. The engine may call on any thread, with the interpreter lock held and without.
+// The body of a read callback: stores one record in the Python container that the engine was given as user data, by
+// `store(record, container)`. The engine may call on any thread, with the interpreter lock held and without.
 template <class Record, class Store> std::int32_t readRecord(const Record *record, void *user, Store &&store) noexcept {
     std::optional<EngineThreadEntry> entry;
     if (!holdsGil()) [[unlikely]] {
@@ -205,7 +179,7 @@ template <class Record, class Store> std::int32_t readRecord(const Record *recor
         }
     }
     try {
-        store(*record, ListReading::of(user), static_cast<PyObject *>(user));
+        store(*record, static_cast<PyObject *>(user));
         return 0;
     } catch (...) {
         // The element is left out of the result.
@@ -215,18 +189,14 @@ template <class Record, class Store> std::int32_t readRecord(const Record *recor
     }
 }
 
-// For the typed callbacks: whether the user data is the container that it should be; reported as unraisable if not.
-template <class Check> bool isContainer(PyObject *user, Check &&check, const char *expected, const char *reportName) {
-    if (check(user)) {
-        return true;
-    }
+// For the typed callbacks, when the user data is not the container that it should be: reported as unraisable.
+inline void reportContainer(PyObject *user, const char *expected, const char *reportName) noexcept {
     try {
         raiseExpected(expected, user);
     } catch (const PythonError &) {
         addTraceback(reportName);
         reportUnraisable(reportName);
     }
-    return false;
 }
 
 } // namespace sonetrix

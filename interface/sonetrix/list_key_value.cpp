@@ -8,6 +8,8 @@ namespace sonetrix {
 
 namespace {
 
+constexpr Py_ssize_t usualNotification = 10; // entries
+
 // ------------------------------------------------------------------------------------------------------- writing
 
 class KeyValueTarget {
@@ -21,19 +23,19 @@ public:
 
     KeyValueTarget(ListKeyValue &list, const char *key) noexcept : list_(list), key_(key) {}
 
-    void add(const char *text) const { sonetrix_keyValueListAddSS(list_.writable(), key_, text); }
-    void add(std::int32_t number) const { sonetrix_keyValueListAddSI32(list_.writable(), key_, number); }
-    void add(std::uint32_t number) const { sonetrix_keyValueListAddSU32(list_.writable(), key_, number); }
-    void add(float number) const { sonetrix_keyValueListAddSF(list_.writable(), key_, number); }
-    void add(double number) const { sonetrix_keyValueListAddSD(list_.writable(), key_, number); }
+    void add(const char *text) const { sonetrix_keyValueListAddSS(list_.growing(), key_, text); }
+    void add(std::int32_t number) const { sonetrix_keyValueListAddSI32(list_.growing(), key_, number); }
+    void add(std::uint32_t number) const { sonetrix_keyValueListAddSU32(list_.growing(), key_, number); }
+    void add(float number) const { sonetrix_keyValueListAddSF(list_.growing(), key_, number); }
+    void add(double number) const { sonetrix_keyValueListAddSD(list_.growing(), key_, number); }
     void add(const std::int32_t *elements, std::size_t count) const {
-        sonetrix_keyValueListAddSAi32(list_.writable(), key_, elements, count);
+        sonetrix_keyValueListAddSAi32(list_.growing(), key_, elements, count);
     }
     void add(const std::uint32_t *elements, std::size_t count) const {
-        sonetrix_keyValueListAddSAu32(list_.writable(), key_, elements, count);
+        sonetrix_keyValueListAddSAu32(list_.growing(), key_, elements, count);
     }
     void add(const float *elements, std::size_t count) const {
-        sonetrix_keyValueListAddSAfloat(list_.writable(), key_, elements, count);
+        sonetrix_keyValueListAddSAfloat(list_.growing(), key_, elements, count);
     }
 
 private:
@@ -170,38 +172,29 @@ Ref appendFromDictType(ListKeyValue &list, Arguments arguments) {
 
 // ------------------------------------------------------------------------------------------------------- reading
 
-[[gnu::always_inline]] inline void store(const char *key, Ref value, ListReading *reading, PyObject *container) {
-    if (reading != nullptr) {
-        reading->add(keyBytes(key, reading->size()), std::move(value));
-    } else {
-        checked(PyObject_SetItem(container, checked(PyBytes_FromString(key)).get(), value.get()));
-    }
-}
-
 std::int32_t readPlain(const sonetrix_keyValue_t *entry, void *user) {
-    return readRecord(entry, user, [](const sonetrix_keyValue_t &record, ListReading *reading, PyObject *container) {
-        store(record.key, toPython(record.value), reading, container);
+    return readRecord(entry, user, [](const sonetrix_keyValue_t &record, PyObject *container) {
+        const Ref value = toPython(record.value);
+        checked(PyDict_SetItem(container, keyBytes(record.key, container).get(), value.get()));
     });
 }
 
 std::int32_t readTyped(const sonetrix_keyValue_t *entry, void *user) {
-    return readRecord(entry, user, [](const sonetrix_keyValue_t &record, ListReading *reading, PyObject *container) {
-        constexpr const char *reportName = "sonetrix.listKeyValue.create_list_keyvalue_type_nogil";
-        const auto isDict = [](PyObject *object) { return PyDict_Check(object) != 0; };
-        if (reading != nullptr || isContainer(container, isDict, "dict", reportName)) {
-            store(record.key, toTypedPair(record.value), reading, container);
+    return readRecord(entry, user, [](const sonetrix_keyValue_t &record, PyObject *container) {
+        if (!PyDict_Check(container)) {
+            return reportContainer(container, "dict", "sonetrix.listKeyValue.create_list_keyvalue_type_nogil");
         }
+        const Ref value = toTypedPair(record.value);
+        checked(PyDict_SetItem(container, keyBytes(record.key, container).get(), value.get()));
     });
 }
 
-Ref read(sonetrix_cListKeyValue_t *list, sonetrix_keyValueCallback_t callback) {
-    Ref container = checked(PyDict_New());
-    if (list == nullptr) {
-        return container;
+Ref read(sonetrix_cListKeyValue_t *list, Py_ssize_t expected, sonetrix_keyValueCallback_t callback) {
+    Ref container = newDict(expected);
+    if (list != nullptr) {
+        sonetrix_keyValueListForEach(list, callback, container.get());
     }
-    ListReading reading(std::move(container));
-    sonetrix_keyValueListForEach(list, callback, reading.container());
-    return reading.takeDict();
+    return container;
 }
 
 // Calls a method of a temporary object that has the engine's list, which stays the engine's.
@@ -227,8 +220,9 @@ template <auto callback> Ref readObject(ListKeyValue &object, Arguments argument
     Ref dict;
     {
         const auto list = object.list; // shared until it is read, not while the callable runs
-        dict = read(list.get(), callback);
+        dict = read(list.get(), object.expected, callback);
     }
+    object.expected = PyDict_GET_SIZE(dict.get());
     return filtered(std::move(dict), arguments.get(0, Py_None));
 }
 
@@ -277,12 +271,12 @@ constexpr Method methods[] = {
 
 } // namespace
 
-Ref toDict(sonetrix_cListKeyValue_t *list) { return read(list, readPlain); }
+Ref toDict(sonetrix_cListKeyValue_t *list, Py_ssize_t expected) { return read(list, expected, readPlain); }
 
-Ref toDictType(sonetrix_cListKeyValue_t *list) { return read(list, readTyped); }
+Ref toDictType(sonetrix_cListKeyValue_t *list) { return read(list, 0, readTyped); }
 
 Ref borrowedToDict(sonetrix_cListKeyValue_t *list) {
-    return ListKeyValue::isOriginalClass() ? toDict(list) : callOnBorrowed(list, "toDict"_id);
+    return ListKeyValue::isOriginalClass() ? toDict(list, usualNotification) : callOnBorrowed(list, "toDict"_id);
 }
 
 Ref borrowedDup(sonetrix_cListKeyValue_t *list) {

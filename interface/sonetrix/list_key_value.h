@@ -21,7 +21,7 @@ struct KeyValueListTraits {
 using ListKeyValue = ListObject<KeyValueListTraits>;
 
 // An engine key/value list as a Python dict: what toDict() and toDictType() give. The engine keeps the list.
-Ref toDict(sonetrix_cListKeyValue_t *list);
+Ref toDict(sonetrix_cListKeyValue_t *list, Py_ssize_t expected = 0);
 Ref toDictType(sonetrix_cListKeyValue_t *list);
 // toDict() and dup() of a list that the engine lends, by the class's own methods if a script has replaced them.
 Ref borrowedToDict(sonetrix_cListKeyValue_t *list);

@@ -18,16 +18,16 @@ public:
 
     explicit ValueTarget(ListValue &list) : list_(list) { list.writable(); }
 
-    void add(const char *text) const { sonetrix_valueListAddS(list_.writable(), text); }
-    void add(std::int32_t number) const { sonetrix_valueListAddI32(list_.writable(), number); }
-    void add(std::uint32_t number) const { sonetrix_valueListAddU32(list_.writable(), number); }
-    void add(float number) const { sonetrix_valueListAddF(list_.writable(), number); }
-    void add(double number) const { sonetrix_valueListAddD(list_.writable(), number); }
+    void add(const char *text) const { sonetrix_valueListAddS(list_.growing(), text); }
+    void add(std::int32_t number) const { sonetrix_valueListAddI32(list_.growing(), number); }
+    void add(std::uint32_t number) const { sonetrix_valueListAddU32(list_.growing(), number); }
+    void add(float number) const { sonetrix_valueListAddF(list_.growing(), number); }
+    void add(double number) const { sonetrix_valueListAddD(list_.growing(), number); }
     void add(const std::int32_t *elements, std::size_t count) const {
-        sonetrix_valueListAddAi32(list_.writable(), elements, count);
+        sonetrix_valueListAddAi32(list_.growing(), elements, count);
     }
     void add(const float *elements, std::size_t count) const {
-        sonetrix_valueListAddAfloat(list_.writable(), elements, count);
+        sonetrix_valueListAddAfloat(list_.growing(), elements, count);
     }
 
 private:
@@ -41,43 +41,34 @@ Ref append(ListValue &self, Arguments arguments) {
 
 // ------------------------------------------------------------------------------------------------------- reading
 
-[[gnu::always_inline]] inline void store(Ref element, ListReading *reading, PyObject *container) {
-    if (reading != nullptr) {
-        reading->add(std::move(element));
-    } else {
-        checked(PyList_Append(container, element.get()));
-    }
-}
-
 std::int32_t readPlain(const sonetrix_value_t *value, void *user) {
-    return readRecord(value, user, [](const sonetrix_value_t &record, ListReading *reading, PyObject *container) {
-        store(toPython(record), reading, container);
+    return readRecord(value, user, [](const sonetrix_value_t &record, PyObject *container) {
+        checked(PyList_Append(container, toPython(record).get()));
     });
 }
 
 std::int32_t readTyped(const sonetrix_value_t *value, void *user) {
-    return readRecord(value, user, [](const sonetrix_value_t &record, ListReading *reading, PyObject *container) {
-        constexpr const char *reportName = "sonetrix.listValue.create_list_value_type_nogil";
-        const auto isList = [](PyObject *object) { return PyList_Check(object) != 0; };
-        if (reading != nullptr || isContainer(container, isList, "list", reportName)) {
-            store(toTypedElement(record), reading, container);
+    return readRecord(value, user, [](const sonetrix_value_t &record, PyObject *container) {
+        if (!PyList_Check(container)) {
+            return reportContainer(container, "list", "sonetrix.listValue.create_list_value_type_nogil");
         }
+        checked(PyList_Append(container, toTypedElement(record).get()));
     });
 }
 
-Ref read(sonetrix_cListValue_t *list, sonetrix_valueCallback_t callback) {
-    Ref container = checked(PyList_New(0));
-    if (list == nullptr) {
-        return container;
+Ref read(sonetrix_cListValue_t *list, Py_ssize_t expected, sonetrix_valueCallback_t callback) {
+    Ref container = newList(expected);
+    if (list != nullptr) {
+        sonetrix_valueListForEach(list, callback, container.get());
     }
-    ListReading reading(std::move(container));
-    sonetrix_valueListForEach(list, callback, reading.container());
-    return reading.takeList();
+    return container;
 }
 
 template <auto callback> Ref readObject(ListValue &object) {
     const auto list = object.list;
-    return read(list.get(), callback);
+    Ref result = read(list.get(), object.expected, callback);
+    object.expected = PyList_GET_SIZE(result.get());
+    return result;
 }
 
 constexpr Method methods[] = {
@@ -117,11 +108,8 @@ void appendElement(ListValue &list, PyObject *value, PyObject *selector) {
 Ref toTypedList(ListValue &list) { return readObject<readTyped>(list); }
 
 Ref takeToList(sonetrix_cListValue_t *list) {
-    if (list == nullptr) {
-        return checked(PyList_New(0));
-    }
-    const Ref owner = ListValue::init(list);
-    return read(list, readPlain);
+    const Ref owner = ListValue::initOrEmpty(list);
+    return read(list, 0, readPlain);
 }
 
 void addListValue(PyObject *module) {

@@ -105,9 +105,6 @@ inline PyModuleDef_Slot createdInAnyInterpreter() noexcept {
 #endif
 }
 
-// A dict with room for `size` entries.
-inline Ref newDict(Py_ssize_t size) noexcept { return Ref::steal(_PyDict_NewPresized(size)); }
-
 } // namespace version
 
 } // namespace sonetrix
