@@ -24,7 +24,7 @@ public:
     void add(const Driver &driver) {
         if (processing_.size() < maximum) {
             processing_.push_back(nanosecondsOf(CLOCK_MONOTONIC) - driver.blockStart());
-            lateness_.push_back(static_cast<int64_t>(driver.blockLateness() * nanosecondsPerSecond));
+            lateness_.push_back(driver.blockLateness());
         }
     }
 
@@ -51,31 +51,22 @@ private:
     std::vector<int64_t> lateness_;
 };
 
-int measure(const char *library, const char *script) {
-    std::string error;
-    CliModule module;
+void measure(const char *library, const char *script) {
+    CliModule module(library);
     ListKeyValue parameters;
     parameters.add("python.file", std::string(script));
     BlockTimes times;
     const auto afterBlock = [&times] { times.add(Engine::current()->driver()); };
-    const auto engine = module.load(library, error)
-                            ? Engine::create({.block = 64, .afterBlock = afterBlock}, std::move(parameters), error)
-                            : nullptr;
-    if (engine == nullptr) {
-        std::fprintf(stderr, "block_times: %s\n", error.c_str());
-        return 1;
-    }
+    const auto engine = Engine::create({.format = {.block = 64}, .afterBlock = afterBlock}, std::move(parameters));
     engine->setStopHook([&] { module.stop(); });
-    if (!engine->start(error) || !module.construct(engine->startParameters(), error)) {
-        std::fprintf(stderr, "block_times: %s\n", error.c_str());
-        return 1;
-    }
+    engine->start();
+    if (!module.construct(engine->startParameters()))
+        throw std::runtime_error("no module");
     module.start();
     engine->requestStop();
     module.destroy();
     engine->join();
     times.print(engine->driver().xruns());
-    return 0;
 }
 
 } // namespace
@@ -85,5 +76,11 @@ int main(int count, char **arguments) {
         std::fprintf(stderr, "block_times LIBRARY SCRIPT\n");
         return 2;
     }
-    return measure(arguments[1], arguments[2]);
+    try {
+        measure(arguments[1], arguments[2]);
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "block_times: %s\n", error.what());
+        return 1;
+    }
+    return 0;
 }

@@ -1,12 +1,12 @@
 #pragma once
 
+#include "clock.h"
 #include "driver/driver.h"
 #include "events/meters.h"
 #include "events/notifier.h"
 #include "events/timers.h"
 #include "graph/graph.h"
 #include "graph/parameters.h"
-#include "graph/plan_exchange.h"
 #include "graph/system_module.h"
 #include "ladspa/ladspa_catalogue.h"
 #include "lists/lists.h"
@@ -22,9 +22,11 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace sonetrix::dev {
 
+class DeviceDriver;
 class OfflineDriver;
 
 /// The process's engine: at most one at a time, found by the C interface through `current`.
@@ -36,8 +38,7 @@ class OfflineDriver;
 class Engine {
 public:
     struct Options {
-        uint32_t rate = 48000;
-        uint32_t block = 256;
+        AudioFormat format{};
         std::filesystem::path input{};       ///< sound file played into the capture ports
         std::filesystem::path record{};      ///< sound file that takes what the playback ports play
         std::optional<std::string> device{}; ///< drives the engine instead of the clock; "": the default device
@@ -45,8 +46,8 @@ public:
         std::function<void()> afterBlock{};  ///< called on the audio thread: for measurements
     };
 
-    /// Null with a reason in `error` when the options cannot be met or the process has an engine.
-    static std::unique_ptr<Engine> create(const Options &options, ListKeyValue startParameters, std::string &error);
+    /// Throws std::runtime_error when the options cannot be met or the process has an engine.
+    static std::unique_ptr<Engine> create(const Options &options, ListKeyValue startParameters);
     static Engine *current() noexcept;
 
     Engine(const Engine &) = delete;
@@ -55,7 +56,8 @@ public:
 
     /// Before `start`.
     void setStopHook(std::function<void()> hook) { stopHook_ = std::move(hook); }
-    bool start(std::string &error);
+    /// Throws std::system_error when there are no threads to be had.
+    void start();
     void requestStop() noexcept;
     /// Requests the stop and waits for its end; for callbacks in progress so long. False when one has not come back:
     /// its thread goes on, but the audio has ended.
@@ -69,7 +71,7 @@ public:
     [[nodiscard]] bool stopRequested() const noexcept { return stopRequested_; }
     void setExitCode(int32_t code) noexcept { exitCode_ = code; }
     /// Whether a recording has been cut short.
-    [[nodiscard]] bool hasRecordingFailed() const noexcept { return system_->hasRecordingFailed(); }
+    [[nodiscard]] bool hasRecordingFailed() const noexcept { return system_->recorder().hasFailed(); }
     [[nodiscard]] std::optional<int32_t> exitCode() const noexcept { return exitCode_; }
 
     /// Not changed after `create`.
@@ -88,10 +90,10 @@ private:
     Engine(const Options &options, ListKeyValue startParameters);
 
     static void finishBeforeExitHandlers();
-    void addOwnParameters();
-    void addOfflineParameters();
     std::unique_ptr<Driver> makeDriver();
-    void processBlock(uint32_t wanted) noexcept;
+    std::vector<Parameter> ownParameters();
+    void render(float seconds);
+    int64_t processBlock(uint32_t wanted, int64_t time) noexcept;
     std::array<Thread *, 3> eventThreads() { return {&meters_->thread(), &notifier_->thread(), &timers_.thread()}; }
     void carryOutStop();
     void finishAudio() noexcept;
@@ -100,15 +102,16 @@ private:
     ListKeyValue startParameters_;
     Parameters parameters_;
     LadspaCatalogue catalogue_;
-    PlanExchange plans_;
     std::shared_ptr<SystemModule> system_;
     std::unique_ptr<Graph> graph_;
     std::unique_ptr<Meters> meters_;
     std::unique_ptr<Notifier> notifier_;
     Timers timers_;
     std::atomic<float> meanBlockTime_{0};
-    OfflineDriver *offline_ = nullptr; // the driver, if it is one
-    std::unique_ptr<Driver> driver_;   // the last of the audio's: its thread uses the others
+    DeviceDriver *device_ = nullptr; // the driver, if it is one of these
+    OfflineDriver *offline_ = nullptr;
+    std::atomic<float> rendered_{0}; // seconds that were asked for last
+    std::unique_ptr<Driver> driver_; // the last of the audio's: its thread uses the others
 
     std::function<void()> stopHook_;
     std::atomic<bool> stopRequested_{false};

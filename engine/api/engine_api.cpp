@@ -1,9 +1,13 @@
-#include "api/engine_handle.h"
 #include "clock.h"
+#include "engine.h"
+#include "forked.h"
+#include "refusal.h"
 
 #include <cstring>
 #include <memory>
+#include <string>
 #include <utility>
+#include <vector>
 
 using namespace sonetrix::dev;
 
@@ -11,9 +15,40 @@ namespace {
 
 using MetersType = sonetrix_module_meters_type;
 
+/// The C interface's engine handle points to the Engine; null for null.
+Engine *engineOf(sonetrix_engine_t *handle) noexcept { return reinterpret_cast<Engine *>(handle); }
+
+/// The same for whatever takes a lock or waits: null in a forked child, where a lock may be held for ever and the
+/// engine's threads are not.
+Engine *engineHere(sonetrix_engine_t *handle) noexcept { return isForkedChild() ? nullptr : engineOf(handle); }
+
+/// `guarded(body(engine))`; refused as invalid without an engine or when an argument is not as it must be.
+template <class Body, class... What>
+auto withEngine(sonetrix_engine_t *handle, bool valid, Body &&body, const What &...what) noexcept {
+    Engine *engine = engineHere(handle);
+    using Result = decltype(guarded([&] { return body(*engine); }));
+    if (engine == nullptr || !valid) {
+        if constexpr (std::is_pointer_v<Result>)
+            return Result(nullptr);
+        else
+            return Result(statusInvalid);
+    }
+    engine->noteOtherwise();
+    return guarded([&] { return body(*engine); }, what...);
+}
+
 /// For the caller; null in place of an empty list.
 ListKeyValue *handedOver(ListKeyValue list) {
     return list.empty() ? nullptr : std::make_unique<ListKeyValue>(std::move(list)).release();
+}
+
+ListValue *listOf(const std::vector<std::string> &strings) {
+    if (strings.empty())
+        return nullptr;
+    auto list = std::make_unique<ListValue>();
+    for (const std::string &string : strings)
+        list->add(string);
+    return list.release();
 }
 
 ListKeyValue *readAsManager(sonetrix_engine_t *engine, const char *module, MetersType type) {
@@ -53,7 +88,7 @@ int32_t sonetrix_engine_DriverGetXRun(sonetrix_engine_t *engine) {
 }
 
 uint32_t sonetrix_engine_DriverGetFrameRate(sonetrix_engine_t *engine) {
-    return engine != nullptr ? engineOf(engine)->driver().rate() : 0;
+    return engine != nullptr ? engineOf(engine)->driver().format().rate : 0;
 }
 
 int32_t sonetrix_engine_DriverGetCpuUsage(sonetrix_engine_t *engine,
@@ -109,6 +144,80 @@ int32_t sonetrix_engine_SetParamsFullCli(
     return sonetrix_engine_SetParamsFull(engine, parameters, written);
 }
 
+sonetrix_cListValue_t *sonetrix_engine_GetModulesList(sonetrix_engine_t *engine) {
+    return withEngine(engine, true, [](Engine &one) { return listOf(one.catalogue().identifiers()); });
+}
+
+sonetrix_cListValue_t *sonetrix_engine_GetAllPortNames(sonetrix_engine_t *engine) {
+    return withEngine(engine, true, [](Engine &one) { return listOf(one.graph().portNames()); });
+}
+
+sonetrix_cListValue_t *sonetrix_engine_GetLinkPort(sonetrix_engine_t *engine, const char *port) {
+    return withEngine(engine, port != nullptr, [&](Engine &one) { return listOf(one.graph().links(port)); });
+}
+
+int32_t sonetrix_engine_ModuleNew(
+    sonetrix_engine_t *engine, const char *name, const char *identifier, const sonetrix_cListKeyValue_t *info) {
+    return withEngine(
+        engine, name != nullptr && identifier != nullptr,
+        [&](Engine &one) { one.graph().createModule(name, identifier, info); },
+        [&] { return "cannot create module " + inQuotes(name) + " from " + inQuotes(identifier); });
+}
+
+int32_t sonetrix_engine_ModuleDelete(sonetrix_engine_t *engine, const char *name) {
+    return withEngine(
+        engine, name != nullptr, [&](Engine &one) { one.graph().deleteModule(name); },
+        [&] { return "cannot delete module " + inQuotes(name); });
+}
+
+int32_t sonetrix_engine_LinkPort(sonetrix_engine_t *engine, const char *p1, const char *p2) {
+    const bool isLink = p2 != nullptr && *p2 != '\0';
+    return withEngine(
+        engine, p1 != nullptr, [&](Engine &one) { isLink ? one.graph().link(p1, p2) : one.graph().unlink(p1); },
+        [&] {
+            return isLink ? "cannot link " + inQuotes(p1) + " to " + inQuotes(p2) : "cannot unlink " + inQuotes(p1);
+        });
+}
+
+int32_t sonetrix_engine_ForEachModuleSafe(sonetrix_engine_t *engine, sonetrix_moduleCallback_t callback, void *user) {
+    return withEngine(engine, callback != nullptr, [&](Engine &one) {
+        one.graph().forEachRecord([&](const sonetrix_module_t &record) { callback(&record, user); });
+    });
+}
+
+int32_t sonetrix_engine_ModuleUsage(
+    sonetrix_engine_t *engine, const char *name, float *absolute, float *relative, uint32_t *processId) {
+    return withEngine(engine, name != nullptr, [&](Engine &one) {
+        const auto module = one.graph().module(name);
+        const uint32_t threadId = one.driver().threadId();
+        if (!module || threadId == 0)
+            return statusNotFound;
+        const float all = one.meanBlockTime();
+        *absolute = 100.0F * module->meanTime() / one.driver().cpuFigures().budget;
+        *relative = all > 0 ? 100.0F * module->meanTime() / all : 0.0F;
+        *processId = threadId;
+        return statusOk;
+    });
+}
+
+int32_t sonetrix_engine_ModuleGetStartParameter(sonetrix_engine_t *engine,
+    const sonetrix_module_t *module,
+    char **library,
+    sonetrix_cListKeyValue_t **configuration) {
+    return withEngine(engine, module != nullptr, [&](Engine &one) {
+        const auto plugin = one.graph().module(module->name);
+        const Module::Origin *origin = plugin ? plugin->origin() : nullptr;
+        if (origin == nullptr)
+            return statusNotFound;
+        auto list = std::make_unique<ListKeyValue>(origin->configuration);
+        *library = strdup(origin->library.c_str());
+        if (*library == nullptr)
+            return statusNoMemory;
+        *configuration = list.release();
+        return statusOk;
+    });
+}
+
 void *sonetrix_engine_notify_changes_addCallback(
     sonetrix_engine_t *engine, sonetrix_listCallback_t callback, void *user) {
     return withEngine(
@@ -122,8 +231,8 @@ void sonetrix_engine_notify_changes_rmCallback(sonetrix_engine_t *engine, void *
 
 void *sonetrix_engine_addTimer(
     sonetrix_engine_t *engine, int32_t milliseconds, sonetrix_timerCallback_t callback, void *user) {
-    return withEngine(
-        engine, callback != nullptr, [&](Engine &one) { return one.timers().add(milliseconds, callback, user); });
+    return withEngine(engine, callback != nullptr && milliseconds >= 0,
+        [&](Engine &one) { return one.timers().add(milliseconds, callback, user); });
 }
 
 void sonetrix_engine_delTimer(sonetrix_engine_t *engine, void *handle) {

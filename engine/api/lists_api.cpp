@@ -1,5 +1,5 @@
-#include "api/status.h"
 #include "lists/lists.h"
+#include "refusal.h"
 
 #include <memory>
 #include <span>

@@ -1,12 +1,11 @@
 #include "driver/device_driver.h"
 
-#include "graph/refusal.h"
 #include "sonetrix/engine_api.h"
-#include "thread.h"
 
 #include <algorithm>
 #include <fmt/format.h>
 #include <fstream>
+#include <future>
 #include <optional>
 #include <stdexcept>
 #include <sys/mman.h>
@@ -51,18 +50,18 @@ std::string nameOf(PaDeviceIndex device) {
     return fmt::format("{}: {}", Pa_GetHostApiInfo(info.hostApi)->name, info.name);
 }
 
-PaDeviceIndex find(std::string_view wanted) {
-    std::optional<PaDeviceIndex> part;
+PaDeviceIndex find(const std::string &wanted) {
+    PaDeviceIndex part = paNoDevice;
     for (PaDeviceIndex device = 0; device < Pa_GetDeviceCount(); ++device) {
         const std::string name = nameOf(device);
         if (name == wanted || Pa_GetDeviceInfo(device)->name == wanted)
             return device;
-        if (!part && name.find(wanted) != std::string::npos)
+        if (part == paNoDevice && name.find(wanted) != std::string::npos)
             part = device;
     }
-    if (!part)
-        throw std::runtime_error(fmt::format("there is no sound device \"{}\"; see --list-devices", wanted));
-    return *part;
+    if (part == paNoDevice)
+        throw std::runtime_error("there is no sound device \"" + wanted + "\"; see --list-devices");
+    return part;
 }
 
 /// One direction of a stream; none when the device has no such channels.
@@ -77,43 +76,33 @@ std::optional<PaStreamParameters> direction(
 
 } // namespace
 
+PortAudio::PortAudio() { check(initialise()); }
+
+PortAudio::~PortAudio() { Pa_Terminate(); }
+
 std::vector<std::string> soundDevices() {
-    check(initialise());
+    const PortAudio sound;
     std::vector<std::string> lines;
     for (PaDeviceIndex device = 0; device < Pa_GetDeviceCount(); ++device) {
         const PaDeviceInfo &info = *Pa_GetDeviceInfo(device);
         lines.push_back(fmt::format("{}   {} in, {} out, {:g} Hz", nameOf(device), info.maxInputChannels,
             info.maxOutputChannels, info.defaultSampleRate));
     }
-    Pa_Terminate();
     return lines;
 }
 
 DeviceDriver::DeviceDriver(
-    uint32_t rate, uint32_t block, Process process, std::string_view device, DeviceBuffers &buffers)
-    : ClockDriver(rate, block, std::move(process)), buffers_(buffers) {
-    // The threads that begin here are none for the program's signals.
-    sigset_t before;
-    pthread_sigmask(SIG_BLOCK, nullptr, &before);
-    blockTerminationSignals();
-    try {
-        check(initialise());
+    const AudioFormat &format, Process process, const std::string &device, DeviceBuffers &buffers)
+    : ClockDriver(format, std::move(process)), buffers_(buffers) {
+    // Threads that begin here are none for the program's signals, as those of this one are not.
+    std::async(std::launch::async, [&] {
+        blockTerminationSignals();
+        sound_ = std::make_unique<PortAudio>();
         open(device);
-    } catch (...) {
-        Pa_Terminate();
-        pthread_sigmask(SIG_SETMASK, &before, nullptr);
-        throw;
-    }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    }).get();
 }
 
-DeviceDriver::~DeviceDriver() {
-    stop();
-    if (!vanished_)
-        Pa_Terminate();
-}
-
-void DeviceDriver::open(std::string_view device) {
+void DeviceDriver::open(const std::string &device) {
     const PaDeviceIndex named = device.empty() ? paNoDevice : find(device);
     const PaDeviceIndex in = device.empty() ? Pa_GetDefaultInputDevice() : named;
     const PaDeviceIndex out = device.empty() ? Pa_GetDefaultOutputDevice() : named;
@@ -122,8 +111,8 @@ void DeviceDriver::open(std::string_view device) {
     const auto capture = direction(in, &PaDeviceInfo::maxInputChannels, &PaDeviceInfo::defaultLowInputLatency);
     const auto playback = direction(out, &PaDeviceInfo::maxOutputChannels, &PaDeviceInfo::defaultLowOutputLatency);
     device_ = nameOf(out != paNoDevice ? out : in);
-    check(Pa_OpenStream(&stream_, capture ? &*capture : nullptr, playback ? &*playback : nullptr, rate(), block(),
-        paNoFlag, deviceBlock, this));
+    check(Pa_OpenStream(&stream_, capture ? &*capture : nullptr, playback ? &*playback : nullptr, format().rate,
+        format().block, paNoFlag, deviceBlock, this));
     captureChannels_ = capture ? static_cast<size_t>(capture->channelCount) : 0;
     playbackChannels_ = playback ? static_cast<size_t>(playback->channelCount) : 0;
     const PaStreamInfo &info = *Pa_GetStreamInfo(stream_);
@@ -140,6 +129,7 @@ void DeviceDriver::run(const std::stop_token &stop) noexcept {
         return;
     }
     // Its stream is left as it is: the functions that end it may wait for a device that does not answer.
+    static_cast<void>(sound_.release());
     vanished_ = true;
     while (inBlock_.exchange(true, std::memory_order_acquire))
         std::this_thread::sleep_for(1ms);
@@ -170,7 +160,7 @@ int DeviceDriver::deviceBlock(const void *captured,
     PaStreamCallbackFlags flags,
     void *driver) noexcept {
     auto &self = *static_cast<DeviceDriver *>(driver);
-    if (frames != self.block() || self.inBlock_.exchange(true, std::memory_order_acquire))
+    if (frames != self.format().block || self.inBlock_.exchange(true, std::memory_order_acquire))
         return paAbort;
     self.process(static_cast<const float *const *>(captured), static_cast<float *const *>(played), flags);
     self.inBlock_.store(false, std::memory_order_release);
@@ -186,7 +176,7 @@ void DeviceDriver::process(const float *const *captured, float *const *played, P
         countXrun();
     std::copy_n(captured, captureChannels_, buffers_.captured.begin());
     std::copy_n(played, playbackChannels_, buffers_.played.begin());
-    processBlock(block(), 0);
+    processBlock(format().block);
 }
 
 } // namespace sonetrix::dev

@@ -1,7 +1,6 @@
 #include "driver/driver.h"
 
-#include "clock.h"
-
+#include <algorithm>
 #if defined(__x86_64__)
 #include <immintrin.h>
 #endif
@@ -28,8 +27,8 @@ void flushDenormalsInThisThread() noexcept {
 
 } // namespace
 
-Driver::Driver(uint32_t rate, uint32_t block, Process process)
-    : rate_(rate), block_(block), process_(std::move(process)), load_(static_cast<double>(block) / rate) {}
+Driver::Driver(const AudioFormat &format, Process process)
+    : format_(format), process_(std::move(process)), load_(static_cast<double>(format.block) / format.rate) {}
 
 Driver::~Driver() = default;
 
@@ -56,12 +55,13 @@ void Driver::becomeAudioThread() noexcept {
     threadId_.store(static_cast<uint32_t>(gettid()), std::memory_order_relaxed);
 }
 
-void Driver::processBlock(uint32_t wanted, double lateness) noexcept {
+int64_t Driver::processBlock(uint32_t wanted, int64_t due) noexcept {
     blockBegan_.store(nanosecondsOf(CLOCK_REALTIME), std::memory_order_relaxed);
     blockStart_ = nanosecondsOf(CLOCK_MONOTONIC);
-    blockLateness_ = lateness;
-    process_(wanted);
-    load_.add(secondsOf(nanosecondsOf(CLOCK_MONOTONIC) - blockStart_), lateness);
+    blockLateness_ = std::max<int64_t>(blockStart_ - due, 0);
+    const int64_t end = process_(wanted, blockStart_);
+    load_.add(secondsOf(end - blockStart_), secondsOf(blockLateness_));
+    return end;
 }
 
 } // namespace sonetrix::dev

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "clock.h"
 #include "driver/cpu_load.h"
 #include "thread.h"
 
@@ -7,6 +8,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <mutex>
 #include <stop_token>
 
@@ -16,10 +18,11 @@ namespace sonetrix::dev {
 class Driver {
 public:
     /// Processes one whole block, of which the first `wanted` frames count; on the audio thread, where nothing waits,
-    /// allocates or logs.
-    using Process = std::function<void(uint32_t wanted)>;
+    /// allocates or logs. The time on CLOCK_MONOTONIC, at the beginning and then at the end, comes and goes with it: to
+    /// read it takes as long as a small plugin.
+    using Process = std::function<int64_t(uint32_t wanted, int64_t time)>;
 
-    Driver(uint32_t rate, uint32_t block, Process process);
+    Driver(const AudioFormat &format, Process process);
     Driver(const Driver &) = delete;
     Driver &operator=(const Driver &) = delete;
     virtual ~Driver();
@@ -31,16 +34,15 @@ public:
     void stop() noexcept;
 
     [[nodiscard]] bool isLoaded() const noexcept { return loaded_.load(std::memory_order_acquire); }
-    [[nodiscard]] uint32_t rate() const noexcept { return rate_; }
-    [[nodiscard]] uint32_t block() const noexcept { return block_; }
+    [[nodiscard]] const AudioFormat &format() const noexcept { return format_; }
     [[nodiscard]] uint32_t xruns() const noexcept { return xruns_.load(std::memory_order_relaxed); }
     [[nodiscard]] CpuFigures cpuFigures() const noexcept { return load_.figures(); }
     /// When the current block began, in nanoseconds on CLOCK_REALTIME; 0 before the first.
     [[nodiscard]] int64_t blockBegan() const noexcept { return blockBegan_.load(std::memory_order_relaxed); }
-    /// On the audio thread, of the current block: when it began, in nanoseconds on CLOCK_MONOTONIC, and how late that
-    /// was, in seconds.
+    /// On the audio thread, of the current block: when it began on CLOCK_MONOTONIC and how late that was, in
+    /// nanoseconds.
     [[nodiscard]] int64_t blockStart() const noexcept { return blockStart_; }
-    [[nodiscard]] double blockLateness() const noexcept { return blockLateness_; }
+    [[nodiscard]] int64_t blockLateness() const noexcept { return blockLateness_; }
     /// The audio thread's id as the system knows it; 0 while there is none.
     [[nodiscard]] uint32_t threadId() const noexcept { return threadId_.load(std::memory_order_relaxed); }
 
@@ -54,14 +56,14 @@ protected:
 
     /// On the thread that processes blocks, before the first one.
     void becomeAudioThread() noexcept;
-    void processBlock(uint32_t wanted, double lateness) noexcept;
+    /// A block that was due at that time on CLOCK_MONOTONIC, if at any. The time when it is done.
+    int64_t processBlock(uint32_t wanted, int64_t due = std::numeric_limits<int64_t>::max()) noexcept;
     void countXrun() noexcept { xruns_.fetch_add(1, std::memory_order_relaxed); }
 
 private:
     void threadMain(const std::stop_token &stop) noexcept;
 
-    const uint32_t rate_;
-    const uint32_t block_;
+    const AudioFormat format_;
     const Process process_;
     CpuLoad load_;
     std::atomic<bool> loaded_{false};
@@ -69,7 +71,7 @@ private:
     std::atomic<uint32_t> threadId_{0};
     std::atomic<int64_t> blockBegan_{0};
     int64_t blockStart_ = 0;
-    double blockLateness_ = 0;
+    int64_t blockLateness_ = 0;
     std::mutex threadMutex_;
     Thread thread_{"sonetrix-audio", [this](const std::stop_token &stop) { threadMain(stop); }};
 };

@@ -1,21 +1,19 @@
 #include "driver/offline_driver.h"
 
-#include "clock.h"
-
 #include <algorithm>
 #include <cmath>
 #include <utility>
 
 namespace sonetrix::dev {
 
-OfflineDriver::OfflineDriver(uint32_t rate, uint32_t block, Process process, Before before, double totalSeconds)
-    : Driver(rate, block, std::move(process)), total_(framesIn(totalSeconds)), before_(std::move(before)) {}
+OfflineDriver::OfflineDriver(const AudioFormat &format, Process process, Before before, double totalSeconds)
+    : Driver(format, std::move(process)), total_(framesIn(totalSeconds)), before_(std::move(before)) {}
 
-int64_t OfflineDriver::framesIn(double seconds) const noexcept { return std::llround(seconds * rate()); }
+int64_t OfflineDriver::framesIn(double seconds) const noexcept { return std::llround(seconds * format().rate); }
 
 bool OfflineDriver::render(double seconds) {
     std::unique_lock lock(mutex_);
-    if (!isLoaded() || ended_ || !(seconds >= 0) || seconds * rate() > static_cast<double>(total_ - asked_) + 0.5)
+    if (!isLoaded() || ended_ || seconds * format().rate > static_cast<double>(total_ - asked_) + 0.5)
         return false;
     asked_ = std::min(asked_ + framesIn(seconds), total_);
     const int64_t goal = asked_;
@@ -33,7 +31,7 @@ void OfflineDriver::renderRest(std::function<void()> done) {
 
 double OfflineDriver::secondsLeft() const {
     const std::lock_guard lock(mutex_);
-    return static_cast<double>(total_ - asked_) / rate();
+    return static_cast<double>(total_ - asked_) / format().rate;
 }
 
 void OfflineDriver::run(const std::stop_token &stop) noexcept {
@@ -45,13 +43,12 @@ void OfflineDriver::run(const std::stop_token &stop) noexcept {
             ended_ = true;
         }
         while (rendered_ < asked_) {
-            const auto wanted = std::min<int64_t>(block(), total_ - rendered_);
+            const auto wanted = std::min<int64_t>(format().block, total_ - rendered_);
             lock.unlock();
-            before_(std::chrono::nanoseconds(
-                rendered_ / rate() * nanosecondsPerSecond + rendered_ % rate() * nanosecondsPerSecond / rate()));
-            processBlock(static_cast<uint32_t>(wanted), 0);
+            before_(std::chrono::nanoseconds(format().nanoseconds(rendered_)));
+            processBlock(static_cast<uint32_t>(wanted));
             lock.lock();
-            rendered_ += block();
+            rendered_ += format().block;
         }
         if (const auto done = std::exchange(done_, nullptr))
             done();

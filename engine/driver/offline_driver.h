@@ -21,7 +21,7 @@ public:
     /// Called before each block, on the rendering thread, with what has been rendered so far. May wait.
     using Before = std::function<void(std::chrono::nanoseconds rendered)>;
 
-    OfflineDriver(uint32_t rate, uint32_t block, Process process, Before before, double totalSeconds);
+    OfflineDriver(const AudioFormat &format, Process process, Before before, double totalSeconds);
     ~OfflineDriver() override { stop(); }
 
     [[nodiscard]] const char *name() const noexcept override { return "offline"; }

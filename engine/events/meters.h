@@ -1,7 +1,8 @@
 #pragma once
 
+#include "clock.h"
 #include "events/callback_registry.h"
-#include "files/sample_ring.h"
+#include "files/ring.h"
 #include "graph/system_module.h"
 #include "lists/lists.h"
 #include "thread.h"
@@ -27,7 +28,7 @@ class Graph;
 class Meters {
 public:
     /// `graph` must outlive the thread.
-    Meters(const Graph &graph, const SystemModule &system, std::chrono::nanoseconds block);
+    Meters(const Graph &graph, const SystemModule &system, const AudioFormat &format);
 
     Thread &thread() noexcept { return thread_; }
 
@@ -38,7 +39,7 @@ public:
         return kinds_[type].callbacks;
     }
 
-    void setDebugMeter(sonetrix_module_meters_type type, std::string key, const sonetrix_value_t &value);
+    void setDebugMeter(sonetrix_module_meters_type type, const char *key, const sonetrix_value_t &value);
     bool removeDebugMeter(sonetrix_module_meters_type type, std::string_view key);
 
     /// Levels as last emitted and everything else as it is now, of one module, or of all when the name is empty.
@@ -57,11 +58,11 @@ public:
     [[nodiscard]] uint32_t dropped() const noexcept { return dropped_.load(std::memory_order_relaxed); }
 
 private:
-    using BlockLevels = SystemModule::Levels;
+    using Levels = SystemModule::Levels;
     struct Kind {
-        BlockLevels gathered{};
+        Levels gathered{};   // mean squares added up
         uint32_t blocks = 0; // in `gathered`
-        BlockLevels emitted{};
+        Levels emitted{};
         std::map<std::string, Value, std::less<>> debugMeters;
         CallbackRegistry<sonetrix_listCallback_t> callbacks;
     };
@@ -74,16 +75,15 @@ private:
 
     const Graph &graph_;
     const std::chrono::nanoseconds fastPeriod_;
-    std::array<std::string, BlockLevels().size()> portKeys_;
+    std::array<std::string, std::tuple_size_v<Levels>> portKeys_;
 
-    SampleRing levels_; // audio thread to meters thread
+    Ring<Levels> levels_; // audio thread to meters thread
     std::atomic<uint32_t> dropped_{0};
 
     mutable std::mutex mutex_; // guards the kinds' levels and debug meters
     std::array<Kind, 2> kinds_;
     std::atomic<bool> hasManager_{false};
-    Thread::Clock::time_point nextFast_ = Thread::Clock::now();
-    Thread::Clock::time_point nextSlow_ = nextFast_;
+    std::array<Thread::Clock::time_point, 2> next_; // of the kinds
     Thread thread_{"sonetrix-meters", [this](const std::stop_token &stop) { round(stop); }};
 };
 

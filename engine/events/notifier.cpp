@@ -1,22 +1,12 @@
 #include "events/notifier.h"
 
-#include <utility>
-
 namespace sonetrix::dev {
 
-void Notifier::parameterWritten(std::string_view key) noexcept {
+void Notifier::parameterWritten(const char *key) {
     if (callbacks_.empty())
         return;
-    try {
-        std::string name(key);
-        const std::lock_guard lock(mutex_);
-        if (!seen_.contains(name)) {
-            keys_.add(name);
-            seen_.insert(std::move(name));
-        }
-    } catch (const std::bad_alloc &) {
-        sonetrix_log(SONETRIX_LOG_ERROR, __FILE__, __LINE__, 1, "no memory to tell of a changed parameter");
-    }
+    const std::lock_guard lock(mutex_);
+    keys_.emplace(key);
     written_.notify_one();
 }
 
@@ -25,8 +15,10 @@ void Notifier::round(const std::stop_token &stop) {
     if (!written_.wait(lock, stop, [this] { return !keys_.empty(); }))
         return;
     written_.wait_for(lock, stop, gathering_, [] { return false; });
-    const ListValue keys = std::exchange(keys_, {});
-    seen_.clear();
+    ListValue keys;
+    for (const std::string &key : keys_)
+        keys.add(key);
+    keys_.clear();
     lock.unlock();
     ListKeyValue changes = parameters_.read(keys);
     if (!changes.empty() && !stop.stop_requested())

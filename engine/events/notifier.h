@@ -2,15 +2,13 @@
 
 #include "events/callback_registry.h"
 #include "graph/parameters.h"
-#include "sonetrix/engine_api.h"
 #include "thread.h"
 
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <set>
 #include <string>
-#include <string_view>
-#include <unordered_set>
 
 namespace sonetrix::dev {
 
@@ -25,7 +23,7 @@ public:
     Thread &thread() noexcept { return thread_; }
 
     CallbackRegistry<sonetrix_listCallback_t> &callbacks() noexcept { return callbacks_; }
-    void parameterWritten(std::string_view key) noexcept;
+    void parameterWritten(const char *key);
 
 private:
     void round(const std::stop_token &stop);
@@ -35,8 +33,7 @@ private:
     CallbackRegistry<sonetrix_listCallback_t> callbacks_;
     std::mutex mutex_;
     std::condition_variable_any written_;
-    ListValue keys_;
-    std::unordered_set<std::string> seen_; // what `keys_` holds
+    std::set<std::string> keys_;
     Thread thread_{"sonetrix-notify", [this](const std::stop_token &stop) { round(stop); }};
 };
 

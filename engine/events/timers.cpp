@@ -1,6 +1,7 @@
 #include "events/timers.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace sonetrix::dev {
 
@@ -17,19 +18,14 @@ Timers::Time Timers::now() const noexcept {
 }
 
 void *Timers::add(int32_t milliseconds, sonetrix_timerCallback_t callback, void *user) {
-    if (milliseconds < 0 || callback == nullptr)
-        return nullptr;
     const Time period = std::chrono::milliseconds(std::max(milliseconds, 1));
+    std::multiset<Timer> added{{now(), nullptr, period, slow}};
     void *const handle = callbacks_.add(callback, user);
-    try {
-        const std::lock_guard lock(mutex_);
-        const Time due = now() + period;
-        timers_.emplace(handle, Timer{due, period, slow});
-        due_.emplace(due, handle);
-    } catch (...) {
-        remove(handle);
-        throw;
-    }
+    auto timer = added.extract(added.begin()); // from here on nothing asks for memory
+    const std::lock_guard lock(mutex_);
+    timer.value().handle = handle;
+    timer.value().due = now() + period;
+    timers_.insert(std::move(timer));
     changed_.notify_all();
     return handle;
 }
@@ -37,10 +33,7 @@ void *Timers::add(int32_t milliseconds, sonetrix_timerCallback_t callback, void 
 void Timers::remove(const void *handle) {
     {
         const std::lock_guard lock(mutex_);
-        if (const auto found = timers_.find(handle); found != timers_.end()) {
-            due_.erase({found->second.due, handle});
-            timers_.erase(found);
-        }
+        std::erase_if(timers_, [handle](const Timer &timer) { return timer.handle == handle; });
     }
     callbacks_.remove(handle);
 }
@@ -59,34 +52,31 @@ void Timers::round(const std::stop_token &stop) {
     if (isDue()) {
         callFirst(lock);
         changed_.notify_all();
-    } else if (due_.empty() || byRenderedTime_) {
-        changed_.wait(lock, stop, [this] { return isDue() || (!byRenderedTime_ && !due_.empty()); });
+    } else if (timers_.empty() || byRenderedTime_) {
+        changed_.wait(lock, stop, [this] { return isDue() || (!byRenderedTime_ && !timers_.empty()); });
     } else {
-        const Time first = due_.begin()->first;
+        const Time first = timers_.begin()->due;
         changed_.wait_until(lock, stop, Thread::Clock::time_point(first),
-            [this, first] { return due_.empty() || due_.begin()->first < first; });
+            [this, first] { return timers_.empty() || timers_.begin()->due < first; });
     }
 }
 
 void Timers::callFirst(std::unique_lock<std::mutex> &lock) {
-    auto first = due_.extract(due_.begin()); // a node that goes back without asking for memory
-    const void *const handle = first.value().second;
+    auto first = timers_.extract(timers_.begin()); // a node that goes back without asking for memory
+    Timer &timer = first.value();
     calling_ = true;
     ++calls_;
     lock.unlock();
     const auto began = Thread::Clock::now();
-    callbacks_.call(handle);
+    const bool remains = callbacks_.call(timer.handle);
     const Time taken = Thread::Clock::now() - began;
     lock.lock();
     calling_ = false;
-    const auto found = timers_.find(handle);
-    if (found == timers_.end())
+    if (!remains) // one that is removed from here on goes when it is due
         return;
-    Timer &timer = found->second;
     timer.due += timer.period * (std::max(now() - timer.due, Time(0)) / timer.period + 1);
-    first.value().first = timer.due;
-    due_.insert(std::move(first));
     reportIfSlow(timer, taken);
+    timers_.insert(std::move(first));
 }
 
 // Once, and again when it has become twice as slow.
@@ -94,7 +84,7 @@ void Timers::reportIfSlow(Timer &timer, Time taken) const {
     if (taken < timer.longest)
         return;
     timer.longest = 2 * taken;
-    const auto waited = std::ranges::count_if(due_, [limit = now()](const auto &one) { return one.first <= limit; });
+    const auto waited = std::ranges::count_if(timers_, [limit = now()](const auto &one) { return one.due <= limit; });
     sonetrix_log(SONETRIX_LOG_WARN, __FILE__, __LINE__, 1,
         "the callback of a timer of %g s has taken %.1f s; other timers that waited for it: %td",
         secondsOf(timer.period), secondsOf(taken), waited);

@@ -9,8 +9,6 @@
 #include <cstdint>
 #include <mutex>
 #include <set>
-#include <unordered_map>
-#include <utility>
 
 namespace sonetrix::dev {
 
@@ -25,7 +23,7 @@ public:
 
     Thread &thread() noexcept { return thread_; }
 
-    /// A handle; null for a negative period. The shortest period is a millisecond.
+    /// A handle. The shortest period is a millisecond.
     void *add(int32_t milliseconds, sonetrix_timerCallback_t callback, void *user);
     /// Returns when no call is in progress on another thread.
     void remove(const void *handle);
@@ -39,12 +37,15 @@ public:
 private:
     struct Timer {
         Time due;
+        const void *handle;
         Time period;
         Time longest; // of the calls, as far as the log knows
+
+        bool operator<(const Timer &other) const noexcept { return due < other.due; }
     };
 
     [[nodiscard]] Time now() const noexcept;
-    [[nodiscard]] bool isDue() const noexcept { return !due_.empty() && due_.begin()->first <= now(); }
+    [[nodiscard]] bool isDue() const noexcept { return !timers_.empty() && timers_.begin()->due <= now(); }
     void round(const std::stop_token &stop);
     void callFirst(std::unique_lock<std::mutex> &lock);
     void reportIfSlow(Timer &timer, Time taken) const;
@@ -53,8 +54,7 @@ private:
     CallbackRegistry<sonetrix_timerCallback_t> callbacks_;
     std::mutex mutex_;
     std::condition_variable_any changed_;
-    std::unordered_map<const void *, Timer> timers_;
-    std::set<std::pair<Time, const void *>> due_; // without the timer that is being called
+    std::multiset<Timer> timers_; // without the one that is being called
     Time rendered_{0};
     uint64_t calls_ = 0;
     bool calling_ = false;

@@ -49,8 +49,6 @@ SoundFile open(const std::filesystem::path &path, int mode, SF_INFO &info) {
 
 } // namespace
 
-void SoundFileClose::operator()(SNDFILE *file) const noexcept { sf_close(file); }
-
 SoundFile openSoundFile(const std::filesystem::path &path, SF_INFO &info) { return open(path, SFM_READ, info); }
 
 SoundFile createSoundFile(

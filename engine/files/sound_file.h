@@ -8,7 +8,7 @@
 namespace sonetrix::dev {
 
 struct SoundFileClose {
-    void operator()(SNDFILE *file) const noexcept;
+    void operator()(SNDFILE *file) const noexcept { sf_close(file); }
 };
 using SoundFile = std::unique_ptr<SNDFILE, SoundFileClose>;
 

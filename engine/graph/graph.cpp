@@ -1,7 +1,7 @@
 #include "graph/graph.h"
 
-#include "graph/refusal.h"
 #include "ladspa/ladspa_module.h"
+#include "refusal.h"
 
 #include <algorithm>
 #include <chrono>
@@ -26,19 +26,12 @@ void checkModuleName(std::string_view name) {
         throw Refusal(statusInvalid, "that name is taken by the engine's own parameters");
 }
 
-const std::string &nameOf(const WiredModule &wired) noexcept { return wired.module->name(); }
+const std::string &nameOfModule(const WiredModule &wired) noexcept { return wired.module->name(); }
 
 const std::string &nameOf(const Source &source) noexcept { return source.module->sources()[source.index]; }
 
 template <class Modules> auto find(Modules &modules, std::string_view name) {
-    return std::ranges::find_if(modules, [name](const WiredModule &one) { return nameOf(one) == name; });
-}
-
-std::string suggestion(std::string_view given, const std::vector<std::string> &names) {
-    Suggestion suggestion(given);
-    for (const std::string &name : names)
-        suggestion.consider(name);
-    return suggestion.text();
+    return std::ranges::find_if(modules, [name](const WiredModule &one) { return nameOfModule(one) == name; });
 }
 
 /// The names are checked where modules are made; the field is all zero before.
@@ -63,7 +56,7 @@ void visitRecord(const WiredModule &wired, const std::function<void(const sonetr
     for (sonetrix_port_t &port : ports)
         pointers.push_back(&port);
     sonetrix_module_t record{};
-    copyName(record.name, nameOf(wired));
+    copyName(record.name, nameOfModule(wired));
     record.type = static_cast<uint32_t>(wired.module->type());
     record.sources = pointers.data();
     record.sourceCount = static_cast<uint32_t>(sources.size());
@@ -74,94 +67,79 @@ void visitRecord(const WiredModule &wired, const std::function<void(const sonetr
 
 } // namespace
 
-Graph::Graph(std::shared_ptr<SystemModule> system,
-    uint32_t rate,
-    uint32_t block,
-    LadspaCatalogue &catalogue,
-    Parameters &parameters,
-    PlanExchange &plans)
-    : rate_(rate), block_(block), catalogue_(catalogue), parameters_(parameters), plans_(plans) {
+Graph::Graph(
+    std::shared_ptr<SystemModule> system, const AudioFormat &format, LadspaCatalogue &catalogue, Parameters &parameters)
+    : format_(format), catalogue_(catalogue), parameters_(parameters) {
     modules_.emplace_back(std::move(system));
-    plans_.publish(std::make_unique<Plan>(modules_, rate_, block_));
+    plans_.publish(std::make_unique<Plan>(modules_, format_));
     planThread_.start();
 }
 
-int32_t Graph::createModule(const char *name, const char *identifier, const ListKeyValue *configuration) {
-    const auto what = [&] { return "cannot create module " + inQuotes(name) + " from " + inQuotes(identifier); };
-    return attempt(what, [&] {
-        checkModuleName(name);
-        const LadspaPlugin &plugin = catalogue_.plugin(identifier);
-        if (module(name))
-            throw Refusal(statusExists, "there is a module of that name");
-        const auto created = std::make_shared<LadspaModule>(name, plugin, rate_, block_, smoothing_, configuration);
-        auto parameters = LadspaModule::parameters(created);
+void Graph::createModule(const char *name, const char *identifier, const ListKeyValue *configuration) {
+    checkModuleName(name);
+    const LadspaPlugin &plugin = catalogue_.plugin(identifier);
+    const Refusal exists(statusExists, "there is a module of that name");
+    if (module(name))
+        throw exists;
+    const auto created = std::make_shared<LadspaModule>(name, plugin, format_, smoothing_, configuration);
+    auto parameters = LadspaModule::parameters(created);
 
-        const std::lock_guard lock(mutex_);
-        if (find(modules_, name) != modules_.end())
-            throw Refusal(statusExists, "there is a module of that name");
-        modules_.emplace_back(created);
-        try {
-            parameters_.add(created->name(), std::move(parameters));
-        } catch (...) {
-            modules_.pop_back();
-            throw;
-        }
-        edited();
-    });
+    const std::lock_guard lock(mutex_);
+    if (find(modules_, name) != modules_.end())
+        throw exists;
+    modules_.emplace_back(created);
+    try {
+        parameters_.add(name, std::move(parameters));
+    } catch (...) {
+        modules_.pop_back();
+        throw;
+    }
+    edited();
 }
 
-int32_t Graph::deleteModule(std::string_view name) {
-    const auto what = [&] { return "cannot delete module " + inQuotes(name); };
-    return attempt(what, [&] {
-        std::shared_ptr<Module> deleted; // ends after the lock
-        const std::lock_guard lock(mutex_);
-        const auto found = find(modules_, name);
-        if (found == modules_.end()) {
-            std::vector<std::string> names;
-            std::ranges::transform(modules_, std::back_inserter(names), [](const auto &one) { return nameOf(one); });
-            throw Refusal(statusNotFound, "there is no such module" + suggestion(name, names));
-        }
-        if (found->module->type() == Module::Type::driver)
-            throw Refusal(statusInvalid, "it belongs to the driver");
-        deleted = std::move(found->module);
-        modules_.erase(found);
-        for (WiredModule &other : modules_)
-            for (auto &input : other.inputs)
-                if (input && input->module == deleted.get())
-                    input.reset();
-        parameters_.removeModule(deleted->name());
-        edited();
-    });
+void Graph::deleteModule(std::string_view name) {
+    std::shared_ptr<Module> deleted; // ends after the lock
+    const std::lock_guard lock(mutex_);
+    const auto found = find(modules_, name);
+    if (found == modules_.end()) {
+        std::vector<std::string> names;
+        std::ranges::transform(modules_, std::back_inserter(names), nameOfModule);
+        throw Refusal(statusNotFound, "there is no such module" + suggestion(name, names));
+    }
+    if (found->module->type() == Module::Type::driver)
+        throw Refusal(statusInvalid, "it belongs to the driver");
+    deleted = std::move(found->module);
+    modules_.erase(found);
+    for (WiredModule &other : modules_)
+        for (auto &input : other.inputs)
+            if (input && input->module == deleted.get())
+                input.reset();
+    parameters_.removeModule(deleted->name());
+    edited();
 }
 
-int32_t Graph::link(std::string_view sourceName, std::string_view sinkName) {
-    const auto what = [&] { return "cannot link " + inQuotes(sourceName) + " to " + inQuotes(sinkName); };
-    return attempt(what, [&] {
-        const std::lock_guard lock(mutex_);
-        const Port source = port(sourceName);
-        const Port sink = port(sinkName);
-        if (source.input != nullptr || sink.input == nullptr)
-            throw Refusal(statusInvalid, "a link goes from a source to a sink");
-        if (*sink.input == source.place)
-            return;
-        if (*sink.input)
-            throw Refusal(statusBusy, "the sink is linked already, to " + inQuotes(nameOf(**sink.input)));
-        *sink.input = source.place;
-        edited();
-    });
+void Graph::link(std::string_view sourceName, std::string_view sinkName) {
+    const std::lock_guard lock(mutex_);
+    const Port source = port(sourceName);
+    const Port sink = port(sinkName);
+    if (source.input != nullptr || sink.input == nullptr)
+        throw Refusal(statusInvalid, "a link goes from a source to a sink");
+    if (*sink.input == source.place)
+        return;
+    if (*sink.input)
+        throw Refusal(statusBusy, "the sink is linked already, to " + inQuotes(nameOf(**sink.input)));
+    *sink.input = source.place;
+    edited();
 }
 
-int32_t Graph::unlink(std::string_view name) {
-    const auto what = [&] { return "cannot unlink " + inQuotes(name); };
-    return attempt(what, [&] {
-        const std::lock_guard lock(mutex_);
-        const Port unlinked = port(name);
-        for (WiredModule &one : modules_)
-            for (auto &input : one.inputs)
-                if (&input == unlinked.input || (unlinked.input == nullptr && input == unlinked.place))
-                    input.reset();
-        edited();
-    });
+void Graph::unlink(std::string_view name) {
+    const std::lock_guard lock(mutex_);
+    const Port unlinked = port(name);
+    for (WiredModule &one : modules_)
+        for (auto &input : one.inputs)
+            if (&input == unlinked.input || (unlinked.input == nullptr && input == unlinked.place))
+                input.reset();
+    edited();
 }
 
 std::vector<std::string> Graph::portNames() const {
@@ -252,15 +230,13 @@ void Graph::planRound(const std::stop_token &stop) {
         changed_.wait_for(lock, stop, collecting, hasWork);
     changed_.wait_for(lock, stop, gathering, [this] { return flushing_ > 0 || planned_ == edits_; });
     const uint64_t edits = edits_;
-    const bool isStale = planned_ != edits;
-    auto modules = isStale ? modules_ : std::vector<WiredModule>();
+    std::vector<WiredModule> modules;
+    if (hasWork())
+        modules = modules_;
     lock.unlock();
-    if (isStale)
-        plans_.publish(std::make_unique<Plan>(modules, rate_, block_));
-    // The audio thread gives the old plan back just after it has taken the new one: look once more then.
-    const bool wasTaken = std::exchange(isTaken_, plans_.isTaken());
-    isSettled_ = wasTaken && isTaken_ && !isStale;
-    plans_.collect();
+    if (!modules.empty())
+        plans_.publish(std::make_unique<Plan>(modules, format_));
+    isSettled_ = plans_.collect();
     modules.clear();
     lock.lock();
     planned_ = edits;

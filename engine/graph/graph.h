@@ -1,6 +1,6 @@
 #pragma once
 
-#include "graph/plan_exchange.h"
+#include "graph/plan.h"
 #include "graph/system_module.h"
 #include "ladspa/ladspa_catalogue.h"
 #include "lists/lists.h"
@@ -27,21 +27,19 @@ namespace sonetrix::dev {
 class Graph {
 public:
     Graph(std::shared_ptr<SystemModule> system,
-        uint32_t rate,
-        uint32_t block,
+        const AudioFormat &format,
         LadspaCatalogue &catalogue,
-        Parameters &parameters,
-        PlanExchange &plans);
+        Parameters &parameters);
     Graph(const Graph &) = delete;
     Graph &operator=(const Graph &) = delete;
 
-    // These return a status, and log why when it is not 0.
-    int32_t createModule(const char *name, const char *identifier, const ListKeyValue *configuration);
-    int32_t deleteModule(std::string_view name);
+    // These throw Refusal.
+    void createModule(const char *name, const char *identifier, const ListKeyValue *configuration);
+    void deleteModule(std::string_view name);
     /// A sink that is linked to another source has to be unlinked first.
-    int32_t link(std::string_view source, std::string_view sink);
+    void link(std::string_view source, std::string_view sink);
     /// Removes every link of a source or a sink.
-    int32_t unlink(std::string_view port);
+    void unlink(std::string_view port);
 
     [[nodiscard]] std::vector<std::string> portNames() const;
     /// The sinks that a source feeds, in the order of their modules, or the source that feeds a sink.
@@ -56,6 +54,8 @@ public:
     /// How long plugins' controls take to a new value, in seconds; 0: none at all.
     [[nodiscard]] std::atomic<float> &smoothing() noexcept { return smoothing_; }
 
+    /// Audio thread, at the beginning of a block: the newest plan.
+    [[nodiscard]] Plan &plan() noexcept { return *plans_.acquire(); }
     /// Returns when all edits made before are ready for the audio thread's next block.
     void flush();
     /// Ends the thread that destroys modules: it must not meet the exit handlers of their plugins' libraries. Edits do
@@ -78,19 +78,17 @@ private:
 
     void planRound(const std::stop_token &stop);
 
-    const uint32_t rate_;
-    const uint32_t block_;
+    const AudioFormat format_;
     LadspaCatalogue &catalogue_;
     Parameters &parameters_;
-    PlanExchange &plans_;
     std::atomic<float> smoothing_{0};
+    PlanExchange plans_;
 
     mutable std::mutex mutex_;
     std::vector<WiredModule> modules_; // in creation order
     uint64_t edits_ = 0;
     uint64_t planned_ = 0; // of the edits
     uint32_t flushing_ = 0;
-    bool isTaken_ = true;   // the newest plan, by the audio thread
     bool isSettled_ = true; // nothing comes back from the audio thread any more
     std::condition_variable_any changed_;
     Thread planThread_{"sonetrix-graph", [this](const std::stop_token &stop) { planRound(stop); }};

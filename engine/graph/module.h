@@ -8,6 +8,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace sonetrix::dev {
@@ -35,17 +36,21 @@ private:
 class Module {
 public:
     enum class Type : uint32_t { driver = 0, plugin = 1 };
+    using Names = std::vector<std::string>;
 
     /// Longest names, without the terminating NUL.
     static constexpr size_t nameMaximum = sizeof(sonetrix_module_t::name) - 1;
     static constexpr size_t portNameMaximum = sizeof(sonetrix_port_t::name) - 1;
 
-    /// Port names are without the module's.
-    Module(std::string name,
-        Type type,
-        const std::vector<std::string> &sources,
-        const std::vector<std::string> &sinks,
-        uint32_t block);
+    /// Port names are without the module's; `block` is the block's length in frames.
+    Module(std::string name, Type type, Names sources, Names sinks, uint32_t block)
+        : name_(std::move(name)),
+          type_(type),
+          sources_(engineWide(std::move(sources))),
+          sinks_(engineWide(std::move(sinks))) {
+        for (size_t i = 0; i < sources_.size(); ++i)
+            outputs_.emplace_back(block);
+    }
     Module(const Module &) = delete;
     Module &operator=(const Module &) = delete;
     virtual ~Module() = default;
@@ -53,8 +58,8 @@ public:
     [[nodiscard]] const std::string &name() const noexcept { return name_; }
     [[nodiscard]] Type type() const noexcept { return type_; }
     /// Engine-wide names, `module:port`.
-    [[nodiscard]] const std::vector<std::string> &sources() const noexcept { return sources_; }
-    [[nodiscard]] const std::vector<std::string> &sinks() const noexcept { return sinks_; }
+    [[nodiscard]] const Names &sources() const noexcept { return sources_; }
+    [[nodiscard]] const Names &sinks() const noexcept { return sinks_; }
     /// Where the module leaves what a source carries; one block.
     [[nodiscard]] float *output(size_t source) const noexcept { return outputs_[source].data(); }
 
@@ -69,7 +74,7 @@ public:
     [[nodiscard]] virtual const Origin *origin() const noexcept { return nullptr; }
 
     /// What a plugin tells besides audio: names without the module's, and values after the last block.
-    [[nodiscard]] virtual const std::vector<std::string> &controlOutputNames() const noexcept { return noNames; }
+    [[nodiscard]] virtual const Names &controlOutputNames() const noexcept { return noNames; }
     [[nodiscard]] virtual float controlOutput(size_t /*index*/) const noexcept { return 0; }
 
     /// Audio thread: enters the time that a block took into the running mean, and returns the mean.
@@ -82,12 +87,18 @@ public:
     [[nodiscard]] float meanTime() const noexcept { return publishedTime_.load(std::memory_order_relaxed); }
 
 private:
-    static inline const std::vector<std::string> noNames;
+    [[nodiscard]] Names engineWide(Names ports) const {
+        for (std::string &port : ports)
+            port.insert(0, name_ + ':');
+        return ports;
+    }
+
+    static inline const Names noNames;
 
     const std::string name_;
     const Type type_;
-    const std::vector<std::string> sources_;
-    const std::vector<std::string> sinks_;
+    const Names sources_;
+    const Names sinks_;
     std::vector<AudioBuffer> outputs_;
     double meanTime_ = 0;
     std::atomic<float> publishedTime_{0};

@@ -11,24 +11,8 @@ namespace sonetrix::dev {
 
 namespace {
 
-struct SplitKey {
-    std::string_view module;
-    std::string_view name;
-};
-
-/// A key without a dot names no parameter: its module part is empty.
-SplitKey split(std::string_view key) noexcept {
-    const size_t dot = key.find('.');
-    return dot == std::string_view::npos ? SplitKey{} : SplitKey{key.substr(0, dot), key.substr(dot + 1)};
-}
-
 /// By type code.
 constexpr std::array typeNames{"uint32", "int32", "float", "string", "auint32", "aint32", "afloat", "double"};
-
-template <class Number> bool holds(double number) noexcept {
-    return number >= static_cast<double>(std::numeric_limits<Number>::lowest()) &&
-           number <= static_cast<double>(std::numeric_limits<Number>::max());
-}
 
 bool isInteger(uint32_t type) noexcept { return type == SONETRIX_VALUE_UINT32 || type == SONETRIX_VALUE_INT32; }
 
@@ -47,31 +31,20 @@ std::optional<double> numberOf(const sonetrix_value_t &value) noexcept {
     }
 }
 
-/// None where the type does not hold the number.
-std::optional<sonetrix_value_t> numberAs(sonetrix_value_type_t type, double number) noexcept {
-    if (type == SONETRIX_VALUE_UINT32 && holds<uint32_t>(number))
-        return valueRecord(static_cast<uint32_t>(number));
-    if (type == SONETRIX_VALUE_INT32 && holds<int32_t>(number))
-        return valueRecord(static_cast<int32_t>(number));
-    if (type == SONETRIX_VALUE_FLOAT && holds<float>(number))
-        return valueRecord(static_cast<float>(number));
-    if (type == SONETRIX_VALUE_DOUBLE)
-        return valueRecord(number);
-    return std::nullopt;
-}
-
 } // namespace
 
 std::optional<sonetrix_value_t> Domain::converted(const sonetrix_value_t &value) const noexcept {
-    if (value.type == type && type == SONETRIX_VALUE_STRING)
-        return value.as.string != nullptr ? std::optional(value) : std::nullopt;
+    if (type == SONETRIX_VALUE_STRING && value.type == type && value.as.string != nullptr)
+        return value;
     const auto number = numberOf(value);
-    if (!number || (isInteger(type) && !isInteger(value.type)))
+    if (!number || type == SONETRIX_VALUE_STRING || (isInteger(type) && !isInteger(value.type)))
         return std::nullopt;
-    const auto result = numberAs(type, *number);
     // What is compared is the number that would be written: 0.1 is less than the float next to it.
-    const bool inRange = result && *numberOf(*result) >= minimum && *numberOf(*result) <= maximum;
-    return inRange ? result : std::nullopt;
+    const bool held = std::abs(*number) <= static_cast<double>(std::numeric_limits<float>::max());
+    const double written = held && !isInteger(type) ? static_cast<float>(*number) : *number;
+    if (!held || !(written >= minimum && written <= maximum))
+        return std::nullopt;
+    return isInteger(type) ? valueRecord(static_cast<int32_t>(written)) : valueRecord(static_cast<float>(written));
 }
 
 std::string Domain::text() const {
@@ -94,36 +67,33 @@ std::string valueText(const sonetrix_value_t &value) {
     return fmt::format("{} elements ({})", value.count, type);
 }
 
-const Parameter *Parameters::Module::find(std::string_view name) const noexcept {
-    const auto found = std::ranges::find(parameters, name, &Parameter::name);
-    return found == parameters.end() ? nullptr : &*found;
-}
-
-void Parameters::add(const std::string &module, std::vector<Parameter> parameters) {
+void Parameters::put(const std::string &name, Module module) {
+    auto added = std::make_shared<const Module>(std::move(module));
     const std::lock_guard lock(mutex_);
-    if (const auto found = modules_.find(module); found != modules_.end())
-        parameters.insert(parameters.begin(), found->second->parameters.begin(), found->second->parameters.end());
-    modules_.insert_or_assign(module, std::make_shared<const Module>(Module{std::move(parameters), nullptr}));
-}
-
-void Parameters::addReader(const std::string &module, Reader reader) {
-    const std::lock_guard lock(mutex_);
-    modules_.insert_or_assign(module, std::make_shared<const Module>(Module{{}, std::move(reader)}));
+    modules_[name].swap(added); // what was there ends after the lock
 }
 
 void Parameters::removeModule(const std::string &module) {
-    std::shared_ptr<const Module> removed; // ends after the lock
-    const std::lock_guard lock(mutex_);
-    if (const auto found = modules_.find(module); found != modules_.end()) {
-        removed = std::move(found->second);
-        modules_.erase(found);
-    }
+    std::unique_lock lock(mutex_);
+    const auto removed = modules_.extract(module);
+    lock.unlock();
 }
 
-std::shared_ptr<const Parameters::Module> Parameters::find(std::string_view module) const {
-    const std::lock_guard lock(mutex_);
-    const auto found = modules_.find(std::string(module));
-    return found == modules_.end() ? nullptr : found->second;
+Parameters::Place Parameters::find(std::string_view key) const {
+    const size_t dot = key.find('.');
+    if (dot == std::string_view::npos)
+        return {};
+    Place place{nullptr, key.substr(dot + 1)};
+    {
+        const std::lock_guard lock(mutex_);
+        if (const auto module = modules_.find(std::string(key.substr(0, dot))); module != modules_.end())
+            place.module = module->second;
+    }
+    if (place.module)
+        for (const Parameter &parameter : place.module->parameters)
+            if (parameter.name == place.name)
+                place.parameter = &parameter;
+    return place;
 }
 
 ListKeyValue Parameters::read(const ListValue &keys) const {
@@ -131,55 +101,49 @@ ListKeyValue Parameters::read(const ListValue &keys) const {
     for (const sonetrix_value_t &key : keys) {
         if (key.type != SONETRIX_VALUE_STRING || key.as.string == nullptr)
             continue;
-        const auto [moduleName, name] = split(key.as.string);
-        const auto module = find(moduleName);
-        if (!module)
-            continue;
-        if (module->reader) {
+        const auto [module, name, one] = find(key.as.string);
+        if (one != nullptr)
+            result.add(key.as.string, one->read().record());
+        else if (module && module->reader)
             module->reader(name, result);
-        } else if (name.empty()) {
+        else if (module && name.empty())
             for (const Parameter &parameter : module->parameters)
-                result.add(std::string(moduleName) + '.' + parameter.name, parameter.read().record());
-        } else if (const Parameter *parameter = module->find(name)) {
-            result.add(key.as.string, parameter->read().record());
-        }
+                result.add(key.as.string + parameter.name, parameter.read().record());
     }
     return result;
 }
 
 bool Parameters::write(const ListKeyValue &parameters, ListKeyValue &written) {
     bool all = true;
-    for (const sonetrix_keyValue_t &entry : parameters) {
-        const auto what = [&] { return "cannot set " + inQuotes(entry.key) + " to " + valueText(entry.value); };
-        all &= attempt(what, [&] { writeOne(entry, written); }) == statusOk;
-    }
+    for (const sonetrix_keyValue_t &entry : parameters)
+        all &= guarded([&] { writeOne(entry, written); },
+                   [&] { return "cannot set " + inQuotes(entry.key) + " to " + valueText(entry.value); }) == statusOk;
     return all;
 }
 
 void Parameters::writeOne(const sonetrix_keyValue_t &entry, ListKeyValue &written) {
-    const auto [moduleName, name] = split(entry.key);
-    const auto module = find(moduleName);
-    const Parameter *parameter = module ? module->find(name) : nullptr;
+    const auto [module, name, parameter] = find(entry.key);
     if (parameter == nullptr && !(module && module->reader))
-        throw Refusal(statusNotFound, "there is no parameter " + inQuotes(entry.key) + suggestion(entry.key));
+        throw Refusal(
+            statusNotFound, "there is no parameter " + inQuotes(entry.key) + suggestion(entry.key, this->keys()));
     if (parameter == nullptr || !parameter->write)
         throw Refusal(statusInvalid, "it can only be read");
     const auto value = parameter->domain.converted(entry.value);
     if (!value)
         throw Refusal(statusRange, "takes " + parameter->domain.text());
     parameter->write(*value);
-    written.add(entry.key, *value);
     if (listener_)
         listener_(entry.key);
+    written.add(entry.key, *value);
 }
 
-std::string Parameters::suggestion(std::string_view key) const {
-    Suggestion suggestion(key);
+std::vector<std::string> Parameters::keys() const {
+    std::vector<std::string> keys;
     const std::lock_guard lock(mutex_);
     for (const auto &[name, module] : modules_)
         for (const Parameter &parameter : module->parameters)
-            suggestion.consider(name + '.' + parameter.name);
-    return suggestion.text();
+            keys.push_back(name + '.' + parameter.name);
+    return keys;
 }
 
 } // namespace sonetrix::dev

@@ -15,7 +15,7 @@
 
 namespace sonetrix::dev {
 
-/// What a parameter takes when it is written: a scalar in a range, or a string.
+/// What a parameter takes when it is written: an int32 or a float in a range, or a string.
 struct Domain {
     sonetrix_value_type_t type = SONETRIX_VALUE_FLOAT;
     double minimum = -std::numeric_limits<double>::infinity();
@@ -41,8 +41,9 @@ struct Parameter {
     std::function<void(const sonetrix_value_t &)> write{};
 };
 
-template <class Read> Parameter readOnlyParameter(std::string name, Read read) {
-    return {std::move(name), [read = std::move(read)] { return Value(valueRecord(read())); }};
+/// A function that reads a parameter, of one that gives a number or a string.
+template <class Read> std::function<Value()> reader(Read read) {
+    return [read = std::move(read)] { return Value(valueRecord(read())); };
 }
 
 /// All parameters of the process, by keys `module.name`; a module's name has no dot, a parameter's may have some.
@@ -52,10 +53,10 @@ public:
     /// Adds what the key's part behind the module's name asks for.
     using Reader = std::function<void(std::string_view name, ListKeyValue &result)>;
 
-    /// Adds parameters to those the module has.
-    void add(const std::string &module, std::vector<Parameter> parameters);
+    /// A module that is there gets these in place of its own.
+    void add(const std::string &module, std::vector<Parameter> parameters) { put(module, {std::move(parameters), {}}); }
     /// The module's parameters are read by this function and cannot be written.
-    void addReader(const std::string &module, Reader reader);
+    void addReader(const std::string &module, Reader reader) { put(module, {{}, std::move(reader)}); }
     void removeModule(const std::string &module);
 
     /// The parameters that the string values of `keys` name, in that order; a key "module." means all of that module.
@@ -67,23 +68,28 @@ public:
 
     /// Called with the key of every parameter written, on the writing thread, which holds no lock of the engine. Must
     /// be quick; set before the first write.
-    void setListener(std::function<void(std::string_view key)> listener) { listener_ = std::move(listener); }
+    void setListener(std::function<void(const char *key)> listener) { listener_ = std::move(listener); }
 
 private:
     struct Module {
         std::vector<Parameter> parameters;
         Reader reader;
-
-        [[nodiscard]] const Parameter *find(std::string_view name) const noexcept;
+    };
+    /// What a key names: in no module, nothing; without a parameter, the whole module or what only its reader knows.
+    struct Place {
+        std::shared_ptr<const Module> module;
+        std::string_view name; // behind the module's
+        const Parameter *parameter = nullptr;
     };
 
-    [[nodiscard]] std::shared_ptr<const Module> find(std::string_view module) const;
-    [[nodiscard]] std::string suggestion(std::string_view key) const;
+    void put(const std::string &name, Module module);
+    [[nodiscard]] Place find(std::string_view key) const;
+    [[nodiscard]] std::vector<std::string> keys() const;
     void writeOne(const sonetrix_keyValue_t &entry, ListKeyValue &written);
 
     mutable std::mutex mutex_; // guards the table only: nobody reads, writes or calls out with it held
     std::unordered_map<std::string, std::shared_ptr<const Module>> modules_;
-    std::function<void(std::string_view)> listener_;
+    std::function<void(const char *)> listener_;
 };
 
 } // namespace sonetrix::dev

@@ -14,40 +14,29 @@ constexpr double meanSeconds = 0.5; // time constant of the running means
 
 /// Indices into `modules`, the first excepted, so that sources come before what they feed wherever there is no circle.
 std::vector<size_t> dependencyOrder(std::span<const WiredModule> modules) {
-    std::unordered_map<const Module *, size_t> indices;
-    indices.reserve(modules.size());
-    for (size_t i = 0; i < modules.size(); ++i)
-        indices.emplace(modules[i].module.get(), i);
-
     struct Visit {
         size_t module;
-        size_t nextInput;
+        size_t nextInput = 0;
     };
-    std::vector<bool> seen(modules.size(), false);
-    seen[0] = true; // its sources are ready when the block begins
+    std::unordered_map<const Module *, size_t> unseen;
+    for (size_t i = 1; i < modules.size(); ++i) // the first one's sources are ready when the block begins
+        unseen.emplace(modules[i].module.get(), i);
     std::vector<size_t> order;
-    order.reserve(modules.size());
     std::vector<Visit> path;
-    for (size_t root = 1; root < modules.size(); ++root) {
-        if (seen[root])
-            continue;
-        seen[root] = true;
-        path.push_back({root, 0});
+    const auto enter = [&](const Module *module) {
+        if (const auto entered = unseen.extract(module))
+            path.push_back({entered.mapped()});
+    };
+    for (const WiredModule &root : modules) {
+        enter(root.module.get());
         while (!path.empty()) {
             Visit &visit = path.back();
             const auto &inputs = modules[visit.module].inputs;
             if (visit.nextInput == inputs.size()) {
                 order.push_back(visit.module);
                 path.pop_back();
-                continue;
-            }
-            const auto &source = inputs[visit.nextInput++];
-            if (!source)
-                continue;
-            const size_t feeding = indices.at(source->module);
-            if (!seen[feeding]) {
-                seen[feeding] = true;
-                path.push_back({feeding, 0});
+            } else if (const auto &source = inputs[visit.nextInput++]) {
+                enter(source->module);
             }
         }
     }
@@ -56,12 +45,11 @@ std::vector<size_t> dependencyOrder(std::span<const WiredModule> modules) {
 
 } // namespace
 
-Plan::Plan(std::span<const WiredModule> modules, uint32_t rate, uint32_t block)
-    : block_(block),
-      weight_(1.0 - std::exp(-(static_cast<double>(block) / rate) / meanSeconds)),
+Plan::Plan(std::span<const WiredModule> modules, const AudioFormat &format)
+    : block_(format.block),
+      weight_(1.0 - std::exp(-(static_cast<double>(format.block) / format.rate) / meanSeconds)),
       system_(dynamic_cast<SystemModule *>(modules.front().module.get())),
-      silence_(block) {
-    steps_.reserve(modules.size());
+      silence_(format.block) {
     for (const size_t index : dependencyOrder(modules))
         addStep(modules[index]);
     addStep(modules.front());
@@ -84,20 +72,19 @@ void Plan::addStep(const WiredModule &wired) {
     steps_.push_back({wired.module, firstInput, firstHeld, held_.size()});
 }
 
-double Plan::run() noexcept {
-    const int64_t began = nanosecondsOf(CLOCK_MONOTONIC);
+double Plan::run(int64_t &time) noexcept {
+    const int64_t began = time;
     system_->capture(block_);
-    int64_t before = nanosecondsOf(CLOCK_MONOTONIC);
-    const int64_t captureTime = before - began;
+    time = nanosecondsOf(CLOCK_MONOTONIC);
+    const int64_t captureTime = time - began;
     double total = 0;
     for (const Step &step : steps_) {
         for (size_t i = step.firstHeld; i < step.endHeld; ++i)
             std::copy_n(held_[i].from, block_, held_[i].buffer.data());
         step.module->process(inputs_.data() + step.firstInput, block_);
-        const int64_t after = nanosecondsOf(CLOCK_MONOTONIC);
-        const int64_t taken = after - before + (step.module.get() == system_ ? captureTime : 0);
+        const int64_t before = std::exchange(time, nanosecondsOf(CLOCK_MONOTONIC));
+        const int64_t taken = time - before + (step.module.get() == system_ ? captureTime : 0);
         total += step.module->addTime(secondsOf(taken), weight_);
-        before = after;
     }
     return total;
 }

@@ -2,6 +2,7 @@
 
 #include "graph/system_module.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -35,17 +36,12 @@ struct WiredModule {
 /// carries the block before: its source's buffer still holds that when the sink's module runs.
 class Plan {
 public:
-    /// The system module is the first; `block` is the block's length in frames.
-    Plan(std::span<const WiredModule> modules, uint32_t rate, uint32_t block);
+    /// The system module is the first.
+    Plan(std::span<const WiredModule> modules, const AudioFormat &format);
 
-    /// Audio thread: runs one block. The modules' mean time per block, in seconds.
-    double run() noexcept;
-
-    /// Calls `visit(module, inputs)` for every module in the order in which they run; `inputs` as `process` gets them.
-    template <class Visit> void forEach(Visit visit) const {
-        for (const Step &step : steps_)
-            visit(*step.module, inputs_.data() + step.firstInput);
-    }
+    /// Audio thread: runs one block, which begins at that time on CLOCK_MONOTONIC. The modules' mean time per block, in
+    /// seconds; `time` is then that of the end.
+    double run(int64_t &time) noexcept;
 
 private:
     friend class PlanExchange;
@@ -72,6 +68,57 @@ private:
     std::vector<const float *> inputs_;
     std::vector<Held> held_;
     Plan *nextRetired_ = nullptr;
+};
+
+/// Hands plans to the audio thread and takes back those it has left. Nobody waits for anybody: a plan that the audio
+/// thread has not taken up yet is simply replaced.
+class PlanExchange {
+public:
+    PlanExchange() = default;
+    PlanExchange(const PlanExchange &) = delete;
+    PlanExchange &operator=(const PlanExchange &) = delete;
+    /// Once there is no audio thread.
+    ~PlanExchange() {
+        collect();
+        delete current_;
+        delete next_.load();
+    }
+
+    /// One thread at a time; frees what the audio thread will never see.
+    void publish(std::unique_ptr<Plan> plan) {
+        const std::unique_ptr<Plan> superseded(next_.exchange(plan.release(), std::memory_order_acq_rel));
+        out_ += superseded ? 0 : 1;
+    }
+
+    /// Frees the plans that the audio thread has left: all but one, once it has taken up the newest. Whether it has.
+    /// The same thread as `publish`.
+    bool collect() {
+        std::unique_ptr<Plan> plan(retired_.exchange(nullptr, std::memory_order_acquire));
+        for (; plan; plan.reset(plan->nextRetired_))
+            --out_;
+        return out_ <= 1;
+    }
+
+    /// Audio thread, at the beginning of a block: the plan to go by, null before the first.
+    Plan *acquire() noexcept {
+        Plan *next = next_.exchange(nullptr, std::memory_order_acq_rel);
+        if (next == nullptr)
+            return current_;
+        if (current_ != nullptr) {
+            current_->nextRetired_ = retired_.load(std::memory_order_relaxed);
+            while (!retired_.compare_exchange_weak(
+                current_->nextRetired_, current_, std::memory_order_release, std::memory_order_relaxed)) {
+            }
+        }
+        current_ = next;
+        return current_;
+    }
+
+private:
+    std::atomic<Plan *> next_{nullptr};
+    std::atomic<Plan *> retired_{nullptr};
+    Plan *current_ = nullptr; // the audio thread's
+    size_t out_ = 0;          // plans that are the audio thread's, or will be
 };
 
 } // namespace sonetrix::dev

@@ -31,35 +31,30 @@ PortLevel levelOf(std::span<const float> samples) noexcept {
 
 } // namespace
 
-SystemModule::SystemModule(uint32_t rate, uint32_t block, bool offline)
-    : Module(moduleName, Type::driver, {"capture_1", "capture_2"}, {"playback_1", "playback_2"}, block),
+SystemModule::SystemModule(const AudioFormat &format, bool offline)
+    : Module(moduleName, Type::driver, {"capture_1", "capture_2"}, {"playback_1", "playback_2"}, format.block),
       offline_(offline),
-      wanted_(block),
-      player_(rate, block),
-      recorder_(rate, block) {}
+      wanted_(format.block),
+      player_(format),
+      recorder_(format) {
+    if (!offline)
+        thread_.start();
+}
 
 void SystemModule::play(const std::filesystem::path &path) {
     checkDistinct(path, recorder_.file());
     player_.open(path);
-    startThread();
 }
 
 void SystemModule::record(const std::filesystem::path &path) {
     checkDistinct(player_.file(), path);
     recorder_.open(path);
-    startThread();
 }
 
 void SystemModule::checkDistinct(const std::filesystem::path &played, const std::filesystem::path &recorded) const {
     std::error_code missing;
     if (std::filesystem::equivalent(played, recorded, missing))
         throw std::runtime_error(recorded.string() + " cannot be played and recorded at once");
-}
-
-void SystemModule::startThread() {
-    if (offline_)
-        return;
-    std::call_once(threadStarted_, [this] { thread_.start(); });
 }
 
 void SystemModule::fileRound(const std::stop_token &stop) {
@@ -91,18 +86,6 @@ void SystemModule::process(const float *const *inputs, uint32_t frames) noexcept
     recorder_.write(inputs, std::min(frames, wanted_));
     if (offline_)
         recorder_.pump();
-}
-
-std::vector<Parameter> SystemModule::parameters() {
-    const Domain fileName{SONETRIX_VALUE_STRING};
-    return {
-        {"play.file", [this] { return Value(valueRecord(player_.file())); }, fileName,
-            [this](const sonetrix_value_t &path) { play(path.as.string); }},
-        readOnlyParameter("play.missed", [this] { return player_.framesMissed(); }),
-        {"record.file", [this] { return Value(valueRecord(recorder_.file())); }, fileName,
-            [this](const sonetrix_value_t &path) { record(path.as.string); }},
-        readOnlyParameter("record.dropped", [this] { return recorder_.framesDropped(); }),
-    };
 }
 
 } // namespace sonetrix::dev

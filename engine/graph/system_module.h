@@ -1,14 +1,12 @@
 #pragma once
 
-#include "files/player.h"
-#include "files/recorder.h"
+#include "clock.h"
+#include "files/file_streams.h"
 #include "graph/module.h"
 #include "thread.h"
 
 #include <array>
 #include <filesystem>
-#include <mutex>
-#include <vector>
 
 namespace sonetrix::dev {
 
@@ -35,7 +33,7 @@ public:
     using Levels = std::array<PortLevel, 2 * channelCount>;
 
     /// `offline`: the audio thread itself reads and writes the files, as it may when nothing happens in real time.
-    SystemModule(uint32_t rate, uint32_t block, bool offline);
+    SystemModule(const AudioFormat &format, bool offline);
 
     // Both begin and, for an empty path, end it; they throw std::runtime_error.
     void play(const std::filesystem::path &path);
@@ -43,7 +41,7 @@ public:
 
     /// Audio thread, before the first module of a block.
     void capture(uint32_t frames) noexcept;
-    /// Audio thread, after the last: records the first `wanted()` frames of what the playback ports get.
+    /// Audio thread, after the last: records the first `wanted` frames of what the playback ports get.
     void process(const float *const *inputs, uint32_t frames) noexcept override;
     void setWanted(uint32_t frames) noexcept { wanted_ = frames; }
     /// Audio thread: the last block's.
@@ -51,17 +49,11 @@ public:
 
     /// The device's, while there is one.
     DeviceBuffers &deviceBuffers() noexcept { return deviceBuffers_; }
-
-    /// Completes the recording. Only once the audio thread has ended.
-    void close() noexcept { recorder_.close(); }
-    [[nodiscard]] bool hasRecordingFailed() const noexcept { return recorder_.hasFailed(); }
-
-    /// The engine's parameters about files; the module must outlive their use.
-    std::vector<Parameter> parameters();
+    [[nodiscard]] const Player &player() const noexcept { return player_; }
+    [[nodiscard]] const Recorder &recorder() const noexcept { return recorder_; }
 
 private:
     void checkDistinct(const std::filesystem::path &played, const std::filesystem::path &recorded) const;
-    void startThread();
     void fileRound(const std::stop_token &stop);
 
     const bool offline_;
@@ -70,10 +62,8 @@ private:
     Levels levels_;
     Player player_;
     Recorder recorder_;
-    std::once_flag threadStarted_;
-    Thread thread_{"sonetrix-file", [this](const std::stop_token &stop) {
-                       fileRound(stop);
-                   }}; // reads and writes the files: the audio thread must not even wake somebody
+    // Reads and writes the files: the audio thread must not even wake somebody.
+    Thread thread_{"sonetrix-file", [this](const std::stop_token &stop) { fileRound(stop); }};
 };
 
 } // namespace sonetrix::dev

@@ -1,6 +1,6 @@
 #include "ladspa_catalogue.h"
 
-#include "graph/refusal.h"
+#include "refusal.h"
 #include "sonetrix/engine_api.h"
 
 #include <algorithm>
@@ -19,13 +19,8 @@ namespace sonetrix::dev {
 
 namespace {
 
-#if defined(__aarch64__)
 constexpr const char *customaryPath =
-    "/usr/local/lib/ladspa:/usr/lib/ladspa:/usr/lib/aarch64-linux-gnu/ladspa:/usr/lib64/ladspa";
-#else
-constexpr const char *customaryPath =
-    "/usr/local/lib/ladspa:/usr/lib/ladspa:/usr/lib/x86_64-linux-gnu/ladspa:/usr/lib64/ladspa";
-#endif
+    "/usr/local/lib/ladspa:/usr/lib/ladspa:/usr/lib/" SONETRIX_MULTIARCH "/ladspa:/usr/lib64/ladspa";
 
 /// The directory's libraries in the order of their names.
 std::set<std::filesystem::path> librariesIn(const std::filesystem::path &directory) {
@@ -71,21 +66,6 @@ float inFloat(double bound) noexcept {
     return static_cast<float>(std::clamp(bound, -most, most));
 }
 
-/// All there is to tell about a plugin, with keys that `prefix` begins.
-ListKeyValue description(const std::string &prefix, const LadspaPlugin &plugin) {
-    ListKeyValue entries;
-    entries.add(prefix + "title", plugin.descriptor->Name);
-    entries.add(prefix + "sinks", fmt::format("{}", fmt::join(plugin.sinkNames, " ")));
-    entries.add(prefix + "sources", fmt::format("{}", fmt::join(plugin.sourceNames, " ")));
-    for (const auto &control : plugin.controls) {
-        entries.add(prefix + control.name + ".minimum", inFloat(control.domain.minimum));
-        entries.add(prefix + control.name + ".maximum", inFloat(control.domain.maximum));
-        entries.add(prefix + control.name + ".default", control.initial);
-        entries.add(prefix + control.name + ".unit", control.domain.unit);
-    }
-    return entries;
-}
-
 } // namespace
 
 std::vector<std::filesystem::path> LadspaCatalogue::standardDirectories() {
@@ -109,22 +89,28 @@ const LadspaPlugin &LadspaCatalogue::plugin(std::string_view identifier) {
     const auto &all = plugins();
     if (const auto found = all.find(identifier); found != all.end())
         return found->second;
-    Suggestion suggestion(identifier);
-    for (const auto &[candidate, plugin] : all)
-        suggestion.consider(candidate);
-    throw Refusal(statusNotFound, "there is no such plugin" + suggestion.text());
+    throw Refusal(statusNotFound, "there is no such plugin" + suggestion(identifier, identifiers()));
 }
 
 void LadspaCatalogue::describe(std::string_view name, ListKeyValue &result) {
-    const std::string key = "plugins." + std::string(name);
+    const std::string asked = "plugins." + std::string(name);
     for (const auto &[identifier, plugin] : plugins()) {
         const std::string prefix = "plugins." + identifier + '.';
-        if (name.empty())
-            result.add(prefix + "title", plugin.descriptor->Name);
-        else if (key.starts_with(prefix))
-            for (const sonetrix_keyValue_t &entry : description(prefix, plugin))
-                if (key == prefix || key == entry.key)
-                    result.add(entry.key, entry.value);
+        if (!name.empty() && !asked.starts_with(prefix))
+            continue;
+        const auto add = [&](const std::string &key, const auto &value) {
+            if (asked == prefix || asked == prefix + key || (name.empty() && key == "title"))
+                result.add(prefix + key, value);
+        };
+        add("title", plugin.descriptor->Name);
+        add("sinks", fmt::format("{}", fmt::join(plugin.sinkNames, " ")));
+        add("sources", fmt::format("{}", fmt::join(plugin.sourceNames, " ")));
+        for (const auto &control : plugin.controls) {
+            add(control.name + ".minimum", inFloat(control.domain.minimum));
+            add(control.name + ".maximum", inFloat(control.domain.maximum));
+            add(control.name + ".default", control.initial);
+            add(control.name + ".unit", control.domain.unit);
+        }
     }
 }
 
@@ -139,17 +125,10 @@ const LadspaCatalogue::Plugins &LadspaCatalogue::plugins() {
 LadspaCatalogue::Plugins LadspaCatalogue::scan() const {
     Plugins plugins;
     std::set<std::filesystem::path> fileNames;
-    for (const auto &directory : directories_) {
-        for (const auto &library : librariesIn(directory)) {
-            if (!fileNames.insert(library.filename()).second)
-                continue;
-            try {
-                addLibrary(library, plugins);
-            } catch (const std::runtime_error &reason) {
-                sonetrix_log(SONETRIX_LOG_WARN, __FILE__, __LINE__, 1, "plugin library skipped: %s", reason.what());
-            }
-        }
-    }
+    for (const auto &directory : directories_)
+        for (const auto &library : librariesIn(directory))
+            if (fileNames.insert(library.filename()).second)
+                guarded([&] { addLibrary(library, plugins); }, [] { return "plugin library skipped"; });
     return plugins;
 }
 

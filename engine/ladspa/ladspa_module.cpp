@@ -1,6 +1,6 @@
 #include "ladspa_module.h"
 
-#include "graph/refusal.h"
+#include "refusal.h"
 
 #include <algorithm>
 #include <fmt/ranges.h>
@@ -22,16 +22,15 @@ std::string controlNames(const LadspaPlugin &plugin) {
 
 LadspaModule::LadspaModule(std::string name,
     const LadspaPlugin &plugin,
-    uint32_t rate,
-    uint32_t block,
+    const AudioFormat &format,
     const std::atomic<float> &smoothing,
     const ListKeyValue *configuration)
-    : Module(std::move(name), Type::plugin, plugin.sourceNames, plugin.sinkNames, block),
+    : Module(std::move(name), Type::plugin, plugin.sourceNames, plugin.sinkNames, format.block),
       plugin_(plugin),
       descriptor_(*plugin.descriptor),
       origin_{plugin.library, configuration != nullptr ? *configuration : ListKeyValue()},
       smoothing_(smoothing),
-      rate_(static_cast<float>(rate)),
+      rate_(static_cast<float>(format.rate)),
       controlOutputs_(plugin.outputs.size()),
       connected_(plugin.sinks.size(), nullptr) {
     for (const auto &control : plugin.controls)
@@ -39,7 +38,7 @@ LadspaModule::LadspaModule(std::string name,
     configure(origin_.configuration);
 
     const std::lock_guard lock(pluginMutex());
-    handle_ = descriptor_.instantiate(&descriptor_, rate);
+    handle_ = descriptor_.instantiate(&descriptor_, format.rate);
     if (handle_ == nullptr)
         throw Refusal(statusFailed, "the plugin gives no instance");
     for (size_t i = 0; i < controls_.size(); ++i)
@@ -134,14 +133,13 @@ std::vector<Parameter> LadspaModule::parameters(const std::shared_ptr<LadspaModu
     std::vector<Parameter> parameters;
     for (size_t i = 0; i < module->controls_.size(); ++i) {
         const auto &control = module->plugin_.controls[i];
-        parameters.push_back({control.name,
-            [module, i] { return Value(valueRecord(module->controls_[i].value.load(std::memory_order_relaxed))); },
-            control.domain,
-            [module, i](const sonetrix_value_t &value) {
-                module->controls_[i].value.store(value.as.float32, std::memory_order_relaxed);
-            }});
+        parameters.push_back(
+            {control.name, reader([module, i] { return module->controls_[i].value.load(std::memory_order_relaxed); }),
+                control.domain, [module, i](const sonetrix_value_t &value) {
+                    module->controls_[i].value.store(value.as.float32, std::memory_order_relaxed);
+                }});
     }
-    parameters.push_back(readOnlyParameter("plugin", [module] { return module->plugin_.identifier; }));
+    parameters.push_back({"plugin", reader([module] { return module->plugin_.identifier; })});
     return parameters;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "clock.h"
 #include "graph/module.h"
 #include "ladspa_plugin.h"
 #include "lists/lists.h"
@@ -24,8 +25,7 @@ public:
     /// gives no instance.
     LadspaModule(std::string name,
         const LadspaPlugin &plugin,
-        uint32_t rate,
-        uint32_t block,
+        const AudioFormat &format,
         const std::atomic<float> &smoothing,
         const ListKeyValue *configuration);
     ~LadspaModule() override;
@@ -36,9 +36,7 @@ public:
     static std::vector<Parameter> parameters(const std::shared_ptr<LadspaModule> &module);
 
     [[nodiscard]] const Origin *origin() const noexcept override { return &origin_; }
-    [[nodiscard]] const std::vector<std::string> &controlOutputNames() const noexcept override {
-        return plugin_.outputNames;
-    }
+    [[nodiscard]] const Names &controlOutputNames() const noexcept override { return plugin_.outputNames; }
     [[nodiscard]] float controlOutput(size_t index) const noexcept override {
         return controlOutputs_[index].value.load(std::memory_order_relaxed);
     }

@@ -54,63 +54,52 @@ double between(const Domain &domain, double position, bool logarithmic) noexcept
     return std::lerp(domain.minimum, domain.maximum, position);
 }
 
-double hintedDefault(const LADSPA_PortRangeHint &hint, const Domain &domain) noexcept {
-    const bool logarithmic = LADSPA_IS_HINT_LOGARITHMIC(hint.HintDescriptor);
-    switch (hint.HintDescriptor & LADSPA_HINT_DEFAULT_MASK) {
-    case LADSPA_HINT_DEFAULT_MINIMUM:
+double hintedDefault(LADSPA_PortRangeHintDescriptor flags, const Domain &domain) noexcept {
+    constexpr std::array<std::pair<int, double>, 3> positions{
+        {{LADSPA_HINT_DEFAULT_LOW, 0.25}, {LADSPA_HINT_DEFAULT_MIDDLE, 0.5}, {LADSPA_HINT_DEFAULT_HIGH, 0.75}}};
+    constexpr std::array<std::pair<int, double>, 3> numbers{
+        {{LADSPA_HINT_DEFAULT_1, 1}, {LADSPA_HINT_DEFAULT_100, 100}, {LADSPA_HINT_DEFAULT_440, 440}}};
+    const int hint = flags & LADSPA_HINT_DEFAULT_MASK;
+    if (hint == LADSPA_HINT_DEFAULT_MINIMUM)
         return domain.minimum;
-    case LADSPA_HINT_DEFAULT_LOW:
-        return between(domain, 0.25, logarithmic);
-    case LADSPA_HINT_DEFAULT_MIDDLE:
-        return between(domain, 0.5, logarithmic);
-    case LADSPA_HINT_DEFAULT_HIGH:
-        return between(domain, 0.75, logarithmic);
-    case LADSPA_HINT_DEFAULT_MAXIMUM:
+    if (hint == LADSPA_HINT_DEFAULT_MAXIMUM)
         return domain.maximum;
-    case LADSPA_HINT_DEFAULT_1:
-        return 1;
-    case LADSPA_HINT_DEFAULT_100:
-        return 100;
-    case LADSPA_HINT_DEFAULT_440:
-        return 440;
-    default:
-        return 0;
-    }
+    for (const auto &[known, position] : positions)
+        if (hint == known)
+            return between(domain, position, LADSPA_IS_HINT_LOGARITHMIC(flags));
+    for (const auto &[known, number] : numbers)
+        if (hint == known)
+            return number;
+    return 0;
 }
 
-/// Turns what plugins call their ports into names for scripts: lower-case letters, digits and single underscores
-/// ("Delay (Seconds)" becomes "delay_seconds"), at most so long, a number appended where one is taken.
-class PortNames {
-public:
-    std::string add(std::string_view pluginsName) {
-        const std::string base = sanitised(pluginsName);
-        std::string name = base;
-        for (size_t number = 2; !taken_.insert(name).second; ++number) {
-            const std::string suffix = '_' + std::to_string(number);
-            name = base.substr(0, portNameMaximum - suffix.size()) + suffix;
-        }
-        return name;
+/// Lower-case letters, digits and single underscores: "Delay (Seconds)" becomes "delay_seconds".
+std::string sanitised(std::string_view name) {
+    std::string result;
+    for (const char character : lowered(name)) {
+        if ((character >= 'a' && character <= 'z') || (character >= '0' && character <= '9'))
+            result += character;
+        else if (!result.empty() && result.back() != '_')
+            result += '_';
     }
+    result.resize(std::min(result.size(), portNameMaximum));
+    result.erase(result.find_last_not_of('_') + 1);
+    return result.empty() ? "port" : result;
+}
 
-private:
-    static std::string sanitised(std::string_view name) {
-        std::string result;
-        for (const char character : lowered(name)) {
-            if ((character >= 'a' && character <= 'z') || (character >= '0' && character <= '9'))
-                result += character;
-            else if (!result.empty() && result.back() != '_')
-                result += '_';
-        }
-        result.resize(std::min(result.size(), portNameMaximum));
-        result.erase(result.find_last_not_of('_') + 1);
-        return result.empty() ? "port" : result;
+/// What a plugin calls a port as a name for scripts, with a number appended where that is taken.
+std::string uniqueName(std::set<std::string> &taken, std::string_view pluginsName) {
+    const std::string base = sanitised(pluginsName);
+    std::string name = base;
+    for (size_t number = 2; !taken.insert(name).second; ++number) {
+        const std::string suffix = '_' + std::to_string(number);
+        name = base.substr(0, portNameMaximum - suffix.size()) + suffix;
     }
-
-    std::set<std::string> taken_;
-};
+    return name;
+}
 
 float initialOf(const LADSPA_PortRangeHint &hint, const Domain &domain) noexcept {
-    const double value = hintedDefault(hint, domain);
+    const double value = hintedDefault(hint.HintDescriptor, domain);
     const double finite = std::isfinite(value) ? value : 0;
     const double rounded = LADSPA_IS_HINT_INTEGER(hint.HintDescriptor) ? std::round(finite) : finite;
     return static_cast<float>(std::min(std::max(rounded, domain.minimum), domain.maximum));
@@ -125,23 +114,23 @@ std::mutex &pluginMutex() {
 
 LadspaPlugin::LadspaPlugin(std::filesystem::path file, const LADSPA_Descriptor &plugin, uint32_t rate)
     : library(std::move(file)), descriptor(&plugin) {
-    PortNames audioNames;
-    PortNames controlNames;
+    std::set<std::string> audioNames;
+    std::set<std::string> controlNames;
     for (unsigned long port = 0; port < plugin.PortCount; ++port) {
         const LADSPA_PortDescriptor kind = plugin.PortDescriptors[port];
         const char *name = plugin.PortNames[port];
+        const LADSPA_PortRangeHint &hint = plugin.PortRangeHints[port];
         if (LADSPA_IS_PORT_AUDIO(kind)) {
             (LADSPA_IS_PORT_INPUT(kind) ? sinks : sources).push_back(port);
-            (LADSPA_IS_PORT_INPUT(kind) ? sinkNames : sourceNames).push_back(audioNames.add(name));
+            (LADSPA_IS_PORT_INPUT(kind) ? sinkNames : sourceNames).push_back(uniqueName(audioNames, name));
         } else if (LADSPA_IS_PORT_INPUT(kind)) {
-            const LADSPA_PortRangeHint &hint = plugin.PortRangeHints[port];
             const Domain domain = domainOf(hint, name, rate);
             const bool isWhole =
                 LADSPA_IS_HINT_INTEGER(hint.HintDescriptor) || LADSPA_IS_HINT_TOGGLED(hint.HintDescriptor);
-            controls.push_back({controlNames.add(name), port, domain, initialOf(hint, domain), !isWhole});
+            controls.push_back({uniqueName(controlNames, name), port, domain, initialOf(hint, domain), !isWhole});
         } else {
             outputs.push_back(port);
-            outputNames.push_back(controlNames.add(name));
+            outputNames.push_back(uniqueName(controlNames, name));
         }
     }
 }

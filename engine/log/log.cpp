@@ -1,4 +1,4 @@
-#include "api/status.h"
+#include "refusal.h"
 #include "sonetrix/engine_api.h"
 
 #include <algorithm>

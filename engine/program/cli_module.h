@@ -3,9 +3,11 @@
 #include "lists/lists.h"
 
 #include <cstdint>
+#include <dlfcn.h>
 #include <filesystem>
 #include <mutex>
-#include <string>
+#include <stdexcept>
+#include <utility>
 
 namespace sonetrix::dev {
 
@@ -13,15 +15,26 @@ namespace sonetrix::dev {
 /// but `stop` are for the thread that called `construct`.
 class CliModule {
 public:
-    CliModule() = default;
+    /// Throws std::runtime_error.
+    explicit CliModule(const std::filesystem::path &library) {
+        // With a slash in it the name is a path for the loader, never one to search for.
+        const auto path = library.has_parent_path() ? library : "." / library;
+        if (void *handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL))
+            constructor_ = reinterpret_cast<decltype(constructor_)>(::dlsym(handle, "sonetrix_engineCliCostructor"));
+        if (constructor_ == nullptr)
+            throw std::runtime_error(::dlerror());
+    }
     CliModule(const CliModule &) = delete;
     CliModule &operator=(const CliModule &) = delete;
     ~CliModule() { destroy(); }
 
-    /// False with a reason in `error`.
-    bool load(const std::filesystem::path &library, std::string &error);
-    bool construct(ListKeyValue &startParameters, std::string &error);
-
+    /// Whether there is a module now.
+    bool construct(ListKeyValue &startParameters) {
+        sonetrix_cliModule_t *const record = constructor_(&startParameters, nullptr);
+        const std::lock_guard lock(mutex_);
+        record_ = record;
+        return record != nullptr;
+    }
     /// False when the module has left its start code untouched: it goes without an interpreter.
     bool start() {
         record_->start(record_);
@@ -29,13 +42,21 @@ public:
     }
     int32_t run() { return record_->run(record_); }
     /// May be called from any thread at any time; does nothing before `construct` and once `destroy` has begun.
-    void stop();
-    void destroy();
+    void stop() {
+        const std::lock_guard lock(mutex_);
+        if (record_ != nullptr)
+            record_->stop(record_);
+    }
+    void destroy() {
+        std::unique_lock lock(mutex_);
+        sonetrix_cliModule_t *const record = std::exchange(record_, nullptr);
+        lock.unlock();
+        if (record != nullptr)
+            record->destroy(record);
+    }
 
 private:
-    using Constructor = decltype(&sonetrix_engineCliCostructor);
-
-    Constructor constructor_ = nullptr;
+    decltype(&sonetrix_engineCliCostructor) constructor_ = nullptr;
     std::mutex mutex_; // between `stop` and what changes the record
     sonetrix_cliModule_t *record_ = nullptr;
 };

@@ -4,14 +4,11 @@
 #include "program/termination_signals.h"
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstring>
 #include <fcntl.h>
 #include <iostream>
 #include <pthread.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace sonetrix::dev;
@@ -21,16 +18,6 @@ namespace {
 int complain(int status, const std::string &what) {
     std::cerr << "sonetrix-engine: " << what << '\n';
     return status;
-}
-
-/// Does not open it: that would disturb the writer of a pipe.
-bool readable(const std::string &path) {
-    struct stat status {};
-    if (::access(path.c_str(), R_OK) != 0 || ::stat(path.c_str(), &status) != 0)
-        return false;
-    if (S_ISDIR(status.st_mode))
-        errno = EISDIR;
-    return !S_ISDIR(status.st_mode);
 }
 
 /// Standard streams that were closed lead nowhere, rather than to whatever the process opens next.
@@ -53,11 +40,6 @@ int32_t runModule(CliModule &module, const Engine &engine, bool scriptOnly, std:
         return 0;
     const bool console = ::isatty(STDIN_FILENO) != 0;
     return module.run() == -1 && !console ? exitFailure : 0;
-}
-
-bool isDeadly(int signal) noexcept {
-    struct sigaction current {};
-    return ::sigaction(signal, nullptr, &current) != 0 || current.sa_handler == SIG_DFL;
 }
 
 int statusOf(const Engine &engine, int32_t ran) {
@@ -88,49 +70,48 @@ int end(CliModule &module, Engine &engine, TerminationSignals &signals, int32_t 
     return statusOf(engine, ran);
 }
 
+CliModule loadModule(const std::filesystem::path &library) try {
+    return CliModule(library);
+} catch (const std::runtime_error &error) {
+    throw Exit(exitUnavailable, error.what());
+}
+
 int runEngine(ProgramOptions options) {
-    std::string error;
-    CliModule module;
-    if (!module.load(options.module, error))
-        return complain(exitUnavailable, error);
+    // Not opened here: that would disturb the writer of a pipe.
+    if (options.script &&
+        (::access(options.script->c_str(), R_OK) != 0 || std::filesystem::is_directory(*options.script)))
+        throw Exit(exitNoInput, *options.script + ": cannot be read");
+    sonetrix_log_SetLogLevel(options.logLevel);
+    CliModule module = loadModule(options.module);
     const auto packages = libraryFolder() / "python3" / "dist-packages";
     if (!std::filesystem::exists(packages / "sonetrix_console"))
-        return complain(exitUnavailable, "there is no sonetrix_console in " + packages.string());
+        throw Exit(exitUnavailable, "there is no sonetrix_console in " + packages.string());
     addStartCode(options, packages);
     // Never destroyed: a Python thread that a script has left behind may be inside it to the program's very end.
-    Engine *const engine = Engine::create(options.engine, std::move(options.startParameters), error).release();
-    if (engine == nullptr)
-        return complain(exitEngineFailure, error);
+    Engine &engine = *Engine::create(options.engine, std::move(options.startParameters)).release();
 
     // Scripts are interrupted by Python's own SIGINT handler, which the interpreter installs over the default
     // disposition only; unless the parameter says that SIGINT is the engine's.
     uint32_t sigintMode = 1;
-    sonetrix_keyValueListGetIU(&engine->startParameters(), "python.sigint", &sigintMode);
+    sonetrix_keyValueListGetIU(&engine.startParameters(), "python.sigint", &sigintMode);
     const bool pythonInterrupts = options.scriptOnly() && sigintMode != 0;
     if (pythonInterrupts)
         std::signal(SIGINT, SIG_DFL);
     std::atomic<bool> starts{false};
-    TerminationSignals signals(!pythonInterrupts, [&] { engine->requestStop(); });
-    engine->setStopHook([&, console = ::pthread_self()] {
+    TerminationSignals signals(!pythonInterrupts, [&] { engine.requestStop(); });
+    engine.setStopHook([&, console = ::pthread_self()] {
         module.stop();
         // Asked to end by a signal, the program does not wait for a script; one that has called `exit` runs on.
-        if (starts && signals.received() && !isDeadly(SIGINT))
+        if (starts && signals.received() && dispositionOf(SIGINT).sa_handler != SIG_DFL)
             ::pthread_kill(console, SIGINT);
     });
-    if (!engine->start(error)) {
-        engine->join();
-        return complain(exitEngineFailure, error);
-    }
+    engine.start();
     sonetrix_log(SONETRIX_LOG_INFO, __FILE__, __LINE__, 1, "running at %u frames per second, %u frames per block",
-        options.engine.rate, options.engine.block);
-
-    int32_t ran = exitUnavailable;
-    if (module.construct(engine->startParameters(), error)) {
-        ran = runModule(module, *engine, options.scriptOnly(), starts);
-    } else {
-        complain(ran, error);
-    }
-    return end(module, *engine, signals, ran);
+        options.engine.format.rate, options.engine.format.block);
+    const bool constructed = module.construct(engine.startParameters());
+    const int32_t ran = constructed ? runModule(module, engine, options.scriptOnly(), starts)
+                                    : complain(exitUnavailable, "the scripting module could not be created");
+    return end(module, engine, signals, ran);
 }
 
 } // namespace
@@ -139,15 +120,10 @@ int main(int argc, char **argv) {
     openStandardStreams();
     for (const int number : {SIGPIPE, SIGXFSZ}) // who writes is told of it
         std::signal(number, SIG_IGN);
-    int status = 0;
-    auto options = readOptions(argc, argv, status);
-    if (!options)
-        return status;
-    if (options->script && !readable(*options->script))
-        return complain(exitNoInput, *options->script + ": " + std::strerror(errno));
-    sonetrix_log_SetLogLevel(options->logLevel);
     try {
-        return runEngine(std::move(*options));
+        return runEngine(readOptions(argc, argv));
+    } catch (const Exit &exit) {
+        return *exit.what() == '\0' ? exit.status : complain(exit.status, exit.what());
     } catch (const std::exception &error) {
         return complain(exitEngineFailure, error.what());
     }

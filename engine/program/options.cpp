@@ -8,6 +8,7 @@
 #include <CLI/ExtraValidators.hpp>
 #endif
 #include <CLI/Formatter.hpp>
+#include <charconv>
 #include <iostream>
 #include <map>
 
@@ -72,9 +73,39 @@ void listDevices() {
     throw CLI::Success();
 }
 
-int usageError(const char *what) {
-    std::cerr << "sonetrix-engine: " << what << "; see --help\n";
-    return exitUsage;
+template <class Number> bool addNumber(ListKeyValue &parameters, const std::string &key, std::string_view text) {
+    text.remove_prefix(text.starts_with('+') ? 1 : 0);
+    Number number{};
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    const bool isNumber = error == std::errc() && end == text.data() + text.size();
+    if (isNumber)
+        parameters.add(key, number);
+    return isNumber;
+}
+
+/// "KEY=VALUE" or "KEY:TYPE=VALUE"
+void addStartParameter(ListKeyValue &parameters, const std::string &setting) {
+    const size_t equals = setting.find('=');
+    const size_t colon = setting.rfind(':', equals);
+    const std::string key = setting.substr(0, std::min(colon, equals));
+    if (key.empty() || equals == std::string::npos)
+        throw CLI::ValidationError("--set", setting + ": not KEY=VALUE");
+    const std::string text = setting.substr(equals + 1);
+    const auto may = [type = colon < equals ? setting.substr(colon + 1, equals - colon - 1) : "",
+                         looksReal = text.find('.') != std::string::npos &&
+                                     text.find_first_not_of("+-.0123456789eE") == std::string::npos](
+                         std::string_view wanted) {
+        const bool deduced = wanted != "double" && (wanted != "float" || looksReal); // "nan" and "inf" stay text
+        return type == wanted || (type.empty() && deduced);
+    };
+    const bool added = (may("int32") && addNumber<int32_t>(parameters, key, text)) ||
+                       (may("uint32") && addNumber<uint32_t>(parameters, key, text)) ||
+                       (may("float") && addNumber<float>(parameters, key, text)) ||
+                       (may("double") && addNumber<double>(parameters, key, text));
+    if (!added && !may("string"))
+        throw CLI::ValidationError("--set", setting + ": the value is not of that type");
+    if (!added)
+        parameters.add(key, text);
 }
 
 } // namespace
@@ -84,7 +115,7 @@ std::filesystem::path libraryFolder() {
     return std::filesystem::read_symlink("/proc/self/exe", error).parent_path().parent_path() / "lib";
 }
 
-std::optional<ProgramOptions> readOptions(int argc, char **argv, int &exitStatus) {
+ProgramOptions readOptions(int argc, char **argv) {
     ProgramOptions options;
     std::error_code unreadable;
     const auto installed = libraryFolder() / "sonetrix" / "sonetrix.so";
@@ -105,8 +136,10 @@ std::optional<ProgramOptions> readOptions(int argc, char **argv, int &exitStatus
         ->type_name("KEY=VALUE")
         ->allow_extra_args(false) // what follows may be the script
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-    app.add_option("--rate", options.engine.rate, "Frames per second")->type_name("HZ")->capture_default_str();
-    app.add_option("--block", options.engine.block, "Frames per block")->type_name("FRAMES")->capture_default_str();
+    app.add_option("--rate", options.engine.format.rate, "Frames per second")->type_name("HZ")->capture_default_str();
+    app.add_option("--block", options.engine.format.block, "Frames per block")
+        ->type_name("FRAMES")
+        ->capture_default_str();
     app.add_option_function<std::string>(
            "--driver", [&](const std::string &name) { takeDriver(name, options.engine); },
            "What asks for the blocks: the clock, the default sound device or the one of that name (clock)")
@@ -130,13 +163,10 @@ std::optional<ProgramOptions> readOptions(int argc, char **argv, int &exitStatus
             addStartParameter(options.startParameters, setting);
         return options;
     } catch (const CLI::Success &helpOrVersion) {
-        exitStatus = app.exit(helpOrVersion);
+        throw Exit(app.exit(helpOrVersion), "");
     } catch (const CLI::ParseError &error) {
-        exitStatus = usageError(error.what());
-    } catch (const std::invalid_argument &error) {
-        exitStatus = usageError(error.what());
+        throw Exit(exitUsage, std::string(error.what()) + "; see --help");
     }
-    return std::nullopt;
 }
 
 } // namespace sonetrix::dev

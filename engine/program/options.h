@@ -3,9 +3,9 @@
 #include "engine.h"
 #include "lists/lists.h"
 
-#include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -18,6 +18,14 @@ constexpr int exitNoInput = 66;       // the script cannot be read
 constexpr int exitUnavailable = 69;   // the scripting module cannot be loaded
 constexpr int exitEngineFailure = 70; // the engine cannot start
 constexpr int exitRecording = 74;     // a recording has been cut short
+
+/// Ends the program with that status, for that reason: none when all has been said.
+class Exit : public std::runtime_error {
+public:
+    Exit(int exitStatus, const std::string &reason) : std::runtime_error(reason), status(exitStatus) {}
+
+    const int status;
+};
 
 struct ProgramOptions {
     Engine::Options engine;
@@ -34,15 +42,11 @@ struct ProgramOptions {
     [[nodiscard]] bool scriptOnly() const noexcept { return (code || script) && !interactive; }
 };
 
-/// Reads the command line. Where the program has to end here (help, version, an error) it says so on the standard
-/// streams and gives the exit status instead.
-std::optional<ProgramOptions> readOptions(int argc, char **argv, int &exitStatus);
+/// Reads the command line. Throws Exit where the program has to end here: help, version, an error.
+ProgramOptions readOptions(int argc, char **argv);
 
 /// Where shared libraries and packages are, as the program's own place tells: in the build tree and installed.
 std::filesystem::path libraryFolder();
-
-/// Adds the start parameter that "KEY=VALUE" or "KEY:TYPE=VALUE" describes. Throws std::invalid_argument.
-void addStartParameter(ListKeyValue &parameters, const std::string &description);
 
 /// Puts what the module has to run in its `start` in front of a "python.start" that was set by hand. The packages'
 /// folder is searched after all others; the console is turned on and clients are let in, if they are wanted; code and

@@ -108,13 +108,9 @@ void sonetrix_log(sonetrix_log_level_t level, const char *file, int32_t line, in
 
 // An engine that is never started: nothing happens in it but what the test asks for.
 void record_begin() {
-    std::string error;
-    static auto *const engine =
-        sonetrix::dev::Engine::create({.offlineSeconds = 1}, sonetrix_cListKeyValue(), error).release();
-    if (!engine) {
-        std::fprintf(stderr, "record: %s\n", error.c_str());
-        std::abort();
-    }
+    static const auto *const engine =
+        sonetrix::dev::Engine::create({.offlineSeconds = 1}, sonetrix_cListKeyValue()).release();
+    static_cast<void>(engine);
     active = true;
     record_reset();
 }

@@ -1,0 +1,156 @@
+#include "files/file_streams.h"
+
+#include "sonetrix/engine_api.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+namespace sonetrix::dev {
+
+void FileStream::prepare() {
+    if (chunk_.empty()) {
+        ring_.allocate(size_t{2} * rate_); // twice what is read ahead: what is discarded may still be in it
+        chunk_.resize(chunkFrames);
+    }
+    ring_.discard();
+}
+
+void Player::open(const std::filesystem::path &path) {
+    SF_INFO info{};
+    SoundFile file;
+    if (!path.empty()) {
+        file = openSoundFile(path, info);
+        if (info.samplerate != static_cast<int>(rate_))
+            throw std::runtime_error(path.string() + ": has " + std::to_string(info.samplerate) +
+                                     " frames per second, the engine " + std::to_string(rate_));
+    }
+    const std::lock_guard lock(mutex_);
+    prepare();
+    path_ = path;
+    file_ = std::move(file);
+    fileChannels_ = static_cast<size_t>(info.channels);
+    fromFile_.resize(chunkFrames * fileChannels_);
+    ended_.store(!file_, std::memory_order_release);
+    readAhead();
+    active_.store(file_ != nullptr, std::memory_order_release);
+}
+
+std::string Player::file() const {
+    const std::lock_guard lock(mutex_);
+    return ended_ && ring_.available() == 0 ? "" : path_;
+}
+
+void Player::pump() noexcept {
+    if (ended_.load(std::memory_order_acquire))
+        return;
+    const std::lock_guard lock(mutex_);
+    readAhead();
+}
+
+void Player::readAhead() noexcept {
+    while (!ended_ && ring_.available() < rate_ && ring_.room() >= chunkFrames) {
+        const sf_count_t read = sf_readf_float(file_.get(), fromFile_.data(), chunkFrames);
+        const auto frames = static_cast<size_t>(std::max<sf_count_t>(0, read));
+        for (size_t frame = 0; frame < frames; ++frame) {
+            chunk_[frame] = {};
+            std::copy_n(&fromFile_[frame * fileChannels_], std::min(channelCount, fileChannels_), chunk_[frame].data());
+        }
+        ring_.write(std::span(chunk_).first(frames));
+        if (frames < chunkFrames)
+            ended_.store(true, std::memory_order_release);
+    }
+}
+
+bool Player::read(std::array<float *, channelCount> outputs, uint32_t frames) noexcept {
+    if (!active_.load(std::memory_order_acquire))
+        return false;
+    const bool ended = ended_.load(std::memory_order_acquire);
+    const size_t count = ring_.read(std::span(block_).first(frames));
+    std::fill_n(block_.begin() + static_cast<ptrdiff_t>(count), frames - count, Frame{});
+    for (size_t channel = 0; channel < channelCount; ++channel)
+        for (size_t frame = 0; frame < frames; ++frame)
+            outputs[channel][frame] = block_[frame][channel];
+    if (!ended)
+        lose(frames - count);
+    return true;
+}
+
+void Recorder::open(const std::filesystem::path &path) {
+    const std::lock_guard lock(mutex_);
+    complete();
+    if (path.empty())
+        return;
+    const auto written = std::filesystem::exists(path) ? std::filesystem::path(path.string() + ".partial") : path;
+    file_ = createSoundFile(written, path, rate_, channelCount);
+    path_ = path;
+    writtenPath_ = written;
+    cutShort_ = false;
+    sinceHeader_ = 0;
+    prepare();
+    active_.store(true, std::memory_order_release);
+}
+
+std::string Recorder::file() const {
+    const std::lock_guard lock(mutex_);
+    return path_;
+}
+
+void Recorder::pump() noexcept {
+    if (!active_.load(std::memory_order_acquire))
+        return;
+    const std::lock_guard lock(mutex_);
+    writeOut();
+}
+
+void Recorder::writeOut() noexcept {
+    while (const size_t frames = file_ ? ring_.read(chunk_) : 0) {
+        const auto count = static_cast<sf_count_t>(frames);
+        if (!cutShort_ && sf_writef_float(file_.get(), chunk_.front().data(), count) != count)
+            fail(sf_strerror(file_.get()));
+        if (cutShort_)
+            lose(frames);
+        sinceHeader_ += frames;
+        if (sinceHeader_ >= rate_) {
+            sf_command(file_.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
+            sinceHeader_ = 0;
+        }
+    }
+}
+
+void Recorder::complete() noexcept {
+    active_.store(false, std::memory_order_release);
+    if (!file_)
+        return;
+    writeOut();
+    if (const int error = sf_close(file_.release()); error != 0 && !cutShort_)
+        fail(sf_error_number(error));
+    forgetTime(writtenPath_);
+    std::error_code error;
+    if (!cutShort_ && writtenPath_ != path_)
+        std::filesystem::rename(writtenPath_, path_, error);
+    if (error)
+        fail(error.message());
+    path_.clear();
+}
+
+void Recorder::fail(const std::string &reason) noexcept {
+    cutShort_ = true;
+    hasFailed_ = true;
+    sonetrix_log(
+        SONETRIX_LOG_ERROR, "engine", 0, 1, "the recording %s is cut short: %s", writtenPath_.c_str(), reason.c_str());
+}
+
+void Recorder::write(const float *const *inputs, uint32_t frames) noexcept {
+    if (!active_.load(std::memory_order_acquire))
+        return;
+    const size_t count = std::min<size_t>(frames, ring_.room());
+    for (size_t channel = 0; channel < channelCount; ++channel)
+        for (size_t frame = 0; frame < count; ++frame)
+            block_[frame][channel] = inputs[channel][frame];
+    ring_.write(std::span(block_).first(count));
+    lose(frames - count);
+}
+
+} // namespace sonetrix::dev
