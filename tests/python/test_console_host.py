@@ -64,18 +64,18 @@ class Record(unittest.TestCase):
                     self.assertEqual((facts["run"], facts["exitCode"], facts["interactive"]), (SUCCEEDED, code, 0))
                     self.assertEqual(facts["sigintMode"], dict(zip(parameters, parameters[1:])).get("python.sigint", 1))
                     self.assertTrue(facts["contextKept"] and facts["parametersConsumed"])
-                    self.assertEqual(facts["sigintWhileConstructed"], "ignored")
+                    self.assertEqual(facts["handlesSigint"], False)
 
     def test_on_a_terminal(self):
-        for parameters, line, disposition in (((), PYTHON_HANDLER, "handler"), (NO_SIGINT, "interactive console", "ignored"),
-                                              (("uint", "python.sigint", 2), PYTHON_HANDLER, "handler")):
+        for parameters, line, handles in (((), PYTHON_HANDLER, True), (NO_SIGINT, "interactive console", False),
+                                              (("uint", "python.sigint", 2), PYTHON_HANDLER, True)):
             with self.subTest(parameters), host.Terminal(*parameters) as console:
                 console.prompt()
                 console.control("D")
                 facts, log = console.finish()
                 self.assertEqual([line for line in log if "python.sigint" not in line[1]], [(INFO, line), CLEARING])
                 self.assertEqual((facts["interactive"], facts["run"]), (1, ENDED))
-                self.assertEqual(facts["sigintWhileConstructed"], disposition)
+                self.assertEqual(facts["handlesSigint"], handles)
 
     def test_standard_input_closed_and_binding_that_is_local(self):
         report = host.run(preexec_fn=lambda: os.close(0))
@@ -100,9 +100,9 @@ print(sys.executable)
                           environment={"PYTHONHOME": "/nonexistent"})
         self.assertEqual(report.log, [(INFO, "not interactive console"), (WARN, "error init python"), (DEBUG, REQUEST)])
         self.assertEqual((report.facts["constructed"], report.facts["run"], report.result.stdout), (True, ENDED, ""))
-        report = host.run("set", "sonetrix_malloc", 2, 1, "construct", "destroy")  # null, once
+        report = host.run("null", "sonetrix_malloc", "construct", "destroy")
         self.assertEqual((report.log, report.facts["constructed"]), ([(WARN, "error creating python cli")], False))
-        report = host.run("set", "sonetrix_engineGet", 2, -1)
+        report = host.run("null", "sonetrix_engineGet")
         self.assertIn((WARN, "error importing sonetrix"), report.log)
         report = host.run(*start("import builtins; builtins.globals = None"))
         self.assertIn((WARN, "problem while cleaning up CLI global variables"), report.log)

@@ -271,12 +271,12 @@ class ModulesTest(EngineTestCase):
         """They are logged or reported; the engine is told nothing, and goes on with the next module."""
         each, place = "sonetrix_engine_ForEachModuleSafe", "sonetrix.engine.create_list_module_info"
         record.modules(Module.of(b"a", 1), Module.of(b"b", 2))
-        record.stop_on_error(each)
+        record.iteration(each, stops_on_error=True)
         for container, text, logged, reported in (
                 ((), "Expected list, got tuple", "info", "sonetrix.engine.create_list_module_name"),
                 (None, "'NoneType' object has no attribute 'append'", "name", place)):
             record.clear()
-            record.user_data(each, container)
+            record.iteration(each, user=container)
             with record.unraisables() as reports:
                 self.assertEqual((self.engine.getModuleNames(), self.engine.getModuleInfos()), ([], []))
             self.assertEqual([(name, str(error)) for name, error in reports], [(reported, text)] * 2)
@@ -285,7 +285,7 @@ class ModulesTest(EngineTestCase):
                 self.assertEqual(line[:len(prefix)], prefix)
                 self.assertEqual((level, line.splitlines()[-1].split(": ")[1]), (3, text))
             self.assertEqual(len(record.log_lines()), 2)
-        record.user_data(each, result := [])
+        record.iteration(each, user=(result := []))
         record.null("sonetrix_valueListNew", 1)  # in the first module's record
         with record.unraisables() as reports:
             self.engine.getModuleInfos()

@@ -31,7 +31,7 @@ class EngineThreads(record.TestCase):
         for kind, add in ADD.items():
             for times in 1, 3, -1:
                 received = threading.Semaphore(0)
-                record.calls_inside("sonetrix_engine_" + add, times)
+                record.calls_inside(times)
                 made = self.make(kind, lambda *_: received.release())
                 for _ in range(abs(times)):
                     self.assertTrue(received.acquire(timeout=10 * SLOWNESS))
@@ -41,7 +41,7 @@ class EngineThreads(record.TestCase):
     def test_threads_that_call_once_leave_nothing_behind(self):
         watch = self.sonetrix.notifyChanges(len)
         record.recording(False)
-        grown, empty = [], record.make_list({})
+        grown, empty = [], record.List({})
         for _ in range(4):
             before = record.native_bytes()
             for _ in range(200):

@@ -79,7 +79,7 @@ class EveryCall(record.TestCase):
         kept = [module.notifyChanges(received.append), module.notifyMeters(received.append),
                 module.timeout(5, lambda: received.append({b"a": 1}))]
         for kind in record.CHANGES, record.FAST_METERS, record.TIMER:
-            fire = functools.partial(record._library.record_fire, kind, record.make_list({"a": 1}), 0, 1)
+            fire = functools.partial(record._library.record_fire, kind, record.List({"a": 1}), 0, 1)
             _, count = with_failure(fire, -1)
             received.clear()
             for number in range(count):
@@ -113,7 +113,7 @@ class EveryCall(record.TestCase):
             count = len(inspect.signature(function).parameters)
             work[name + " refused"] = lambda function=function, count=count: self.refused(function, count)
         kept = [self.sonetrix.notifyChanges(lambda changes: 1 / 0), self.sonetrix.timeout(1, int)]
-        changed = record.make_list({"a": 1})
+        changed = record.List({"a": 1})
         work["fired"] = lambda: (record.fire(record.CHANGES, changed, threads=0), record.fire(record.TIMER, changed))
         del work["add_clear_callback"]
         gc.disable()

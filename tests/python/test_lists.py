@@ -176,7 +176,7 @@ class ReadTest(ListTestCase):
                          list(zip([b"1", b"3", b"4", b"5", b"6", b"8", b"9"], self.PLAIN)))
         self.assertEqual(list(keyed.toDictType().values())[1:], self.PAIRS)
         for name in "sonetrix_valueListForEach", "sonetrix_keyValueListForEach":
-            record.stop_on_error(name)  # the first odd record ends the reading
+            record.iteration(name, stops_on_error=True)  # the first odd record ends the reading
         self.assertEqual((plain.toList(), plain.toListType(), keyed.toDict()), ([0], [(0, "int32")], {b"k": 0}))
 
     def test_callbacks_with_and_without_the_lock(self):
@@ -186,28 +186,30 @@ class ReadTest(ListTestCase):
                 (plain.toListType, self.ODD, self.TYPED, "create_list_value"),
                 (keyed.toDict, self.KEYED_ODD, self.PLAIN, None),
                 (keyed.toDictType, self.KEYED_ODD, self.PAIRS, "create_list_keyvalue")):
+            name = f"sonetrix_{'keyValue' if entries is self.KEYED_ODD else 'value'}ListForEach"
             for mode in {"lock_held": True}, {"lock_held": False}, {"native_thread": True}:
+                record.iteration(name)
                 container = type(read())()
-                self.assertEqual(record.read_again(entries, container, **mode), 4)
+                self.assertEqual(record.read_again(name, entries, container, **mode), 4)
                 self.assertEqual(list(container.values()) if isinstance(container, dict) else container, expected)
                 with record.unraisables() as reports:  # and with a container that is none
-                    self.assertEqual(record.read_again(entries, (), **mode), 0 if report else len(entries))
-                name = f"sonetrix.{read.__qualname__.split('.')[0]}.{report}_type_nogil"
+                    self.assertEqual(record.read_again(name, entries, (), **mode), 0 if report else len(entries))
+                place = f"sonetrix.{read.__qualname__.split('.')[0]}.{report}_type_nogil"
                 text = f"Expected {type(container).__name__}, got tuple"
-                self.assertEqual([(place, str(error)) for place, error in reports],
-                                 [(name, text)] * (report and len(entries) or 0))
+                self.assertEqual([(where, str(error)) for where, error in reports],
+                                 [(place, text)] * (report and len(entries) or 0))
         plain, keyed = (self.put(kind(), 0) for kind in self.kinds)
         for number in range(1, 6):
             self.put(plain, number), self.put(keyed, number, key=str(number))
         for every in 1, 2, 3:  # some elements come through the reading, and some from elsewhere
             for name in "sonetrix_valueListForEach", "sonetrix_keyValueListForEach":
-                record.gives_lock_up(name, every)
+                record.iteration(name, gives_lock_up=every)
             pairs = [(number, "int32") for number in range(6)]
             self.assertEqual((plain.toList(), plain.toListType()), (list(range(6)), pairs))
             self.assertEqual((list(keyed.toDict().values()), list(keyed.toDictType().values())),
                              (list(range(6)), pairs))
         other = [5]
-        record.user_data("sonetrix_valueListForEach", other)
+        record.iteration("sonetrix_valueListForEach", user=other)
         self.assertEqual((plain.toList(), other), ([], [5, *range(6)]))
 
 
@@ -282,21 +284,17 @@ class OwnershipTest(ListTestCase):
 
     def test_other_thread_changes_a_list_that_is_being_read(self):
         for kind, family in zip(self.kinds, ("value", "keyValue")):
-            one, done = kind(), threading.Event()
-            for number in range(2000):
+            one = kind()
+            for number in range(9):
                 self.put(one, number, key=str(number))
-            record.gives_lock_up(f"sonetrix_{family}ListForEach", every=100)
             def change():
-                while not done.is_set():
-                    self.put(one, -1, key="late")
-            thread = threading.Thread(target=change)
-            thread.start()
-            try:
-                for _ in range(20):
-                    self.assertEqual(self.values(one)[:2000], list(range(2000)))
-            finally:
-                done.set()
-                thread.join()
+                thread = threading.Thread(target=self.put, args=(one, -1), kwargs={"key": "late"})
+                thread.start(), thread.join()
+            for every in 0, 1, 3:
+                record.iteration(f"sonetrix_{family}ListForEach", gives_lock_up=every, meanwhile=change)
+                self.assertEqual(self.values(one)[:9], list(range(9)))
+            record.reset()
+            self.assertIn(-1, self.values(one)[9:])
 
 
 if __name__ == "__main__":

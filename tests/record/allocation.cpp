@@ -1,9 +1,7 @@
 // Makes the interpreter run out of memory at a chosen allocation, through its own allocator hooks. The interpreter is
 // found in the process: nothing of its headers is needed but the layout of one documented record.
 
-#include <cstddef>
-#include <cstdint>
-#include <dlfcn.h>
+#include "record.h"
 
 namespace {
 
@@ -15,13 +13,11 @@ struct Allocator { // PyMemAllocatorEx
     void (*free)(void *context, void *memory);
 };
 
-constexpr int domains[] = {1, 2}; // PYMEM_DOMAIN_MEM, PYMEM_DOMAIN_OBJ: those used with the interpreter lock held
-
 Allocator originals[2];
 int64_t allocations = 0;
 int64_t failing = -1;
 
-bool fails() { return allocations++ == failing; }
+bool fails() { return !sonetrix::record::inHook && allocations++ == failing; }
 
 Allocator &original(void *context) { return *static_cast<Allocator *>(context); }
 
@@ -37,14 +33,12 @@ void *reallocate(void *context, void *memory, std::size_t size) {
     Allocator &next = original(context);
     return fails() ? nullptr : next.reallocate(next.context, memory, size);
 }
-void freeMemory(void *context, void *memory) {
-    Allocator &next = original(context);
-    next.free(next.context, memory);
+void freeMemory(void *context, void *memory) { original(context).free(original(context).context, memory); }
+
+// Of the domains that are used with the interpreter lock held: PYMEM_DOMAIN_MEM and PYMEM_DOMAIN_OBJ.
+void access(const char *function, int index, Allocator *allocator) {
+    reinterpret_cast<void (*)(int domain, Allocator *)>(dlsym(RTLD_DEFAULT, function))(index + 1, allocator);
 }
-
-using Access = void (*)(int domain, Allocator *allocator);
-
-Access accessFunction(const char *name) { return reinterpret_cast<Access>(dlsym(RTLD_DEFAULT, name)); }
 
 } // namespace
 
@@ -56,17 +50,16 @@ void record_failAllocation(int64_t number) {
     allocations = 0;
     failing = number;
     for (int index = 0; index < 2; ++index) {
-        accessFunction("PyMem_GetAllocator")(domains[index], &originals[index]);
+        access("PyMem_GetAllocator", index, &originals[index]);
         Allocator hook = {&originals[index], allocate, allocateZeroed, reallocate, freeMemory};
-        accessFunction("PyMem_SetAllocator")(domains[index], &hook);
+        access("PyMem_SetAllocator", index, &hook);
     }
 }
 
 // Puts the interpreter's allocators back and gives the number of allocations since.
 int64_t record_endAllocationFailure() {
-    for (int index = 0; index < 2; ++index) {
-        accessFunction("PyMem_SetAllocator")(domains[index], &originals[index]);
-    }
+    for (int index = 0; index < 2; ++index)
+        access("PyMem_SetAllocator", index, &originals[index]);
     return allocations;
 }
 

@@ -15,7 +15,7 @@
 //     stop                                             a stop request
 //     fire KIND TIMES, on THREAD KIND TIMES            callbacks from a new engine thread, or from one that stays ...
 //     join THREAD                                      ... until it is joined
-//     set FUNCTION SETTING NUMBER                      what an engine function does, see record.h
+//     null FUNCTION                                    an engine function gives null from now on
 //     sleep MILLISECONDS
 //     interrupt TIMES                                  SIGINT to the process, every millisecond
 //     after MILLISECONDS OPERATION                     by an engine thread
@@ -27,20 +27,15 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <dlfcn.h>
 #include <fstream>
 #include <functional>
 #include <iostream>
 #include <iterator>
-#include <map>
-#include <mutex>
 #include <sstream>
-#include <string>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <utility>
-#include <vector>
 
 namespace {
 
@@ -53,16 +48,9 @@ template <typename Value> void note(const char *key, const Value &value) {
     const std::lock_guard lock(reportMutex);
     report << "'" << key << "': " << value << ",\n";
 }
-void noteText(const char *key, const std::string &value) { note(key, "'" + value + "'"); }
 void noteTruth(const char *key, bool value) { note(key, value ? "True" : "False"); }
 
-std::string disposition() {
-    struct sigaction action {};
-    sigaction(SIGINT, nullptr, &action);
-    return action.sa_handler == SIG_DFL ? "default" : action.sa_handler == SIG_IGN ? "ignored" : "handler";
-}
-
-// The dispositions and the calling thread's mask, as text.
+// The dispositions, and the calling thread's mask.
 std::string signalState() {
     std::ostringstream text;
     sigset_t mask;
@@ -70,8 +58,7 @@ std::string signalState() {
     for (const int number : {SIGINT, SIGPIPE, SIGXFSZ, SIGURG, SIGALRM, SIGTTOU}) {
         struct sigaction action {};
         sigaction(number, nullptr, &action);
-        text << number << ':' << reinterpret_cast<void *>(action.sa_handler) << ':' << sigismember(&mask, number)
-             << ' ';
+        text << reinterpret_cast<void *>(action.sa_handler) << ' ' << sigismember(&mask, number) << '\n';
     }
     return text.str();
 }
@@ -105,22 +92,22 @@ private:
     std::vector<std::jthread> threads_;
 };
 
-// -------------------------------------------------------------------------------------------------- the operations
-
-using Constructor = decltype(&sonetrix_engineCliCostructor);
-Constructor constructor = nullptr;
+decltype(&sonetrix_engineCliCostructor) constructor = nullptr;
 sonetrix_cListKeyValue_t *parameters = nullptr;
 sonetrix_cliModule_t *module = nullptr;
 std::mutex moduleMutex; // keeps stop apart from destroy, as is the engine's duty
 std::string signalsBefore;
 EngineThreads stopThreads, otherThreads;
+std::atomic<int64_t> blocks = 0; // of the engine's allocator
 int context = 0;
 
 void construct() {
     signalsBefore = signalState();
     sonetrix_cliModule_t *made = constructor(parameters, &context);
     noteTruth("constructed", made);
-    noteText("sigintWhileConstructed", disposition());
+    struct sigaction action {};
+    sigaction(SIGINT, nullptr, &action);
+    noteTruth("handlesSigint", action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN);
     if (made) {
         noteTruth("contextKept", made->context == &context);
         note("interactive", made->interactive);
@@ -153,23 +140,22 @@ void destroy() {
         end(ending);
         end(nullptr);
     }
-    noteText("sigintAfter", disposition());
     noteTruth("signalsRestored", signalState() == signalsBefore);
 }
 
 void withoutParameters() { sonetrix_keyValueListDestroy(std::exchange(parameters, nullptr)); }
 
 int number(const std::string &text) { return std::stoi(text); }
-void sleep(const std::string &milliseconds) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(number(milliseconds)));
-}
+void sleep(int milliseconds) { std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); }
 
 void interrupt(int times) {
-    for (int i = 0; i < times; ++i) {
-        sleep("1");
+    for (; times > 0; --times) {
+        sleep(1);
         kill(getpid(), SIGINT);
     }
 }
+
+bool giveNull(const int64_t * /*arguments*/, int64_t * /*result*/) { return true; }
 
 struct Operation {
     size_t arguments;
@@ -191,25 +177,24 @@ const std::map<std::string, Operation> operations{
     {"fire", {2, [](auto *word) { record_fire(number(word[0]), nullptr, 1, number(word[1])); }}},
     {"on", {3, [](auto *word) { record_fireOn(number(word[0]), number(word[1]), nullptr, number(word[2]), 0); }}},
     {"join", {1, [](auto *word) { record_join(number(word[0])); }}},
-    {"set", {3, [](auto *word) { record_set(word[0].c_str(), number(word[1]), number(word[2])); }}},
+    {"null", {1, [](auto *word) { record_hook(word[0].c_str(), giveNull); }}},
     {"interrupt", {1, [](auto *word) { interrupt(number(word[0])); }}},
-    {"sleep", {1, [](auto *word) { sleep(word[0]); }}},
+    {"sleep", {1, [](auto *word) { sleep(number(word[0])); }}},
 };
 
 void perform(const Words &words) {
-    for (size_t at = 0; at < words.size();) {
-        const bool later = words[at] == "after";
-        const std::string delay = later ? words.at(at + 1) : "0";
-        at += later ? 2 : 0;
-        const Operation &operation = operations.at(words.at(at));
-        const Words arguments(
-            words.data() + at + 1, words.data() + std::min(words.size(), at + 1 + operation.arguments));
-        const auto work = [operation, arguments, delay] {
+    for (auto word = words.begin(); word != words.end();) {
+        const bool later = *word == "after";
+        const int delay = later ? number(word[1]) : 0;
+        word += later ? 2 : 0;
+        const Operation &operation = operations.at(*word);
+        const Words arguments(word + 1, word + 1 + static_cast<ptrdiff_t>(operation.arguments));
+        word += 1 + static_cast<ptrdiff_t>(operation.arguments);
+        const auto work = [&operation, arguments, delay] {
             sleep(delay);
             operation.carryOut(arguments.data());
         };
         later ? otherThreads.add(work) : work();
-        at += 1 + operation.arguments;
     }
 }
 
@@ -237,25 +222,34 @@ void goToTheBackground() {
     std::_Exit(WIFEXITED(status) ? WEXITSTATUS(status) : 70);
 }
 
+void beginRecord() {
+    record_begin();
+    record_hook("sonetrix_malloc", [](auto *, auto *) { return ++blocks == 0; });
+    record_hook("sonetrix_free", [](auto *arguments, auto *) {
+        blocks -= arguments[0] != 0;
+        return false;
+    });
+    record_hook("sonetrix_engine_RequestStop", [](auto *, auto *) {
+        stopThreads.add(stop);
+        return false;
+    });
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
     const Words words(argv + 1, argv + argc);
-    const std::string &flags = words.at(3);
-    const auto flag = [&](char letter) { return flags.find(letter) != std::string::npos; };
+    const auto flag = [&](char letter) { return words.at(3).find(letter) != std::string::npos; };
     if (flag('g'))
         goToTheBackground();
-    record_begin();
-    const int64_t blocks = record_blocks();
-    record_onStopRequest([] { stopThreads.add(stop); });
+    beginRecord();
     parameters = sonetrix_keyValueListNew();
     void *library = dlopen(words[0].c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!library) {
         std::cerr << "console_host: " << dlerror() << '\n';
         return 69;
     }
-    constructor = reinterpret_cast<Constructor>(dlsym(library, "sonetrix_engineCliCostructor"));
-
+    constructor = reinterpret_cast<decltype(constructor)>(dlsym(library, "sonetrix_engineCliCostructor"));
     std::signal(SIGINT, flag('d') ? SIG_DFL : SIG_IGN);
     if (const int descriptor = number(words[2]); descriptor >= 0)
         otherThreads.add([=] { obey(descriptor); });
@@ -265,22 +259,15 @@ int main(int argc, char **argv) {
         perform(Words(words.begin() + 4, words.end()));
     };
     if (flag('t')) {
-        sigset_t all, before;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &before);
-        std::thread([&] {
-            pthread_sigmask(SIG_SETMASK, &before, nullptr);
-            work();
-        }).join();
+        std::jthread other(work);
+        blockSignals({SIGINT, SIGURG, SIGALRM, SIGTERM, SIGHUP});
     } else {
         work();
     }
     otherThreads.join();
     if (parameters)
         withoutParameters();
-
-    note("exitCode", record_exitCode());
-    note("blocks", record_blocks() - blocks);
+    note("blocks", blocks);
     note("violations", record_violations());
     note("calls", record_calls(0));
     std::ofstream(words[1]) << "{" << report.str() << "}\n";

@@ -1,15 +1,19 @@
 #include "record.h"
 
+#include "engine.h"
+#include "lists/lists.h"
+
 #include <algorithm>
-#include <chrono>
 #include <cmath>
+#include <cstdarg>
 #include <cstdio>
+#include <string_view>
 #include <unistd.h>
 
 namespace sonetrix::record {
 
-std::atomic<bool> active = false;
 thread_local bool comesInHolding = false;
+thread_local bool inHook = false;
 
 std::string literal(const char *text) {
     if (!text)
@@ -30,6 +34,59 @@ std::string literal(double number) {
     std::snprintf(text, sizeof text, "%.16e", number);
     return text;
 }
+
+std::string literal(const void *pointer) {
+    if (!pointer)
+        return "None";
+    return pointer == dev::Engine::current() ? "'engine'" : std::to_string(reinterpret_cast<uintptr_t>(pointer));
+}
+
+std::string literal(const sonetrix_value_t *value) {
+    const auto array = [&](auto *elements) { return arrayLiteral(elements, value->count); };
+    const auto content = [&] {
+        switch (value->type) {
+        case SONETRIX_VALUE_UINT32:
+            return "'uint32'," + literal(value->as.uint32);
+        case SONETRIX_VALUE_INT32:
+            return "'int32'," + literal(value->as.int32);
+        case SONETRIX_VALUE_FLOAT:
+            return "'float'," + literal(value->as.float32);
+        case SONETRIX_VALUE_STRING:
+            return "'string'," + literal(value->as.string);
+        case SONETRIX_VALUE_AUINT32:
+            return "'auint32'," + array(static_cast<const uint32_t *>(value->as.array));
+        case SONETRIX_VALUE_AINT32:
+            return "'aint32'," + array(static_cast<const int32_t *>(value->as.array));
+        case SONETRIX_VALUE_AFLOAT:
+            return "'afloat'," + array(static_cast<const float *>(value->as.array));
+        case SONETRIX_VALUE_DOUBLE:
+            return "'double'," + literal(value->as.float64);
+        default:
+            return "'unknown'," + literal(value->type);
+        }
+    };
+    return "(" + content() + ")";
+}
+
+std::string literal(const sonetrix_keyValue_t *entry) {
+    return "(" + literal(entry->key) + "," + literal(&entry->value) + ")";
+}
+
+namespace {
+
+template <typename List> std::string listLiteral(const List *list) {
+    if (!list)
+        return "None";
+    std::string text = "[";
+    for (const auto &element : *list)
+        text += literal(&static_cast<const typename List::Record &>(element)) + ",";
+    return text + "]";
+}
+
+} // namespace
+
+std::string literal(const sonetrix_cListValue_t *list) { return listLiteral(list); }
+std::string literal(const sonetrix_cListKeyValue_t *list) { return listLiteral(list); }
 
 namespace {
 
@@ -52,19 +109,19 @@ int ruleFor(std::string_view name) {
     return name == "sonetrix_log" || (comesInHolding && name == "sonetrix_log_LogString") ? -1 : 0;
 }
 
+template <typename Items> std::string joined(const Items &items, const char *quote) {
+    std::string text = "[";
+    for (const std::string &item : items)
+        text.append(quote).append(item).append(quote).append(",\n");
+    return text + "]";
+}
+
 } // namespace
 
 int lockHeld() {
     auto *const initialized = python<int()>("Py_IsInitialized");
     auto *const check = python<int()>("PyGILState_Check");
     return initialized && check && initialized() ? check() : -1;
-}
-
-LockGivenUp::LockGivenUp(bool really) : state_(really ? python<void *()>("PyEval_SaveThread")() : nullptr) {}
-
-LockGivenUp::~LockGivenUp() {
-    if (state_)
-        python<void(void *)>("PyEval_RestoreThread")(state_);
 }
 
 Recorder &Recorder::instance() {
@@ -76,27 +133,14 @@ void Recorder::call(const char *name, const std::string &arguments) {
     const int held = lockHeld();
     if (const int rule = ruleFor(name); rule >= 0 && held >= 0 && held != rule)
         violate(std::string(name) + " is called with the interpreter lock " + (held ? "held" : "released"));
-    std::unique_lock lock(mutex_);
-    if (noting)
-        calls_.push_back("('" + std::string(name) + "', (" + arguments + "), " + std::to_string(held) + ", " +
-                         std::to_string(gettid()) + ")");
-    const auto delay = [&] { return scripts_.contains(name) ? scripts_[name].settings[Delay] : 0; };
-    if (const int64_t longest = delay())
-        changed_.wait_for(lock, std::chrono::milliseconds(longest), [&] { return delay() == 0; });
+    if (!noting)
+        return;
+    const std::lock_guard lock(mutex_);
+    calls_.push_back("('" + std::string(name) + "', (" + arguments + "), " + std::to_string(held) + ", " +
+                     std::to_string(gettid()) + ")");
 }
 
-namespace {
-
-template <typename Items> std::string joined(const Items &items, const char *quote) {
-    std::string text = "[";
-    for (const std::string &item : items)
-        text.append(quote).append(item).append(quote).append(",\n");
-    return text + "]";
-}
-
-} // namespace
-
-std::string Recorder::takeCalls(bool clear) {
+std::string Recorder::calls(bool clear) {
     const std::lock_guard lock(mutex_);
     std::string text = joined(calls_, "");
     if (clear)
@@ -109,22 +153,27 @@ void Recorder::violate(const std::string &what) {
     violations_.push_back(what);
 }
 
-std::string Recorder::takeViolations() {
+std::string Recorder::violations() {
     const std::lock_guard lock(mutex_);
     std::string text = joined(violations_, "\"");
     violations_.clear();
     return text;
 }
 
+std::atomic<Hook> &Recorder::hook(const std::string &name) {
+    const std::lock_guard lock(mutex_);
+    return hooks_[name];
+}
+
 void Recorder::reset() {
     const std::lock_guard lock(mutex_);
-    scripts_.clear();
+    for (auto &[name, hook] : hooks_)
+        hook = nullptr;
     calls_.clear();
     for (const auto &[list, destroy] : ended_)
         destroy(list);
     ended_.clear();
     noting = true;
-    changed_.notify_all();
 }
 
 void Recorder::began(const void *list, bool engineKeeps) {
@@ -164,26 +213,19 @@ void Recorder::forget(const void *list) {
 
 int64_t Recorder::listCount() {
     const std::lock_guard lock(mutex_);
-    return static_cast<int64_t>(std::ranges::count(lists_, false, &decltype(lists_)::value_type::second));
-}
-
-int64_t Call::result() const {
-    return Recorder::instance().withScript(name_, [&](Script &script) {
-        if (script.results.empty())
-            return script.settings[Result];
-        const int64_t first = script.results.front();
-        script.results.pop_front();
-        return first;
-    });
-}
-
-bool Call::null() const {
-    return Recorder::instance().withScript(name_, [](Script &script) {
-        int64_t &nulls = script.settings[Nulls];
-        const bool withheld = nulls != 0;
-        nulls -= nulls > 0 ? 1 : 0;
-        return withheld;
-    });
+    return std::ranges::count(lists_, false, &decltype(lists_)::value_type::second);
 }
 
 } // namespace sonetrix::record
+
+// Takes any number of arguments; the message is noted as the log would show it.
+void sonetrix_log(sonetrix_log_level_t level, const char *file, int32_t line, int32_t flag, const char *format, ...) {
+    using namespace sonetrix::record;
+    char message[4096];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(message, sizeof message, format, arguments);
+    va_end(arguments);
+    Recorder::instance().call("sonetrix_log",
+        literal(level) + "," + literal(file) + "," + literal(line) + "," + literal(flag) + "," + literal(message));
+}

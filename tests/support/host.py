@@ -41,6 +41,7 @@ def read(path):
         facts = ast.literal_eval(file.read())
     assert facts["violations"] == [], facts["violations"]
     assert (facts["signalsRestored"], facts["blocks"]) == (True, 0), (facts["signalsRestored"], facts["blocks"])
+    facts["exitCode"] = ([-1] + [args[1] for name, args, *_ in facts["calls"] if name == "sonetrix_engine_SetExitCode"])[-1]
     calls = [args for name, args, *_ in facts["calls"] if name == "sonetrix_log"]
     for _, file, line, flag, text in calls:
         source, = (SOURCE / "src").rglob(pathlib.Path(file.decode()).name)

@@ -9,8 +9,8 @@
     # [Call(name=..., args=("engine", b"a:out", b"b:in"), lock_held=False, thread=...)]
 
 Behind the layer is the development engine, not started. It answers what is not scripted, but for this: callbacks are
-registered here, and fire when the test says so; every parameter counts as written; there are no modules to go over;
-the engine says that it runs and every driver that it is loaded; its log stays quiet.
+registered in the layer, and fire when the test says so; every parameter counts as written; there are no modules to go
+over; the engine says that it runs and every driver that it is loaded; its log stays quiet.
 
 Arguments arrive as Python values: the handle as "engine", null as None, strings as bytes, other pointers as numbers,
 arrays as tuples, values as (type name, value), lists given to the engine as lists of those, with keys in front where
@@ -21,17 +21,23 @@ was used after its end, and none is left.
 """
 
 import ast
+import atexit
+import collections
 import contextlib
 import ctypes
 import fnmatch
 import gc
 import importlib
 import io
+import itertools
+import threading
 import unittest
 from unittest import mock
 from typing import NamedTuple
 
-from . import RECORD
+from record import generate
+
+from . import BUILD, RECORD, SOURCE
 
 CHANGES, SLOW_METERS, FAST_METERS, TIMER = range(4)
 
@@ -75,6 +81,10 @@ class Value(ctypes.Structure):
         return record
 
 
+class KeyValue(ctypes.Structure):
+    _fields_ = [("key", ctypes.c_char_p), ("reserved", ctypes.c_uint64), ("value", Value)]
+
+
 class Port(ctypes.Structure):
     _fields_ = [("name", ctypes.c_char * 132), ("type", ctypes.c_uint32), ("reserved", ctypes.c_uint8 * 16),
                 ("link", ctypes.c_char_p)]
@@ -100,31 +110,162 @@ class Module(ctypes.Structure):
         return module
 
 
-# ctypes gives the interpreter lock up during calls of the first, and keeps it during calls of the second.
+# ctypes gives the interpreter lock up during calls of the first, and keeps it during calls of the others.
 _library = ctypes.CDLL(str(RECORD), mode=ctypes.RTLD_GLOBAL)
 _holding_lock = ctypes.PyDLL(str(RECORD))
-_kept = {}
-_text, _number, _pointer = ctypes.c_char_p, ctypes.c_int64, ctypes.c_void_p
-for _name, _result, *_arguments in (
+_engine = ctypes.PyDLL(str(BUILD / "lib" / "libsonetrix_engine.so"))  # what is behind the layer
+_INTERFACE = {name: (result, [kind.strip() for kind, _ in parameters]) for result, name, parameters in
+              generate.functions((SOURCE / "include/sonetrix/engine_api.h").read_text())}
+_text, _number, _pointer, _status = ctypes.c_char_p, ctypes.c_int64, ctypes.c_void_p, ctypes.c_int32
+_Hook = ctypes.CFUNCTYPE(ctypes.c_bool, ctypes.POINTER(_number), ctypes.POINTER(_number))
+_Callback, _HeldCallback = (kind(_status, _pointer, _pointer) for kind in (ctypes.CFUNCTYPE, ctypes.PYFUNCTYPE))
+
+
+def _declare(name, result, *arguments):
+    for library in (_engine,) if name.startswith("sonetrix") else (_library, _holding_lock):
+        function = getattr(library, name)
+        function.restype, function.argtypes = result, arguments
+
+
+for _declaration in (
     ("begin", None), ("reset", None), ("noting", None, _number), ("calls", _text, _number), ("violations", _text),
-    ("lists", _number), ("set", None, _text, _number, _number), ("text", None, _text, _text),
-    ("numbers", None, _text, _pointer, _number), ("modules", None, _pointer, _number), ("listNew", _pointer),
-    ("listAdd", None, _pointer, _text, _pointer), ("readAgain", _number, _pointer, _pointer, _number),
-    ("registrations", _number, _number), ("fire", None, _number, _pointer, _number, _number),
-    ("fireOn", None, _number, _number, _pointer, _number, _number), ("join", None, _number),
+    ("lists", _number), ("hook", None, _text, _Hook), ("add", None, _pointer, _text, _pointer),
+    ("registrations", _number, _number), ("callInside", None, _number),
+    ("fire", None, _number, _pointer, _number, _number), ("join", None, _number),
+    ("fireOn", None, _number, _number, _pointer, _number, _number), ("elsewhere", _status, _pointer, _pointer, _pointer),
     ("failAllocation", None, _number), ("endAllocationFailure", _number),
 ):
-    for _binding in (_library, _holding_lock):
-        _function = getattr(_binding, "record_" + _name)
-        _function.restype, _function.argtypes = _result, _arguments
+    _declare("record_" + _declaration[0], *_declaration[1:])
+for _family in "sonetrix_valueList", "sonetrix_keyValueList":
+    _declare(_family + "New", _pointer), _declare(_family + "Destroy", None, _pointer)
+    _declare(_family + "DeepCopy", _pointer, _pointer), _declare(_family + "Merge", _status, _pointer, _pointer)
+    _declare(_family + "ForEach", _status, _pointer, _pointer, _pointer)
+_strdup = ctypes.CDLL(None).strdup
+_strdup.restype, _strdup.argtypes = _pointer, [_text]
 _library.record_begin()
 
-# What can be said of a function in a number, in the layer's order.
-_RESULT, _RESULT_ONCE, _NULLS, _DELAY, _QUIET, _LIST, _USER, _GIVES_LOCK_UP, _STOPS_ON_ERROR, _CALLS_INSIDE = range(10)
+
+class List:
+    """A list of values, or of (key, value) for a dict; each a Python value, (value, type name) or a Value. Wherever
+    entries are asked for, such a list does, too."""
+
+    def __init__(self, entries, keyed=True):
+        self.family = f"sonetrix_{'keyValue' if keyed else 'value'}List"
+        self._as_parameter_ = _pointer(self._call("New"))
+        if isinstance(entries, dict) and not keyed:
+            entries = entries.values()
+        extend_list(self, entries or {}, b"" if keyed else None)
+
+    def __del__(self, getattr=getattr, engine=_engine):
+        getattr(engine, self.family + "Destroy")(self)
+
+    def _call(self, verb, *arguments):
+        return getattr(_engine, self.family + verb)(*arguments)
+
+    def copy(self):
+        return self._call("DeepCopy", self)
+
+    def append_to(self, handle):
+        copy = self.copy()
+        self._call("Merge", handle, copy), self._call("Destroy", copy)
+
+    @classmethod
+    def of(cls, entries, keyed=True):
+        return entries if entries is None or isinstance(entries, List) else cls(entries, keyed)
 
 
-def _set(name, setting, value):
-    _library.record_set(name.encode(), setting, value)
+def extend_list(handle, entries, no_key=None):
+    """More entries for a list, which may be the module's."""
+    pairs = entries.items() if isinstance(entries, dict) else ((no_key, entry) for entry in entries)
+    for key, entry in pairs:
+        if not isinstance(entry, Value):
+            entry = Value.of(*entry) if isinstance(entry, tuple) else Value.of(entry)
+        _library.record_add(handle, key.encode() if isinstance(key, str) else key, ctypes.byref(entry))
+
+
+class _Script:
+    """What the test has said of a function; it is asked at each call."""
+
+    def __init__(self, name):
+        self.result_type, self.parameters = _INTERFACE[name]
+        self.name, self.results, self.nulls, self.given = name, collections.deque(), 0, False
+        self.result, self.entries, self.text, self.numbers = 0, self.list(()), b"", ()
+        self.iteration, self.callback, self.longest, self.gate = None, None, 0, threading.Event()
+        self.hook = _Hook(self.answer)
+        _library.record_hook(name.encode(), self.hook)
+
+    def list(self, entries):
+        return List.of(entries, "cListValue" not in self.result_type)
+
+    def answer(self, words, answer):
+        """False where the engine is to answer."""
+        if self.longest:
+            self.gate.wait(self.longest)
+        if self.iteration is not None:
+            answer[0] = self.iterate(*words[:3], **self.iteration)
+            return True
+        null = self.nulls != 0
+        self.nulls -= self.nulls > 0
+        if self.result_type == "void" or not (null or self.given or self.results):
+            return False
+        status = self.results.popleft() if self.results else self.result
+        numbers = iter(self.numbers)
+        for kind, word in zip(self.parameters, words):
+            self.fill_in(kind, word, status, numbers, self.entries if not (null or status) else None)
+        if not self.result_type.endswith("*"):
+            answer[0] = status
+        elif null or "List" not in self.result_type:
+            answer[0] = 0
+        elif self.name == "sonetrix_engine_getStartParameter":
+            _kept.append(self.entries)  # it stays the engine's
+            answer[0] = self.entries._as_parameter_.value
+        else:
+            answer[0] = self.entries.copy()
+        return True
+
+    def fill_in(self, kind, word, status, numbers, entries):
+        if kind == "float *":
+            ctypes.c_float.from_address(word).value = next(numbers, 0)
+        elif kind == "uint32_t *":
+            ctypes.c_uint32.from_address(word).value = next(numbers, 0)
+        elif kind == "struct timespec *":
+            (_number * 2).from_address(word)[:] = next(numbers, 0), next(numbers, 0)
+        elif kind == "char **":  # what a failure leaves behind is not the caller's to free
+            _pointer.from_address(word).value = id(self) if status else _strdup(self.text)
+        elif kind == "sonetrix_cListKeyValue_t **":
+            _pointer.from_address(word).value = entries and entries.copy()
+        elif kind == "sonetrix_readMeters_t *":
+            _pointer.from_address(word).value = None
+        elif "SetParams" in self.name and kind == "sonetrix_cListKeyValue_t *":
+            self.entries.append_to(word)
+
+    def iterate(self, target, callback, data, modules=None, user=..., meanwhile=None, gives_lock_up=0,
+                stops_on_error=False):
+        count, failed = itertools.count(1), []
+        self.callback = callback
+
+        def step(element, _):
+            if failed and stops_on_error:
+                return 0
+            meanwhile and meanwhile()
+            released = modules is not None or gives_lock_up and next(count) % gives_lock_up == 0
+            kind = _Callback if released else _HeldCallback
+            status = kind(callback)(element, data if user is ... else id(user))
+            failed.extend([status] if status else [])
+            return status
+
+        if modules is None:
+            return getattr(_engine, self.name)(target, _HeldCallback(step), None)
+        for module in modules:
+            step(ctypes.addressof(module), None)
+        return 0
+
+
+_scripts, _kept = {}, []
+
+
+def _script(name):
+    return _scripts.get(name) or _scripts.setdefault(name, _Script(name))
 
 
 def load():
@@ -153,10 +294,11 @@ def violations():
     return ast.literal_eval(_library.record_violations().decode())
 
 
+@atexit.register
 def reset():
-    """Forgets calls, scripted behaviour and module records. Registrations and live objects stay."""
+    """Forgets calls and scripts. Registrations and live objects stay."""
     _library.record_reset()
-    _kept.clear()
+    _scripts.clear()
 
 
 def recording(on):
@@ -164,105 +306,82 @@ def recording(on):
     _library.record_noting(on)
 
 
+def _give(name, **what):
+    vars(_script(name)).update(what, given=True)
+
+
 def result(name, value, lasting=True):
     """The integer result of a function: from now on, or, not lasting, once (queued)."""
-    _set(name, _RESULT if lasting else _RESULT_ONCE, value)
+    _give(name, result=value) if lasting else _script(name).results.append(value)
 
 
 def null(name, times=-1):
     """Makes a function that gives a pointer give null."""
-    _set(name, _NULLS, times)
+    _script(name).nulls = times
 
 
 def delay(name, seconds):
     """Holds every call of a function up, at most that long; 0 lets the waiting calls go on."""
-    _set(name, _DELAY, int(seconds * 1000))
+    script = _script(name)
+    script.longest = seconds
+    seconds or script.gate.set()
 
 
 def text(name, value):
     """The string that a function hands out."""
-    _library.record_text(name.encode(), value)
+    _give(name, text=value)
 
 
 def numbers(name, *values):
     """The figures that a function fills in, in the order of its arguments."""
-    _library.record_numbers(name.encode(), (ctypes.c_double * len(values))(*values), len(values))
-
-
-def user_data(name, value):
-    """Replaces the user pointer of an iteration by this object."""
-    _kept[name, "user"] = value
-    _set(name, _USER, id(value))
-
-
-def gives_lock_up(name, every=1):
-    """Makes an iteration call back without the interpreter lock that its caller holds, for every so-manyth element."""
-    _set(name, _GIVES_LOCK_UP, every)
-
-
-def stop_on_error(name):
-    """Makes an iteration end when its callback reports failure."""
-    _set(name, _STOPS_ON_ERROR, True)
-
-
-def calls_inside(name, times=1):
-    """Makes a registration call back before it returns: on an engine thread, or (negative) on the calling one."""
-    _set(name, _CALLS_INSIDE, times)
-
-
-def _add(handle, entries, no_key=None):
-    pairs = entries.items() if isinstance(entries, dict) else ((no_key, entry) for entry in entries)
-    for key, entry in pairs:
-        if not isinstance(entry, Value):
-            entry = Value.of(*entry) if isinstance(entry, tuple) else Value.of(entry)
-        _library.record_listAdd(handle, key.encode() if isinstance(key, str) else key, ctypes.byref(entry))
-    return handle
-
-
-def make_list(entries):
-    """A list of values, or of (key, value) for a dict; each a Python value, (value, type name) or a Value. Wherever
-    entries are asked for, such a list does, too."""
-    return _add(_library.record_listNew(), entries, b"")
-
-
-def _list(entries):
-    return entries if entries is None or isinstance(entries, int) else make_list(entries)
-
-
-def extend_list(handle, entries):
-    """More entries for a list of the module's."""
-    _add(handle, entries)
-
-
-def read_again(entries, container, lock_held=False, native_thread=False):
-    """Hands the entries to the callback of the last reading on this thread, with another container as user data; gives
-    the number of entries for which it reports failure."""
-    binding = _holding_lock if lock_held else _library
-    return binding.record_readAgain(make_list(entries), id(container), native_thread)
+    _give(name, numbers=values)
 
 
 def gives(name, entries):
     """The list that a function gives."""
-    _set(name, _LIST, _list(entries))
+    _give(name, entries=_script(name).list(entries))
+
+
+def iteration(name, **how):
+    """How a for-each goes: over these `modules`; with another `user` as user data; calling `meanwhile` before each element;
+    calling back without the interpreter lock that its caller holds, for every so-manyth element (`gives_lock_up`); and
+    whether it `stops_on_error`."""
+    _script(name).iteration = {**(_script(name).iteration or {}), **how}
 
 
 def modules(*records):
     """The module records that the iteration shows."""
-    table = (ctypes.POINTER(Module) * len(records))(*map(ctypes.pointer, records))
-    _kept["modules"] = records, table
-    _library.record_modules(table, len(records))
+    iteration("sonetrix_engine_ForEachModuleSafe", modules=records)
+
+
+def read_again(name, entries, container, lock_held=False, native_thread=False):
+    """Hands the entries to the callback of the last reading that went by `iteration`, with another container as user
+    data; gives the number of entries for which it reports failure."""
+    callback, failures = _script(name).callback, 0
+    call = {True: _HeldCallback, False: _Callback}[lock_held](callback)
+    if native_thread:
+        call = lambda record, user: _library.record_elsewhere(callback, record, user)
+    for key, value in entries.items() if isinstance(entries, dict) else ((None, entry) for entry in entries):
+        record = KeyValue(key.encode(), 0, value) if key is not None else value
+        failures += call(ctypes.addressof(record), id(container)) != 0
+    return failures
+
+
+def calls_inside(times=1):
+    """Makes the next registration call back before it returns: on an engine thread, or (negative) on the calling one."""
+    _library.record_callInside(times)
 
 
 def fire(kind, entries=None, threads=1, times=1, lock_held=False):
     """Calls the registered callbacks of a kind: on native threads, or (threads=0) on the calling thread with the
     interpreter lock held or not. Returns when they are through."""
     binding = _holding_lock if lock_held else _library
-    binding.record_fire(kind, _list(entries), threads, times)
+    binding.record_fire(kind, List.of(entries), threads, times)
 
 
 def fire_on(thread, kind, entries=None, times=1, wait=True):
     """The same on an engine thread of this number, which stays until it is joined; without waiting, if so said."""
-    _library.record_fireOn(thread, kind, _list(entries), times, wait)
+    _library.record_fireOn(thread, kind, List.of(entries), times, wait)
 
 
 def join(thread, lock_held=False):
@@ -304,6 +423,7 @@ class TestCase(unittest.TestCase):
     def setUp(self):
         self.sonetrix = load()
         reset()
+        self.addCleanup(reset)
         gc.collect()
         violations()
         self._lists = lists()
