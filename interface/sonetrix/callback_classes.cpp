@@ -110,7 +110,7 @@ void addCallbackClass(PyObject *module, Held place, const Method &constructor, n
 void requireOneParameter(PyObject *callback) {
     Ref signature = call(moduleGlobal("signature"_id).get(), callback);
     Ref parameters = attribute(signature.get(), "parameters"_id);
-    if (checked(PyObject_Size(parameters.get())) != 1) {
+    if (checked(PyObject_Size, parameters.get()) != 1) {
         raise(PyExc_ValueError, "The callback must have only one parameter");
     }
 }
@@ -137,8 +137,7 @@ void notify(const Notification &notification, sonetrix_cListKeyValue_t *list, vo
             reportUnraisable(notification.reportName);
             dict = checked(PyDict_New());
         }
-        const Ref result =
-            Ref::steal(hangingAtFinalisation([&] { return PyObject_CallOneArg(scope.callable(), dict.get()); }));
+        const Ref result = Ref::steal(hangingAtFinalisation(PyObject_CallOneArg, scope.callable(), dict.get()));
         if (!result) {
             PyErr_Clear();
             logFromBridge(SONETRIX_LOG_WARN, notification.failure);

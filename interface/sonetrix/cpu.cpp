@@ -14,22 +14,14 @@ constexpr double millisecond = 0.001;
 // engine.cpuInfo(), unpacked into exactly six.
 std::array<Ref, 6> cpuFigures() {
     std::array<Ref, 6> figures;
-    Ref sequence = checked(PySequence_Fast(callEngine("cpuInfo"_id).get(), "cannot unpack non-iterable object"));
-    const Py_ssize_t count = PySequence_Fast_GET_SIZE(sequence.get());
-    if (count > 6) {
-        raise(PyExc_ValueError, "too many values to unpack (expected 6)");
-    }
-    if (count < 6) {
-        raiseFormat(PyExc_ValueError, "need more than %zd value%.1s to unpack", count, count == 1 ? "" : "s");
-    }
-    for (std::size_t index = 0; index < figures.size(); ++index) {
-        figures[index] = Ref::borrow(PySequence_Fast_GET_ITEM(sequence.get(), static_cast<Py_ssize_t>(index)));
+    if (const std::size_t count = unpack(callEngine("cpuInfo"_id).get(), figures); count < figures.size()) {
+        raiseFormat(PyExc_ValueError, "need more than %zu value%.1s to unpack", count, count == 1 ? "" : "s");
     }
     return figures;
 }
 
 void keepHigher(Ref &held, const Ref &current) {
-    if (checked(PyObject_RichCompareBool(current.get(), held.get(), Py_GT)) != 0) {
+    if (checked(PyObject_RichCompareBool, current.get(), held.get(), Py_GT) != 0) {
         held = current;
     }
 }
@@ -43,7 +35,7 @@ Ref cpu(Arguments arguments) {
         const auto [mean, peakMean, timeUsage, timeUsagePeak, maxCpuTime, maxCpuTimeErr] = cpuFigures();
         const double longest = toDouble(maxCpuTime.get());
         const double error = longest > 0 ? measurementAllowance / longest * 100 : 0;
-        const bool holding = checked(PyObject_IsTrue(hold)) != 0;
+        const bool holding = checked(PyObject_IsTrue, hold) != 0;
         if (holding) {
             keepHigher(meanHeld, mean);
             keepHigher(peakHeld, peakMean);

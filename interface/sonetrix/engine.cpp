@@ -11,8 +11,8 @@ void addEngine(PyObject *module) {
         {slot(Py_tp_doc,
             "The running audio engine. All methods are static: call them on the class, engine.isRunning().\n\n"
             "A method that needs the engine raises Exception \"engine not initialized\" when the process has none.")});
-    checked(PyObject_SetAttrString(type.get(), "METER_SLOW", checked(PyLong_FromLong(SONETRIX_METERS_SLOW)).get()));
-    checked(PyObject_SetAttrString(type.get(), "METER_FAST", checked(PyLong_FromLong(SONETRIX_METERS_FAST)).get()));
+    checked(PyObject_SetAttrString, type.get(), "METER_SLOW", checked(PyLong_FromLong(SONETRIX_METERS_SLOW)).get());
+    checked(PyObject_SetAttrString, type.get(), "METER_FAST", checked(PyLong_FromLong(SONETRIX_METERS_FAST)).get());
     for (const std::span<const Method> functions : {engineStatusFunctions, engineParameterFunctions,
              engineModuleFunctions, engineMeterFunctions, engineGraphFunctions, engineTimerFunctions}) {
         addStaticFunctions(type.get(), functions);

@@ -72,7 +72,7 @@ template <class Body> void withOpenFile(PyObject *filename, Body &&body) {
         const HandledException handled(raised.get());
         Ref swallowed = exit(
             reinterpret_cast<PyObject *>(Py_TYPE(raised.get())), raised.get(), traceback ? traceback.get() : Py_None);
-        if (checked(PyObject_IsTrue(swallowed.get())) == 0) {
+        if (checked(PyObject_IsTrue, swallowed.get()) == 0) {
             PyErr_SetRaisedException(raised.release());
             throw PythonError();
         }
@@ -89,7 +89,7 @@ Ref writeLinesWithHeader(Arguments arguments) {
     if (!PyLong_CheckExact(lineHeaderCount)) {
         raiseArgumentType("lineHeaderCount", "int", lineHeaderCount);
     }
-    Ref header = checked(PyNumber_Multiply("  "_id.get(), lineHeaderCount));
+    Ref header = checked(PyNumber_Multiply, "  "_id.get(), lineHeaderCount);
     Ref pieces = checked(PyUnicode_Split(lines, "\n"_id.get(), -1));
     for (Py_ssize_t index = 0; index < PyList_GET_SIZE(pieces.get()); ++index) {
         PyObject *piece = PyList_GET_ITEM(pieces.get(), index);
@@ -106,12 +106,12 @@ public:
     void write(PyObject *infos) {
         line(fileHeader);
         ++depth_;
-        const Py_ssize_t count = checked(PySequence_Size(infos));
+        const Py_ssize_t count = checked(PySequence_Size, infos);
         for (Py_ssize_t index = 0; index < count; ++index) {
-            writeModule(checked(PySequence_GetItem(infos, index)).get(), index);
+            writeModule(checked(PySequence_GetItem, infos, index).get(), index);
         }
         for (Py_ssize_t index = 0; index < count; ++index) {
-            writeLinks(infos, checked(PySequence_GetItem(infos, index)).get(), index);
+            writeLinks(infos, checked(PySequence_GetItem, infos, index).get(), index);
         }
         --depth_;
         line(footer);
@@ -138,14 +138,14 @@ private:
     }
 
     static bool has(PyObject *dict, const InternedString &key) {
-        return checked(PySequence_Contains(dict, key.get())) != 0;
+        return checked(PySequence_Contains, dict, key.get()) != 0;
     }
     static Ref decoded(const Ref &bytes) { return callMethod(bytes.get(), "decode"_id, "utf-8"_id.get()); }
-    static Py_ssize_t size(const Ref &sequence) { return checked(PySequence_Size(sequence.get())); }
+    static Py_ssize_t size(const Ref &sequence) { return checked(PySequence_Size, sequence.get()); }
 
     static bool isDriver(PyObject *info) {
         Ref driverType = checked(PyLong_FromLong(0));
-        return checked(PyObject_RichCompareBool(item(info, "type"_id).get(), driverType.get(), Py_EQ)) != 0;
+        return checked(PyObject_RichCompareBool, item(info, "type"_id).get(), driverType.get(), Py_EQ) != 0;
     }
 
     static Ref shortened(const Ref &text) {
@@ -161,14 +161,14 @@ private:
     static Ref moduleLabel(PyObject *info) {
         Ref label = decoded(item(info, "name"_id));
         if (has(info, "library"_id)) {
-            Ref os = checked(PyImport_ImportModule("os"));
+            Ref os = checked(PyImport_ImportModule, "os");
             Ref path = attribute(os.get(), "path"_id);
             Ref base = callMethod(path.get(), "basename"_id, decoded(item(info, "library"_id)).get());
-            label = checked(PyUnicode_FromFormat("%S\n(%S)", label.get(), base.get()));
+            label = checked(PyUnicode_FromFormat, "%S\n(%S)", label.get(), base.get());
         }
         if (has(info, "configuration"_id)) {
-            Ref text = shortened(checked(PyObject_Str(item(info, "configuration"_id).get())));
-            label = checked(PyUnicode_FromFormat("%S\n%U", label.get(), text.get()));
+            Ref text = shortened(checked(PyObject_Str, item(info, "configuration"_id).get()));
+            label = checked(PyUnicode_FromFormat, "%S\n%U", label.get(), text.get());
         }
         return label;
     }
@@ -215,20 +215,20 @@ private:
     }
 
     void writeCell(const char *format, const Ref &ports, Py_ssize_t row, Py_ssize_t module) {
-        Ref name = item(checked(PySequence_GetItem(ports.get(), row)).get(), "name"_id);
+        Ref name = item(checked(PySequence_GetItem, ports.get(), row).get(), "name"_id);
         Ref record = checked(Py_BuildValue("(nn)", PyDict_GET_SIZE(ports_.get()), module));
         checked(PyDict_SetItem(ports_.get(), name.get(), record.get()));
         line(format, port(name).id, decoded(name).get());
     }
 
     Port port(const Ref &name) const {
-        Ref record = checked(PyObject_GetItem(ports_.get(), name.get()));
+        Ref record = checked(PyObject_GetItem, ports_.get(), name.get());
         return {
             PyLong_AsSsize_t(PyTuple_GET_ITEM(record.get(), 0)), PyLong_AsSsize_t(PyTuple_GET_ITEM(record.get(), 1))};
     }
 
     Port firstPort(const Ref &ports) const {
-        return port(item(checked(PySequence_GetItem(ports.get(), 0)).get(), "name"_id));
+        return port(item(checked(PySequence_GetItem, ports.get(), 0).get(), "name"_id));
     }
 
     static const char *sourceSuffix(bool driver) noexcept { return driver ? "src" : "src_sink"; }
@@ -248,13 +248,13 @@ private:
     void writeLinks(PyObject *infos, PyObject *info, Py_ssize_t index) {
         const Ref sinks = item(info, "sink"_id);
         for (Py_ssize_t row = 0; row < size(sinks); ++row) {
-            const Ref sink = checked(PySequence_GetItem(sinks.get(), row));
+            const Ref sink = checked(PySequence_GetItem, sinks.get(), row);
             if (!has(sink.get(), "link"_id)) {
                 continue;
             }
             const Port to = port(item(sink.get(), "name"_id));
             const Port from = port(item(sink.get(), "link"_id));
-            const Ref feeding = checked(PySequence_GetItem(infos, from.module));
+            const Ref feeding = checked(PySequence_GetItem, infos, from.module);
             line(linkEdge, from.module, sourceSuffix(isDriver(feeding.get())), from.id, index,
                 sinkSuffix(isDriver(info)), to.id);
         }
@@ -268,7 +268,7 @@ private:
 Ref dot(Arguments arguments) {
     PyObject *filename = arguments[0];
     requireStr("filename", filename);
-    if (checked(PyObject_IsTrue(callEngine("hasDriver"_id).get())) == 0) {
+    if (checked(PyObject_IsTrue, callEngine("hasDriver"_id).get()) == 0) {
         raisePlain("dot is supported only if a driver is loaded");
     }
     const Ref infos = callEngine("getModuleInfos"_id);

@@ -244,7 +244,7 @@ Ref getLink(Arguments arguments) {
 // link() is stricter than the other functions: of the buffers it takes only bytearray.
 EngineText toUnusualPortName(PyObject *object, const char *refusal) {
     if (!PyByteArray_Check(object)) {
-        Ref type = checked(PyObject_Str(reinterpret_cast<PyObject *>(Py_TYPE(object))));
+        Ref type = checked(PyObject_Str, reinterpret_cast<PyObject *>(Py_TYPE(object)));
         raiseFormat(PyExc_ValueError, "%s (%U)", refusal, type.get());
     }
     return EngineText::fromNameOrBuffer(object);

@@ -26,15 +26,11 @@ Ref toKeyList(PyObject *keys) {
     if (!PyList_Check(keys) && !PyTuple_Check(keys)) {
         raisePlain("only string/byte/list/tuple is accepted as input");
     }
-    Ref iterator = checked(PyObject_GetIter(keys));
-    while (Ref key = Ref::steal(PyIter_Next(iterator.get()))) {
-        if (!add(key.get())) {
-            appendElement(keyList, key.get(), Py_None); // getParams() refuses what is not a string
+    forEach(keys, [&](PyObject *key) {
+        if (!add(key)) {
+            appendElement(keyList, key, Py_None); // getParams() refuses what is not a string
         }
-    }
-    if (PyErr_Occurred() != nullptr) {
-        throw PythonError();
-    }
+    });
     return list;
 }
 
@@ -49,16 +45,12 @@ void requireStrings(PyObject *keys) {
     Ref elements =
         ListValue::hasOriginalMethods(keys) ? toTypedList(ListValue::of(keys)) : callMethod(keys, "toListType"_id);
     Ref second = checked(PyLong_FromLong(1));
-    Ref iterator = checked(PyObject_GetIter(elements.get()));
-    while (Ref element = Ref::steal(PyIter_Next(iterator.get()))) {
-        Ref type = checked(PyObject_GetItem(element.get(), second.get()));
-        if (checked(PyObject_RichCompareBool(type.get(), "string"_id.get(), Py_NE)) != 0) {
+    forEach(elements.get(), [&second](PyObject *element) {
+        Ref type = checked(PyObject_GetItem, element, second.get());
+        if (checked(PyObject_RichCompareBool, type.get(), "string"_id.get(), Py_NE) != 0) {
             raisePlain("only string is accepted");
         }
-    }
-    if (PyErr_Occurred() != nullptr) {
-        throw PythonError();
-    }
+    });
 }
 
 Ref getParams(Arguments arguments) {

@@ -78,40 +78,17 @@ void requireDict(PyObject *given) {
     }
 }
 
-// The two parts of what must be a sequence of two, with the interpreter's own errors.
 std::pair<Ref, Ref> unpackPair(PyObject *pair) {
-    if (PyTuple_CheckExact(pair) && PyTuple_GET_SIZE(pair) == 2) {
-        return {Ref::borrow(PyTuple_GET_ITEM(pair, 0)), Ref::borrow(PyTuple_GET_ITEM(pair, 1))};
+    std::array<Ref, 2> parts;
+    if (const std::size_t count = unpack(pair, parts); count < parts.size()) {
+        raiseFormat(PyExc_ValueError, "not enough values to unpack (expected 2, got %zu)", count);
     }
-    Ref iterator = Ref::steal(PyObject_GetIter(pair));
-    if (!iterator) {
-        if (Py_TYPE(pair)->tp_iter == nullptr && PySequence_Check(pair) == 0) {
-            raiseFormat(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(pair)->tp_name);
-        }
-        throw PythonError();
-    }
-    const auto next = [&iterator] {
-        Ref item = Ref::steal(PyIter_Next(iterator.get()));
-        if (!item && PyErr_Occurred() != nullptr) {
-            throw PythonError();
-        }
-        return item;
-    };
-    std::pair<Ref, Ref> parts;
-    parts.first = next();
-    parts.second = parts.first ? next() : Ref();
-    if (!parts.second) {
-        raiseFormat(PyExc_ValueError, "not enough values to unpack (expected 2, got %d)", parts.first ? 1 : 0);
-    }
-    if (next()) {
-        raise(PyExc_ValueError, "too many values to unpack (expected 2)");
-    }
-    return parts;
+    return {std::move(parts[0]), std::move(parts[1])};
 }
 
 // Calls `action(key, value)` for each item that the dict has now, in order.
 template <class Action> void forEachItem(PyObject *dict, Action &&action) {
-    const Ref items = checked(PyMapping_Items(dict));
+    const Ref items = checked(PyMapping_Items, dict);
     for (Py_ssize_t index = 0; index < PyList_GET_SIZE(items.get()); ++index) {
         // A subclass's items() may give anything.
         const auto [key, value] = unpackPair(PyList_GET_ITEM(items.get(), index));

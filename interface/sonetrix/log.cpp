@@ -102,7 +102,7 @@ template <auto set> Ref setLevel(Arguments arguments) {
 }
 
 template <auto set> Ref setTarget(Arguments arguments) {
-    const std::int32_t on = checked(PyObject_IsTrue(arguments.get(0, Py_True)));
+    const std::int32_t on = checked(PyObject_IsTrue, arguments.get(0, Py_True));
     unlocked([&] { set(on); });
     return none();
 }
@@ -193,7 +193,7 @@ void warnWithTraceback(const char *prefix) {
         const HandledException handled(exception.get());
         text = callMethod(moduleGlobal("traceback"_id).get(), "format_exc"_id);
     }
-    Ref message = checked(PyUnicode_FromFormat("%s%S", prefix, text.get()));
+    Ref message = checked(PyUnicode_FromFormat, "%s%S", prefix, text.get());
     callMethod(moduleGlobal("log"_id).get(), "warn"_id, message.get());
 }
 
@@ -205,7 +205,7 @@ void addLog(PyObject *module) {
         checked(PyDict_SetItem(dictionary.get(), level.constant.get(), value.get()));
     }
     Ref logClass =
-        checked(PyObject_CallFunction(reinterpret_cast<PyObject *>(&PyType_Type), "s()O", "log", dictionary.get()));
+        checked(PyObject_CallFunction, reinterpret_cast<PyObject *>(&PyType_Type), "s()O", "log", dictionary.get());
     addStaticFunctions(logClass.get(), functions);
     bindInModule(module, "log", logClass);
     originalClass.remember(asType(logClass));

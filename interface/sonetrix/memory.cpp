@@ -13,7 +13,7 @@ Ref inspect() {
     Ref print = moduleGlobal("print"_id);
     Ref arguments = checked(Py_BuildValue("(s)", "RT Memory Inspect:"));
     Ref keywords = checked(Py_BuildValue("{sO}", "flush", Py_True));
-    checked(PyObject_Call(print.get(), arguments.get(), keywords.get()));
+    checked(PyObject_Call, print.get(), arguments.get(), keywords.get());
     unlocked(sonetrix_memory_rt_inspect);
     return none();
 }

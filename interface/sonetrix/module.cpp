@@ -22,7 +22,7 @@ Ref exitEngine(Arguments arguments) {
         return none();
     }
     PyObject *exitCode = arguments.get(0, Py_None);
-    if (checked(PyObject_RichCompareBool(exitCode, Py_None, Py_NE)) != 0) {
+    if (checked(PyObject_RichCompareBool, exitCode, Py_None, Py_NE) != 0) {
         const std::int32_t code = PyLong_Check(exitCode) ? toInt32(exitCode) : 1;
         unlocked([&] { sonetrix_engine_SetExitCode(engine, code); });
     }
@@ -59,12 +59,12 @@ void runClearCallback(PyObject *callback) {
         return;
     }
     PyErr_Clear();
-    Ref message = checked(PyUnicode_FromFormat(
-        "error while running clean callback registered from user: %S", attribute(callback, "__name__"_id).get()));
+    Ref message = checked(PyUnicode_FromFormat, "error while running clean callback registered from user: %S",
+        attribute(callback, "__name__"_id).get());
     callMethod(moduleGlobal("log"_id).get(), "error"_id, message.get());
 }
 
-void importAs(PyObject *module, const char *name) { bindInModule(module, name, checked(PyImport_ImportModule(name))); }
+void importAs(PyObject *module, const char *name) { bindInModule(module, name, checked(PyImport_ImportModule, name)); }
 
 // The standard modules that the library uses itself; they become names of the module.
 void importStandardModules(PyObject *module) {
@@ -72,8 +72,8 @@ void importStandardModules(PyObject *module) {
         importAs(module, name);
     }
     hold(Held::ctypes, moduleGlobal("ctypes"_id));
-    Ref inspect = checked(PyImport_ImportModule("inspect"));
-    bindInModule(module, "signature", checked(PyObject_GetAttrString(inspect.get(), "signature")));
+    Ref inspect = checked(PyImport_ImportModule, "inspect");
+    bindInModule(module, "signature", checked(PyObject_GetAttrString, inspect.get(), "signature"));
     importAs(module, "typing");
     importAs(module, "os");
 }
@@ -97,10 +97,10 @@ constexpr Method interpreterHooks[] = {
 
 // They hold no reference to the module, which is to be collected at the end.
 void installHooks() {
-    Ref atExit = checked(PyImport_ImportModule("atexit"));
-    checked(PyObject_CallMethod(atExit.get(), "register", "O", newFunction(interpreterHooks[0], Py_None).get()));
-    Ref callbacks = checked(PyObject_GetAttrString(checked(PyImport_ImportModule("gc")).get(), "callbacks"));
-    checked(PyObject_CallMethod(callbacks.get(), "append", "O", newFunction(interpreterHooks[1], Py_None).get()));
+    Ref atExit = checked(PyImport_ImportModule, "atexit");
+    checked(PyObject_CallMethod, atExit.get(), "register", "O", newFunction(interpreterHooks[0], Py_None).get());
+    Ref callbacks = checked(PyObject_GetAttrString, checked(PyImport_ImportModule, "gc").get(), "callbacks");
+    checked(PyObject_CallMethod, callbacks.get(), "append", "O", newFunction(interpreterHooks[1], Py_None).get());
     watchForks();
     watchForksOfRegistrations();
 }
@@ -130,7 +130,7 @@ int execute(PyObject *module) noexcept {
         letGo(); // of a module whose import failed
         detail::module = module;
         InternedString::makeAll();
-        hold(Held::builtins, checked(PyImport_ImportModule("builtins")));
+        hold(Held::builtins, checked(PyImport_ImportModule, "builtins"));
 
         addListValue(module);
         addListKeyValue(module);
@@ -255,7 +255,7 @@ void addFunctions(PyObject *module, std::span<const Method> table) {
 
 void addStaticFunctions(PyObject *type, std::span<const Method> table) {
     for (const Method &method : table) {
-        checked(PyObject_SetAttrString(type, method.name, newFunction(method, type).get()));
+        checked(PyObject_SetAttrString, type, method.name, newFunction(method, type).get());
     }
 }
 

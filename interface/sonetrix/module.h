@@ -67,18 +67,15 @@ PyObject *moduleNames();
 Ref moduleGlobal(const InternedString &name);
 // Attribute look-up and call by name: what `object.name` and `object.name(...)` do.
 inline Ref attribute(PyObject *object, const InternedString &name) {
-    return checked(hangingAtFinalisation([&] { return PyObject_GetAttr(object, name.get()); }));
+    return checked(PyObject_GetAttr, object, name.get());
 }
 // object[key]
-inline Ref item(PyObject *object, const InternedString &key) {
-    return checked(hangingAtFinalisation([&] { return PyObject_GetItem(object, key.get()); }));
-}
+inline Ref item(PyObject *object, const InternedString &key) { return checked(PyObject_GetItem, object, key.get()); }
 template <class... Args> Ref call(PyObject *callable, Args *...args) {
-    return checked(hangingAtFinalisation([&] { return PyObject_CallFunctionObjArgs(callable, args..., nullptr); }));
+    return checked(PyObject_CallFunctionObjArgs, callable, args..., nullptr);
 }
 template <class... Args> Ref callMethod(PyObject *object, const InternedString &name, Args *...args) {
-    return checked(
-        hangingAtFinalisation([&] { return PyObject_CallMethodObjArgs(object, name.get(), args..., nullptr); }));
+    return checked(PyObject_CallMethodObjArgs, object, name.get(), args..., nullptr);
 }
 
 // The classes, one function each, in the order in which the module makes them.

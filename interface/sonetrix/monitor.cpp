@@ -24,11 +24,7 @@ void printSequence(const char *sequence, const char *end) {
 Ref rawTerminalSize() { return callMethod(moduleGlobal("os"_id).get(), "get_terminal_size"_id); }
 
 Py_ssize_t dimension(const Ref &size, const InternedString &name) {
-    const Py_ssize_t value = PyNumber_AsSsize_t(attribute(size.get(), name).get(), PyExc_OverflowError);
-    if (value == -1 && PyErr_Occurred() != nullptr) {
-        throw PythonError();
-    }
-    return value;
+    return checked(PyNumber_AsSsize_t, attribute(size.get(), name).get(), PyExc_OverflowError);
 }
 
 } // namespace
@@ -53,13 +49,13 @@ void HiddenCursor::show() {
     hidden_ = false;
 }
 
-bool engineIsRunning() { return checked(PyObject_IsTrue(callEngine("isRunning"_id).get())) != 0; }
+bool engineIsRunning() { return checked(PyObject_IsTrue, callEngine("isRunning"_id).get()) != 0; }
 
 void sleepATenth() {
     Ref seconds = checked(PyFloat_FromDouble(0.1));
     callMethod(moduleGlobal("time"_id).get(), "sleep"_id, seconds.get());
     // The sleep looks for signals only when one has cut it short, not when one came just before.
-    checked(PyErr_CheckSignals());
+    checked(PyErr_CheckSignals);
 }
 
 void print(PyObject *text, const char *end) {
@@ -67,7 +63,7 @@ void print(PyObject *text, const char *end) {
     Ref keywords = checked(end == nullptr ? Py_BuildValue("{sO}", "flush", Py_True)
                                           : Py_BuildValue("{sssO}", "end", end, "flush", Py_True));
     const Ref function = moduleGlobal("print"_id);
-    checked(hangingAtFinalisation([&] { return PyObject_Call(function.get(), arguments.get(), keywords.get()); }));
+    checked(PyObject_Call, function.get(), arguments.get(), keywords.get());
 }
 
 TerminalSize terminalSize() {
@@ -82,7 +78,7 @@ Ref cut(const Ref &text, Py_ssize_t columns) {
 }
 
 Ref formatted(PyObject *number, const char *formatSpec) {
-    return checked(PyObject_Format(number, checked(PyUnicode_FromString(formatSpec)).get()));
+    return checked(PyObject_Format, number, checked(PyUnicode_FromString(formatSpec)).get());
 }
 
 Ref formatted(double number, const char *formatSpec) {

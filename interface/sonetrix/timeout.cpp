@@ -20,7 +20,7 @@ void timerCb(void *user) {
     if (!scope) {
         return;
     }
-    const Ref result = Ref::steal(hangingAtFinalisation([&] { return PyObject_CallNoArgs(scope.callable()); }));
+    const Ref result = Ref::steal(hangingAtFinalisation(PyObject_CallNoArgs, scope.callable()));
     if (result) {
         return;
     }

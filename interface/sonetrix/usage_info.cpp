@@ -23,14 +23,11 @@ struct Row {
 std::vector<Row> usageRows() {
     Ref usages = callEngine("getUsageInfo"_id);
     std::vector<Row> rows;
-    Ref names = checked(PyMapping_Keys(usages.get()));
+    Ref names = checked(PyMapping_Keys, usages.get());
     for (Py_ssize_t index = 0; index < PyList_GET_SIZE(names.get()); ++index) {
         PyObject *name = PyList_GET_ITEM(names.get(), index);
-        const Ref usage = checked(PyObject_GetItem(usages.get(), name));
-        const long processId = PyLong_AsLong(item(usage.get(), "processId"_id).get());
-        if (processId == -1 && PyErr_Occurred() != nullptr) {
-            throw PythonError();
-        }
+        const Ref usage = checked(PyObject_GetItem, usages.get(), name);
+        const long processId = checked(PyLong_AsLong, item(usage.get(), "processId"_id).get());
         rows.push_back({callMethod(name, "decode"_id, "utf-8"_id.get(), "replace"_id.get()), processId,
             toDouble(item(usage.get(), "relative"_id).get()), toDouble(item(usage.get(), "absolute"_id).get())});
     }
@@ -80,9 +77,9 @@ Ref usageInfo() {
         table.add(checked(PyUnicode_FromString("    pid  relative  absolute  share  module")));
         for (const Row &row : rows) {
             Ref pid = formatted(checked(PyLong_FromLong(row.processId)).get(), "7d");
-            const bool drawn = table.add(checked(PyUnicode_FromFormat("%U  %U%%  %U%%  %U%%  %S", pid.get(),
+            const bool drawn = table.add(checked(PyUnicode_FromFormat, "%U  %U%%  %U%%  %U%%  %S", pid.get(),
                 formatted(row.relative, "7.2f").get(), formatted(row.absolute, "7.2f").get(),
-                formatted(safediv(row.absolute, total) * 100, "4.0f").get(), row.name.get())));
+                formatted(safediv(row.absolute, total) * 100, "4.0f").get(), row.name.get()));
             if (!drawn) {
                 break;
             }

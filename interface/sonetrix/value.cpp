@@ -76,7 +76,7 @@ struct Int32Elements {
     using Element = std::int32_t;
     static constexpr const char *name = "sonetrix.tupleToInt32";
     static bool accepts(PyObject *object) { return PyLong_Check(object); }
-    static Element convert(PyObject *object) { return toInt32(checked(PyNumber_Long(object)).get()); }
+    static Element convert(PyObject *object) { return toInt32(checked(PyNumber_Long, object).get()); }
     static constexpr auto convertPlain = convertPlainInt<Element>;
 };
 
@@ -85,9 +85,9 @@ struct UInt32Elements {
     static constexpr const char *name = "sonetrix.tupleToUInt32";
     static bool accepts(PyObject *object) {
         return PyLong_Check(object) &&
-               checked(PyObject_RichCompareBool(object, checked(PyLong_FromLong(0)).get(), Py_LT)) == 0;
+               checked(PyObject_RichCompareBool, object, checked(PyLong_FromLong(0)).get(), Py_LT) == 0;
     }
-    static Element convert(PyObject *object) { return toUInt32(checked(PyNumber_Long(object)).get()); }
+    static Element convert(PyObject *object) { return toUInt32(checked(PyNumber_Long, object).get()); }
     static constexpr auto convertPlain = convertPlainInt<Element>;
 };
 
@@ -173,8 +173,8 @@ Ref toTypedElement(const sonetrix_value_t &value) {
 }
 
 bool Selector::equals(PyObject *other) const {
-    const Ref result = checked(PyObject_RichCompare(object_, other, Py_EQ));
-    return checked(PyObject_IsTrue(result.get())) != 0;
+    const Ref result = checked(PyObject_RichCompare, object_, other, Py_EQ);
+    return checked(PyObject_IsTrue, result.get()) != 0;
 }
 
 bool Selector::isText(const InternedString &text) const {

@@ -14,13 +14,13 @@ Ref asInteger(PyObject *object) {
         return Ref::borrow(object);
     }
     if (PyIndex_Check(object)) {
-        return checked(PyNumber_Index(object));
+        return checked(PyNumber_Index, object);
     }
     const PyNumberMethods *number = Py_TYPE(object)->tp_as_number;
     if (number == nullptr || number->nb_int == nullptr) {
         raise(PyExc_TypeError, notAnInteger);
     }
-    Ref result = checked(number->nb_int(object));
+    Ref result = checked(number->nb_int, object);
     if (!PyLong_Check(result.get())) {
         raiseFormat(PyExc_TypeError, "__int__ returned non-int (type %.200s)", Py_TYPE(result.get())->tp_name);
     }
@@ -61,16 +61,10 @@ std::int32_t toInt32FromIndex(PyObject *object, const char *typeName) {
     if (!PyIndex_Check(object)) {
         raise(PyExc_TypeError, notAnInteger);
     }
-    return toInteger<std::int32_t>(checked(PyNumber_Index(object)).get(), typeName);
+    return toInteger<std::int32_t>(checked(PyNumber_Index, object).get(), typeName);
 }
 
-double toDouble(PyObject *object) {
-    const double value = PyFloat_AsDouble(object);
-    if (value == -1.0 && PyErr_Occurred() != nullptr) {
-        throw PythonError();
-    }
-    return value;
-}
+double toDouble(PyObject *object) { return checked(PyFloat_AsDouble, object); }
 
 EngineText EngineText::fromBytes(PyObject *bytes, Ref owner) noexcept {
     return {PyBytes_AS_STRING(bytes), PyBytes_GET_SIZE(bytes), std::move(owner), true};
@@ -99,9 +93,23 @@ EngineText EngineText::fromNameOrBuffer(PyObject *object) {
     if (EngineText text = fromName(object)) {
         return text;
     }
-    Ref bytes = checked(PyObject_CallOneArg(reinterpret_cast<PyObject *>(&PyBytes_Type), object));
+    Ref bytes = checked(PyObject_CallOneArg, reinterpret_cast<PyObject *>(&PyBytes_Type), object);
     PyObject *borrowed = bytes.get();
     return fromBytes(borrowed, std::move(bytes));
+}
+
+std::size_t unpack(PyObject *sequence, std::span<Ref> items) {
+    if (Py_TYPE(sequence)->tp_iter == nullptr && PySequence_Check(sequence) == 0) {
+        raiseFormat(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(sequence)->tp_name);
+    }
+    std::size_t count = 0;
+    forEach(sequence, [&](PyObject *item) {
+        if (count == items.size()) {
+            raiseFormat(PyExc_ValueError, "too many values to unpack (expected %zu)", items.size());
+        }
+        items[count++] = Ref::borrow(item);
+    });
+    return count;
 }
 
 void raiseArgumentType(const char *argument, const char *expected, PyObject *given) {

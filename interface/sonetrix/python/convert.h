@@ -5,6 +5,7 @@
 #include "errors.h"
 
 #include <cstdint>
+#include <span>
 
 namespace sonetrix {
 
@@ -75,6 +76,10 @@ private:
     Ref owner_;
     bool valid_ = false;
 };
+
+// Fills the places with a sequence's items and says how many they are. TypeError and ValueError, as in "a, b =
+// sequence", for what is none and for too many.
+std::size_t unpack(PyObject *sequence, std::span<Ref> items);
 
 // "Argument 'name' has incorrect type (expected x, got y)".
 [[noreturn]] void raiseArgumentType(const char *argument, const char *expected, PyObject *given);

@@ -21,7 +21,7 @@ void raise(PyObject *type, const char *message) {
 void raiseFormat(PyObject *type, const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    PyErr_FormatV(type, format, arguments);
+    hangingAtFinalisation([&] { PyErr_FormatV(type, format, arguments); }); // it may call __str__
     va_end(arguments);
     throw PythonError();
 }
@@ -64,11 +64,11 @@ void reportUnraisable(const char *qualifiedName, Report report) noexcept {
             return;
         }
         if (report == Report::tracebackAndHook) {
-            PyErr_DisplayException(raised.get());
+            hangingAtFinalisation(PyErr_DisplayException, raised.get());
         }
         name = Ref::steal(PyUnicode_FromString(qualifiedName));
     }
-    PyErr_WriteUnraisable(name.get());
+    hangingAtFinalisation(PyErr_WriteUnraisable, name.get());
 }
 
 } // namespace sonetrix

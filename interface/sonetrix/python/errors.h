@@ -5,6 +5,7 @@
 #include "ref.h"
 
 #include <concepts>
+#include <type_traits>
 
 namespace sonetrix {
 
@@ -24,12 +25,31 @@ inline Ref checked(PyObject *stolen) {
     return Ref::steal(stolen);
 }
 
-// The result of a Python call that reports failure by a negative number.
-template <std::signed_integral Number> Number checked(Number result) {
-    if (result < 0) {
+// The result of a Python call that reports failure by -1, which it may also return without one.
+template <class Number>
+requires std::is_arithmetic_v<Number> Number checked(Number result) {
+    if (result == Number(-1) && PyErr_Occurred() != nullptr) {
         throw PythonError();
     }
     return result;
+}
+
+// checked(call(args...)), for calls that may run Python code.
+template <class Call, class... Args>
+requires std::invocable<Call, Args...>
+auto checked(Call &&call, Args &&...args) {
+    return checked(hangingAtFinalisation(std::forward<Call>(call), std::forward<Args>(args)...));
+}
+
+// Calls `action(item)` for each item of an iterable.
+template <class Action> void forEach(PyObject *iterable, Action &&action) {
+    const Ref iterator = checked(PyObject_GetIter, iterable);
+    while (const Ref item = Ref::steal(hangingAtFinalisation(PyIter_Next, iterator.get()))) {
+        action(item.get());
+    }
+    if (PyErr_Occurred() != nullptr) {
+        throw PythonError();
+    }
 }
 
 // For a handler of `...`: makes whatever was thrown the current Python exception. A thread that the interpreter's

@@ -104,11 +104,11 @@ Ref annotated(const Ref &builtin, const Method &method) {
     Ref code = checked(Py_CompileString(source.c_str(), "<sonetrix>", Py_file_input));
     Ref globals = checked(Py_BuildValue("{sssO}", "__name__", "sonetrix", "builtin", builtin.get()));
     Ref locals = checked(PyDict_New());
-    checked(PyEval_EvalCode(code.get(), globals.get(), locals.get()));
+    checked(PyEval_EvalCode, code.get(), globals.get(), locals.get());
     Ref function = Ref::borrow(PyDict_GetItemString(locals.get(), method.name));
     for (const char *name : {"__doc__", "__qualname__"}) {
-        const Ref value = checked(PyObject_GetAttrString(builtin.get(), name));
-        checked(PyObject_SetAttrString(function.get(), name, value.get()));
+        const Ref value = checked(PyObject_GetAttrString, builtin.get(), name);
+        checked(PyObject_SetAttrString, function.get(), name, value.get());
     }
     return function;
 }
@@ -141,13 +141,13 @@ Ref newFunction(const Method &method, PyObject *owner) {
     }
     function = annotated(function, method);
     auto *staticMethod = reinterpret_cast<PyObject *>(&PyStaticMethod_Type);
-    return PyType_Check(owner) ? checked(PyObject_CallOneArg(staticMethod, function.get())) : function;
+    return PyType_Check(owner) ? checked(PyObject_CallOneArg, staticMethod, function.get()) : function;
 }
 
 void addMethods(PyTypeObject *type, std::span<const Method> methods) {
     for (const Method &method : methods) {
         Ref descriptor = checked(PyDescr_NewMethod(type, &newRecord(method, shortName(type), true).definition));
-        checked(PyObject_SetAttrString(reinterpret_cast<PyObject *>(type), method.name, descriptor.get()));
+        checked(PyObject_SetAttrString, reinterpret_cast<PyObject *>(type), method.name, descriptor.get());
     }
 }
 

@@ -25,9 +25,7 @@ private:
 class GilReleased {
 public:
     GilReleased() noexcept : state_(PyEval_SaveThread()) {}
-    ~GilReleased() {
-        hangingAtFinalisation([this] { PyEval_RestoreThread(state_); });
-    }
+    ~GilReleased() { hangingAtFinalisation(PyEval_RestoreThread, state_); }
     GilReleased(const GilReleased &) = delete;
     GilReleased &operator=(const GilReleased &) = delete;
 

@@ -26,9 +26,7 @@ public:
         return *this;
     }
     // With the last reference may go code of a script's.
-    ~Ref() {
-        hangingAtFinalisation([this] { Py_XDECREF(object_); });
-    }
+    ~Ref() { hangingAtFinalisation(Py_XDECREF, object_); }
 
     PyObject *get() const noexcept { return object_; }
     // Hands the reference over to the caller.

@@ -33,7 +33,7 @@ Ref newClass(PyObject *module, const char *name, unsigned int flags, std::initia
 class OriginalClass {
 public:
     void remember(PyTypeObject *type) {
-        checked(PyObject_GetAttrString(reinterpret_cast<PyObject *>(type), "__init__")); // gives the class its version
+        checked(PyObject_GetAttrString, reinterpret_cast<PyObject *>(type), "__init__"); // gives the class its version
         version_ = version::typeVersion(type);
     }
     bool isUnchanged(PyTypeObject *type) const noexcept {
