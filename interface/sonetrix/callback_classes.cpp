@@ -124,7 +124,7 @@ void notify(const Notification &notification, sonetrix_cListKeyValue_t *list, vo
     if (!entry) {
         return;
     }
-    const CallScope scope(user, notification.remove);
+    const CallScope scope(user);
     if (!scope) {
         return;
     }

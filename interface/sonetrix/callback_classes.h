@@ -28,6 +28,16 @@ Ref allocateCallback(PyTypeObject *type);
 // Makes one of the three classes, whose constructor has this signature, and binds it in the module.
 void addCallbackClass(PyObject *module, Held place, const Method &constructor, newfunc construct);
 
+// A class's tp_new: `body(type, arguments)` makes the object.
+template <const Method &constructor, auto body>
+PyObject *construct(PyTypeObject *type, PyObject *positional, PyObject *keywords) noexcept {
+    return callSlot(constructor.name, "__new__", [&] {
+        std::array<PyObject *, constructor.signature.size()> values{};
+        bindArguments(constructor, positional, keywords, values);
+        return body(type, Arguments(values.data(), values.size()));
+    });
+}
+
 // A new object of the class that owns `callback` and what `registerCallback(engine)`, called with the interpreter lock
 // released, returns. A null from the engine is left to the caller.
 template <class Register>
@@ -48,7 +58,6 @@ Ref newCallback(PyTypeObject *type,
 
 // The trampoline's part of a notification: `list` as a dict, given to the callable `user`.
 struct Notification {
-    RemoveFunction remove;
     const char *lockOrderError;
     const char *failure;
     const char *reportName;

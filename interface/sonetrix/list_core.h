@@ -3,8 +3,7 @@
 // A kind of list is described by its traits:
 //   List                              the engine's list
 //   create, destroy, copy, merge      the engine's functions for it
-//   className, nullMessage            "sonetrix.listValue"; what the factory raises on null
-//   equalName, unequalName            of the comparisons, for tracebacks
+//   name, nullMessage                 of the Python class; what the factory raises on null
 //   pythonClass                       where the Python class is held
 #pragma once
 
@@ -45,6 +44,7 @@ template <class Traits> struct ListObject {
     static ListObject &of(PyObject *object) noexcept { return *reinterpret_cast<ListObject *>(object); }
     static ListObject &of(const Ref &object) noexcept { return of(object.get()); }
 
+    static std::string className() { return std::string("sonetrix.") + Traits::name; }
     static PyTypeObject *pythonClass() { return heldType(Traits::pythonClass); }
 
     static Ref newEmpty() { return allocate(pythonClass()); }
@@ -65,7 +65,7 @@ template <class Traits> struct ListObject {
     // Refuses anything but an object of this class or a subclass.
     static ListObject &require(const char *argument, PyObject *given) {
         if (PyObject_TypeCheck(given, pythonClass()) == 0) {
-            raiseArgumentType(argument, Traits::className, given);
+            raiseArgumentType(argument, className().c_str(), given);
         }
         return of(given);
     }
@@ -80,8 +80,7 @@ template <class Traits> struct ListObject {
                 PyTuple_GET_SIZE(positional) + (keywords == nullptr ? 0 : PyDict_GET_SIZE(keywords)));
             return nullptr;
         }
-        return exceptionBoundary(
-            Traits::className, static_cast<PyObject *>(nullptr), [type] { return allocate(type).release(); });
+        return callSlot(Traits::name, "__new__", [type] { return allocate(type); });
     }
 
     static void deallocate(PyObject *object) noexcept {
@@ -95,10 +94,9 @@ template <class Traits> struct ListObject {
         if (operation != Py_EQ && operation != Py_NE) {
             return Py_NewRef(Py_NotImplemented);
         }
-        const char *name = operation == Py_EQ ? Traits::equalName : Traits::unequalName;
-        return exceptionBoundary(name, static_cast<PyObject *>(nullptr), [&] {
+        return callSlot(Traits::name, operation == Py_EQ ? "__eq__" : "__ne__", [&] {
             const bool equal = other != Py_None && of(object).list == require("other", other).list;
-            return boolean(equal == (operation == Py_EQ)).release();
+            return boolean(equal == (operation == Py_EQ));
         });
     }
 
@@ -128,7 +126,7 @@ template <class Traits> struct ListObject {
 
     // Makes the class and binds it in the module.
     static void addClass(PyObject *module, const char *doc, std::span<const Method> methods) {
-        Ref type = newClass<ListObject>(module, Traits::className, Py_TPFLAGS_BASETYPE,
+        Ref type = newClass<ListObject>(module, className().c_str(), Py_TPFLAGS_BASETYPE,
             {slot(Py_tp_doc, doc), slot(Py_tp_new, construct), slot(Py_tp_dealloc, deallocate),
                 slot(Py_tp_richcompare, compare), slot(Py_tp_hash, PyObject_HashNotImplemented)});
         addMethods(asType(type), methods);

@@ -10,9 +10,7 @@ struct KeyValueListTraits {
     static void destroy(List *list) { sonetrix_keyValueListDestroy(list); }
     static List *copy(const List *list) { return sonetrix_keyValueListDeepCopy(list); }
     static void merge(List *list, List *other) { sonetrix_keyValueListMerge(list, other); }
-    static constexpr const char *className = "sonetrix.listKeyValue";
-    static constexpr const char *equalName = "sonetrix.listKeyValue.__eq__";
-    static constexpr const char *unequalName = "sonetrix.listKeyValue.__ne__";
+    static constexpr const char *name = "listKeyValue";
     static constexpr const char *nullMessage = "listkey cannot be NULL on init";
     static constexpr Held pythonClass = Held::listKeyValueClass;
 };

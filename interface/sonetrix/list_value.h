@@ -10,9 +10,7 @@ struct ValueListTraits {
     static void destroy(List *list) { sonetrix_valueListDestroy(list); }
     static List *copy(const List *list) { return sonetrix_valueListDeepCopy(list); }
     static void merge(List *list, List *other) { sonetrix_valueListMerge(list, other); }
-    static constexpr const char *className = "sonetrix.listValue";
-    static constexpr const char *equalName = "sonetrix.listValue.__eq__";
-    static constexpr const char *unequalName = "sonetrix.listValue.__ne__";
+    static constexpr const char *name = "listValue";
     static constexpr const char *nullMessage = "listvalue cannot be NULL on init";
     static constexpr Held pythonClass = Held::listValueClass;
 };

@@ -6,11 +6,8 @@ namespace sonetrix {
 
 namespace {
 
-constexpr RemoveFunction removeFunction = sonetrix_engine_notify_changes_rmCallback;
-
 void change(sonetrix_cListKeyValue_t *list, void *user) {
     static constexpr Notification notification = {
-        .remove = removeFunction,
         .lockOrderError = "GIL LOCK ORDER ERROR! notify callback invoked with the GIL already acquired",
         .failure = "Exception whilee invoking notification callback registered from Python",
         .reportName = "sonetrix.notifyChanges.change",
@@ -25,19 +22,18 @@ constexpr Method constructor = {"notifyChanges", "(callback)",
     "engine, for as long as the object lives. ValueError unless the callback has exactly one parameter.",
     {}};
 
-PyObject *construct(PyTypeObject *type, PyObject *positional, PyObject *keywords) noexcept {
-    return exceptionBoundary("sonetrix.notifyChanges.__new__", static_cast<PyObject *>(nullptr), [&] {
-        std::array<PyObject *, 1> arguments{};
-        bindArguments(constructor, positional, keywords, arguments);
-        PyObject *callback = arguments[0];
-        return newNotification(type, removeFunction, callback, [callback](sonetrix_engine_t *engine) {
+Ref make(PyTypeObject *type, Arguments arguments) {
+    PyObject *callback = arguments[0];
+    return newNotification(
+        type, sonetrix_engine_notify_changes_rmCallback, callback, [callback](sonetrix_engine_t *engine) {
             return sonetrix_engine_notify_changes_addCallback(engine, change, callback);
-        }).release();
-    });
+        });
 }
 
 } // namespace
 
-void addNotifyChanges(PyObject *module) { addCallbackClass(module, Held::notifyChangesClass, constructor, construct); }
+void addNotifyChanges(PyObject *module) {
+    addCallbackClass(module, Held::notifyChangesClass, constructor, construct<constructor, make>);
+}
 
 } // namespace sonetrix

@@ -7,11 +7,8 @@ namespace sonetrix {
 
 namespace {
 
-constexpr RemoveFunction removeFunction = sonetrix_engine_rmCallbackMeterManager;
-
 void meters(sonetrix_cListKeyValue_t *list, void *user) {
     static constexpr Notification notification = {
-        .remove = removeFunction,
         .lockOrderError = "GIL LOCK ORDER ERROR! meters callback invoked with the GIL already acquired",
         .failure = "Exception whilee invoking meter callback registered from Python",
         .reportName = "sonetrix.notifyMeters.meters",
@@ -27,20 +24,19 @@ constexpr Method constructor = {"notifyMeters", "(callback, meters_type: int = 1
     "ValueError unless the callback has exactly one parameter.",
     {}};
 
-PyObject *construct(PyTypeObject *type, PyObject *positional, PyObject *keywords) noexcept {
-    return exceptionBoundary("sonetrix.notifyMeters.__new__", static_cast<PyObject *>(nullptr), [&] {
-        std::array<PyObject *, 2> arguments{};
-        bindArguments(constructor, positional, keywords, arguments);
-        PyObject *callback = arguments[0];
-        const sonetrix_module_meters_type metersType = toMetersType(arguments[1]);
-        return newNotification(type, removeFunction, callback, [callback, metersType](sonetrix_engine_t *engine) {
+Ref make(PyTypeObject *type, Arguments arguments) {
+    PyObject *callback = arguments[0];
+    const sonetrix_module_meters_type metersType = toMetersType(arguments[1]);
+    return newNotification(
+        type, sonetrix_engine_rmCallbackMeterManager, callback, [callback, metersType](sonetrix_engine_t *engine) {
             return sonetrix_engine_addCallbackMeterManager(engine, metersType, meters, callback);
-        }).release();
-    });
+        });
 }
 
 } // namespace
 
-void addNotifyMeters(PyObject *module) { addCallbackClass(module, Held::notifyMetersClass, constructor, construct); }
+void addNotifyMeters(PyObject *module) {
+    addCallbackClass(module, Held::notifyMetersClass, constructor, construct<constructor, make>);
+}
 
 } // namespace sonetrix

@@ -20,9 +20,9 @@
 
 namespace sonetrix {
 
-// What the rules ask of a callable, for one kind of registrations.
+// What the rules ask of a callable.
 struct CallableUse {
-    std::pair<const void *, RemoveFunction> key;
+    const void *callable;
     int live = 0; // registering, or live
     int removing = 0;
     int calls = 0;
@@ -41,12 +41,6 @@ constexpr auto workerEndLimit = 100ms;
 thread_local bool isCollecting = false;
 thread_local bool isWorker = false;
 thread_local CallScope *innermostCall = nullptr;
-
-struct KeyHash {
-    std::size_t operator()(const std::pair<const void *, RemoveFunction> &key) const noexcept {
-        return std::hash<const void *>()(key.first) ^ std::hash<RemoveFunction>()(key.second);
-    }
-};
 
 // Names the callable without running code of a script's.
 void warnOfCallable(PyObject *callable) noexcept {
@@ -82,7 +76,7 @@ public:
     void drop(Registration &registration) noexcept;
     bool removeAll() noexcept;
 
-    CallableUse *beginCall(const void *user, RemoveFunction remove) noexcept;
+    CallableUse *beginCall(const void *callable) noexcept;
     void endCall(CallableUse &use) noexcept;
 
     void lockForFork() noexcept { mutex_.lock(); }
@@ -114,8 +108,8 @@ private:
     std::condition_variable changed_;
     RegistrationList live_; // and registering; oldest first
     RegistrationList removing_;
-    RegistrationList abandoned_; // a forked child's, of what its parent was removing
-    std::unordered_map<std::pair<const void *, RemoveFunction>, CallableUse, KeyHash> uses_;
+    RegistrationList abandoned_;                         // a forked child's, of what its parent was removing
+    std::unordered_map<const void *, CallableUse> uses_; // by callable
     bool ending_ = false;
     int generation_ = 0;
     std::thread worker_;
@@ -127,9 +121,9 @@ private:
 
 bool Registry::add(const std::shared_ptr<Registration> &registration) {
     RegistrationList node{registration};
-    const std::pair<const void *, RemoveFunction> key{registration->callable_.get(), registration->remove_};
-    const auto isBeingRemoved = [this, &key] {
-        const auto found = uses_.find(key);
+    const void *callable = registration->callable_.get();
+    const auto isBeingRemoved = [this, callable] {
+        const auto found = uses_.find(callable);
         return found != uses_.end() && found->second.isBeingRemoved;
     };
     std::unique_lock lock(mutex_);
@@ -144,7 +138,7 @@ bool Registry::add(const std::shared_ptr<Registration> &registration) {
     if (ending_) {
         return false;
     }
-    CallableUse &use = uses_.try_emplace(key, CallableUse{.key = key}).first->second;
+    CallableUse &use = uses_.try_emplace(callable, CallableUse{.callable = callable}).first->second;
     ++use.live;
     registration->use_ = &use;
     registration->generation_ = generation_;
@@ -238,15 +232,15 @@ void Registry::settleLocked(Registration &registration) noexcept {
 
 void Registry::forgetIfIdle(const CallableUse &use) noexcept {
     if (use.isIdle()) {
-        uses_.erase(uses_.find(use.key));
+        uses_.erase(use.callable);
     }
 }
 
 // ------------------------------------------------------------------------------------------------------------ calls
 
-CallableUse *Registry::beginCall(const void *user, RemoveFunction remove) noexcept {
+CallableUse *Registry::beginCall(const void *callable) noexcept {
     const std::lock_guard guard(mutex_);
-    const auto found = uses_.find({user, remove});
+    const auto found = uses_.find(callable);
     if (found == uses_.end() || found->second.live == 0) {
         return nullptr;
     }
@@ -386,7 +380,7 @@ void Registry::resetInChild() noexcept {
     workerRuns_ = false;
     ++generation_;
     abandoned_.splice(abandoned_.end(), removing_);
-    for (auto &[key, use] : uses_) {
+    for (auto &[callable, use] : uses_) {
         use.removing = 0;
         use.calls = callsOfThisThread(use);
         use.isBeingRemoved = false;
@@ -408,7 +402,7 @@ void Registration::complete(void *handle) noexcept { Registry::instance().comple
 
 void Registration::drop() noexcept { Registry::instance().drop(*this); }
 
-CallScope::CallScope(void *user, RemoveFunction remove) noexcept : use_(Registry::instance().beginCall(user, remove)) {
+CallScope::CallScope(void *user) noexcept : use_(Registry::instance().beginCall(user)) {
     if (use_ != nullptr) {
         callable_ = Ref::borrow(static_cast<PyObject *>(user));
         outer_ = std::exchange(innermostCall, this);

@@ -46,7 +46,7 @@ namespace sonetrix {
 class Registration;
 struct CallableUse;
 
-// The engine's function that removes a registration; it tells the kinds of registrations apart.
+// The engine's function that removes a registration.
 using RemoveFunction = void (*)(sonetrix_engine_t *engine, void *handle);
 using RegistrationList = std::list<std::shared_ptr<Registration>>;
 
@@ -85,7 +85,7 @@ private:
 // One call of a callable on the calling thread, which holds the interpreter lock.
 class CallScope {
 public:
-    CallScope(void *user, RemoveFunction remove) noexcept;
+    explicit CallScope(void *user) noexcept;
     ~CallScope();
     CallScope(const CallScope &) = delete;
     CallScope &operator=(const CallScope &) = delete;

@@ -9,14 +9,12 @@ namespace sonetrix {
 
 namespace {
 
-constexpr RemoveFunction removeFunction = sonetrix_engine_delTimer;
-
 void timerCb(void *user) {
     const EngineThreadEntry entry(EngineThreadEntry::LockOrder::ignore);
     if (!entry) {
         return;
     }
-    const CallScope scope(user, removeFunction);
+    const CallScope scope(user);
     if (!scope) {
         return;
     }
@@ -38,20 +36,15 @@ constexpr Method constructor = {"timeout", "(timeout_ms: int, callback)",
     "timeout(timeout_ms, callback): see engine.addTimer.",
     {}};
 
-PyObject *construct(PyTypeObject *type, PyObject *positional, PyObject *keywords) noexcept {
-    return exceptionBoundary("sonetrix.timeout.__new__", static_cast<PyObject *>(nullptr), [&] {
-        std::array<PyObject *, 2> arguments{};
-        bindArguments(constructor, positional, keywords, arguments);
-        const std::int32_t milliseconds = toInt32(arguments[0]);
-        PyObject *callback = arguments[1];
-        sonetrix_engine_t *engine = requireEngine();
-        if (PyCallable_Check(callback) == 0) {
-            raise(PyExc_ValueError);
-        }
-        return newCallback(type, removeFunction, callback, engine, [callback, milliseconds](sonetrix_engine_t *handle) {
-            return sonetrix_engine_addTimer(handle, milliseconds, timerCb, callback);
-        }).release();
-    });
+Ref make(PyTypeObject *type, Arguments arguments) {
+    const std::int32_t milliseconds = toInt32(arguments[0]);
+    PyObject *callback = arguments[1];
+    sonetrix_engine_t *engine = requireEngine();
+    if (PyCallable_Check(callback) == 0) {
+        raise(PyExc_ValueError);
+    }
+    return newCallback(type, sonetrix_engine_delTimer, callback, engine,
+        [=](sonetrix_engine_t *handle) { return sonetrix_engine_addTimer(handle, milliseconds, timerCb, callback); });
 }
 
 Ref addTimer(Arguments arguments) {
@@ -73,6 +66,8 @@ constexpr Method functions[] = {
 
 const std::span<const Method> engineTimerFunctions = functions;
 
-void addTimeout(PyObject *module) { addCallbackClass(module, Held::timeoutClass, constructor, construct); }
+void addTimeout(PyObject *module) {
+    addCallbackClass(module, Held::timeoutClass, constructor, construct<constructor, make>);
+}
 
 } // namespace sonetrix

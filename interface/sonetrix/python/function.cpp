@@ -1,6 +1,7 @@
 #include "function.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <deque>
 #include <memory>
 
@@ -195,10 +196,16 @@ void refuseOtherThreads() {
     }
 }
 
-PyObject *fail(const FunctionRecord &function) noexcept {
+PyObject *fail(const char *qualifiedName) noexcept {
     translateException();
-    addTraceback(function.qualifiedName.c_str());
+    addTraceback(qualifiedName);
     return nullptr;
+}
+
+PyObject *fail(const char *className, const char *slot) noexcept {
+    std::array<char, 64> name{};
+    std::snprintf(name.data(), name.size(), "sonetrix.%s.%s", className, slot);
+    return fail(name.data());
 }
 
 } // namespace detail

@@ -150,24 +150,11 @@ inline void requireOpenFunctions() {
     }
 }
 
-// The boundary between the interpreter and C++ exceptions: whatever `body` throws becomes the current exception, with a
-// traceback entry that bears the name, and the call returns `failure`.
-template <class Body, class Result>
-Result exceptionBoundary(const char *qualifiedName, Result failure, Body &&body) noexcept {
-    try {
-        requireOpenFunctions();
-        return std::forward<Body>(body)();
-    } catch (...) {
-        translateException();
-        addTraceback(qualifiedName);
-        return failure;
-    }
-}
-
 namespace detail {
 
-// The same boundary for the calls of a function.
-PyObject *fail(const FunctionRecord &function) noexcept;
+// Makes what was thrown the current exception, with a traceback entry that bears the name; gives null.
+PyObject *fail(const char *qualifiedName) noexcept;
+PyObject *fail(const char *className, const char *slot) noexcept;
 
 template <auto body, class... Self>
 PyObject *callBody(
@@ -205,12 +192,23 @@ template <class Class, auto body> struct Call {
                 return callBody<body>(method, values, given, keywordNames, *reinterpret_cast<Class *>(self));
             }
         } catch (...) {
-            return fail(*record);
+            return fail(record->qualifiedName.c_str());
         }
     }
 };
 
 } // namespace detail
+
+// The boundary between the interpreter and C++ exceptions for a class's slot, what functions have in Call: null stands
+// for whatever `Ref body()` throws.
+template <class Body> PyObject *callSlot(const char *className, const char *slot, Body &&body) noexcept {
+    try {
+        requireOpenFunctions();
+        return std::forward<Body>(body)().release();
+    } catch (...) {
+        return detail::fail(className, slot);
+    }
+}
 
 // `Ref body()` or `Ref body(Arguments)`.
 template <auto body>
