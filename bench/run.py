@@ -166,9 +166,8 @@ range. "over" marks one beyond its limit.
 - Reading a list asks for every element whether the thread holds the interpreter lock, since an engine may call from
   anywhere; the floor does not, but one that does stands in a row of its own. The private field of the thread state
   that would tell for less is not used.
-- `toDict()` collects all entries before it makes the dict; the floor is told how many there will be.
-- `getParam` is what `getParam` is documented to be, a call of `engine.getParams`, which looks at its keys through
-  `toListType()`; the floor goes to the engine at once.
+- `getParam` of several keys makes a `listValue` of them and calls `engine.getParams`, which sees to it that they are
+  strings; the floor goes to the engine at once.
 - Making a registration looks at the callable's parameters; dropping it makes sure that no call is in progress. The
   floor does neither.
 - A refused call raises an exception with a traceback entry that names the function; the floor raises a bare one.

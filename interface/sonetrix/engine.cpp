@@ -6,6 +6,12 @@
 
 namespace sonetrix {
 
+namespace {
+OriginalClass originalClass;
+}
+
+bool isOriginalEngine() { return originalClass.isUnchanged(heldType(Held::engineClass)); }
+
 void addEngine(PyObject *module) {
     Ref type = newClass<PyObject>(module, "sonetrix.engine", 0,
         {slot(Py_tp_doc,
@@ -18,6 +24,7 @@ void addEngine(PyObject *module) {
         addStaticFunctions(type.get(), functions);
     }
     checked(PyModule_AddType(module, asType(type)));
+    originalClass.remember(asType(type));
     hold(Held::engineClass, std::move(type));
 }
 

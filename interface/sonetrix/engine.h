@@ -12,6 +12,9 @@ extern const std::span<const Method> engineMeterFunctions;     // engine_meters.
 extern const std::span<const Method> engineGraphFunctions;     // engine_graph.cpp
 extern const std::span<const Method> engineTimerFunctions;     // timeout.cpp
 
+// Whether the class still is as it was made.
+bool isOriginalEngine();
+
 // Calls of `engine`'s own functions as Python code would make them, looked up on the class each time.
 template <class... Args> Ref callEngine(const InternedString &name, Args *...args) {
     return callMethod(held(Held::engineClass), name, args...);

@@ -137,13 +137,7 @@ void setStartParameters(const Ref &record, const sonetrix_module_t &module) {
 
 Ref currentParameters(const sonetrix_module_t &module) {
     const std::string request = std::string(module.name) + ".";
-    const std::unique_ptr<sonetrix_cListValue_t, void (*)(sonetrix_cListValue_t *)> keys(
-        sonetrix_valueListNew(), sonetrix_valueListDestroy);
-    if (keys == nullptr) {
-        PyErr_NoMemory();
-        throw PythonError();
-    }
-    sonetrix_valueListAddS(keys.get(), request.c_str());
+    const OneKey keys(request.c_str());
     return takeToDict(unlocked([&] { return sonetrix_engine_GetParams(sonetrix_engineGet(), keys.get()); }));
 }
 

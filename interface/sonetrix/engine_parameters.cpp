@@ -34,19 +34,14 @@ Ref toKeyList(PyObject *keys) {
     return list;
 }
 
-Ref getParam(Arguments arguments) {
-    requireEngine();
-    Ref keys = toKeyList(arguments[0]);
-    return callEngine("getParams"_id, keys.get());
-}
-
 // Refuses keys whose toListType() shows anything but strings; None has no such method.
 void requireStrings(PyObject *keys) {
-    Ref elements =
-        ListValue::hasOriginalMethods(keys) ? toTypedList(ListValue::of(keys)) : callMethod(keys, "toListType"_id);
-    Ref second = checked(PyLong_FromLong(1));
-    forEach(elements.get(), [&second](PyObject *element) {
-        Ref type = checked(PyObject_GetItem, element, second.get());
+    if (ListValue::hasOriginalMethods(keys) && hasOnlyStrings(ListValue::of(keys))) {
+        return;
+    }
+    const Ref second = checked(PyLong_FromLong(1));
+    forEach(callMethod(keys, "toListType"_id).get(), [&](PyObject *element) {
+        const Ref type = checked(PyObject_GetItem, element, second.get());
         if (checked(PyObject_RichCompareBool, type.get(), "string"_id.get(), Py_NE) != 0) {
             raisePlain("only string is accepted");
         }
@@ -63,6 +58,17 @@ Ref getParams(Arguments arguments) {
     if (keys == nullptr) {
         return ListKeyValue::newEmpty();
     }
+    return ListKeyValue::initOrEmpty(unlocked([&] { return sonetrix_engine_GetParams(engine, keys.get()); }));
+}
+
+Ref getParam(Arguments arguments) {
+    sonetrix_engine_t *engine = requireEngine();
+    const EngineText key = EngineText::fromName(arguments[0]);
+    if (!key || !isOriginalEngine() || !ListValue::isOriginalClass()) {
+        return callEngine("getParams"_id, toKeyList(arguments[0]).get());
+    }
+    // The same, as long as no script has changed the classes.
+    const OneKey keys(key.get());
     return ListKeyValue::initOrEmpty(unlocked([&] { return sonetrix_engine_GetParams(engine, keys.get()); }));
 }
 

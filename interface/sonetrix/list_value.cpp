@@ -105,7 +105,13 @@ void appendElement(ListValue &list, PyObject *value, PyObject *selector) {
     appendValue(ValueTarget(list), value, Selector(selector));
 }
 
-Ref toTypedList(ListValue &list) { return readObject<readTyped>(list); }
+bool hasOnlyStrings(ListValue &list) {
+    const auto shared = list.list;
+    const Ref others = read(shared.get(), 0, [](const sonetrix_value_t *value, void *user) {
+        return value->type == SONETRIX_VALUE_STRING ? 0 : readTyped(value, user);
+    });
+    return PyList_GET_SIZE(others.get()) == 0;
+}
 
 Ref takeToList(sonetrix_cListValue_t *list) {
     const Ref owner = ListValue::initOrEmpty(list);

@@ -18,11 +18,30 @@ struct ValueListTraits {
 // The Python class `listValue`.
 using ListValue = ListObject<ValueListTraits>;
 
+// An engine list of one key, for sonetrix_engine_GetParams().
+class OneKey {
+public:
+    explicit OneKey(const char *key) : list_(sonetrix_valueListNew()) {
+        if (list_ == nullptr) {
+            throw std::bad_alloc();
+        }
+        sonetrix_valueListAddS(list_, key);
+    }
+    ~OneKey() { sonetrix_valueListDestroy(list_); }
+    OneKey(const OneKey &) = delete;
+    OneKey &operator=(const OneKey &) = delete;
+
+    const sonetrix_cListValue_t *get() const noexcept { return list_; }
+
+private:
+    sonetrix_cListValue_t *list_;
+};
+
 // What list.append(value, selector) does.
 void appendElement(ListValue &list, PyObject *value, PyObject *selector);
 
-// What list.toListType() gives.
-Ref toTypedList(ListValue &list);
+// Whether list.toListType() gives nothing but strings.
+bool hasOnlyStrings(ListValue &list);
 
 // The Python list of a list that the engine handed over, which is destroyed; an empty one for null.
 Ref takeToList(sonetrix_cListValue_t *list);
