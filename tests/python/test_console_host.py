@@ -11,7 +11,7 @@ import tempfile
 import time
 import unittest
 
-from support import BUSY, SANITIZER, SLOWNESS, host, programs
+from support import BUSY, SLOWNESS, host, programs
 
 DEBUG, INFO, WARN = range(1, 4)
 ENDED, SUCCEEDED = -1, -2
@@ -339,7 +339,6 @@ class End(unittest.TestCase):
                 report = host.run(*start(code), *begin, *rest, text_input="print(len(called))")
                 self.assertRegex(report.result.stdout, "^\\d+\n$", report.result.stderr)
 
-    @unittest.skipIf("address" in SANITIZER, "it cannot follow a thread that pthread_exit unwinds, as CPython does")
     def test_daemon_threads_inside_the_library_survive_the_end(self):
         for attempt in range(20 // SLOWNESS):
             result = programs.run_script("""
