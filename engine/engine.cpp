@@ -1,6 +1,5 @@
 #include "engine.h"
 
-#include "driver/clock_driver.h"
 #include "driver/device_driver.h"
 #include "driver/offline_driver.h"
 #include "refusal.h"
@@ -64,7 +63,7 @@ std::unique_ptr<Engine> Engine::create(const Options &options, ListKeyValue star
 Engine::Engine(const Options &options, ListKeyValue startParameters)
     : options_(options),
       startParameters_(std::move(startParameters)),
-      catalogue_(LadspaCatalogue::standardDirectories(), options.format.rate, finishBeforeExitHandlers),
+      catalogue_(options.format.rate, finishBeforeExitHandlers),
       system_(makeSystem(options)),
       graph_(std::make_unique<Graph>(system_, options.format, catalogue_, parameters_)),
       meters_(std::make_unique<Meters>(*graph_, *system_, options.format)),
@@ -78,12 +77,8 @@ Engine::Engine(const Options &options, ListKeyValue startParameters)
 
 std::unique_ptr<Driver> Engine::makeDriver() {
     const auto process = [this](uint32_t wanted, int64_t time) { return processBlock(wanted, time); };
-    if (options_.device) {
-        auto driver =
-            std::make_unique<DeviceDriver>(options_.format, process, *options_.device, system_->deviceBuffers());
-        device_ = driver.get();
-        return driver;
-    }
+    if (options_.device)
+        return makeDeviceDriver(options_.format, process, *options_.device, system_->deviceBuffers());
     if (options_.offlineSeconds <= 0)
         return std::make_unique<ClockDriver>(options_.format, process);
     const auto before = [this](std::chrono::nanoseconds rendered) {
@@ -120,10 +115,8 @@ std::vector<Parameter> Engine::ownParameters() {
             [this](auto path) { system_->record(path.as.string); }},
         {"record.dropped", reader([this] { return system_->recorder().framesLost(); })},
     };
-    if (device_ != nullptr) {
-        own.push_back({"device.latency.capture", reader([this] { return device_->captureLatency(); })});
-        own.push_back({"device.latency.playback", reader([this] { return device_->playbackLatency(); })});
-    }
+    for (Parameter &parameter : driver_->parameters())
+        own.push_back(std::move(parameter));
     if (offline_ != nullptr) {
         own.push_back({"offline.left", reader([this] { return offline_->secondsLeft(); })});
         own.push_back({"offline.run", reader([this] { return rendered_.load(); }),

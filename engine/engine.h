@@ -26,7 +26,6 @@
 
 namespace sonetrix::dev {
 
-class DeviceDriver;
 class OfflineDriver;
 
 /// The process's engine: at most one at a time, found by the C interface through `current`.
@@ -108,10 +107,9 @@ private:
     std::unique_ptr<Notifier> notifier_;
     Timers timers_;
     std::atomic<float> meanBlockTime_{0};
-    DeviceDriver *device_ = nullptr; // the driver, if it is one of these
-    OfflineDriver *offline_ = nullptr;
-    std::atomic<float> rendered_{0}; // seconds that were asked for last
-    std::unique_ptr<Driver> driver_; // the last of the audio's: its thread uses the others
+    OfflineDriver *offline_ = nullptr; // the driver, if it is one
+    std::atomic<float> rendered_{0};   // seconds that were asked for last
+    std::unique_ptr<Driver> driver_;   // the last of the audio's: its thread uses the others
 
     std::function<void()> stopHook_;
     std::atomic<bool> stopRequested_{false};

@@ -1,7 +1,7 @@
 #include "clock.h"
 #include "engine.h"
-#include "forked.h"
 #include "refusal.h"
+#include "thread.h"
 
 #include <cstring>
 #include <memory>
@@ -98,7 +98,7 @@ int32_t sonetrix_engine_DriverGetCpuUsage(sonetrix_engine_t *engine,
     float *timeUsagePeak,
     float *maxCpuTime,
     float *maxCpuTimeErr) {
-    CpuFigures figures;
+    CpuFigures figures{};
     const int32_t status = withEngine(engine, true, [&](Engine &one) { figures = one.driver().cpuFigures(); });
     *cpuUsageMean = figures.usageMean;
     *cpuUsagePeakMean = figures.usagePeakMean;

@@ -1,63 +1,49 @@
 #pragma once
 
+#include "clock.h"
+
+#include <algorithm>
 #include <array>
 #include <atomic>
-#include <bit>
 #include <cstddef>
 #include <cstdint>
-#include <type_traits>
 
 namespace sonetrix::dev {
 
 /// The driver's load over the last second (the last ten finished spans of a tenth of a second each). Zero, but for the
 /// budget, until the first span is finished.
 struct CpuFigures {
-    float usageMean = 0;     ///< mean time per block, in percent of the budget
-    float usagePeakMean = 0; ///< mean of the spans' longest blocks, in percent of the budget
-    float timeMean = 0;      ///< mean time per block, in seconds
-    float timePeak = 0;      ///< the longest block, in seconds
-    float budget = 0;        ///< the time that a block may take at most: its duration, in seconds
-    float latenessPeak = 0;  ///< how late a block began at worst, in seconds
-};
-
-/// A record that one thread writes without ever waiting and any other reads whole.
-template <class T> class Seqlock {
-    static_assert(std::is_trivially_copyable_v<T> && sizeof(T) % sizeof(uint32_t) == 0);
-    using Words = std::array<uint32_t, sizeof(T) / sizeof(uint32_t)>;
-
-public:
-    void store(const T &record) noexcept {
-        const auto words = std::bit_cast<Words>(record);
-        const uint32_t sequence = sequence_.load(std::memory_order_relaxed);
-        sequence_.store(sequence + 1, std::memory_order_relaxed);
-        for (size_t i = 0; i < words.size(); ++i)
-            words_[i].store(words[i], std::memory_order_release); // whoever sees it sees the odd sequence number too
-        sequence_.store(sequence + 2, std::memory_order_release);
-    }
-
-    [[nodiscard]] T load() const noexcept {
-        Words words;
-        for (;;) {
-            const uint32_t before = sequence_.load(std::memory_order_acquire);
-            for (size_t i = 0; i < words.size(); ++i)
-                words[i] = words_[i].load(std::memory_order_acquire);
-            if (before % 2 == 0 && sequence_.load(std::memory_order_relaxed) == before)
-                return std::bit_cast<T>(words);
-        }
-    }
-
-private:
-    std::atomic<uint32_t> sequence_{0};
-    std::array<std::atomic<uint32_t>, sizeof(T) / sizeof(uint32_t)> words_{};
+    float usageMean;     ///< mean time per block, in percent of the budget
+    float usagePeakMean; ///< mean of the spans' longest blocks, in percent of the budget
+    float timeMean;      ///< mean time per block, in seconds
+    float timePeak;      ///< the longest block, in seconds
+    float latenessPeak;  ///< how late a block began at worst, in seconds
+    float budget;        ///< the time that a block may take at most: its duration, in seconds
 };
 
 /// Collects the figures. `add` belongs to the audio thread, `figures` to everybody.
 class CpuLoad {
 public:
-    explicit CpuLoad(double budget);
+    explicit CpuLoad(const AudioFormat &format)
+        : budget_(static_cast<double>(format.block) / format.rate),
+          blocksPerSpan_(std::max(1U, format.rate / format.block / 10)) {}
 
-    void add(double processing, double lateness) noexcept;
-    [[nodiscard]] CpuFigures figures() const noexcept { return published_.load(); }
+    void add(double processing, double lateness) noexcept {
+        current_.sum += processing;
+        current_.peak = std::max(current_.peak, processing);
+        current_.lateness = std::max(current_.lateness, lateness);
+        if (++current_.blocks < blocksPerSpan_)
+            return;
+        finished_[next_] = current_;
+        next_ = (next_ + 1) % finished_.size();
+        current_ = Span{};
+        publish();
+    }
+    /// Each is the newest, though one may be a tenth of a second newer than another.
+    [[nodiscard]] CpuFigures figures() const noexcept {
+        const auto &[usage, usagePeak, time, timePeak, lateness] = published_;
+        return {usage, usagePeak, time, timePeak, lateness, static_cast<float>(budget_)};
+    }
 
 private:
     struct Span {
@@ -67,14 +53,30 @@ private:
         double lateness = 0;
     };
 
-    void publish() noexcept;
+    void publish() noexcept {
+        Span all;
+        double peaks = 0;
+        double spans = 0;
+        for (const Span &span : finished_) {
+            all.blocks += span.blocks;
+            all.sum += span.sum;
+            all.peak = std::max(all.peak, span.peak);
+            all.lateness = std::max(all.lateness, span.lateness);
+            peaks += span.peak;
+            spans += span.blocks == 0 ? 0 : 1;
+        }
+        const double mean = all.sum / all.blocks;
+        const std::array values{100 * mean / budget_, 100 * peaks / spans / budget_, mean, all.peak, all.lateness};
+        for (size_t i = 0; i < values.size(); ++i)
+            published_[i].store(static_cast<float>(values[i]), std::memory_order_relaxed);
+    }
 
     const double budget_;
     const uint32_t blocksPerSpan_;
     Span current_;
     std::array<Span, 10> finished_;
     size_t next_ = 0;
-    Seqlock<CpuFigures> published_;
+    std::array<std::atomic<float>, 5> published_{};
 };
 
 } // namespace sonetrix::dev

@@ -3,10 +3,12 @@
 #include "sonetrix/engine_api.h"
 
 #include <algorithm>
+#include <atomic>
 #include <fmt/format.h>
 #include <fstream>
 #include <future>
 #include <optional>
+#include <portaudio.h>
 #include <stdexcept>
 #include <sys/mman.h>
 #include <thread>
@@ -74,11 +76,121 @@ std::optional<PaStreamParameters> direction(
     return PaStreamParameters{device, used, paFloat32 | paNonInterleaved, info->*latency, nullptr};
 }
 
+/// PortAudio, in use as long as one of these is there.
+class PortAudio {
+public:
+    PortAudio() { check(initialise()); }
+    PortAudio(const PortAudio &) = delete;
+    PortAudio &operator=(const PortAudio &) = delete;
+    ~PortAudio() { Pa_Terminate(); }
+};
+
+class DeviceDriver final : public ClockDriver {
+public:
+    DeviceDriver(const AudioFormat &format, Process process, const std::string &device, DeviceBuffers &buffers)
+        : ClockDriver(format, std::move(process)), buffers_(buffers) {
+        // Threads that begin here are none for the program's signals, as those of this one are not.
+        std::async(std::launch::async, [&] {
+            blockTerminationSignals();
+            sound_ = std::make_unique<PortAudio>();
+            open(device);
+        }).get();
+    }
+    ~DeviceDriver() override { stop(); }
+
+    [[nodiscard]] const char *name() const noexcept override { return vanished_ ? ClockDriver::name() : "device"; }
+    /// The device's own words, in seconds.
+    [[nodiscard]] std::vector<Parameter> parameters() override {
+        const PaStreamInfo &info = *Pa_GetStreamInfo(stream_);
+        const auto constant = [](PaTime seconds) { return reader([seconds] { return static_cast<float>(seconds); }); };
+        return {{"device.latency.capture", constant(info.inputLatency)},
+            {"device.latency.playback", constant(info.outputLatency)}};
+    }
+
+private:
+    void open(const std::string &device) {
+        const PaDeviceIndex named = device.empty() ? paNoDevice : find(device);
+        const PaDeviceIndex in = device.empty() ? Pa_GetDefaultInputDevice() : named;
+        const PaDeviceIndex out = device.empty() ? Pa_GetDefaultOutputDevice() : named;
+        if (in == paNoDevice && out == paNoDevice)
+            throw std::runtime_error("there is no sound device");
+        const auto capture = direction(in, &PaDeviceInfo::maxInputChannels, &PaDeviceInfo::defaultLowInputLatency);
+        const auto playback = direction(out, &PaDeviceInfo::maxOutputChannels, &PaDeviceInfo::defaultLowOutputLatency);
+        device_ = nameOf(out != paNoDevice ? out : in);
+        check(Pa_OpenStream(&stream_, capture ? &*capture : nullptr, playback ? &*playback : nullptr, format().rate,
+            format().block, paNoFlag, deviceBlock, this));
+        captureChannels_ = capture ? capture->channelCount : 0;
+        playbackChannels_ = playback ? playback->channelCount : 0;
+    }
+
+    void run(const std::stop_token &stop) noexcept override {
+        if (Pa_StartStream(stream_) == paNoError)
+            watch(stop);
+        if (stop.stop_requested()) {
+            Pa_StopStream(stream_);
+            Pa_CloseStream(stream_);
+            return;
+        }
+        // Its stream is left as it is: the functions that end it may wait for a device that does not answer.
+        static_cast<void>(sound_.release());
+        vanished_ = true;
+        while (inBlock_.exchange(true, std::memory_order_acquire))
+            std::this_thread::sleep_for(1ms);
+        buffers_ = {};
+        sonetrix_log(SONETRIX_LOG_ERROR, "engine", 0, 1,
+            "the sound device \"%s\" is gone: the engine goes on by the clock", device_.c_str());
+        becomeAudioThread();
+        ClockDriver::run(stop);
+    }
+
+    /// Returns when the device has gone, or the thread is to end.
+    void watch(const std::stop_token &stop) {
+        constexpr int patience = 20; // looks without a block between them
+        int idle = 0;
+        for (uint32_t seen = blocks_; idle < patience;) {
+            pause(stop, 100ms);
+            if (stop.stop_requested() || Pa_IsStreamActive(stream_) != 1)
+                return;
+            const uint32_t blocks = blocks_;
+            idle = blocks == seen ? idle + 1 : 0;
+            seen = blocks;
+        }
+    }
+
+    static int deviceBlock(const void *captured,
+        void *played,
+        unsigned long frames,
+        const PaStreamCallbackTimeInfo * /*time*/,
+        PaStreamCallbackFlags flags,
+        void *driver) noexcept {
+        auto &self = *static_cast<DeviceDriver *>(driver);
+        if (frames != self.format().block || self.inBlock_.exchange(true, std::memory_order_acquire))
+            return paAbort;
+        if (self.blocks_.fetch_add(1, std::memory_order_relaxed) == 0) {
+            self.becomeAudioThread();
+            askForRealtimeScheduling();
+        }
+        if ((flags & (paInputUnderflow | paInputOverflow | paOutputUnderflow | paOutputOverflow)) != 0)
+            self.countXrun();
+        std::copy_n(static_cast<const float *const *>(captured), self.captureChannels_, self.buffers_.captured.begin());
+        std::copy_n(static_cast<float *const *>(played), self.playbackChannels_, self.buffers_.played.begin());
+        self.processBlock(self.format().block);
+        self.inBlock_.store(false, std::memory_order_release);
+        return paContinue;
+    }
+
+    DeviceBuffers &buffers_;
+    std::unique_ptr<PortAudio> sound_;
+    std::string device_;
+    PaStream *stream_ = nullptr;
+    int captureChannels_ = 0;
+    int playbackChannels_ = 0;
+    std::atomic<uint32_t> blocks_{0};
+    std::atomic<bool> inBlock_{false}; // and for ever once the clock drives
+    std::atomic<bool> vanished_{false};
+};
+
 } // namespace
-
-PortAudio::PortAudio() { check(initialise()); }
-
-PortAudio::~PortAudio() { Pa_Terminate(); }
 
 std::vector<std::string> soundDevices() {
     const PortAudio sound;
@@ -91,92 +203,9 @@ std::vector<std::string> soundDevices() {
     return lines;
 }
 
-DeviceDriver::DeviceDriver(
-    const AudioFormat &format, Process process, const std::string &device, DeviceBuffers &buffers)
-    : ClockDriver(format, std::move(process)), buffers_(buffers) {
-    // Threads that begin here are none for the program's signals, as those of this one are not.
-    std::async(std::launch::async, [&] {
-        blockTerminationSignals();
-        sound_ = std::make_unique<PortAudio>();
-        open(device);
-    }).get();
-}
-
-void DeviceDriver::open(const std::string &device) {
-    const PaDeviceIndex named = device.empty() ? paNoDevice : find(device);
-    const PaDeviceIndex in = device.empty() ? Pa_GetDefaultInputDevice() : named;
-    const PaDeviceIndex out = device.empty() ? Pa_GetDefaultOutputDevice() : named;
-    if (in == paNoDevice && out == paNoDevice)
-        throw std::runtime_error("there is no sound device");
-    const auto capture = direction(in, &PaDeviceInfo::maxInputChannels, &PaDeviceInfo::defaultLowInputLatency);
-    const auto playback = direction(out, &PaDeviceInfo::maxOutputChannels, &PaDeviceInfo::defaultLowOutputLatency);
-    device_ = nameOf(out != paNoDevice ? out : in);
-    check(Pa_OpenStream(&stream_, capture ? &*capture : nullptr, playback ? &*playback : nullptr, format().rate,
-        format().block, paNoFlag, deviceBlock, this));
-    captureChannels_ = capture ? static_cast<size_t>(capture->channelCount) : 0;
-    playbackChannels_ = playback ? static_cast<size_t>(playback->channelCount) : 0;
-    const PaStreamInfo &info = *Pa_GetStreamInfo(stream_);
-    captureLatency_ = static_cast<float>(info.inputLatency);
-    playbackLatency_ = static_cast<float>(info.outputLatency);
-}
-
-void DeviceDriver::run(const std::stop_token &stop) noexcept {
-    if (Pa_StartStream(stream_) == paNoError)
-        watch(stop);
-    if (stop.stop_requested()) {
-        Pa_StopStream(stream_);
-        Pa_CloseStream(stream_);
-        return;
-    }
-    // Its stream is left as it is: the functions that end it may wait for a device that does not answer.
-    static_cast<void>(sound_.release());
-    vanished_ = true;
-    while (inBlock_.exchange(true, std::memory_order_acquire))
-        std::this_thread::sleep_for(1ms);
-    buffers_ = {};
-    sonetrix_log(SONETRIX_LOG_ERROR, "engine", 0, 1, "the sound device \"%s\" is gone: the engine goes on by the clock",
-        device_.c_str());
-    becomeAudioThread();
-    ClockDriver::run(stop);
-}
-
-void DeviceDriver::watch(const std::stop_token &stop) {
-    constexpr int patience = 20; // looks without a block between them
-    int idle = 0;
-    for (uint32_t seen = blocks_; idle < patience;) {
-        pause(stop, 100ms);
-        if (stop.stop_requested() || Pa_IsStreamActive(stream_) != 1)
-            return;
-        const uint32_t blocks = blocks_;
-        idle = blocks == seen ? idle + 1 : 0;
-        seen = blocks;
-    }
-}
-
-int DeviceDriver::deviceBlock(const void *captured,
-    void *played,
-    unsigned long frames,
-    const PaStreamCallbackTimeInfo * /*time*/,
-    PaStreamCallbackFlags flags,
-    void *driver) noexcept {
-    auto &self = *static_cast<DeviceDriver *>(driver);
-    if (frames != self.format().block || self.inBlock_.exchange(true, std::memory_order_acquire))
-        return paAbort;
-    self.process(static_cast<const float *const *>(captured), static_cast<float *const *>(played), flags);
-    self.inBlock_.store(false, std::memory_order_release);
-    return paContinue;
-}
-
-void DeviceDriver::process(const float *const *captured, float *const *played, PaStreamCallbackFlags flags) noexcept {
-    if (blocks_.fetch_add(1, std::memory_order_relaxed) == 0) {
-        becomeAudioThread();
-        askForRealtimeScheduling();
-    }
-    if ((flags & (paInputUnderflow | paInputOverflow | paOutputUnderflow | paOutputOverflow)) != 0)
-        countXrun();
-    std::copy_n(captured, captureChannels_, buffers_.captured.begin());
-    std::copy_n(played, playbackChannels_, buffers_.played.begin());
-    processBlock(format().block);
+std::unique_ptr<Driver> makeDeviceDriver(
+    const AudioFormat &format, Driver::Process process, const std::string &device, DeviceBuffers &buffers) {
+    return std::make_unique<DeviceDriver>(format, std::move(process), device, buffers);
 }
 
 } // namespace sonetrix::dev

@@ -1,9 +1,11 @@
 #include "driver/driver.h"
 
 #include <algorithm>
+#include <cerrno>
 #if defined(__x86_64__)
 #include <immintrin.h>
 #endif
+#include <pthread.h>
 #include <unistd.h>
 #include <utility>
 
@@ -25,10 +27,16 @@ void flushDenormalsInThisThread() noexcept {
 #endif
 }
 
+void sleepUntil(int64_t monotonic) noexcept {
+    const timespec deadline = timespecOf(monotonic);
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
+    }
+}
+
 } // namespace
 
 Driver::Driver(const AudioFormat &format, Process process)
-    : format_(format), process_(std::move(process)), load_(static_cast<double>(format.block) / format.rate) {}
+    : format_(format), process_(std::move(process)), load_(format) {}
 
 Driver::~Driver() = default;
 
@@ -62,6 +70,30 @@ int64_t Driver::processBlock(uint32_t wanted, int64_t due) noexcept {
     const int64_t end = process_(wanted, blockStart_);
     load_.add(secondsOf(end - blockStart_), secondsOf(blockLateness_));
     return end;
+}
+
+void ClockDriver::askForRealtimeScheduling() noexcept {
+    constexpr int priority = 60;
+    sched_param parameters{};
+    parameters.sched_priority = priority;
+    pthread_setschedparam(pthread_self(), SCHED_FIFO, &parameters);
+}
+
+void ClockDriver::run(const std::stop_token &stop) noexcept {
+    askForRealtimeScheduling();
+    const int64_t block = format().block;
+    const int64_t origin = nanosecondsOf(CLOCK_MONOTONIC); // every boundary is computed from it: exact for ever
+    int64_t boundary = origin;
+    for (int64_t frames = block; !stop.stop_requested(); frames += block) {
+        const int64_t end = processBlock(format().block, boundary);
+        boundary = origin + format().nanoseconds(frames);
+        if (end > boundary) {
+            countXrun();
+            frames = (format().frames(end - origin) / block + 1) * block; // the first boundary after that
+            boundary = origin + format().nanoseconds(frames);
+        }
+        sleepUntil(boundary);
+    }
 }
 
 } // namespace sonetrix::dev

@@ -2,6 +2,7 @@
 
 #include "clock.h"
 #include "driver/cpu_load.h"
+#include "graph/parameters.h"
 #include "thread.h"
 
 #include <atomic>
@@ -11,6 +12,7 @@
 #include <limits>
 #include <mutex>
 #include <stop_token>
+#include <vector>
 
 namespace sonetrix::dev {
 
@@ -28,6 +30,8 @@ public:
     virtual ~Driver();
 
     [[nodiscard]] virtual const char *name() const noexcept = 0;
+    /// The engine's parameters that it has because of this driver.
+    [[nodiscard]] virtual std::vector<Parameter> parameters() { return {}; }
     /// Throws std::system_error when there is no thread to be had.
     void start();
     /// Returns when the audio thread has ended. May be called repeatedly and from any other thread.
@@ -74,6 +78,22 @@ private:
     int64_t blockLateness_ = 0;
     std::mutex threadMutex_;
     Thread thread_{"sonetrix-audio", [this](const std::stop_token &stop) { threadMain(stop); }};
+};
+
+/// Real time without a sound card: blocks begin on a fixed grid of the monotonic clock, each due when the next begins.
+/// A block that is not finished by then is an xrun; what was missed is left out, and the next block waits for its place
+/// on the grid, so that a graph that is always too slow leaves the processor some time. The audio thread runs under
+/// SCHED_FIFO where that is permitted.
+class ClockDriver : public Driver {
+public:
+    using Driver::Driver;
+    ~ClockDriver() override { stop(); }
+
+    [[nodiscard]] const char *name() const noexcept override { return "clock"; }
+
+protected:
+    void run(const std::stop_token &stop) noexcept override;
+    static void askForRealtimeScheduling() noexcept;
 };
 
 } // namespace sonetrix::dev

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "forked.h"
+#include "thread.h"
 
 #include <atomic>
 #include <condition_variable>

@@ -23,10 +23,29 @@ public:
     Thread &thread() noexcept { return thread_; }
 
     CallbackRegistry<sonetrix_listCallback_t> &callbacks() noexcept { return callbacks_; }
-    void parameterWritten(const char *key);
+    void parameterWritten(const char *key) {
+        if (callbacks_.empty())
+            return;
+        const std::lock_guard lock(mutex_);
+        keys_.emplace(key);
+        written_.notify_one();
+    }
 
 private:
-    void round(const std::stop_token &stop);
+    void round(const std::stop_token &stop) {
+        std::unique_lock lock(mutex_);
+        if (!written_.wait(lock, stop, [this] { return !keys_.empty(); }))
+            return;
+        written_.wait_for(lock, stop, gathering_, [] { return false; });
+        ListValue keys;
+        for (const std::string &key : keys_)
+            keys.add(key);
+        keys_.clear();
+        lock.unlock();
+        ListKeyValue changes = parameters_.read(keys);
+        if (!changes.empty() && !stop.stop_requested())
+            callbacks_.callAll(&changes);
+    }
 
     const Parameters &parameters_;
     const std::chrono::nanoseconds gathering_;

@@ -4,10 +4,66 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
 namespace sonetrix::dev {
+
+namespace {
+
+// RF64 is plain WAV until it is larger than that can be.
+constexpr std::array<std::pair<std::string_view, int>, 8> formats{{
+    {"", SF_FORMAT_RF64 | SF_FORMAT_FLOAT},
+    {".wav", SF_FORMAT_RF64 | SF_FORMAT_FLOAT},
+    {".w64", SF_FORMAT_W64 | SF_FORMAT_FLOAT},
+    {".aiff", SF_FORMAT_AIFF | SF_FORMAT_FLOAT},
+    {".au", SF_FORMAT_AU | SF_FORMAT_FLOAT},
+    {".caf", SF_FORMAT_CAF | SF_FORMAT_FLOAT},
+    {".flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_24},
+    {".ogg", SF_FORMAT_OGG | SF_FORMAT_VORBIS},
+}};
+
+int formatOf(const std::filesystem::path &name) {
+    const std::string ending = name.extension();
+    for (const auto &[known, format] : formats)
+        if (ending == known)
+            return format;
+    std::string endings;
+    for (const auto &[known, format] : formats)
+        endings += (known.empty() ? "" : " ") + std::string(known);
+    throw std::runtime_error(name.string() + ": a recording's name ends in one of" + endings);
+}
+
+/// Others may wait for a peer, as pipes do, or are not to be replaced.
+void checkRegular(const std::filesystem::path &path) {
+    if (std::filesystem::exists(path) && !std::filesystem::is_regular_file(path))
+        throw std::runtime_error(path.string() + ": is not a regular file");
+}
+
+SoundFile openSoundFile(const std::filesystem::path &path, int mode, SF_INFO &info) {
+    checkRegular(path);
+    SoundFile file(sf_open(path.c_str(), mode, &info));
+    if (!file)
+        throw std::runtime_error(path.string() + ": " + sf_strerror(nullptr));
+    return file;
+}
+
+/// Makes the file `path`, or replaces it. The format is that of `name`'s ending.
+SoundFile createSoundFile(const std::filesystem::path &path, const std::filesystem::path &name, uint32_t rate) {
+    checkRegular(name);
+    SF_INFO info{};
+    info.samplerate = static_cast<int>(rate);
+    info.channels = static_cast<int>(channelCount);
+    info.format = formatOf(name);
+    SoundFile file = openSoundFile(path, SFM_WRITE, info);
+    sf_command(file.get(), SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
+    sf_command(file.get(), SFC_SET_CLIPPING, nullptr, SF_TRUE);        // for the formats of integers
+    sf_command(file.get(), SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE); // it would hold the time of day
+    return file;
+}
+
+} // namespace
 
 void FileStream::prepare() {
     if (chunk_.empty()) {
@@ -21,7 +77,7 @@ void Player::open(const std::filesystem::path &path) {
     SF_INFO info{};
     SoundFile file;
     if (!path.empty()) {
-        file = openSoundFile(path, info);
+        file = openSoundFile(path, SFM_READ, info);
         if (info.samplerate != static_cast<int>(rate_))
             throw std::runtime_error(path.string() + ": has " + std::to_string(info.samplerate) +
                                      " frames per second, the engine " + std::to_string(rate_));
@@ -83,7 +139,7 @@ void Recorder::open(const std::filesystem::path &path) {
     if (path.empty())
         return;
     const auto written = std::filesystem::exists(path) ? std::filesystem::path(path.string() + ".partial") : path;
-    file_ = createSoundFile(written, path, rate_, channelCount);
+    file_ = createSoundFile(written, path, rate_);
     path_ = path;
     writtenPath_ = written;
     cutShort_ = false;
@@ -126,7 +182,6 @@ void Recorder::complete() noexcept {
     writeOut();
     if (const int error = sf_close(file_.release()); error != 0 && !cutShort_)
         fail(sf_error_number(error));
-    forgetTime(writtenPath_);
     std::error_code error;
     if (!cutShort_ && writtenPath_ != path_)
         std::filesystem::rename(writtenPath_, path_, error);

@@ -2,13 +2,14 @@
 
 #include "clock.h"
 #include "files/ring.h"
-#include "files/sound_file.h"
 
 #include <array>
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <mutex>
+#include <sndfile.h>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,11 @@ namespace sonetrix::dev {
 
 constexpr size_t channelCount = 2; // of the sound files that are played and recorded, and of a sound device
 using Frame = std::array<float, channelCount>;
+
+struct SoundFileClose {
+    void operator()(SNDFILE *file) const noexcept { sf_close(file); }
+};
+using SoundFile = std::unique_ptr<SNDFILE, SoundFileClose>;
 
 /// Frames on their way between a sound file and the audio thread, which reads or writes a ring. Somebody calls `pump`
 /// of what derives from this every few milliseconds.

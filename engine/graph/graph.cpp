@@ -43,21 +43,18 @@ void visitRecord(const WiredModule &wired, const std::function<void(const sonetr
     const auto &sources = wired.module->sources();
     const auto &sinks = wired.module->sinks();
     std::vector<sonetrix_port_t> ports(sources.size() + sinks.size());
-    for (size_t i = 0; i < sources.size(); ++i)
-        copyName(ports[i].name, sources[i]);
-    for (size_t i = 0; i < sinks.size(); ++i) {
-        sonetrix_port_t &sink = ports[sources.size() + i];
-        copyName(sink.name, sinks[i]);
-        if (wired.inputs[i])
-            sink.link = nameOf(*wired.inputs[i]).c_str();
+    std::vector<sonetrix_port_t *> pointers(ports.size());
+    for (size_t i = 0; i < ports.size(); ++i) {
+        const bool isSource = i < sources.size();
+        const size_t index = isSource ? i : i - sources.size();
+        copyName(ports[i].name, isSource ? sources[index] : sinks[index]);
+        if (!isSource && wired.inputs[index])
+            ports[i].link = nameOf(*wired.inputs[index]).c_str();
+        pointers[i] = &ports[i];
     }
-    std::vector<sonetrix_port_t *> pointers;
-    pointers.reserve(ports.size());
-    for (sonetrix_port_t &port : ports)
-        pointers.push_back(&port);
     sonetrix_module_t record{};
     copyName(record.name, nameOfModule(wired));
-    record.type = static_cast<uint32_t>(wired.module->type());
+    record.type = wired.module->origin() == nullptr ? 0 : 1;
     record.sources = pointers.data();
     record.sourceCount = static_cast<uint32_t>(sources.size());
     record.sinks = pointers.data() + sources.size();
@@ -81,8 +78,8 @@ void Graph::createModule(const char *name, const char *identifier, const ListKey
     const Refusal exists(statusExists, "there is a module of that name");
     if (module(name))
         throw exists;
-    const auto created = std::make_shared<LadspaModule>(name, plugin, format_, smoothing_, configuration);
-    auto parameters = LadspaModule::parameters(created);
+    const auto created = makeLadspaModule(name, plugin, format_, smoothing_, configuration);
+    auto parameters = created->parameters();
 
     const std::lock_guard lock(mutex_);
     if (find(modules_, name) != modules_.end())
@@ -106,7 +103,7 @@ void Graph::deleteModule(std::string_view name) {
         std::ranges::transform(modules_, std::back_inserter(names), nameOfModule);
         throw Refusal(statusNotFound, "there is no such module" + suggestion(name, names));
     }
-    if (found->module->type() == Module::Type::driver)
+    if (found->module->origin() == nullptr)
         throw Refusal(statusInvalid, "it belongs to the driver");
     deleted = std::move(found->module);
     modules_.erase(found);
@@ -155,18 +152,16 @@ std::vector<std::string> Graph::allPortNames() const {
     return names;
 }
 
-std::vector<std::string> Graph::links(std::string_view name) {
-    const std::lock_guard lock(mutex_);
+std::vector<std::string> Graph::links(std::string_view port) const {
     std::vector<std::string> names;
-    const auto port = findPort(name);
-    if (!port)
-        return names;
-    if (port->input != nullptr && *port->input)
-        names.push_back(nameOf(**port->input));
-    for (const auto &[module, inputs] : modules_)
-        for (size_t i = 0; port->input == nullptr && i < inputs.size(); ++i)
-            if (inputs[i] == port->place)
+    for (const auto &[module, inputs] : modules()) {
+        for (size_t i = 0; i < inputs.size(); ++i) {
+            if (inputs[i] && nameOf(*inputs[i]) == port)
                 names.push_back(module->sinks()[i]);
+            if (inputs[i] && module->sinks()[i] == port)
+                names.push_back(nameOf(*inputs[i]));
+        }
+    }
     return names;
 }
 

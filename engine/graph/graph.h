@@ -43,7 +43,7 @@ public:
 
     [[nodiscard]] std::vector<std::string> portNames() const;
     /// The sinks that a source feeds, in the order of their modules, or the source that feeds a sink.
-    [[nodiscard]] std::vector<std::string> links(std::string_view port);
+    [[nodiscard]] std::vector<std::string> links(std::string_view port) const;
     /// Calls back for the modules as they are now, in creation order, the system module first.
     void forEachRecord(const std::function<void(const sonetrix_module_t &)> &visit) const;
     /// The same modules themselves, with what feeds them.

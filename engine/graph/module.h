@@ -35,7 +35,6 @@ private:
 /// a port that the module fills, a sink one that it reads.
 class Module {
 public:
-    enum class Type : uint32_t { driver = 0, plugin = 1 };
     using Names = std::vector<std::string>;
 
     /// Longest names, without the terminating NUL.
@@ -43,11 +42,8 @@ public:
     static constexpr size_t portNameMaximum = sizeof(sonetrix_port_t::name) - 1;
 
     /// Port names are without the module's; `block` is the block's length in frames.
-    Module(std::string name, Type type, Names sources, Names sinks, uint32_t block)
-        : name_(std::move(name)),
-          type_(type),
-          sources_(engineWide(std::move(sources))),
-          sinks_(engineWide(std::move(sinks))) {
+    Module(std::string name, Names sources, Names sinks, uint32_t block)
+        : name_(std::move(name)), sources_(engineWide(std::move(sources))), sinks_(engineWide(std::move(sinks))) {
         for (size_t i = 0; i < sources_.size(); ++i)
             outputs_.emplace_back(block);
     }
@@ -56,7 +52,6 @@ public:
     virtual ~Module() = default;
 
     [[nodiscard]] const std::string &name() const noexcept { return name_; }
-    [[nodiscard]] Type type() const noexcept { return type_; }
     /// Engine-wide names, `module:port`.
     [[nodiscard]] const Names &sources() const noexcept { return sources_; }
     [[nodiscard]] const Names &sinks() const noexcept { return sinks_; }
@@ -66,7 +61,10 @@ public:
     /// Audio thread: one block, with one input per sink.
     virtual void process(const float *const *inputs, uint32_t frames) noexcept = 0;
 
-    /// What a plugin module was made from; null for others.
+    /// What scripts can read and write of it: these keep the module alive.
+    [[nodiscard]] virtual std::vector<Parameter> parameters() { return {}; }
+
+    /// What a plugin was made from; null for the driver's module.
     struct Origin {
         std::string library;
         ListKeyValue configuration;
@@ -96,7 +94,6 @@ private:
     static inline const Names noNames;
 
     const std::string name_;
-    const Type type_;
     const Names sources_;
     const Names sinks_;
     std::vector<AudioBuffer> outputs_;

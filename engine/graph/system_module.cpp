@@ -32,7 +32,7 @@ PortLevel levelOf(std::span<const float> samples) noexcept {
 } // namespace
 
 SystemModule::SystemModule(const AudioFormat &format, bool offline)
-    : Module(moduleName, Type::driver, {"capture_1", "capture_2"}, {"playback_1", "playback_2"}, format.block),
+    : Module(moduleName, {"capture_1", "capture_2"}, {"playback_1", "playback_2"}, format.block),
       offline_(offline),
       wanted_(format.block),
       player_(format),

@@ -68,16 +68,6 @@ float inFloat(double bound) noexcept {
 
 } // namespace
 
-std::vector<std::filesystem::path> LadspaCatalogue::standardDirectories() {
-    const char *path = std::getenv("LADSPA_PATH");
-    std::istringstream parts(path != nullptr ? path : customaryPath);
-    std::vector<std::filesystem::path> directories;
-    for (std::string part; std::getline(parts, part, ':');)
-        if (!part.empty())
-            directories.emplace_back(part);
-    return directories;
-}
-
 std::vector<std::string> LadspaCatalogue::identifiers() {
     std::vector<std::string> names;
     for (const auto &[identifier, plugin] : plugins())
@@ -123,9 +113,11 @@ const LadspaCatalogue::Plugins &LadspaCatalogue::plugins() {
 }
 
 LadspaCatalogue::Plugins LadspaCatalogue::scan() const {
+    const char *path = std::getenv("LADSPA_PATH");
+    std::istringstream directories(path != nullptr ? path : customaryPath);
     Plugins plugins;
     std::set<std::filesystem::path> fileNames;
-    for (const auto &directory : directories_)
+    for (std::string directory; std::getline(directories, directory, ':');)
         for (const auto &library : librariesIn(directory))
             if (fileNames.insert(library.filename()).second)
                 guarded([&] { addLibrary(library, plugins); }, [] { return "plugin library skipped"; });

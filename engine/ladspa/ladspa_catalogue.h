@@ -13,17 +13,13 @@
 
 namespace sonetrix::dev {
 
-/// The plugins in the plugin directories, by identifier. An identifier is the plugin's label; where several libraries
-/// use a label, the first in search order has it and the others' plugins are called `library.label`. A library whose
-/// file name an earlier directory has too is hidden by that one.
+/// The plugins in the directories of LADSPA_PATH, or the customary ones, by identifier. An identifier is the plugin's
+/// label; where several libraries use a label, the first in search order has it and the others' plugins are called
+/// `library.label`. A library whose file name an earlier directory has too is hidden by that one.
 class LadspaCatalogue {
 public:
     /// `rate` is what some plugins' ranges depend on; `loaded` is called once the libraries have been loaded.
-    LadspaCatalogue(std::vector<std::filesystem::path> directories, uint32_t rate, std::function<void()> loaded)
-        : directories_(std::move(directories)), rate_(rate), loaded_(std::move(loaded)) {}
-
-    /// LADSPA_PATH, or the customary directories.
-    static std::vector<std::filesystem::path> standardDirectories();
+    LadspaCatalogue(uint32_t rate, std::function<void()> loaded) : rate_(rate), loaded_(std::move(loaded)) {}
 
     /// The libraries are looked through when somebody asks for the first time. Safe for concurrent use.
     [[nodiscard]] std::vector<std::string> identifiers();
@@ -40,7 +36,6 @@ private:
     [[nodiscard]] Plugins scan() const;
     void addLibrary(const std::filesystem::path &path, Plugins &plugins) const;
 
-    const std::vector<std::filesystem::path> directories_;
     const uint32_t rate_;
     const std::function<void()> loaded_;
     std::once_flag scanned_;

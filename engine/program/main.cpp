@@ -1,7 +1,7 @@
-#include "forked.h"
 #include "program/cli_module.h"
 #include "program/options.h"
 #include "program/termination_signals.h"
+#include "thread.h"
 
 #include <atomic>
 #include <chrono>

@@ -91,21 +91,18 @@ void addStartParameter(ListKeyValue &parameters, const std::string &setting) {
     if (key.empty() || equals == std::string::npos)
         throw CLI::ValidationError("--set", setting + ": not KEY=VALUE");
     const std::string text = setting.substr(equals + 1);
-    const auto may = [type = colon < equals ? setting.substr(colon + 1, equals - colon - 1) : "",
-                         looksReal = text.find('.') != std::string::npos &&
-                                     text.find_first_not_of("+-.0123456789eE") == std::string::npos](
-                         std::string_view wanted) {
-        const bool deduced = wanted != "double" && (wanted != "float" || looksReal); // "nan" and "inf" stay text
-        return type == wanted || (type.empty() && deduced);
-    };
-    const bool added = (may("int32") && addNumber<int32_t>(parameters, key, text)) ||
-                       (may("uint32") && addNumber<uint32_t>(parameters, key, text)) ||
-                       (may("float") && addNumber<float>(parameters, key, text)) ||
-                       (may("double") && addNumber<double>(parameters, key, text));
-    if (!added && !may("string"))
+    const std::string type = colon < equals ? setting.substr(colon + 1, equals - colon - 1) : "";
+    const bool deduced = type.empty();
+    const bool looksReal = // which "nan" and "inf" do not
+        text.find('.') != std::string::npos && text.find_first_not_of("+-.0123456789eE") == std::string::npos;
+    if (((deduced || type == "int32") && addNumber<int32_t>(parameters, key, text)) ||
+        ((deduced || type == "uint32") && addNumber<uint32_t>(parameters, key, text)) ||
+        ((deduced ? looksReal : type == "float") && addNumber<float>(parameters, key, text)) ||
+        (type == "double" && addNumber<double>(parameters, key, text)))
+        return;
+    if (!deduced && type != "string")
         throw CLI::ValidationError("--set", setting + ": the value is not of that type");
-    if (!added)
-        parameters.add(key, text);
+    parameters.add(key, text);
 }
 
 } // namespace
