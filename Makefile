@@ -57,11 +57,11 @@ coverage: setup ## Run all tests with the library's lines counted: build/coverag
 	@cd build/coverage && gcovr --root ../.. --filter ../../interface/ --filter ../../src/ --exclude-throw-branches \
 		--html-details report/index.html --txt - --print-summary --fail-under-line 95 .
 
-fuzz: setup ## Run the fuzz targets, FUZZ_SECONDS=60 each
-	@tools/setup fuzz
-	@cmake --preset fuzz --log-level=NOTICE
-	@cmake --build --preset fuzz
-	@tools/fuzz $(FUZZ_SECONDS)
+fuzz: setup ## Values and calls that are made up, ever new ones, for FUZZ_SECONDS=60 each, under the address sanitizer
+	@cmake --preset asan --log-level=NOTICE
+	@cmake --build --preset asan --target sonetrix sonetrix_record
+	@SONETRIX_PRESET=asan SONETRIX_FUZZ_SECONDS=$(FUZZ_SECONDS) tests/run python/test_lists.py -k model
+	@SONETRIX_PRESET=asan SONETRIX_FUZZ_SECONDS=$(FUZZ_SECONDS) tests/run python/test_hostile.py
 
 test-matrix: setup ## Build and test against every suitable CPython on the machine
 	@tools/test-matrix

@@ -114,7 +114,7 @@ class Module(ctypes.Structure):
 _library = ctypes.CDLL(str(RECORD), mode=ctypes.RTLD_GLOBAL)
 _holding_lock = ctypes.PyDLL(str(RECORD))
 _engine = ctypes.PyDLL(str(BUILD / "lib" / "libsonetrix_engine.so"))  # what is behind the layer
-_INTERFACE = {name: (result, [kind.strip() for kind, _ in parameters]) for result, name, parameters in
+FUNCTIONS = {name: (result, [kind.strip() for kind, _ in parameters]) for result, name, parameters in
               generate.functions((SOURCE / "include/sonetrix/engine_api.h").read_text())}
 _text, _number, _pointer, _status = ctypes.c_char_p, ctypes.c_int64, ctypes.c_void_p, ctypes.c_int32
 _Hook = ctypes.CFUNCTYPE(ctypes.c_bool, ctypes.POINTER(_number), ctypes.POINTER(_number))
@@ -187,7 +187,7 @@ class _Script:
     """What the test has said of a function; it is asked at each call."""
 
     def __init__(self, name):
-        self.result_type, self.parameters = _INTERFACE[name]
+        self.result_type, self.parameters = FUNCTIONS[name]
         self.name, self.results, self.nulls, self.given = name, collections.deque(), 0, False
         self.result, self.entries, self.text, self.numbers = 0, self.list(()), b"", ()
         self.iteration, self.callback, self.longest, self.gate = None, None, 0, threading.Event()
