@@ -7,6 +7,7 @@ Scripts import what they use: `from sonetrix_console import get, put`.
 
 import __main__
 
+import functools
 import sys
 from typing import Any
 
@@ -29,8 +30,7 @@ __all__ = [
     "meters", "serve", "top",
 ]
 
-
-_installed = False
+_install_prompt = functools.cache(prompt.install)  # once
 
 
 def _words() -> dict[str, Any]:
@@ -47,10 +47,8 @@ def install() -> None:
     __main__.__dict__.update(_words())
     if "" not in sys.path:
         sys.path.insert(0, "")
-    global _installed
-    if not _installed and sys.stdin is not None and sys.stdin.isatty():
-        _installed = True
-        prompt.install()
+    if sys.stdin is not None and sys.stdin.isatty():
+        _install_prompt()
 
 
 def serve(path: str | None = None) -> str:

@@ -5,7 +5,7 @@ import sys
 import time
 import traceback
 from collections.abc import Callable
-from typing import Any
+from typing import Any, TypeAlias
 
 from sonetrix import engine, notifyChanges, notifyMeters, timeout
 
@@ -13,7 +13,9 @@ from . import words
 
 SLOW = 0.050  # seconds; the engine's other callbacks of the kind wait that long
 _RAMP_STEP = 10  # milliseconds
+_DONE = object()  # returned by a callable that has no more to do
 
+_Registration: TypeAlias = notifyChanges | notifyMeters | timeout
 _running: dict[str, "Callback"] = {}
 _ramps: dict[str, "Callback"] = {}
 _numbers = itertools.count(1)
@@ -22,30 +24,25 @@ _numbers = itertools.count(1)
 class Callback:
     """A callable that the engine calls, until stop(). At the prompt: what it is and what it has done."""
 
-    def __init__(self, what: str, function: Callable[..., object], once: bool = False) -> None:
+    def __init__(self, what: str, function: Callable[..., object],
+                 register: Callable[[Callable[..., None]], _Registration], once: bool = False) -> None:
         if not callable(function):
             raise TypeError(f"{function!r} is not callable")
         self.name = f"{what} {getattr(function, '__qualname__', function)} #{next(_numbers)}"
-        self.calls = 0
+        self.calls = self.errors = 0
         self.total = self.worst = 0.0
-        self.errors = 0
         self.error: BaseException | None = None  # the last one
-        self._function = function
-        self._once = once
+        self._function, self._once = function, once
         self._told, self._shown = SLOW / 2, ""
-        self._registration: notifyChanges | notifyMeters | timeout | None = None
-
-    def start(self, register: Callable[[Callable[..., None]], notifyChanges | notifyMeters | timeout]) -> "Callback":
-        """Registers with the engine; what `register` returns keeps the registration alive."""
+        self._registration: _Registration | None = None  # which lives by this
         _running[self.name] = self
         try:
             registration = register(self._called)
-        except BaseException:
+        except MemoryError:  # what the module says of an engine without such callbacks, too
             self.stop()
-            raise
+            raise words.Refused(f"the engine does not take the callback {self.name}") from None
         if self.name in _running:  # it may have had its only call already
             self._registration = registration
-        return self
 
     def stop(self) -> None:
         """The engine does not call it any more."""
@@ -60,21 +57,25 @@ class Callback:
             self.stop()
         begin = time.perf_counter()
         try:
-            self._function(*map(_text, arguments))
+            if self._function(*map(_text, arguments)) is _DONE:
+                self.stop()
         except BaseException as error:
-            self.errors += 1
-            self.error = error
-            frames = error.__traceback__ and error.__traceback__.tb_next
-            trace = "".join(traceback.format_exception(type(error), error, frames))
-            if trace != self._shown:  # the same one again and again would hide all else
-                print(f"in the callback {self.name}:\n{trace}", end="", file=sys.stderr)
-            self._shown = trace
+            self._show(error)
         taken = time.perf_counter() - begin
         self.total += taken
         self.worst = max(self.worst, taken)
         if taken >= 2 * self._told:  # not each time
             self._told = taken
             print(f"the callback {self.name} took {taken * 1000:.0f} ms: others wait meanwhile", file=sys.stderr)
+
+    def _show(self, error: BaseException) -> None:
+        self.errors += 1
+        self.error = error
+        frames = error.__traceback__ and error.__traceback__.tb_next
+        shown = "".join(traceback.format_exception(type(error), error, frames))
+        if shown != self._shown:  # the same one again and again would hide all else
+            print(f"in the callback {self.name}:\n{shown}", end="", file=sys.stderr)
+        self._shown = shown
 
     def __repr__(self) -> str:
         mean = self.total / max(self.calls, 1) * 1000
@@ -93,7 +94,7 @@ def on_change(function: Callable[[dict[str, Any]], object]) -> Callback:
     >>> watch = on_change(print)
     >>> watch.stop()
     """
-    return Callback("on_change", function).start(notifyChanges)
+    return Callback("on_change", function, notifyChanges)
 
 
 def on_meters(function: Callable[[dict[str, Any]], object], fast: bool = True) -> Callback:
@@ -102,7 +103,7 @@ def on_meters(function: Callable[[dict[str, Any]], object], fast: bool = True) -
     >>> levels = on_meters(lambda meters: print(max(meters.values())), fast=False)
     """
     kind = engine.METER_FAST if fast else engine.METER_SLOW
-    return Callback("on_meters", function).start(lambda called: notifyMeters(called, kind))
+    return Callback("on_meters", function, lambda called: notifyMeters(called, kind))
 
 
 def every(milliseconds: int, function: Callable[[], object]) -> Callback:
@@ -110,7 +111,7 @@ def every(milliseconds: int, function: Callable[[], object]) -> Callback:
 
     >>> clock = every(1000, lambda: print('tick'))
     """
-    return Callback("every", function).start(_timer(milliseconds))
+    return Callback("every", function, _timer(milliseconds))
 
 
 def after(milliseconds: int, function: Callable[[], object]) -> Callback:
@@ -118,7 +119,7 @@ def after(milliseconds: int, function: Callable[[], object]) -> Callback:
 
     >>> after(2000, lambda: put('gain.gain', 0.0))
     """
-    return Callback("after", function, once=True).start(_timer(milliseconds))
+    return Callback("after", function, _timer(milliseconds), once=True)
 
 
 def _timer(milliseconds: int) -> Callable[[Callable[..., None]], timeout]:
@@ -128,24 +129,26 @@ def _timer(milliseconds: int) -> Callable[[Callable[..., None]], timeout]:
 
 
 def ramp(key: str, to: float, seconds: float) -> Callback:
-    """Moves a parameter from where it is to a value, in that time. Another ramp of the same parameter takes its place.
+    """Moves a parameter from where it is to a value, in that time of the engine's timers, by which an engine that does not
+    play in real time goes, too. Another ramp of the same parameter takes its place.
 
     >>> ramp('gain.gain', 0.0, 2.5)
     """
-    begin, start = words.get(key), time.monotonic()
+    begin, steps = words.get(key), max(1, round(seconds * 1000 / _RAMP_STEP))
     words.put(key, begin)  # says now, and not in the callback, why it cannot be set
-    if key in _ramps:
-        _ramps.pop(key).stop()
+    values = (begin + (to - begin) * number / steps for number in range(1, steps + 1))
 
-    def step() -> None:
-        part = min((time.monotonic() - start) / seconds, 1.0) if seconds > 0 else 1.0
-        if part == 1.0:
-            _ramps.pop(key).stop()
-        words.put(key, begin + (to - begin) * part)
+    def step() -> object:
+        if (value := next(values, None)) is None:
+            return _DONE
+        words.put(key, value)
+        return None
 
     step.__qualname__ = key
-    _ramps[key] = made = Callback("ramp", step)
-    return made.start(_timer(_RAMP_STEP))
+    if key in _ramps:
+        _ramps[key].stop()
+    _ramps[key] = Callback("ramp", step, _timer(_RAMP_STEP))
+    return _ramps[key]
 
 
 def callbacks() -> None:

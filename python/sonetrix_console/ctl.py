@@ -19,13 +19,15 @@ import socket
 import struct
 import sys
 import termios
+import textwrap
 from collections.abc import Callable, Iterator
 from typing import Any, NoReturn
 
-USAGE, NO_INPUT, UNAVAILABLE, INTERRUPTED = 64, 66, 69, 130
+HISTORY_LENGTH = 10_000
+USAGE, NO_FILE, UNAVAILABLE, INTERRUPTED = 64, 66, 69, 130
 EPILOG = """\
 Exit status: 0 done; 1 the engine refused, or the text raised an exception; what the text gave to sys.exit; 64 wrong
-usage; 66 a file cannot be read; 69 there is no engine, or it has ended meanwhile; 130 interrupted."""
+usage; 66 a file cannot be read or written; 69 there is no engine, or it has ended meanwhile; 130 interrupted."""
 
 
 def default_socket() -> str:
@@ -34,6 +36,54 @@ def default_socket() -> str:
         if os.path.isdir(folder):
             return os.path.join(folder, "sonetrix", "engine.sock")
     return f"/tmp/sonetrix-{os.getuid()}/engine.sock"
+
+
+def user_folder(variable: str, standard: str) -> str:
+    """The user's folder for our files of one kind; one that cannot be, for a user without a home."""
+    home = os.path.expanduser("~/").replace("~", os.devnull)
+    return os.path.join(os.environ.get(variable) or home + standard, "sonetrix")
+
+
+def edit_lines(candidates: Callable[[str, str], list[str]], name: str) -> Callable[[], None]:
+    """Line editing, where Python has it: completion, and a history that outlives the session, in a file of the user's
+    alone. What it returns adds to that file what has been typed since; several consoles may do so at the same time."""
+    try:
+        import readline
+    except ImportError:
+        return lambda: None
+    found: list[str] = []
+
+    def complete(word: str, state: int) -> str | None:
+        if state == 0:
+            found.clear()
+            with contextlib.suppress(Exception):  # an error at a key is of no use to anybody
+                found.extend(candidates(readline.get_line_buffer()[:readline.get_endidx()], word))
+        return found[state] if state < len(found) else None
+
+    readline.set_completer(complete)
+    pasting = "on" if os.environ.get("TERM", "dumb") != "dumb" else "off"
+    for setting in ("tab: complete", "set show-all-if-ambiguous on", f"set enable-bracketed-paste {pasting}"):
+        readline.parse_and_bind(setting)
+    file = os.path.join(user_folder("XDG_STATE_HOME", ".local/state"), name)
+    with contextlib.suppress(OSError):
+        os.makedirs(os.path.dirname(file), 0o700, exist_ok=True)
+        os.close(os.open(file, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o600))
+        readline.read_history_file(file)
+    kept = readline.get_current_history_length()
+    if kept > 2 * HISTORY_LENGTH:
+        readline.set_history_length(HISTORY_LENGTH)
+        with contextlib.suppress(OSError):
+            readline.write_history_file(file)
+        readline.set_history_length(-1)
+
+    def keep() -> None:
+        nonlocal kept
+        new = readline.get_current_history_length() - kept
+        kept += new
+        with contextlib.suppress(OSError):
+            readline.append_history_file(new, file)
+
+    return keep
 
 
 Screen = tuple[int, int, str]  # columns, lines and kind ($TERM) of a terminal
@@ -52,12 +102,12 @@ class Terminal:
             return None
         return (*shutil.get_terminal_size(), os.environ.get("TERM", "dumb"))
 
-    def typed(self, seconds: float) -> str | None:
+    def typed(self, seconds: float = 0) -> str | None:
         """The next key within that time, "" at the end of input."""
         return os.read(0, 1).decode(errors="ignore") if select.select([0], [], [], seconds)[0] else None
 
     @contextlib.contextmanager
-    def keys(self) -> Iterator[Callable[[float], str | None]]:
+    def keys(self) -> Iterator[Callable[..., str | None]]:
         """Keys come as they are pressed, Ctrl-C among them; afterwards the terminal is as it was."""
         settings, changed = termios.tcgetattr(0), termios.tcgetattr(0)
         changed[3] &= ~(termios.ICANON | termios.ECHO | termios.ISIG)
@@ -80,10 +130,9 @@ class Connection:
         self.ended = False
         self.terminal = Terminal()
         self._keys = contextlib.ExitStack()
-        self._typed: Callable[[float], str | None] | None = None  # while keys are wanted
+        self._typed: Callable[[], str | None] | None = None  # while keys or a line are wanted
         self._received = b""
         self._interrupts = 0
-        self._reading = False
 
     def send(self, **message: Any) -> None:
         try:
@@ -96,7 +145,7 @@ class Connection:
             watched: list[socket.socket | int] = [self._socket, *([0] if self._typed else [])]
             ready, _, _ = select.select(watched, [], [])
             if self._typed and 0 in ready:
-                self._press(self._typed(0) or "")
+                self._type()
             if self._socket in ready:
                 self._received += self._socket.recv(65536) or self._end()
         line, _, self._received = self._received.partition(b"\n")
@@ -115,6 +164,7 @@ class Connection:
             return message
         finally:
             self._keys.close()
+            self._typed = None
             signal.signal(signal.SIGWINCH, signal.SIG_DFL)
             signal.signal(signal.SIGINT, signal.default_int_handler)
 
@@ -150,79 +200,77 @@ class Connection:
             self._keys.close()
             self._typed = self._keys.enter_context(self.terminal.keys()) if message["keys"] else None
         if "read" in message:
-            self._read()
+            self._typed = self._line
+            if not sys.stdin.isatty():  # what is there already has perhaps been read
+                self._type()
         if "error" in message:
             raise SystemExit(f"sonetrix-ctl: {message['error']}")
 
-    def _read(self) -> None:
-        self._reading = True
-        try:
-            self.send(do="input", text=sys.stdin.readline())
-        except KeyboardInterrupt:
-            self.send(do="interrupt")
-        finally:
-            self._reading = False
+    def _line(self) -> str:
+        self._typed = None
+        return sys.stdin.readline()
 
-    def _press(self, keys: str) -> None:
-        self.send(do="input", text=keys)
-        if "\x03" in keys:
-            self._interrupt()
+    def _type(self) -> None:
+        text = self._typed() if self._typed else None
+        self.send(do="input", text=text or "")
+        if text == "\x03":
+            self._interrupt(send=False)
 
-    def _interrupt(self) -> None:
+    def _interrupt(self, send: bool = True) -> None:
         self._interrupts += 1
-        if self._interrupts > 1 or self._reading:
+        if self._interrupts > 1:
             raise KeyboardInterrupt
-        if not self._typed:
+        if send:
             self.send(do="interrupt")
 
 
 def show(value: Any, path: str) -> None:
     """Data as text, in a file if one is named."""
     if isinstance(value, dict):
-        value = "\n".join(f"{key} {item}" for key, item in value.items())
-    elif isinstance(value, list):
+        value = [f"{key} {item}" for key, item in value.items()]
+    if isinstance(value, list):
         value = "\n".join(map(str, value))
-    if value == "":
-        return
     if path:
-        with open(path, "w", encoding="utf-8") as file:
+        with open(path, "w", encoding="utf-8", errors="replace") as file:
             print(value, file=file)
-    else:
+    elif value != "":
         print(value)
 
 
 def read_file(path: str) -> str:
-    try:
-        if path == "-":
-            return sys.stdin.read()
-        with open(path, encoding="utf-8") as file:
-            return file.read()
-    except (OSError, UnicodeError) as error:
-        print(f"sonetrix-ctl: {error}", file=sys.stderr)
-        raise SystemExit(NO_INPUT) from None
+    with open(0 if path == "-" else path, encoding="utf-8", closefd=path != "-") as file:
+        return file.read()
 
 
-def literal(text: str) -> Any:
-    """The number that a text is, or the text."""
-    try:
-        value = ast.literal_eval(text)
-    except (SyntaxError, ValueError):
-        return text
-    return value if isinstance(value, (int, float)) else text
+def pair(text: str) -> tuple[str, Any]:
+    """The key of KEY=VALUE, and the number that the value is, or its text."""
+    key, equals, value = text.partition("=")
+    if not equals:
+        raise argparse.ArgumentTypeError(f"{text!r} is not KEY=VALUE")
+    with contextlib.suppress(SyntaxError, ValueError):
+        if isinstance(number := ast.literal_eval(value), (int, float)):
+            return key, number
+    return key, value
 
 
 def repl(connection: Connection) -> int:
     """Lines to the engine's console until the end of input; what a line gives to sys.exit ends nothing."""
     typing = connection.terminal.screen() is not None
     if typing:
-        edit_lines(connection)
         print("Ctrl-D leaves; exit() stops the engine")
+    keep = edit_lines(connection.complete, "ctl_history") if typing else lambda: None
     connection.watch()
     lines: list[str] = []
     while True:
         try:
-            lines.append(input(("... " if lines else "engine> ") if typing else ""))
-            if not connection.run("\n".join(lines), line=True).get("more"):
+            line = input(("... " if lines else "engine> ") if typing else "")
+            keep()
+            pasted = "\n" in line
+            if pasted and lines:  # amid a statement, which an empty line would end
+                line = "\n".join(filter(str.strip, line.split("\n")))
+            lines.append(line)
+            block = pasted and len(lines) == 1
+            if not connection.run(textwrap.dedent(line) if block else "\n".join(lines), line=not block).get("more"):
                 lines.clear()
         except (EOFError, EngineGone) as end:
             print("\n" * typing, end="")
@@ -234,31 +282,13 @@ def repl(connection: Connection) -> int:
             lines.clear()
 
 
-def edit_lines(connection: Connection) -> None:
-    """Line editing, with a history of its own and completion by the engine."""
-    try:
-        import readline
-    except ImportError:
-        return
-    matches: list[str] = []
-
-    def complete(word: str, state: int) -> str | None:
-        if state == 0:
-            matches[:] = connection.complete(readline.get_line_buffer()[: readline.get_endidx()], word)
-        return matches[state] if state < len(matches) else None
-
-    readline.set_completer(complete)
-    readline.parse_and_bind("set show-all-if-ambiguous on")
-    readline.parse_and_bind("bind ^I rl_complete" if "libedit" in (readline.__doc__ or "") else "tab: complete")
-
-
 # Each command: what it does, its arguments, and what it runs in the names of the package: shown there, or given as data.
 COMMANDS = {
     "repl": ("a console in the engine", "", "", ""),
     "eval": ("runs Python text and shows the values of its expressions", "TEXT", "", "{TEXT}"),
     "run": ("runs a script, - from standard input; what comes behind it is its own", "FILE [ARGUMENT...]", "", ""),
     "get": ("the value of a parameter, or of all of a module: MODULE.", "KEY", "", "get({KEY!r})"),
-    "set": ("writes parameters", "KEY=VALUE...", "", "[put(*pair) for pair in {pairs!r}]"),
+    "set": ("writes parameters", "KEY=VALUE...", "", "[put(*pair) for pair in {KEY=VALUE!r}]"),
     "ports": ("the names of all ports", "", "", "prompt.sonetrix.engine.getPortNames()"),
     "link": ("links two ports, or the ports of two modules", "FROM TO", "", "connect({FROM!r}, {TO!r})"),
     "unlink": ("removes links, all or those to another one", "FROM [TO]", "", "disconnect({FROM!r}, {TO!r} or None)"),
@@ -291,40 +321,30 @@ def parse() -> argparse.Namespace:
         for argument in arguments.split():
             marks = re.sub("[A-Z=]+", "", argument)
             optional: dict[str, Any] = {"nargs": counts[marks], "default": ""} if marks else {}
-            command.add_argument(argument.strip("[]."), **optional)
+            command.add_argument(argument.strip("[]."), type=pair if "=" in argument else str, **optional)
     path = os.environ.get("SONETRIX_SOCKET") or default_socket()
-    options = parser.parse_args(namespace=argparse.Namespace(socket=path, json=False))
-    options.pairs = [pair.partition("=") for pair in getattr(options, "KEY=VALUE", [])]
-    if not all(equals for _, equals, _ in options.pairs):
-        parser.error("set takes KEY=VALUE")
-    options.pairs = [(key, literal(value)) for key, _, value in options.pairs]
-    return options
+    return parser.parse_args(namespace=argparse.Namespace(socket=path, json=False))
 
 
 def perform(connection: Connection, options: argparse.Namespace) -> int:
     command, given = options.command, vars(options)
     if command == "repl":
         return repl(connection)
+    shown, data = (text.format(**given) for text in COMMANDS[command][2:])
     if command in ("run", "load"):
         name = os.path.abspath(options.FILE) if options.FILE != "-" else "<stdin>"
-        text, arguments = read_file(options.FILE), given.get("ARGUMENT", [])
-        return finish(connection.run(text, name=name, space="own", arguments=arguments))
-    if command == "eval" and not options.json:
-        return finish(connection.run(options.TEXT))
-    shown, data = (text.format(**given) for text in COMMANDS[command][2:])
-    if shown and not options.json:
-        return finish(connection.run(shown, space="words"))
-    answer = connection.run(data, data=True, space="console" if command == "eval" else "words")
-    if options.json and answer["done"] == 0:
-        print(json.dumps(answer["value"]))
-    elif command in ("get", "ports", "save") and answer["done"] == 0:
-        show(answer["value"], given.get("FILE") or "")
-    return finish(answer)
-
-
-def finish(answer: dict[str, Any]) -> int:
-    status: int = answer["done"]
-    return status
+        answer = connection.run(read_file(options.FILE), name=name, space="own", arguments=given.get("ARGUMENT", []))
+    elif command == "eval" and not options.json:
+        answer = connection.run(options.TEXT)
+    elif shown and not options.json:
+        answer = connection.run(shown, space="words")
+    else:
+        answer = connection.run(data, data=True, space="console" if command == "eval" else "words")
+        if options.json and "value" in answer:
+            print(json.dumps(answer["value"]))
+        elif command in ("get", "ports", "save") and "value" in answer:
+            show(answer["value"], given.get("FILE") or "")
+    return int(answer["done"])
 
 
 def main() -> int:
@@ -339,8 +359,11 @@ def main() -> int:
         print("sonetrix-ctl: the engine has ended", file=sys.stderr)
         return UNAVAILABLE
     except OSError as error:
-        print(f"sonetrix-ctl: {options.socket}: {error.strerror or error}", file=sys.stderr)
-        return UNAVAILABLE
+        print(f"sonetrix-ctl: {error.filename or options.socket}: {error.strerror or error}", file=sys.stderr)
+        return NO_FILE if error.filename else UNAVAILABLE
+    except UnicodeError as error:
+        print(f"sonetrix-ctl: {options.FILE}: {error}", file=sys.stderr)
+        return NO_FILE
     except KeyboardInterrupt:
         return INTERRUPTED
 

@@ -10,14 +10,13 @@ below.
 import contextlib
 import ctypes
 import fcntl
-import io
 import os
 import select
 import signal
 import sys
 import threading
 import time
-from collections.abc import Callable, Iterator
+from collections.abc import Callable, Iterable, Iterator
 from types import FrameType
 from typing import Any, TextIO, cast
 
@@ -67,52 +66,56 @@ class _Console:
         self.thread = threading.get_ident()  # that of the console
         assert sys.__stdout__ is not None  # there is a terminal
         self._terminal = os.dup(sys.__stdout__.fileno())
-        self._pipe, self._entry = os.pipe()
-        os.set_blocking(self._pipe, False)
-        os.set_blocking(self._entry, False)
+        self._pipe, self._entry = os.pipe2(os.O_NONBLOCK | os.O_CLOEXEC)
         with contextlib.suppress(OSError):
             fcntl.fcntl(self._entry, fcntl.F_SETPIPE_SZ, _PIPE_SIZE)
-        self._error_output: int | None = None  # the terminal as standard error, while that is the pipe
         # Without line editing the prompt itself is written there.
         self._shares_errors = readline is not None and os.isatty(2) and os.path.sameopenfile(1, 2)
+        self._error_output = os.dup(2) if self._shares_errors else -1  # the terminal, while standard error is the pipe
         self._editor: _LineEditor | None = None
         if readline is not None:
             with contextlib.suppress(AttributeError, OSError, ValueError):
                 self._editor = _LineEditor()
         # One that nobody uses. It must not cut short what the line editor writes to a slow terminal; that waits for
         # keys in a call that is interrupted all the same.
-        unused = (number for number in range(signal.SIGRTMAX, signal.SIGRTMIN, -1) if not signal.getsignal(number))
+        signals = range(signal.SIGRTMAX, signal.SIGRTMIN, -1)
+        unused = (number for number in signals if signal.getsignal(number) == signal.SIG_DFL)
         self._signal = next(unused, int(signal.SIGRTMAX))
         signal.signal(self._signal, self._on_wake)
         signal.siginterrupt(self._signal, self._editor is None)
         signal.pthread_sigmask(signal.SIG_UNBLOCK, [self._signal])
-        self._waker = threading.Thread(target=self._wake, name="console output", daemon=True)
         self._ended = False
+        self._waker = threading.Thread(target=self._wake, name="console output", daemon=True)
         self._waker.start()
 
     def begin_line(self, prompt: str, reader: FrameType | None) -> None:
         with self.lock:
-            self._write(self._take())
-            if self._shares_errors:
-                self._error_output = os.dup(2)
+            self._write(self.take())
+            if self._shares_errors and not os.path.sameopenfile(2, self._entry):
+                os.dup2(2, self._error_output, inheritable=False)
                 os.dup2(self._entry, 2)
-            self._reader = reader
-            self.prompt = prompt
+            self._reader, self.prompt = reader, prompt
 
     def end_line(self, whole: bool) -> None:
         with self.lock:
             self.prompt = self._reader = None
-            if self._error_output is not None:
+            if self._shares_errors and os.path.sameopenfile(2, self._entry):
                 os.dup2(self._error_output, 2)
-                os.close(self._error_output)
-                self._error_output = None
             if whole:
-                self._write(self._take())
+                self._write(self.take())
 
     def post(self, text: bytes) -> None:
         with contextlib.suppress(BlockingIOError):
             while text:
                 text = text[os.write(self._entry, text):]
+
+    def take(self) -> bytes:
+        """What has come meanwhile, in whole lines."""
+        try:
+            text = os.read(self._pipe, _PIPE_SIZE).replace(b"\0", b"")
+        except BlockingIOError:
+            return b""
+        return text + b"\n" if text and not text.endswith(b"\n") else text
 
     def end(self) -> None:
         """Everything is as it was before."""
@@ -122,17 +125,6 @@ class _Console:
         self._waker.join(1)
         signal.signal(self._signal, signal.SIG_IGN)  # there may be one on its way
 
-    def take(self) -> str:
-        return self._take().decode(errors="replace")
-
-    def _take(self) -> bytes:
-        parts = []
-        with contextlib.suppress(BlockingIOError):
-            while part := os.read(self._pipe, _PIPE_SIZE):
-                parts.append(part)
-        text = b"".join(parts).replace(b"\0", b"")
-        return text + b"\n" if text and not text.endswith(b"\n") else text
-
     def _write(self, text: bytes) -> None:
         with contextlib.suppress(OSError):
             while text:
@@ -141,20 +133,17 @@ class _Console:
     def _wake(self) -> None:
         """Has the console's thread look into the pipe, again and again until it has: a signal may come a moment before
         that thread waits for a key, which then would come first."""
+        signal.pthread_sigmask(signal.SIG_BLOCK, signal.valid_signals())  # Ctrl-C is for the console's thread
         while select.select([self._pipe], [], [])[0] and not self._ended:
             if self.prompt is not None:
                 signal.pthread_kill(self.thread, self._signal)
-            else:
-                with self.lock:
-                    if self.prompt is None:
-                        self._write(self._take())
             time.sleep(1 / _REDRAWS_PER_SECOND)
 
     def _on_wake(self, number: int, frame: FrameType | None) -> None:
         # In any other frame it is a completion that runs, or the line is not there yet or not any more.
         if self.prompt is None or frame is not self._reader:
             return
-        text = self._take()
+        text = self.take()
         if text and self._editor is not None:
             self._editor.print_above(text)
         elif text:
@@ -162,12 +151,11 @@ class _Console:
             self._write(b"\n" + text + (self.prompt + typed).encode(errors="replace"))
 
 
-class Stream(io.TextIOBase):
+class Stream:
     """Stands for `sys.stdout` or `sys.stderr`."""
 
     def __init__(self, stream: TextIO, console: _Console) -> None:
-        self._stream = stream
-        self._console = console
+        self._stream, self._console = stream, console
         self._begun: dict[int, str] = {}  # lines without an end, by thread
 
     def __getattr__(self, name: str) -> Any:
@@ -187,37 +175,26 @@ class Stream(io.TextIOBase):
                 self._console.post((lines + end).encode(errors="replace"))
         return len(text)
 
+    def writelines(self, lines: Iterable[str]) -> None:
+        self.write("".join(lines))
+
     def flush(self) -> None:
         with self._console.lock:
             if self._console.prompt is None:
                 self._stream.write(self._begun.pop(threading.get_ident(), ""))
                 self._stream.flush()
 
-    def fileno(self) -> int:
-        return self._stream.fileno()
-
-    def isatty(self) -> bool:
-        return self._stream.isatty()
-
-    @property
-    def encoding(self) -> str:  # type: ignore[override]
-        return self._stream.encoding
-
-    @property
-    def errors(self) -> str | None:  # type: ignore[override]
-        return self._stream.errors
-
 
 _console: _Console | None = None
 
 
 @contextlib.contextmanager
-def held() -> Iterator[Callable[[], str]]:
+def held() -> Iterator[Callable[[], bytes]]:
     """Holds back what others print to the console, for a view that paints over its own lines; what it gives tells what
     has come meanwhile."""
     console = _console
     if console is None or threading.get_ident() != console.thread:
-        yield str
+        yield bytes
         return
     console.begin_line("", None)
     try:

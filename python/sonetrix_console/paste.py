@@ -3,9 +3,11 @@
 import __main__
 
 import ast
+import itertools
 import linecache
 import sys
 import textwrap
+from types import TracebackType
 
 _count = 0
 _pending = ""
@@ -25,12 +27,15 @@ def run_block(text: str) -> None:
         statements = ast.Interactive(ast.parse(text, name).body)
         exec(compile(statements, name, "single", dont_inherit=True), __main__.__dict__)
     except Exception as error:
-        frames = error.__traceback__ and error.__traceback__.tb_next
-        if isinstance(error, SyntaxError) and error.filename == name:
-            frames = None
-        sys.last_value, sys.last_type, sys.last_traceback = error, type(error), frames
-        setattr(sys, "last_exc", error)  # from 3.12
-        sys.excepthook(type(error), error.with_traceback(frames), frames)
+        ours = isinstance(error, SyntaxError) and error.filename == name
+        show(error, None if ours or not error.__traceback__ else error.__traceback__.tb_next)
+
+
+def show(error: BaseException, frames: TracebackType | None) -> None:
+    """As the interpreter shows what nobody has caught, and for `pdb.pm()`."""
+    sys.last_value, sys.last_type, sys.last_traceback = error.with_traceback(frames), type(error), frames
+    setattr(sys, "last_exc", error)  # from 3.12
+    sys.excepthook(type(error), error, frames)
 
 
 def run_pending() -> None:
@@ -57,7 +62,5 @@ def paste() -> None:
         paste, then a line with a single dot
     """
     print("paste, then a line with a single dot")
-    lines = []
-    while (line := sys.stdin.readline()) not in (".\n", ".", ""):
-        lines.append(line)
-    run_block("".join(lines))
+    lines = iter(sys.stdin.readline, "")
+    run_block("".join(itertools.takewhile(lambda line: line not in (".\n", "."), lines)))

@@ -7,6 +7,8 @@ from collections.abc import Sequence
 
 from sonetrix import engine, exit
 
+from .paste import show
+
 
 def _run_step(path: str | bytes, source: bytes | None) -> None:
     space = sys.modules["__main__"].__dict__
@@ -17,15 +19,6 @@ def _run_step(path: str | bytes, source: bytes | None) -> None:
         with open(path, "rb") as file:
             source = file.read()
     exec(compile(source, path, "exec", dont_inherit=True), space)
-
-
-def _show(error: BaseException) -> None:
-    """As the interpreter shows it, and for `pdb.pm()`."""
-    assert error.__traceback__ and error.__traceback__.tb_next
-    frames = error.__traceback__.tb_next.tb_next
-    sys.last_value, sys.last_type, sys.last_traceback = error.with_traceback(frames), type(error), frames
-    setattr(sys, "last_exc", error)  # from 3.12
-    sys.excepthook(type(error), error, frames)
 
 
 def find_interpreter() -> None:
@@ -58,7 +51,8 @@ def run(steps: Sequence[tuple[str | bytes, bytes | None]], arguments: Sequence[b
         interrupted = isinstance(error, KeyboardInterrupt)
         if not (interrupted and ends and not engine.isRunning()):
             status = 130 if interrupted else 1
-            _show(error)
+            assert error.__traceback__ and error.__traceback__.tb_next
+            show(error, error.__traceback__.tb_next.tb_next)
     finally:
         while ends:
             try:

@@ -5,63 +5,17 @@ import __main__
 
 import builtins
 import os
-import pathlib
 import sys
 from types import TracebackType
 from typing import Any
 
 import sonetrix
 
-from . import completion, output
-from .paste import one_line
+from . import output
+from .completion import candidates
+from .ctl import edit_lines, user_folder
+from .paste import one_line, show
 from .words import Refused
-
-try:
-    import readline
-except ImportError:  # an interpreter without it: the terminal's own line editing
-    readline = None  # type: ignore[assignment]
-
-_HISTORY_LENGTH = 10_000
-
-
-def _folder(variable: str, standard: str) -> pathlib.Path:
-    """The user's folder for our files of one kind."""
-    return pathlib.Path(os.environ.get(variable) or pathlib.Path.home() / standard) / "sonetrix"
-
-
-class History:
-    """The lines typed, in a file of the user's alone. Each is in it before it runs, whatever the line then does to the
-    engine; several consoles may add to it at the same time."""
-
-    def __init__(self, path: pathlib.Path) -> None:
-        self.path = path
-
-    def load(self) -> None:
-        """Into line editing, with the file cut to the last lines."""
-        try:
-            lines = self.path.read_text(errors="replace").split("\n")[:-1]
-            if len(lines) > 2 * _HISTORY_LENGTH:
-                lines = lines[-_HISTORY_LENGTH:]
-                shorter = self.path.with_suffix(f".{os.getpid()}")
-                with open(os.open(shorter, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o600), "w") as file:
-                    file.writelines(line + "\n" for line in lines)
-                shorter.replace(self.path)
-        except OSError:
-            return
-        for line in lines[-_HISTORY_LENGTH:]:
-            readline.add_history(line.replace("\x1e", "\n"))
-
-    def add(self, entry: str) -> None:
-        """Several lines that were pasted as one stay one entry."""
-        if not entry.strip():
-            return
-        try:
-            self.path.parent.mkdir(mode=0o700, parents=True, exist_ok=True)
-            descriptor = os.open(self.path, os.O_WRONLY | os.O_CREAT | os.O_APPEND | os.O_CLOEXEC, 0o600)
-            with open(descriptor, "wb") as file:
-                file.write((entry.rstrip("\n").replace("\n", "\x1e") + "\n").encode(errors="replace"))
-        except OSError:
-            pass
 
 
 def banner() -> str:
@@ -107,28 +61,21 @@ def trim(error: BaseException, traceback: TracebackType | None) -> None:
 
 def run_startup_file() -> None:
     """Runs $XDG_CONFIG_HOME/sonetrix/startup.py (~/.config/sonetrix/startup.py) in `__main__`, if there is one."""
-    path = _folder("XDG_CONFIG_HOME", ".config") / "startup.py"
+    path = os.path.join(user_folder("XDG_CONFIG_HOME", ".config"), "startup.py")
     try:
-        code = compile(path.read_bytes(), str(path), "exec", dont_inherit=True)
-        exec(code, __main__.__dict__)
-    except FileNotFoundError:
-        pass
+        if os.path.exists(path):
+            with open(path, "rb") as file:
+                exec(compile(file.read(), path, "exec", dont_inherit=True), __main__.__dict__)
     except Exception as error:
-        frames = error.__traceback__ and error.__traceback__.tb_next
-        sys.excepthook(type(error), error, frames)
+        show(error, error.__traceback__ and error.__traceback__.tb_next)
 
 
 def install() -> None:
     """Turns all of it on."""
-    completion.install()
-    history = History(_folder("XDG_STATE_HOME", ".local/state") / "history")
-    if readline is not None:
-        if os.environ.get("TERM", "dumb") != "dumb":
-            readline.parse_and_bind("set enable-bracketed-paste on")
-        history.load()
+    keep = edit_lines(candidates, "history")
 
     def line_typed(prompt: str, line: str) -> str | None:
-        history.add(line)
+        keep()  # before it runs, whatever it then does to the engine
         return one_line(prompt, line)
 
     show_error = sys.excepthook

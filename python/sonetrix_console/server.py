@@ -11,9 +11,11 @@ import codeop
 import contextlib
 import ctypes
 import errno
+import functools
 import io
 import json
 import os
+import pathlib
 import queue
 import signal
 import socket
@@ -29,7 +31,7 @@ from typing import Any
 
 from sonetrix import add_clear_callback
 
-from . import prompt
+from . import prompt, words
 from .completion import candidates
 from .ctl import Screen, Terminal, default_socket
 from .words import Refused
@@ -88,18 +90,21 @@ class _Routed:
         return iter(self.readline, "")
 
 
-class _Display:
-    """In the place of sys.displayhook: the console's `_` is not a client's to change."""
+@functools.cache
+def _route() -> None:
+    """What a client's text reads, prints and shows is the client's from now on, and `_` stays the console's."""
+    for name in ("stdin", "stdout", "stderr"):
+        setattr(sys, name, _Routed(name))
+    own = sys.displayhook
 
-    def __init__(self) -> None:
-        self._own = sys.displayhook
-
-    def __call__(self, value: Any, /) -> None:
+    def display(value: Any, /) -> None:
         if here.client is None:
-            self._own(value)
+            own(value)
         elif value is not None:
             here.client.result = value
             print(prompt.describe(value))
+
+    sys.displayhook = display
 
 
 class Client(socketserver.StreamRequestHandler):
@@ -236,13 +241,10 @@ def _told(error: BaseException, briefly: bool) -> str:
     if briefly and isinstance(error, Refused):
         return f"{error}\n"
     frames = error.__traceback__
-    while frames and frames.tb_frame.f_code.co_filename in _OURS:
+    while frames and frames.tb_frame.f_code.co_filename in (__file__, ast.__file__, codeop.__file__):
         frames = frames.tb_next
     prompt.trim(error, frames)
     return "".join(traceback.format_exception(type(error), error, frames))
-
-
-_OURS = {__file__, ast.__file__, codeop.__file__}
 
 
 def _execute(text: str, name: str = "<ctl>", space: str = "console", arguments: tuple[str, ...] = (),
@@ -255,8 +257,8 @@ def _execute(text: str, name: str = "<ctl>", space: str = "console", arguments: 
         return {"more": True}
     tree = ast.parse(text, name)
     if space == "own":
-        sys.argv = [name, *arguments]
-        exec(compile(tree, name, "exec", dont_inherit=True), names)
+        with words.script_arguments(name, *arguments):
+            exec(compile(tree, name, "exec", dont_inherit=True), names)
     else:
         exec(compile(ast.Interactive(tree.body), name, "single", dont_inherit=True), names)
     return {}
@@ -285,9 +287,9 @@ class _Server(socketserver.ThreadingMixIn, socketserver.UnixStreamServer):
 
     def __init__(self, path: str) -> None:
         self.clients: set[Client] = set()
-        self._path, self._process = path, os.getpid()
+        self._path, self._process = pathlib.Path(path), os.getpid()
         super().__init__(path, Client)
-        self._file = os.stat(path)
+        self._file = self._path.stat()
 
     def server_bind(self) -> None:
         os.fchmod(self.socket.fileno(), 0o600)  # is the file's mode from its first moment
@@ -309,8 +311,8 @@ class _Server(socketserver.ThreadingMixIn, socketserver.UnixStreamServer):
         self.shutdown()
         self.server_close()
         with contextlib.suppress(OSError):
-            if os.path.samestat(os.stat(self._path), self._file):
-                os.unlink(self._path)
+            if os.path.samestat(self._path.stat(), self._file):
+                self._path.unlink()
         self._wait(0.1, lambda client: client.busy)  # for the text that has just said exit()
         for client in list(self.clients):
             client.interrupt()
@@ -325,21 +327,19 @@ class _Server(socketserver.ThreadingMixIn, socketserver.UnixStreamServer):
             time.sleep(0.002)
 
 
-def _remove_stale(path: str) -> None:
-    try:
-        mode = os.lstat(path).st_mode
-    except FileNotFoundError:
-        return
-    if not stat.S_ISSOCK(mode):
-        raise FileExistsError(errno.EEXIST, "there is something else than a socket", path)
+def _remove_stale(path: pathlib.Path) -> None:
     with socket.socket(socket.AF_UNIX) as probe:
         probe.settimeout(1)
         try:
-            probe.connect(path)
-        except ConnectionRefusedError:
-            os.unlink(path)
+            probe.connect(str(path))
+        except FileNotFoundError:
             return
-    raise OSError(errno.EADDRINUSE, "an engine listens there already", path)
+        except ConnectionRefusedError:
+            if not path.is_socket():
+                raise FileExistsError(errno.EEXIST, "there is something else than a socket", str(path)) from None
+            path.unlink()
+            return
+    raise OSError(errno.EADDRINUSE, "an engine listens there already", str(path))
 
 
 def _private_folder(path: str) -> None:
@@ -355,11 +355,7 @@ def listen(path: str | None) -> str:
         path = default_socket()
         _private_folder(os.path.dirname(path))
     server = _Server(os.path.abspath(path))
-    for name in ("stdin", "stdout", "stderr"):
-        if not isinstance(getattr(sys, name), _Routed):
-            setattr(sys, name, _Routed(name))
-    if not isinstance(sys.displayhook, _Display):
-        sys.displayhook = _Display()
+    _route()
     before = signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT})  # Ctrl-C is the console's, not of these threads
     try:
         threading.Thread(target=server.serve_forever, args=(86400,), name="sonetrix server", daemon=True).start()

@@ -2,12 +2,13 @@
 
 import os
 import pathlib
+import textwrap
 import time
 from collections.abc import Callable, Mapping
 from types import TracebackType
 
 from . import words
-from .words import ModuleState, Refused, Value
+from .words import Refused, Value
 
 
 class Session:
@@ -30,9 +31,7 @@ class Session:
     def module(self, name: str, plugin: str, parameters: Mapping[str, Value] = {},
                configuration: Mapping[str, Value] = {}) -> None:
         """A module with the values of its parameters; the configuration is for the moment when it is made."""
-        self._plugins[name] = plugin
-        self._configurations[name] = configuration
-        self._parameters[name] = parameters
+        self._plugins[name], self._configurations[name], self._parameters[name] = plugin, configuration, parameters
 
     def parameters(self, module: str, parameters: Mapping[str, Value]) -> None:
         """Values for a module that is there in any case, such as the driver's."""
@@ -50,36 +49,28 @@ class Session:
 
     def apply(self) -> None:
         """Changes the running graph. Does all that can be done, then raises with all that could not."""
-        modules = words.state()["modules"]
-        made = {name: module for name, module in modules.items() if module["type"] == words.MADE}
-        replaced = [name for name, each in made.items() if self._plugins.get(name, each["plugin"]) != each["plugin"]]
-        for name in replaced:
-            self._try(words.delete, name)
-        for name in self._plugins:
-            if name not in made or name in replaced:
-                self._try(words.create, name, self._plugins[name], **self._configurations[name])
-        modules = words.state()["modules"]
-        for name, parameters in self._parameters.items():
-            current = modules[name]["parameters"] if name in modules else {}
-            for key, value in parameters.items():
-                if name in modules and current.get(key) != value:
-                    self._try(words.put, f"{name}.{key}", value)
-        self._relink(modules)
-        for name in made:
-            if name not in self._plugins:
+        made = {name: each["plugin"] for name, each in words.modules().items() if each["type"] == words.MADE}
+        for name, plugin in self._plugins.items():
+            if name in made and made[name] != plugin:
                 self._try(words.delete, name)
-        print(f"{self._changes} changes" if self._changes != 1 else "1 change")
-        if self._problems:
-            raise Refused("\n".join(["not everything could be done:", *self._problems]))
-
-    def _relink(self, modules: dict[str, ModuleState]) -> None:
-        fed = {sink: source for source, sink in words.links(modules)}
-        for sink in fed:
-            if sink not in self._sources:
-                self._try(words.disconnect, sink)
+            if made.get(name) != plugin:
+                self._try(words.create, name, plugin, **self._configurations[name])
+        there = words.modules()
+        for name, parameters in self._parameters.items():
+            for key, value in parameters.items():
+                if name in there and there[name]["parameters"].get(key) != value:
+                    self._try(words.put, f"{name}.{key}", value)
+        fed = {sink: source for source, sink in words.links(there)}
+        for sink in [each for each in fed if each not in self._sources]:
+            self._try(words.disconnect, sink)
         for sink, source in self._sources.items():
             if fed.get(sink) != source:
                 self._try(words.connect, source, sink, replace=True)
+        for name in [each for each in made if each not in self._plugins]:
+            self._try(words.delete, name)
+        print(f"{self._changes} changes" if self._changes != 1 else "1 change")
+        if self._problems:
+            raise Refused("\n".join(["not everything could be done:", *self._problems]))
 
     def _try(self, change: Callable[..., object], *arguments: Value, **more: Value) -> None:
         try:
@@ -89,36 +80,32 @@ class Session:
             self._problems.append(f"  {problem}")
 
 
-def _literal(values: Mapping[str, Value], indent: str) -> str:
-    return "".join(["{\n", *(f"{indent}    {key!r}: {value!r},\n" for key, value in values.items()), indent, "}"])
+def _call(method: str, *arguments: object) -> str:
+    """A dict with a line for each of its items; those at the end that are empty are left out."""
+    shown = [repr(argument) for argument in arguments]
+    for index, argument in enumerate(arguments):
+        if isinstance(argument, dict) and argument:
+            shown[index] = "".join(["{\n", *(f"    {key!r}: {value!r},\n" for key, value in argument.items()), "}"])
+    while shown[-1] == "{}":
+        shown.pop()
+    return f"session.{method}({', '.join(shown)})"
 
 
 def script() -> str:
     """The script that save() writes."""
-    lines = [
-        f'"""A graph, saved {time.strftime("%Y-%m-%d %H:%M:%S")}: load() changes a running one into it."""\n',
-        "from sonetrix_console import Session\n",
-        "with Session() as session:",
-        "    pass",
-    ]
-    modules = words.state()["modules"]
-    for name, module in modules.items():
-        if module["type"] != words.MADE:
-            if module["parameters"]:
-                lines.append(f"    session.parameters({name!r}, {_literal(module['parameters'], '    ')})")
-            continue
-        if module["plugin"] is None:
-            raise Refused(f"the engine does not tell what {name!r} was made of")
-        arguments = [repr(name), repr(module["plugin"])]
-        if module["parameters"]:
-            arguments.append(_literal(module["parameters"], "    "))
-        if module["configuration"]:
-            arguments.append(f"configuration={_literal(module['configuration'], '    ')}")
-        lines.append(f"    session.module({', '.join(arguments)})")
-    lines += [f"    session.link({source!r}, {sink!r})" for source, sink in words.links(modules)]
-    if len(lines) > 4:
-        lines.remove("    pass")
-    return "\n".join(lines) + "\n"
+    calls = []
+    there = words.modules()
+    for name, module in there.items():
+        if module["type"] == words.MADE:
+            if module["plugin"] is None:
+                raise Refused(f"the engine does not tell what {name!r} was made of")
+            calls.append(_call("module", name, module["plugin"], module["parameters"], module["configuration"]))
+        elif module["parameters"]:
+            calls.append(_call("parameters", name, module["parameters"]))
+    calls += [_call("link", source, sink) for source, sink in words.links(there)]
+    return (f'"""A graph, saved {time.strftime("%Y-%m-%d %H:%M:%S")}: load() changes a running one into it."""\n\n'
+            "from sonetrix_console import Session\n\nwith Session() as session:\n"
+            + textwrap.indent("\n".join(calls) or "pass", "    ") + "\n")
 
 
 def save(path: str | os.PathLike[str]) -> None:
@@ -130,7 +117,7 @@ def save(path: str | os.PathLike[str]) -> None:
     file = pathlib.Path(path)
     partial = file.with_name(f".{file.name}.{os.getpid()}")
     try:
-        partial.write_text(text)
+        partial.write_text(text, encoding="utf-8")
         partial.replace(file)
     finally:
         partial.unlink(missing_ok=True)

@@ -9,6 +9,7 @@ from typing import Any
 from sonetrix import engine
 
 from .output import held
+from .words import drawn, text
 
 _FLOOR = -60.0  # decibels below full scale, where bars begin
 
@@ -40,7 +41,7 @@ def _live(frame: Callable[[int], list[str]], seconds: float) -> None:
             back = f"\x1b[{height}A" if height else ""
             if screen != before:
                 back = "\x1b[H\x1b[2J"  # nobody knows how the terminal has wrapped the lines from before
-            above = come_meanwhile()
+            above = come_meanwhile().decode(errors="replace")
             if dumb:
                 write(above + "\n".join([*lines, "", ""]))
             else:
@@ -54,9 +55,8 @@ def _live(frame: Callable[[int], list[str]], seconds: float) -> None:
 
 def _bar(width: int, inner: float, outer: float = 0) -> str:
     """Two lengths between 0 and 1, one behind the other."""
-    full, light = ("█", "░") if (sys.stdout.encoding or "").lower().startswith("utf") else ("#", "-")
     first, second = (round(min(1.0, max(0.0, length)) * width) for length in (inner, outer))
-    return (full * first + light * (second - first)).ljust(width)
+    return (drawn("█", "#") * first + drawn("░", "-") * (second - first)).ljust(width)
 
 
 def engine_load() -> dict[str, Any]:
@@ -66,7 +66,7 @@ def engine_load() -> dict[str, Any]:
     (8.2e-05, 0.005333)
     """
     percent, _, mean, worst, limit, _ = engine.cpuInfo()
-    modules = {name.decode(): usage["absolute"] for name, usage in engine.getUsageInfo().items()}
+    modules = {text(name): usage["absolute"] for name, usage in engine.getUsageInfo().items()}
     return {"percent": percent, "block": mean, "worst": worst, "limit": limit, "xruns": engine.getXrunCounter(),
             "modules": modules}
 
@@ -99,12 +99,12 @@ def levels(pattern: str = "") -> dict[str, Any]:
     """
     found: dict[str, Any] = {}
     for key, value in engine.getLastMeter("", engine.METER_SLOW).toDict().items():
-        name = key.decode()
+        name = text(key)
         port, _, kind = name.rpartition(".")
         if pattern in name and kind in ("peak", "mean"):
             found.setdefault(port, {})[kind] = value
         elif pattern in name:
-            found[name] = value.decode(errors="replace") if isinstance(value, bytes) else value
+            found[name] = text(value)
     return found
 
 

@@ -1,11 +1,14 @@
 """Short words for the prompt and for scripts. They take and give `str`, and say why when something cannot be done."""
 
+import collections
+import contextlib
+import contextvars
+import ctypes
 import difflib
 import os
 import pathlib
-import struct
 import sys
-from collections.abc import Iterable
+from collections.abc import Iterable, Iterator, Sequence
 from typing import Any, Literal, TypeAlias, TypedDict
 
 import sonetrix
@@ -24,12 +27,6 @@ class ModuleState(TypedDict):
     parameters: dict[str, Value]
     sources: dict[str, list[str]]  # the sinks that each feeds
     sinks: dict[str, str | None]  # the source that feeds it
-
-
-class State(TypedDict):
-    driver: str | None
-    rate: int
-    modules: dict[str, ModuleState]
 
 
 class Refused(Exception):
@@ -63,14 +60,12 @@ def text(value: Any, kind: str = "") -> Any:
     if isinstance(value, tuple):
         return tuple(text(element, kind.removeprefix("a")) for element in value)
     if kind == "float" and isinstance(value, float):
-        for digits in range(1, 10):
-            shorter = float(f"{value:.{digits}g}")
-            if abs(shorter) < 3.4e38 and struct.pack("f", shorter) == struct.pack("f", value):
-                return shorter
+        shorter = (float(f"{value:.{digits}g}") for digits in range(1, 9))
+        return next((short for short in shorter if ctypes.c_float(short).value == value), value)
     return value
 
 
-def names(of: Iterable[Any]) -> list[str]:
+def names(of: Iterable[bytes]) -> list[str]:
     """Names from the engine as `str`."""
     return [name.decode(errors="replace") for name in of]
 
@@ -117,25 +112,19 @@ def put(key: str, value: Value) -> None:
     current = engine.getParam(key).toDictType().get(key.encode())
     if current is None:
         raise unknown("parameter", key, parameter_names())
-    kind = current[1]
-    typed = _converted(key, value, kind)
-    if not engine.setParams(listKeyValue().append(key, typed, _SELECTORS.get(kind, kind))).toDict():
+    if not engine.setParams(_entry(key, value, current[1])).toDict():
         raise Refused(f"the engine refuses {key} = {value!r}{_reason(key)}")
 
 
-def _converted(key: str, value: Any, kind: str) -> Any:
+def _entry(key: str, value: Any, kind: str) -> listKeyValue:
+    number = float if kind in ("float", "double", "afloat") else int
     try:
         if kind in _SELECTORS:
-            return tuple((float if kind == "afloat" else int)(element) for element in value)
-        if kind == "string":
-            if not isinstance(value, str | bytes):
-                raise ValueError
-            return value
-        number = float(value) if kind in ("float", "double") else int(value)
-        if isinstance(value, str | bytes) or number != value:
-            raise ValueError
-        return number
-    except (TypeError, ValueError, OverflowError):
+            value = tuple(map(number, value))
+        elif kind != "string" and number(value) == value:
+            value = number(value)
+        return listKeyValue().append(key, value, _SELECTORS.get(kind, kind))
+    except Exception:  # append's own are not of a narrower kind
         raise Unfit(f"{key} takes a value of type {kind}, not {value!r}") from None
 
 
@@ -157,46 +146,51 @@ def describe(plugin: str) -> dict[str, dict[str, Any]]:
     return result
 
 
-def state() -> State:
-    """The whole graph as plain data, which `json` takes.
-
-    >>> state()['modules']['gain']['parameters']
-    {'gain': 0.25}
-    """
-    modules: dict[str, ModuleState] = {}
+def modules() -> dict[str, ModuleState]:
+    """The modules of the graph, the driver's among them."""
+    found: dict[str, ModuleState] = {}
     for module in engine.getModuleInfos():
         name = text(module["name"])
-        parameters = {key.removeprefix(name + "."): value for key, value in _parameters(name + ".").items()}
-        plugin = parameters.pop("plugin", None)
+        parameters = {key.removeprefix(f"{name}."): value for key, value in _parameters(f"{name}.").items()}
         configuration = module.get("configuration", {}).items()
-        modules[name] = {
+        found[name] = {
             "type": module["type"],
-            "plugin": str(plugin) if plugin is not None else _made_of.get(name),
+            "plugin": text(parameters.pop("plugin", _made_of.get(name))),
             "library": text(module.get("library")),
             "configuration": {text(key): text(value, "float") for key, value in configuration},
             "parameters": parameters,
             "sources": {text(port["name"]): [] for port in module.get("src", ())},
             "sinks": {text(port["name"]): text(port.get("link")) for port in module.get("sink", ())},
         }
-    sources = {port: sinks for module in modules.values() for port, sinks in module["sources"].items()}
-    for source, sink in links(modules):
+    sources = {port: sinks for module in found.values() for port, sinks in module["sources"].items()}
+    for source, sink in links(found):
         sources.setdefault(source, []).append(sink)
+    return found
+
+
+def state() -> dict[str, Any]:
+    """The whole graph as plain data, which `json` takes.
+
+    >>> state()['modules']['gain']['parameters']
+    {'gain': 0.25}
+    """
     driver = engine.getDriverName() if engine.hasDriver() else None
-    return {"driver": driver, "rate": engine.getFrameRate() if driver else 0, "modules": modules}
+    return {"driver": driver, "rate": engine.getFrameRate() if driver else 0, "modules": modules()}
 
 
-def links(modules: dict[str, ModuleState]) -> list[tuple[str, str]]:
-    """The links among modules of a state: source and sink of each."""
-    return [(source, sink) for module in modules.values() for sink, source in module["sinks"].items() if source]
+def links(of: dict[str, ModuleState]) -> list[tuple[str, str]]:
+    """The links among modules: source and sink of each."""
+    return [(source, sink) for module in of.values() for sink, source in module["sinks"].items() if source]
 
 
-def _ports(name: str, kind: Literal["sources", "sinks"], modules: dict[str, ModuleState]) -> list[str]:
-    """The module's ports of that kind in order, or the port alone."""
-    if name in modules:
-        return list(modules[name][kind])
-    ports = [port for module in modules.values() for port in module[kind]]
+def _ports(name: str, of: dict[str, ModuleState], *kinds: Literal["sources", "sinks"]) -> list[str]:
+    """The module's ports of these kinds in order, or the port alone."""
+    if name in of:
+        return [port for kind in kinds for port in of[name][kind]]
+    ports = [port for module in of.values() for kind in kinds for port in module[kind]]
     if name not in ports:
-        raise unknown(f"module or {kind.removesuffix('s')}", name, [*modules, *ports])
+        what = kinds[0].removesuffix("s") if len(kinds) == 1 else "port"
+        raise unknown(f"module or {what}", name, [*of, *ports])
     return [name]
 
 
@@ -207,22 +201,22 @@ def connect(source: str, sink: str, replace: bool = False) -> list[tuple[str, st
     >>> connect('tone', 'gain')
     [('tone:output', 'gain:input')]
     """
-    modules = state()["modules"]
-    sources, sinks = _ports(source, "sources", modules), _ports(sink, "sinks", modules)
+    there = modules()
+    sources, sinks = _ports(source, there, "sources"), _ports(sink, there, "sinks")
     if not sources or not sinks:
         raise Refused(f"{source!r} has no sources" if not sources else f"{sink!r} has no sinks")
-    fed = {old: by for by, old in links(modules)}
-    pairs = list(zip(sources * len(sinks) if len(sources) == 1 else sources, sinks))
-    pairs = [(new, port) for new, port in pairs if fed.get(port) != new]
-    taken = [f"{port} by {fed[port]}" for _, port in pairs if port in fed]
+    fed = {old: by for by, old in links(there)}
+    pairs = zip(sources * len(sinks) if len(sources) == 1 else sources, sinks)
+    new = [(by, port) for by, port in pairs if fed.get(port) != by]
+    taken = [f"{port} by {fed[port]}" for _, port in new if port in fed]
     if taken and not replace:
         raise Refused(f"fed already: {', '.join(taken)}; connect(..., replace=True) takes the place of what is there")
-    for new, port in pairs:
+    for by, port in new:
         if port in fed:
             _unlink(port)
-        if status := engine.link(new, port):
-            raise Refused(f"the engine refuses to link {new!r} to {port!r} (status {status})")
-    return pairs
+        if status := engine.link(by, port):
+            raise Refused(f"the engine refuses to link {by!r} to {port!r} (status {status})")
+    return new
 
 
 def _unlink(port: str) -> None:
@@ -236,17 +230,9 @@ def disconnect(first: str, second: str | None = None) -> list[tuple[str, str]]:
     >>> disconnect('tone', 'gain')
     [('tone:output', 'gain:input')]
     """
-    modules = state()["modules"]
-    known = [*modules, *(port for each in modules.values() for port in (*each["sources"], *each["sinks"]))]
-    for name in (first, second):
-        if name is not None and name not in known:
-            raise unknown("module or port", name, known)
-    ends = [{port, port.partition(":")[0]} for port in known]
-    of = dict(zip(known, ends))
-    removed = [
-        link for link in links(modules)
-        if any(first in of[end] for end in link) and (second is None or any(second in of[end] for end in link))
-    ]
+    there = modules()
+    ends = [set(_ports(name, there, "sources", "sinks")) for name in (first, second) if name is not None]
+    removed = [link for link in links(there) if all(ports & set(link) for ports in ends)]
     for _, sink in removed:
         _unlink(sink)
     return removed
@@ -257,10 +243,8 @@ def create(name: str, plugin: str, **configuration: Value) -> None:
 
     >>> create('tone', 'sine_fcac', frequency=440)
     """
-    controls = describe(plugin)
     entries = listKeyValue()
-    for key, value in configuration.items():
-        entries.append(key, float(value) if isinstance(value, int) and "minimum" in controls.get(key, {}) else value)
+    entries.appendFromDict(configuration)
     if status := engine.newModule(name, plugin, entries if configuration else None):
         available = names(engine.listAvailableModules())
         if plugin not in available:
@@ -283,9 +267,16 @@ def delete(name: str) -> None:
     _made_of.pop(name, None)
 
 
-def shown(value: Any) -> str:
-    """A value in a table."""
-    return f"{value:g}" if isinstance(value, float) else str(value)
+def drawn(fine: str, plain: str) -> str:
+    """The first characters, or the second ones where the output is not of Unicode."""
+    return fine if (sys.stdout.encoding or "").lower().startswith("utf") else plain
+
+
+def columns(rows: Sequence[Sequence[object]]) -> list[str]:
+    """The rows of a table as lines, without columns that are empty."""
+    cells = [[f"{cell:g}" if isinstance(cell, float) else str(cell) for cell in row] for row in rows]
+    widths = [max(map(len, column)) for column in zip(*cells)]
+    return ["  ".join(f"{cell:{width}}" for cell, width in zip(row, widths) if width).rstrip() for row in cells]
 
 
 def graph() -> None:
@@ -297,17 +288,16 @@ def graph() -> None:
     ├─ amplitude  0.5
     └─ output     -> gain:input
     """
-    branch, last = ("├─", "└─") if (sys.stdout.encoding or "").lower().startswith("utf") else ("|-", "`-")
-    for name, module in state()["modules"].items():
-        rows = [(key, shown(value)) for key, value in module["parameters"].items()]
+    for name, module in modules().items():
+        rows: list[tuple[str, object]] = list(module["parameters"].items())
         rows += [(port.partition(":")[2], f"<- {by or 'nothing'}") for port, by in module["sinks"].items()]
         rows += [(port.partition(":")[2], f"-> {', '.join(to) or 'nothing'}") for port, to in module["sources"].items()]
         print(f"{name}  {module['plugin'] or (module['library'] or '').rpartition('/')[2]}".rstrip())
-        width = max((len(key) for key, _ in rows), default=0)
-        for key, value in rows[:-1]:
-            print(f"{branch} {key:{width}}  {value}")
-        for key, value in rows[-1:]:
-            print(f"{last} {key:{width}}  {value}")
+        lines = columns(rows)
+        for line in lines[:-1]:
+            print(drawn("├─", "|-"), line)
+        for line in lines[-1:]:
+            print(drawn("└─", "`-"), line)
 
 
 def plugins(word: str = "") -> None:
@@ -317,11 +307,9 @@ def plugins(word: str = "") -> None:
     gverb          GVerb
     """
     titles = {key.split(".")[1]: str(title) for key, title in _parameters("plugins.").items() if key.endswith(".title")}
-    found = [(name, titles.get(name, "")) for name in names(engine.listAvailableModules())]
-    found = [entry for entry in found if word.lower() in " ".join(entry).lower()]
-    width = max((len(name) for name, _ in found), default=0)
-    for name, title in sorted(found):
-        print(f"{name:{width}}  {title}".rstrip())
+    found = sorted((name, titles.get(name, "")) for name in names(engine.listAvailableModules()))
+    for line in columns([entry for entry in found if word.lower() in " ".join(entry).lower()]):
+        print(line)
 
 
 def info(name: str) -> None:
@@ -329,33 +317,64 @@ def info(name: str) -> None:
 
     >>> info('gain')
     gain, of amp_mono: Mono Amplifier
-    from input to output
-    gain  1  from 0 to 10, else 1
+      sinks: gain:input
+      sources: gain:output
+      control  value  range    unit  default
+      gain     1      0 to 10        1
     """
-    modules, available = state()["modules"], names(engine.listAvailableModules())
-    module = modules.get(name)
+    there, available = modules(), names(engine.listAvailableModules())
+    module = there.get(name)
     plugin = module["plugin"] if module else name
     if not module and name not in available:
-        raise unknown("module or plugin", name, [*modules, *available])
+        raise unknown("module or plugin", name, [*there, *available])
     described = describe(plugin) if plugin else {}
     about = described.pop("", {})
-    print(f"{name}, of {plugin}" if module else name, about.get("title", ""), sep=": " if about.get("title") else "")
-    ports = {side: str(about.get(side, "")).split() for side in ("sinks", "sources")}
-    if module:
-        ports = {"sinks": list(module["sinks"]), "sources": list(module["sources"])}
-    for side, of_side in ports.items():
-        print(f"  {side}: {', '.join(of_side) or 'none'}")
+    heading = f"{name}, of {plugin}" if module and plugin else name
+    print(f"{heading}: {about['title']}" if about.get("title") else heading)
+    sides: tuple[Literal["sinks", "sources"], ...] = ("sinks", "sources")
+    for side in sides:
+        ports = list(module[side]) if module else str(about.get(side, "")).split()
+        print(f"  {side}: {', '.join(ports) or 'none'}")
     values = module["parameters"] if module else {}
-    rows = []
-    for key in [*described, *(key for key in values if key not in described)]:
-        control = {what: shown(value) for what, value in described.get(key, {}).items()}
-        limits = f"{control['minimum']} to {control['maximum']}" if "maximum" in control else ""
-        rows.append((key, shown(values.get(key, "")), limits, control.get("unit", ""), control.get("default", "")))
-    if rows:
-        rows.insert(0, ("control", "value" if module else "", "range", "unit", "default"))
-        widths = [max(map(len, column)) for column in zip(*rows)]
-        for row in rows:
-            print(" ", "  ".join(f"{cell:{width}}" for cell, width in zip(row, widths) if width).rstrip())
+    rows: list[Sequence[object]] = [("control", "value" if module else "", "range", "unit", "default")]
+    for key in dict.fromkeys([*described, *values]):
+        control = described.get(key, {})
+        limits = f"{control['minimum']:g} to {control['maximum']:g}" if "maximum" in control else ""
+        rows.append((key, values.get(key, ""), limits, control.get("unit", ""), control.get("default", "")))
+    for line in columns(rows if len(rows) > 1 else []):
+        print(" ", line)
+
+
+_arguments = contextvars.ContextVar[list[str]]("arguments")
+
+
+class _Arguments(collections.UserList[str]):
+    """In the place of sys.argv: for each thread the arguments of the script that it runs, else the program's own."""
+
+    def __init__(self, own: list[str]) -> None:
+        self._own = own
+
+    @property
+    def data(self) -> list[str]:  # type: ignore[override]
+        return _arguments.get(self._own)
+
+    def __getitem__(self, index: Any) -> Any:
+        return self.data[index]
+
+    def __reduce__(self) -> Any:
+        return list, (self.data,)
+
+
+@contextlib.contextmanager
+def script_arguments(*given: str) -> Iterator[None]:
+    """Scripts may run at the same time: these are sys.argv for what this thread does meanwhile."""
+    if not isinstance(sys.argv, _Arguments):
+        setattr(sys, "argv", _Arguments(sys.argv))
+    token = _arguments.set(list(given))
+    try:
+        yield
+    finally:
+        _arguments.reset(token)
 
 
 def run(path: str | os.PathLike[str], *arguments: str) -> None:
@@ -370,9 +389,11 @@ def run(path: str | os.PathLike[str], *arguments: str) -> None:
     space.update(__name__="__main__", __file__=file)
     _spaces.pop(file, None)
     _spaces[file] = space
-    before = sys.argv, sys.path[:]
-    sys.argv, sys.path[:0] = [str(path), *map(str, arguments)], [os.path.dirname(os.path.realpath(file))]
+    folder = os.path.dirname(os.path.realpath(file))
+    sys.path.insert(0, folder)
     try:
-        exec(code, space)
+        with script_arguments(str(path), *map(str, arguments)):
+            exec(code, space)
     finally:
-        sys.argv, sys.path[:] = before
+        with contextlib.suppress(ValueError):
+            sys.path.remove(folder)
