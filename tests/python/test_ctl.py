@@ -12,15 +12,11 @@ import tempfile
 import time
 import unittest
 
-from support import CONSOLE_HOST, ENGINE, MODULE, SLOWNESS, SOURCE, TIME_LIMIT
-from support.programs import OUTLIVED
-from support.screen import Screen
+from support import ENGINE, RUN, SLOWNESS, SOURCE, TIME_LIMIT
+from support.programs import OUTLIVED, PACKAGES, minimal_engine
+from support.emulator import Screen
 
-PACKAGES = SOURCE / "python"
-CTL = [sys.executable, "-I", PACKAGES / "sonetrix_console" / "ctl.py"]  # sees neither sonetrix nor the package
-START = f"import sys; sys.path.append('{PACKAGES}'); import sonetrix_console; sonetrix_console.install()"
-HOST = CONSOLE_HOST, MODULE, os.devnull, -1, "", "text", "python.start"
-OPERATIONS = "construct", "start", "run", "destroy"
+CTL = [sys.executable, "-I", SOURCE / "python/sonetrix_console/ctl.py"]  # sees neither sonetrix nor the package
 COUNT = ("(__import__('threading').active_count(), len(os.listdir('/proc/self/fd')), "
          "[__import__('gc').collect(), len(__import__('gc').get_objects())][1])")
 CONNECTIONS = contextlib.ExitStack()
@@ -33,8 +29,8 @@ class Client:
         self.socket.connect(str(path))
         self.file = CONNECTIONS.enter_context(self.socket.makefile("r"))
 
-    def send(self, text="", do="run"):
-        self.socket.sendall(json.dumps({"do": do, "text": text}).encode() + b"\n")
+    def send(self, text="", do="run", **more):
+        self.socket.sendall(json.dumps({"do": do, "text": text, **more}).encode() + b"\n")
 
     def receive(self):
         return json.loads(self.file.readline() or "null")
@@ -53,22 +49,28 @@ def ctl(path, *arguments, text_input=""):
     return result.stdout + result.stderr, result.returncode
 
 
+def screen(program, *arguments, **options):
+    return Screen(*arguments, program=program, rows=14, **options)
+
+
 def on_both(test):
     """Gives it the console of an engine, on a screen, and where the engine listens."""
     @functools.wraps(test)
     def run(self):
-        for kind in ("engine", "host"):
+        for kind in ("engine", "minimal"):
             with self.subTest(kind), tempfile.TemporaryDirectory() as folder:
                 path = pathlib.Path(folder, kind)
-                start = f"{START}; sonetrix_console.serve('{path}')"
-                command = [ENGINE, f"--listen={path}"] if kind == "engine" else [*HOST, start, *OPERATIONS]
-                with Screen(*command, columns=40, lines=14, environment=OUTLIVED) as console, CONNECTIONS:
-                    console.wait("^engine>$")
+                command = [ENGINE, f"--listen={path}"] if kind == "engine" else [*RUN, minimal_engine()]
+                variables = {**OUTLIVED, "PYTHONPATH": PACKAGES, "XDG_STATE_HOME": folder}
+                with screen(*command, columns=40, environment=variables) as console, CONNECTIONS:
+                    console.wait_for("^engine>$")
+                    if kind == "minimal":
+                        console.type(f"serve('{path}')\r")
+                        console.wait_for(r"'\nengine>\Z")
                     test(self, console, path)
-                    console.wait("^engine>$|^ended")
                     begin = time.monotonic()
                     ctl(path, "eval", "exit(5)")
-                    console.wait("^ended 5$" if kind == "engine" else "^ended 0$")
+                    self.assertEqual(console.end(), 5)
                     self.assertLess(time.monotonic() - begin, 5 * SLOWNESS)
                     self.assertFalse(path.exists())
     return run
@@ -81,7 +83,7 @@ class Clients(unittest.TestCase):
     def test_commands(self, console, path):
         script, saved = path.with_name("script"), path.with_name("saved")
         script.write_text("import sys; print(sys.argv[1:], input('? ')); sys.exit(7)")
-        graph = [] if path.name == "host" else [
+        graph = [] if path.name == "minimal" else [
             (["eval", "create('a', 'amp_mono'); create('b', 'amp_mono')"], "", "", 0),
             (["set", "a.gain=2", "b.gain=0.5"], "", "", 0), (["get", "a.gain"], "", "2.0\n", 0),
             (["set", "a.gian=1"], "", "there is no parameter 'a.gian'; did you mean 'a.gain'", 1),
@@ -124,7 +126,9 @@ class Clients(unittest.TestCase):
         interrupted.send(do="interrupt")
         printed, status = interrupted.finish()
         self.assertEqual((printed[-18:], status), ("KeyboardInterrupt\n", 130))
-        self.assertNotIn("begun", console.text())
+        console.type("engine.isRunning()\r")
+        console.wait_for("^True$")
+        self.assertNotIn("begun", console.transcript)
 
     @on_both
     def test_a_hundred_clients_leave_nothing_behind_and_do_not_mix(self, console, path):
@@ -132,7 +136,8 @@ class Clients(unittest.TestCase):
             clients = [Client(path) for _ in range(100)]
             for _ in range(rounds):
                 for number, client in enumerate(clients):
-                    client.send(f"for _ in range(50): print({number}, end=' '); print({number})")
+                    client.send(f"import sys\nfor _ in range(50): print(sys.argv[1], end=' '); print({number})",
+                                space="own", arguments=[str(number)])
                 for number, client in enumerate(clients):
                     self.assertEqual(client.finish(), (f"{number} {number}\n" * 50, 0))
             CONNECTIONS.close()
@@ -152,12 +157,24 @@ class Clients(unittest.TestCase):
         idle, busy = [Client(path) for _ in range(20)], Client(path)
         busy.send("print('begun')\nwhile True: time.sleep(0.01)")
         busy.receive()
-        with Screen(*CTL, "--socket", path, "repl") as screen:
-            screen.wait("^engine>$")
-            screen.type("engine.isRun\t)\n")
-            screen.wait("^True$")
+        variables = {"XDG_STATE_HOME": path.parent}
+        with screen(*CTL, "--socket", path, "repl", environment=variables) as repl:
+            repl.wait_for("^engine>$")
+            repl.type("\x1b[200~def twice(x):\n\n    return 2 * x\n\ntwice(4)\n\x1b[201~\r")
+            repl.wait_for("^8$")
+            repl.type("twice(5)\r")
+            repl.wait_for(r"^10\nengine>\Z")
+            repl.type("\x04")
+            self.assertEqual(repl.end(), 0)
+        with screen(*CTL, "--socket", path, "repl", environment=variables) as repl:
+            repl.wait_for("^engine>$")
+            repl.type("\x1b[A\r")
+            repl.wait_for("^engine> twice\\(5\\)\n10$")
+            repl.type("engine.isRun\t)\r")
+            repl.wait_for("^True$")
             self.assertEqual(ctl(path, "eval", "exit(5)"), ("", 0))
-            screen.wait("^sonetrix-ctl: the engine has ended\nended 69$")
+            repl.wait_for("^sonetrix-ctl: the engine has ended$")
+            self.assertEqual(repl.end(), 69)
         self.assertEqual((busy.finish()[1], busy.receive()), (130, None))
         self.assertEqual({client.receive() for client in idle}, {None})
 
@@ -182,33 +199,34 @@ class Clients(unittest.TestCase):
 
     @on_both
     def test_views_at_forty_columns(self, console, path):
-        def watch(screen, at_end):
-            screen.wait("^load +[0-9.]+ %")
+        def watch(screen, ends):
+            screen.wait_for("^load +[0-9.]+ %", screen.shown)
             screen.resize(34)
-            shown = screen.wait("^load +[0-9.]+ %(.|\n)*^worst +[0-9.]+ of [0-9.]+ ms\n^xruns +[0-9]+$")
-            self.assertEqual(shown.count("load"), 1, shown)
+            screen.wait_for("^load +[0-9.]+ %(.|\n)*^worst +[0-9.]+ of [0-9.]+ ms\n^xruns +[0-9]+$", screen.shown)
+            self.assertEqual("".join(screen.shown()).count("load"), 1)
             screen.type("q")
-            self.assertNotIn("Traceback", screen.wait(at_end))
+            ends()
+            self.assertNotIn("Traceback", screen.transcript)
 
-        with Screen(*CTL, "--socket", path, "top", columns=40) as screen:
-            watch(screen, "^ended 0$")
-        with Screen(*CTL, "--socket", path, "top", columns=40, environment={"TERM": "dumb"}) as screen:
-            screen.wait("^xruns(.|\n)*^xruns")
-            screen.type("\x03")
-            screen.wait("^ended 0$")
-        console.type("top()\n")
-        watch(console, "^engine>$")
+        with screen(*CTL, "--socket", path, "top", columns=40) as client:
+            watch(client, lambda: self.assertEqual(client.end(), 0))
+        with screen(*CTL, "--socket", path, "top", columns=40, terminal="dumb") as client:
+            client.wait_for("^xruns(.|\n)*^xruns")
+            client.type("\x03")
+            self.assertEqual(client.end(), 0)
+        console.type("top()\r")
+        watch(console, lambda: console.wait_for(r"^engine>\Z"))
         if path.name == "engine":
-            console.type("create('t', 'sine_fcac'); connect('t:output', 'system:playback_1')\n")
-            console.type("ticks = every(100, lambda: print('tick'))\nmeters('play')\n")
-            shown = console.wait("tick\ntick\n^.*playback_1 █+ +0[.]0\n^.*playback_2 +-60[.]0$")
-            self.assertEqual(shown.count("playback_2"), 1, shown)
-            console.type("\x03ticks.stop()\n")
-            console.wait("^engine>$")
-        console.type("'still ' + 'echoed'\n")
-        shown = console.wait("^'still echoed'$")
-        self.assertIn("engine> 'still ' + 'echoed'", shown)
-        self.assertNotIn("KeyboardInterrupt", shown)
+            console.type("create('t', 'sine_fcac'); connect('t:output', 'system:playback_1')\r")
+            console.type("ticks = every(100, lambda: print('tick'))\rmeters('play')\r")
+            console.wait_for("tick\ntick\n^.*playback_1 █+ +0[.]0\n^.*playback_2 +-60[.]0$", console.shown)
+            self.assertEqual("".join(console.shown()).count("playback_2"), 1)
+            console.type("\x03")
+            console.wait_for(r"^engine>\Z")
+            console.type("ticks.stop()\r")
+        console.type("'still ' + 'echoed'\r")
+        console.wait_for("^engine> 'still ' \\+ 'echoed'\n'still echoed'$")
+        self.assertNotIn("KeyboardInterrupt\n", console.transcript)
 
 
 if __name__ == "__main__":

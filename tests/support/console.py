@@ -35,8 +35,9 @@ class Console:
         self._terminal, terminal_end = pty.openpty()
         rows and fcntl.ioctl(terminal_end, termios.TIOCSWINSZ, struct.pack("4H", rows, columns, 0, 0))
         self.first_settings = self.settings()
-        # TERM=dumb keeps line editing from painting with control sequences.
-        variables = {**os.environ, "TERM": "dumb", "COLUMNS": str(columns), **(environment or {})}
+        # TERM=dumb keeps line editing from painting with control sequences. COLUMNS would stand before what is resized.
+        width = {} if rows else {"COLUMNS": str(columns)}
+        variables = {**os.environ, "TERM": "dumb", **width, **(environment or {})}
         self.process = subprocess.Popen([str(program), *map(str, arguments)], stdin=terminal_end, stdout=terminal_end,
                                         stderr=terminal_end, env=variables, close_fds=True, preexec_fn=self._lead_session,
                                         **options)

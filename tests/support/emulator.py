@@ -1,10 +1,13 @@
 """A console with its screen, as a terminal emulator draws it for a person."""
 
+import fcntl
 import itertools
 import os
 import re
 import select
+import struct
 import sys
+import termios
 import time
 
 from .console import Console
@@ -44,9 +47,13 @@ class Screen(Console):
         """The lines on the screen."""
         return [line.rstrip() for line in self._screen.display]
 
-    def wait_for(self, pattern):
-        """Until the pattern is found in the lines, the one with the cursor being the last."""
-        while not (match := re.search(pattern, "\n".join(self.lines()), re.M)):
+    def resize(self, columns):
+        self._screen.resize(columns=columns)
+        fcntl.ioctl(self._terminal, termios.TIOCSWINSZ, struct.pack("4H", self._screen.lines, columns, 0, 0))
+
+    def wait_for(self, pattern, where=None):
+        """Until the pattern is found in the lines, those of shown() if that is where, without empty ones at the end."""
+        while not (match := re.search(pattern, "\n".join((where or self.lines)()).rstrip(), re.M)):
             if not self._read():
                 self._fail(f"output ended before {pattern!r}")
             while select.select([self._terminal], [], [], 0)[0] and self._read():

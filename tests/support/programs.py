@@ -1,11 +1,15 @@
 """Programs without a terminal, above all the development engine's."""
 
+import functools
 import os
+import pathlib
+import re
 import subprocess
 import tempfile
 
-from . import ENGINE, TIME_LIMIT
+from . import BUILD, ENGINE, MODULE, SANITIZER, SOURCE, TIME_LIMIT
 
+PACKAGES = BUILD / "lib/python3/dist-packages"
 
 # For runs that leave a thread behind. The leak checker itself crashes at one that outlives the interpreter.
 OUTLIVED = {"ASAN_OPTIONS": "detect_leaks=0", "TSAN_OPTIONS": os.environ.get("TSAN_OPTIONS", "") + " report_thread_leaks=0"}
@@ -27,3 +31,16 @@ def run_script(source, *arguments, **options):
         file.write(source)
         file.flush()
         return run_engine(*arguments, file.name, **options)
+
+
+@functools.cache
+def minimal_engine():
+    """The example of an engine that is not ours, compiled."""
+    folder = tempfile.TemporaryDirectory()
+    compiler = re.search(r"^CMAKE_C_COMPILER:\w+=(.*)$", (BUILD / "CMakeCache.txt").read_text(), re.M)[1]
+    sanitizer = [f"-fsanitize={SANITIZER}"] if SANITIZER else []
+    program = pathlib.Path(folder.name, "minimal_engine")
+    subprocess.run([compiler, *sanitizer, "-rdynamic", f"-I{SOURCE}/include", f'-DSONETRIX_MODULE="{MODULE}"', "-o", program,
+                    *(SOURCE / "examples/minimal_engine").glob("*.c"), "-ldl", "-lpthread"], check=True)
+    minimal_engine.folder = folder  # which goes with the process
+    return program
