@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <string>
+#include <string_view>
 
 namespace sonetrix {
 
@@ -103,15 +104,15 @@ class GraphWriter {
 public:
     explicit GraphWriter(PyObject *file) : file_(file), ports_(checked(PyDict_New())) {}
 
-    void write(PyObject *infos) {
+    void write(const Ref &infos) {
         line(fileHeader);
         ++depth_;
-        const Py_ssize_t count = checked(PySequence_Size, infos);
+        const Py_ssize_t count = size(infos);
         for (Py_ssize_t index = 0; index < count; ++index) {
-            writeModule(checked(PySequence_GetItem, infos, index).get(), index);
+            writeModule(at(infos, index).get(), index);
         }
         for (Py_ssize_t index = 0; index < count; ++index) {
-            writeLinks(infos, checked(PySequence_GetItem, infos, index).get(), index);
+            writeLinks(infos, at(infos, index).get(), index);
         }
         --depth_;
         line(footer);
@@ -124,29 +125,25 @@ private:
         Py_ssize_t module;
     };
 
-    // Which of a module's ports one of its clusters shows.
-    struct Group {
-        const char *suffix;
-        bool sources;
-        bool sinks;
-    };
-
     template <class... Values> void line(const char *format, Values... values) {
-        Ref text = checked(PyUnicode_FromFormat(format, values...));
+        Ref text = checked(PyUnicode_FromFormat, format, values...);
         Ref depth = checked(PyLong_FromSsize_t(depth_));
         callEngine("_writeLinesWithHeader"_id, file_, text.get(), depth.get());
     }
 
+    static Ref at(const Ref &sequence, Py_ssize_t index) { return checked(PySequence_GetItem, sequence.get(), index); }
+    static Py_ssize_t size(const Ref &sequence) { return sequence ? checked(PySequence_Size, sequence.get()) : 0; }
     static bool has(PyObject *dict, const InternedString &key) {
         return checked(PySequence_Contains, dict, key.get()) != 0;
     }
     static Ref decoded(const Ref &bytes) { return callMethod(bytes.get(), "decode"_id, "utf-8"_id.get()); }
-    static Py_ssize_t size(const Ref &sequence) { return checked(PySequence_Size, sequence.get()); }
 
     static bool isDriver(PyObject *info) {
         Ref driverType = checked(PyLong_FromLong(0));
         return checked(PyObject_RichCompareBool, item(info, "type"_id).get(), driverType.get(), Py_EQ) != 0;
     }
+    // The suffix of the node with a module's sources, or sinks, which a driver has apart.
+    static const char *suffix(PyObject *info, const char *ofDriver) { return isDriver(info) ? ofDriver : "src_sink"; }
 
     static Ref shortened(const Ref &text) {
         const Py_ssize_t length = PyUnicode_GET_LENGTH(text.get());
@@ -161,8 +158,7 @@ private:
     static Ref moduleLabel(PyObject *info) {
         Ref label = decoded(item(info, "name"_id));
         if (has(info, "library"_id)) {
-            Ref os = checked(PyImport_ImportModule, "os");
-            Ref path = attribute(os.get(), "path"_id);
+            Ref path = attribute(checked(PyImport_ImportModule, "os").get(), "path"_id);
             Ref base = callMethod(path.get(), "basename"_id, decoded(item(info, "library"_id)).get());
             label = checked(PyUnicode_FromFormat, "%S\n(%S)", label.get(), base.get());
         }
@@ -174,28 +170,27 @@ private:
     }
 
     void writeModule(PyObject *info, Py_ssize_t index) {
-        static constexpr Group driverGroups[] = {{"src", true, false}, {"sink", false, true}};
-        static constexpr Group moduleGroups[] = {{"src_sink", true, true}};
-        const bool driver = isDriver(info);
-        const std::span<const Group> groups = driver ? std::span<const Group>(driverGroups) : moduleGroups;
-        const char *colour = driver ? driverColour : moduleColour;
         const Ref label = moduleLabel(info);
-        for (const Group &group : groups) {
-            writeCluster(info, index, group, label, colour);
+        if (isDriver(info)) {
+            writeCluster(info, index, "src", label, driverColour);
+            writeCluster(info, index, "sink", label, driverColour);
+        } else {
+            writeCluster(info, index, "src_sink", label, moduleColour);
         }
-        writeLayoutEdge(info, index, driver);
+        writeLayoutEdge(info, index);
     }
 
-    void writeCluster(PyObject *info, Py_ssize_t index, const Group &group, const Ref &label, const char *colour) {
-        const std::string moduleName = std::to_string(index) + "_" + group.suffix;
-        line(clusterHeader, moduleName.c_str(), label.get(), colour);
+    // `shown`: "src", "sink" or both.
+    void writeCluster(PyObject *info, Py_ssize_t index, std::string_view shown, const Ref &label, const char *colour) {
+        const std::string name = std::to_string(index) + "_" + std::string(shown);
+        line(clusterHeader, name.c_str(), label.get(), colour);
         ++depth_;
-        line(nodeHeader, moduleName.c_str(), colour);
+        line(nodeHeader, name.c_str(), colour);
         ++depth_;
-        const Ref sinks = group.sinks ? item(info, "sink"_id) : Ref();
-        const Ref sources = group.sources ? item(info, "src"_id) : Ref();
-        const Py_ssize_t sinkCount = sinks ? size(sinks) : 0;
-        const Py_ssize_t sourceCount = sources ? size(sources) : 0;
+        const Ref sinks = shown.ends_with("sink") ? item(info, "sink"_id) : Ref();
+        const Ref sources = shown.starts_with("src") ? item(info, "src"_id) : Ref();
+        const Py_ssize_t sinkCount = size(sinks);
+        const Py_ssize_t sourceCount = size(sources);
         for (Py_ssize_t row = 0; row < std::max(sinkCount, sourceCount); ++row) {
             line(rowStart);
             ++depth_;
@@ -215,48 +210,40 @@ private:
     }
 
     void writeCell(const char *format, const Ref &ports, Py_ssize_t row, Py_ssize_t module) {
-        Ref name = item(checked(PySequence_GetItem, ports.get(), row).get(), "name"_id);
-        Ref record = checked(Py_BuildValue("(nn)", PyDict_GET_SIZE(ports_.get()), module));
-        checked(PyDict_SetItem(ports_.get(), name.get(), record.get()));
+        const Ref name = item(at(ports, row).get(), "name"_id);
+        const Py_ssize_t id = PyDict_GET_SIZE(ports_.get());
+        checked(PyDict_SetItem, ports_.get(), name.get(), checked(Py_BuildValue("(nn)", id, module)).get());
         line(format, port(name).id, decoded(name).get());
     }
 
     Port port(const Ref &name) const {
-        Ref record = checked(PyObject_GetItem, ports_.get(), name.get());
+        const Ref record = checked(PyObject_GetItem, ports_.get(), name.get());
         return {
             PyLong_AsSsize_t(PyTuple_GET_ITEM(record.get(), 0)), PyLong_AsSsize_t(PyTuple_GET_ITEM(record.get(), 1))};
     }
 
-    Port firstPort(const Ref &ports) const {
-        return port(item(checked(PySequence_GetItem, ports.get(), 0).get(), "name"_id));
-    }
-
-    static const char *sourceSuffix(bool driver) noexcept { return driver ? "src" : "src_sink"; }
-    static const char *sinkSuffix(bool driver) noexcept { return driver ? "sink" : "src_sink"; }
-
     // An invisible edge from a module's sources to its sinks, which steers the layout.
-    void writeLayoutEdge(PyObject *info, Py_ssize_t index, bool driver) {
+    void writeLayoutEdge(PyObject *info, Py_ssize_t index) {
         const Ref sources = item(info, "src"_id);
         const Ref sinks = item(info, "sink"_id);
-        if (size(sources) == 0 || size(sinks) == 0) {
-            return;
+        if (size(sources) != 0 && size(sinks) != 0) {
+            const Port from = port(item(at(sources, 0).get(), "name"_id));
+            const Port to = port(item(at(sinks, 0).get(), "name"_id));
+            line(layoutEdge, index, suffix(info, "src"), from.id, index, suffix(info, "sink"), to.id);
         }
-        line(layoutEdge, index, sourceSuffix(driver), firstPort(sources).id, index, sinkSuffix(driver),
-            firstPort(sinks).id);
     }
 
-    void writeLinks(PyObject *infos, PyObject *info, Py_ssize_t index) {
+    void writeLinks(const Ref &infos, PyObject *info, Py_ssize_t index) {
         const Ref sinks = item(info, "sink"_id);
         for (Py_ssize_t row = 0; row < size(sinks); ++row) {
-            const Ref sink = checked(PySequence_GetItem, sinks.get(), row);
+            const Ref sink = at(sinks, row);
             if (!has(sink.get(), "link"_id)) {
                 continue;
             }
             const Port to = port(item(sink.get(), "name"_id));
             const Port from = port(item(sink.get(), "link"_id));
-            const Ref feeding = checked(PySequence_GetItem, infos, from.module);
-            line(linkEdge, from.module, sourceSuffix(isDriver(feeding.get())), from.id, index,
-                sinkSuffix(isDriver(info)), to.id);
+            const Ref feeding = at(infos, from.module);
+            line(linkEdge, from.module, suffix(feeding.get(), "src"), from.id, index, suffix(info, "sink"), to.id);
         }
     }
 
@@ -272,7 +259,7 @@ Ref dot(Arguments arguments) {
         raisePlain("dot is supported only if a driver is loaded");
     }
     const Ref infos = callEngine("getModuleInfos"_id);
-    withOpenFile(filename, [&infos](PyObject *file) { GraphWriter(file).write(infos.get()); });
+    withOpenFile(filename, [&infos](PyObject *file) { GraphWriter(file).write(infos); });
     return none();
 }
 

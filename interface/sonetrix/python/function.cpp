@@ -63,7 +63,7 @@ void bindKeyword(const Method &method, PyObject *name, PyObject *value, std::spa
     }
     const std::string_view key(utf8, static_cast<std::size_t>(size));
     for (std::size_t index = 0; index < slots.size(); ++index) {
-        if (method.signature.name(index) == key) {
+        if (method.signature.parameters()[index].name == key) {
             if (slots[index] != nullptr) {
                 raiseFormat(PyExc_TypeError, "%s() got multiple values for argument '%U'", method.name, name);
             }
@@ -87,7 +87,7 @@ void requireComplete(const Method &method, std::size_t given, std::span<PyObject
             if (given <= index) {
                 raiseCount(method, given);
             }
-            const std::string name(method.signature.name(index));
+            const std::string name(method.signature.parameters()[index].name);
             raiseFormat(
                 PyExc_TypeError, "%s() missing required argument '%s' (pos %zu)", method.name, name.c_str(), index + 1);
         }
@@ -97,8 +97,8 @@ void requireComplete(const Method &method, std::size_t given, std::span<PyObject
 // A Python function of the same signature, with its annotations, that calls the builtin one.
 Ref annotated(const Ref &builtin, const Method &method) {
     std::string arguments;
-    for (std::size_t index = 0; index < method.signature.size(); ++index) {
-        arguments.append(method.signature.name(index)).append(", ");
+    for (const Parameter &parameter : method.signature.parameters()) {
+        arguments.append(parameter.name).append(", ");
     }
     const std::string source = std::string("from __future__ import annotations\ndef ") + method.name +
                                method.signature.text() + ": return builtin(" + arguments + ")\n";
@@ -119,14 +119,8 @@ Ref annotated(const Ref &builtin, const Method &method) {
 std::string signatureLine(const Method &method, bool isMethod) {
     std::string line = std::string(method.name) + "(" + (isMethod ? "$self" : "");
     const char *separator = isMethod ? ", " : "";
-    std::string_view list = Signature::parameterList(method.signature.text());
-    while (!list.empty()) {
-        const std::string_view parameter = Signature::takeParameter(list);
-        const std::size_t equals = parameter.find('=');
-        line.append(separator).append(Signature::trim(parameter.substr(0, parameter.find_first_of(":="))));
-        if (equals != std::string_view::npos) {
-            line.append("=").append(Signature::trim(parameter.substr(equals + 1)));
-        }
+    for (const auto &[name, fallback] : method.signature.parameters()) {
+        line.append(separator).append(name).append(fallback.empty() ? "" : "=").append(fallback);
         separator = ", ";
     }
     return line + ")\n--\n\n";

@@ -10,6 +10,7 @@
 #include "errors.h"
 #include "gil.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <span>
@@ -19,58 +20,54 @@
 
 namespace sonetrix {
 
-// The parameters of a signature, in order.
+struct Parameter {
+    std::string_view name;
+    std::string_view fallback; // its default as text; empty where it is required
+};
+
 class Signature {
 public:
     static constexpr std::size_t maximumParameters = 4;
 
     consteval Signature(const char *text) : text_(text) { // NOLINT(google-explicit-constructor): tables give plain text
-        std::string_view rest = parameterList(text);
+        const std::string_view all = text;
+        std::string_view rest = all.substr(1, all.rfind(')') - 1);
         while (!rest.empty()) {
-            const std::string_view parameter = takeParameter(rest);
             if (size_ == maximumParameters) {
                 throw "too many parameters";
             }
-            names_[size_] = trim(parameter.substr(0, parameter.find_first_of(":=")));
-            if (parameter.find('=') == std::string_view::npos) {
-                required_ = size_ + 1;
-            }
+            const std::size_t end = endOfFirst(rest);
+            parameters_[size_] = parse(rest.substr(0, end));
+            required_ += parameters_[size_].fallback.empty() ? 1 : 0;
             ++size_;
+            rest.remove_prefix(std::min(end + std::string_view(", ").size(), rest.size()));
         }
     }
 
     constexpr const char *text() const noexcept { return text_; }
     constexpr std::size_t size() const noexcept { return size_; }
     constexpr std::size_t required() const noexcept { return required_; }
-    constexpr std::string_view name(std::size_t index) const noexcept { return names_[index]; }
+    constexpr std::span<const Parameter> parameters() const noexcept { return std::span(parameters_).first(size_); }
 
-    // What stands between the outer parentheses.
-    static constexpr std::string_view parameterList(std::string_view text) {
-        return text.substr(1, text.rfind(')') - 1);
-    }
-    // Cuts the first parameter off the list.
-    static constexpr std::string_view takeParameter(std::string_view &list) {
+private:
+    static constexpr std::size_t endOfFirst(std::string_view list) {
         int depth = 0;
         std::size_t end = 0;
         while (end < list.size() && (depth > 0 || list[end] != ',')) {
             depth += (list[end] == '[') - (list[end] == ']');
             ++end;
         }
-        const std::string_view parameter = trim(list.substr(0, end));
-        list.remove_prefix(end < list.size() ? end + 1 : end);
-        return parameter;
+        return end;
     }
-    static constexpr std::string_view trim(std::string_view text) {
-        const std::size_t first = text.find_first_not_of(' ');
-        if (first == std::string_view::npos) {
-            return {};
-        }
-        return text.substr(first, text.find_last_not_of(' ') - first + 1);
+    // "name: type = default", type and default where there are any
+    static constexpr Parameter parse(std::string_view text) {
+        const std::size_t equals = text.find('=');
+        const std::string_view fallback = equals == std::string_view::npos ? "" : text.substr(equals + 1);
+        return {text.substr(0, text.find_first_of(":=")), fallback.substr(fallback.starts_with(' ') ? 1 : 0)};
     }
 
-private:
     const char *text_;
-    std::array<std::string_view, maximumParameters> names_{};
+    std::array<Parameter, maximumParameters> parameters_{};
     std::size_t size_ = 0;
     std::size_t required_ = 0;
 };
