@@ -31,7 +31,7 @@ constexpr const char *inputRefused = "only string/bytes is accepted as input";
 // ---------------------------------------------------------------------------------------------------- debug meters
 
 // A value for the engine, released when it has been handed over.
-class MeterValue {
+class MeterValue : NonCopyable {
 public:
     MeterValue(PyObject *value, PyObject *type) {
         const Selector selector(type);
@@ -52,8 +52,6 @@ public:
         }
     }
     ~MeterValue() { sonetrix_valueDeinit(&value_); }
-    MeterValue(const MeterValue &) = delete;
-    MeterValue &operator=(const MeterValue &) = delete;
 
     const sonetrix_value_t *get() const noexcept { return &value_; }
 

@@ -83,28 +83,14 @@ void set(const Ref &dict, const InternedString &key, const Ref &value) {
     checked(PyDict_SetItem(dict.get(), key.get(), value.get()));
 }
 
-Ref portRecord(const sonetrix_port_t &port) {
-    Ref record = checked(PyDict_New());
-    set(record, "name"_id, checked(PyBytes_FromString(port.name)));
-    set(record, "type"_id, checked(PyLong_FromUnsignedLong(port.type)));
-    return record;
-}
-
-Ref sourceRecords(const sonetrix_module_t &module) {
+Ref portRecords(std::span<sonetrix_port_t *const> ports, bool withLinks) {
     Ref records = checked(PyList_New(0));
-    for (std::uint32_t index = 0; index < module.sourceCount; ++index) {
-        append(records.get(), portRecord(*module.sources[index]));
-    }
-    return records;
-}
-
-Ref sinkRecords(const sonetrix_module_t &module) {
-    Ref records = checked(PyList_New(0));
-    for (std::uint32_t index = 0; index < module.sinkCount; ++index) {
-        const sonetrix_port_t &port = *module.sinks[index];
-        Ref record = portRecord(port);
-        if (port.link != nullptr) {
-            set(record, "link"_id, checked(PyBytes_FromString(port.link)));
+    for (const sonetrix_port_t *port : ports) {
+        Ref record = checked(PyDict_New());
+        set(record, "name"_id, checked(PyBytes_FromString(port->name)));
+        set(record, "type"_id, checked(PyLong_FromUnsignedLong(port->type)));
+        if (withLinks && port->link != nullptr) {
+            set(record, "link"_id, checked(PyBytes_FromString(port->link)));
         }
         append(records.get(), record);
     }
@@ -137,7 +123,7 @@ void setStartParameters(const Ref &record, const sonetrix_module_t &module) {
 
 Ref currentParameters(const sonetrix_module_t &module) {
     const std::string request = std::string(module.name) + ".";
-    const OneKey keys(request.c_str());
+    const auto keys = newKeyList(request.c_str());
     return takeToDict(unlocked([&] { return sonetrix_engine_GetParams(sonetrix_engineGet(), keys.get()); }));
 }
 
@@ -146,8 +132,8 @@ Ref moduleRecord(const sonetrix_module_t &module) {
     set(record, "name"_id, checked(PyBytes_FromString(module.name)));
     set(record, "type"_id, checked(PyLong_FromUnsignedLong(module.type)));
     if (unlocked([&] { return sonetrix_engine_DriverIsLoaded(module.reference); }) == 0) {
-        set(record, "src"_id, sourceRecords(module));
-        set(record, "sink"_id, sinkRecords(module));
+        set(record, "src"_id, portRecords({module.sources, module.sourceCount}, false));
+        set(record, "sink"_id, portRecords({module.sinks, module.sinkCount}, true));
     }
     if (module.type == 1) {
         setStartParameters(record, module);
@@ -253,8 +239,7 @@ Ref link(Arguments arguments) {
     sonetrix_engine_t *engine = requireEngine();
     PyObject *second = arguments.get(1, Py_None);
     const EngineText p1 = toPortName(arguments[0], "p1 has to be string or bytes");
-    const EngineText p2 =
-        second == Py_None ? EngineText::null() : toPortName(second, "p2 has to be string or bytes or None");
+    const EngineText p2 = second == Py_None ? EngineText() : toPortName(second, "p2 has to be string or bytes or None");
     return status(unlocked([&] { return sonetrix_engine_LinkPort(engine, p1.get(), p2.get()); }));
 }
 

@@ -68,7 +68,7 @@ Ref getParam(Arguments arguments) {
         return callEngine("getParams"_id, toKeyList(arguments[0]).get());
     }
     // The same, as long as no script has changed the classes.
-    const OneKey keys(key.get());
+    const auto keys = newKeyList(key.get());
     return ListKeyValue::initOrEmpty(unlocked([&] { return sonetrix_engine_GetParams(engine, keys.get()); }));
 }
 

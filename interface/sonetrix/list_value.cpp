@@ -101,6 +101,15 @@ constexpr Method methods[] = {
 
 } // namespace
 
+std::unique_ptr<sonetrix_cListValue_t, DestroyValueList> newKeyList(const char *key) {
+    std::unique_ptr<sonetrix_cListValue_t, DestroyValueList> list(sonetrix_valueListNew());
+    if (list == nullptr) {
+        throw std::bad_alloc();
+    }
+    sonetrix_valueListAddS(list.get(), key);
+    return list;
+}
+
 void appendElement(ListValue &list, PyObject *value, PyObject *selector) {
     appendValue(ValueTarget(list), value, Selector(selector));
 }

@@ -19,23 +19,10 @@ struct ValueListTraits {
 using ListValue = ListObject<ValueListTraits>;
 
 // An engine list of one key, for sonetrix_engine_GetParams().
-class OneKey {
-public:
-    explicit OneKey(const char *key) : list_(sonetrix_valueListNew()) {
-        if (list_ == nullptr) {
-            throw std::bad_alloc();
-        }
-        sonetrix_valueListAddS(list_, key);
-    }
-    ~OneKey() { sonetrix_valueListDestroy(list_); }
-    OneKey(const OneKey &) = delete;
-    OneKey &operator=(const OneKey &) = delete;
-
-    const sonetrix_cListValue_t *get() const noexcept { return list_; }
-
-private:
-    sonetrix_cListValue_t *list_;
+struct DestroyValueList {
+    void operator()(sonetrix_cListValue_t *list) const noexcept { sonetrix_valueListDestroy(list); }
 };
+std::unique_ptr<sonetrix_cListValue_t, DestroyValueList> newKeyList(const char *key);
 
 // What list.append(value, selector) does.
 void appendElement(ListValue &list, PyObject *value, PyObject *selector);

@@ -1,6 +1,6 @@
 // The class `memory`: inspection of the engine's real-time memory.
 
-#include "module.h"
+#include "monitor.h"
 #include "python/gil.h"
 #include "python/types.h"
 
@@ -9,11 +9,7 @@ namespace sonetrix {
 namespace {
 
 Ref inspect() {
-    // Flushed: the engine prints past Python's buffer.
-    Ref print = moduleGlobal("print"_id);
-    Ref arguments = checked(Py_BuildValue("(s)", "RT Memory Inspect:"));
-    Ref keywords = checked(Py_BuildValue("{sO}", "flush", Py_True));
-    checked(PyObject_Call, print.get(), arguments.get(), keywords.get());
+    print(checked(PyUnicode_FromString("RT Memory Inspect:")).get(), nullptr); // flushed: the engine prints past Python
     unlocked(sonetrix_memory_rt_inspect);
     return none();
 }

@@ -9,12 +9,10 @@
 namespace sonetrix {
 
 // Hides the cursor for as long as a monitor runs; it is shown again however the monitor ends.
-class HiddenCursor {
+class HiddenCursor : NonCopyable {
 public:
     HiddenCursor();
     ~HiddenCursor();
-    HiddenCursor(const HiddenCursor &) = delete;
-    HiddenCursor &operator=(const HiddenCursor &) = delete;
 
     // The regular end: errors of the terminal come through.
     void show();
@@ -23,11 +21,16 @@ private:
     bool hidden_ = true;
 };
 
-// Calls `redraw` at once and then every tenth of a second while engine.isRunning(); a signal's exception ends it.
-template <class Redraw> void whileRunning(Redraw &&redraw);
-
 bool engineIsRunning();
 void sleepATenth();
+
+// Calls `redraw` at once and then every tenth of a second while engine.isRunning(); a signal's exception ends it.
+template <class Redraw> void whileRunning(Redraw &&redraw) {
+    while (engineIsRunning()) {
+        redraw();
+        sleepATenth();
+    }
+}
 
 // print(text, end=end, flush=True); without `end` where it is null
 void print(PyObject *text, const char *end);
@@ -43,12 +46,5 @@ Ref cut(const Ref &text, Py_ssize_t columns);
 // format(number, formatSpec)
 Ref formatted(PyObject *number, const char *formatSpec);
 Ref formatted(double number, const char *formatSpec);
-
-template <class Redraw> void whileRunning(Redraw &&redraw) {
-    while (engineIsRunning()) {
-        redraw();
-        sleepATenth();
-    }
-}
 
 } // namespace sonetrix

@@ -83,12 +83,10 @@ private:
 };
 
 // One call of a callable on the calling thread, which holds the interpreter lock.
-class CallScope {
+class CallScope : NonCopyable {
 public:
     explicit CallScope(void *user) noexcept;
     ~CallScope();
-    CallScope(const CallScope &) = delete;
-    CallScope &operator=(const CallScope &) = delete;
 
     // False when there is no registration that the call can be for: nothing is to be called.
     explicit operator bool() const noexcept { return use_ != nullptr; }

@@ -1,6 +1,9 @@
 #include "value.h"
 
+#include <algorithm>
 #include <array>
+#include <new>
+#include <type_traits>
 
 namespace sonetrix {
 
@@ -47,96 +50,60 @@ template <class Element> Ref toTupleOfPairs(const sonetrix_value_t &value) {
 
 // ------------------------------------------------------------------------------------------------ Python -> engine
 
-template <class Element> NativeArray<Element> newArray(Py_ssize_t count) {
-    Element *memory = nullptr;
-    if (count <= PY_SSIZE_T_MAX / static_cast<Py_ssize_t>(sizeof(Element)) && count > 0) {
-        memory = static_cast<Element *>(std::calloc(static_cast<std::size_t>(count), sizeof(Element)));
-    }
+template <class Element> NativeArray<Element> newArray(std::size_t count) {
+    auto *memory = static_cast<Element *>(std::calloc(count, sizeof(Element)));
     if (memory == nullptr) {
-        PyErr_NoMemory();
-        throw PythonError();
+        throw std::bad_alloc();
     }
     return NativeArray<Element>(memory);
 }
 
-// The int's value, if it can be had without running Python code and fits.
-template <class Element> bool convertPlainInt(PyObject *object, Element &element) noexcept {
-    if (!PyLong_CheckExact(object) && !PyBool_Check(object)) {
-        return false;
-    }
-    int overflow = 0;
-    const long value = PyLong_AsLongAndOverflow(object, &overflow);
-    element = static_cast<Element>(value);
-    return overflow == 0 && value == static_cast<long>(element);
-}
-
-// What the three tuple conversions differ in. `convertPlain` is for elements that can be had without running Python
-// code and without an error.
-struct Int32Elements {
-    using Element = std::int32_t;
-    static constexpr const char *name = "sonetrix.tupleToInt32";
-    static bool accepts(PyObject *object) { return PyLong_Check(object); }
-    static Element convert(PyObject *object) { return toInt32(checked(PyNumber_Long, object).get()); }
-    static constexpr auto convertPlain = convertPlainInt<Element>;
-};
-
-struct UInt32Elements {
-    using Element = std::uint32_t;
-    static constexpr const char *name = "sonetrix.tupleToUInt32";
-    static bool accepts(PyObject *object) {
+template <class Element> bool isElement(PyObject *object) {
+    if constexpr (std::is_floating_point_v<Element>) {
+        return PyFloat_Check(object);
+    } else if constexpr (std::is_signed_v<Element>) {
+        return PyLong_Check(object);
+    } else {
         return PyLong_Check(object) &&
                checked(PyObject_RichCompareBool, object, checked(PyLong_FromLong(0)).get(), Py_LT) == 0;
     }
-    static Element convert(PyObject *object) { return toUInt32(checked(PyNumber_Long, object).get()); }
-    static constexpr auto convertPlain = convertPlainInt<Element>;
-};
-
-struct FloatElements {
-    using Element = float;
-    static constexpr const char *name = "sonetrix.tupleToFloat";
-    static bool accepts(PyObject *object) { return PyFloat_Check(object); }
-    static Element convert(PyObject *object) { return static_cast<float>(PyFloat_AS_DOUBLE(object)); }
-    static bool convertPlain(PyObject *object, Element &element) noexcept {
-        if (!PyFloat_Check(object)) {
-            return false;
-        }
-        element = convert(object);
-        return true;
-    }
-};
-
-// Tests every element first and converts then, since a conversion may run Python code and may fail.
-template <class Elements> NativeArray<typename Elements::Element> convertCarefully(PyObject *tuple) {
-    const Py_ssize_t count = PyTuple_GET_SIZE(tuple);
-    for (Py_ssize_t index = 0; index < count; ++index) {
-        if (!Elements::accepts(PyTuple_GET_ITEM(tuple, index))) {
-            return nullptr;
-        }
-    }
-    auto array = newArray<typename Elements::Element>(count);
-    for (Py_ssize_t index = 0; index < count; ++index) {
-        array[static_cast<std::size_t>(index)] = Elements::convert(PyTuple_GET_ITEM(tuple, index));
-    }
-    return array;
 }
 
-template <class Elements> NativeArray<typename Elements::Element> convertTuple(PyObject *tuple) noexcept {
-    const Py_ssize_t count = PyTuple_GET_SIZE(tuple);
-    if (count == 0) {
-        return nullptr;
-    }
-    try {
-        auto array = newArray<typename Elements::Element>(count);
-        Py_ssize_t index = 0;
-        while (index < count &&
-               Elements::convertPlain(PyTuple_GET_ITEM(tuple, index), array[static_cast<std::size_t>(index)])) {
-            ++index;
+// Of an element of the kind.
+template <class Element> Element toElement(PyObject *object) {
+    if constexpr (std::is_floating_point_v<Element>) {
+        return static_cast<Element>(PyFloat_AS_DOUBLE(object));
+    } else {
+        const Ref number = PyLong_CheckExact(object) ? Ref::borrow(object) : checked(PyNumber_Long, object);
+        if constexpr (std::is_signed_v<Element>) {
+            return toInt32(number.get());
+        } else {
+            return toUInt32(number.get());
         }
-        return index == count ? std::move(array) : convertCarefully<Elements>(tuple);
+    }
+}
+
+template <class Element> NativeArray<Element> convertTuple(PyObject *tuple, const char *name) noexcept {
+    const auto count = static_cast<std::size_t>(PyTuple_GET_SIZE(tuple));
+    PyObject *const *elements = &PyTuple_GET_ITEM(tuple, 0);
+    // All are looked at before the first is converted, where that may run Python code and may fail.
+    constexpr bool looksFirst = !std::is_floating_point_v<Element>;
+    try {
+        if (count == 0 || (looksFirst && !std::all_of(elements, elements + count, isElement<Element>))) {
+            return nullptr;
+        }
+        auto array = newArray<Element>(count);
+        for (std::size_t index = 0; index < count; ++index) {
+            if (!looksFirst && !isElement<Element>(elements[index])) {
+                return nullptr;
+            }
+            array[index] = toElement<Element>(elements[index]);
+        }
+        return array;
     } catch (...) {
         translateException();
-        addTraceback(Elements::name);
-        reportUnraisable(Elements::name, Report::tracebackAndHook);
+        addTraceback(name);
+        reportUnraisable(name, Report::tracebackAndHook);
         return nullptr;
     }
 }
@@ -195,10 +162,16 @@ bool Selector::isCtypes(const InternedString &className) const {
     return !(isPlain() && isOriginal) && equals(attribute(ctypes.get(), className).get());
 }
 
-NativeArray<std::int32_t> tupleToInt32(PyObject *tuple) noexcept { return convertTuple<Int32Elements>(tuple); }
+NativeArray<std::int32_t> tupleToInt32(PyObject *tuple) noexcept {
+    return convertTuple<std::int32_t>(tuple, "sonetrix.tupleToInt32");
+}
 
-NativeArray<std::uint32_t> tupleToUInt32(PyObject *tuple) noexcept { return convertTuple<UInt32Elements>(tuple); }
+NativeArray<std::uint32_t> tupleToUInt32(PyObject *tuple) noexcept {
+    return convertTuple<std::uint32_t>(tuple, "sonetrix.tupleToUInt32");
+}
 
-NativeArray<float> tupleToFloat(PyObject *tuple) noexcept { return convertTuple<FloatElements>(tuple); }
+NativeArray<float> tupleToFloat(PyObject *tuple) noexcept {
+    return convertTuple<float>(tuple, "sonetrix.tupleToFloat");
+}
 
 } // namespace sonetrix

@@ -57,12 +57,10 @@ inline Py_ssize_t PyUnstable_Long_CompactValue(const PyLongObject *number) noexc
 namespace sonetrix {
 
 // Sets the current exception aside for as long as it lives; whatever is raised meanwhile is dropped.
-class RaisedException {
+class RaisedException : NonCopyable {
 public:
     RaisedException() noexcept : exception_(PyErr_GetRaisedException()) {}
     ~RaisedException() { PyErr_SetRaisedException(exception_); }
-    RaisedException(const RaisedException &) = delete;
-    RaisedException &operator=(const RaisedException &) = delete;
 
     PyObject *get() const noexcept { return exception_; }
 

@@ -67,7 +67,7 @@ std::int32_t toInt32FromIndex(PyObject *object, const char *typeName) {
 double toDouble(PyObject *object) { return checked(PyFloat_AsDouble, object); }
 
 EngineText EngineText::fromBytes(PyObject *bytes, Ref owner) noexcept {
-    return {PyBytes_AS_STRING(bytes), PyBytes_GET_SIZE(bytes), std::move(owner), true};
+    return {PyBytes_AS_STRING(bytes), PyBytes_GET_SIZE(bytes), std::move(owner)};
 }
 
 EngineText EngineText::convertName(PyObject *object) {
@@ -84,7 +84,7 @@ EngineText EngineText::convertValue(PyObject *object) {
         if (text == nullptr) {
             throw PythonError();
         }
-        return {text, size, {}, true};
+        return {text, size};
     }
     return PyBytes_Check(object) ? fromBytes(object) : EngineText();
 }

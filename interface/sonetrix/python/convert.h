@@ -46,26 +46,24 @@ double toDouble(PyObject *object);
 // Text for the engine: NUL-terminated bytes, used in place where the object holds them. `object` must outlive it.
 class EngineText {
 public:
+    // No text: invalid; the engine would receive null.
+    EngineText() noexcept = default;
     // A str through the "ascii" codec (UnicodeEncodeError), a bytes as it is; invalid for any other object.
     static EngineText fromName(PyObject *object) { return isAscii(object) ? inPlace(object) : convertName(object); }
     // A str through UTF-8 (UnicodeEncodeError), a bytes as it is; invalid for any other object.
     static EngineText fromValue(PyObject *object) { return isAscii(object) ? inPlace(object) : convertValue(object); }
     // As fromName, any other object through the constructor `bytes(object)`.
     static EngineText fromNameOrBuffer(PyObject *object);
-    // No text: the engine receives null.
-    static EngineText null() noexcept { return EngineText(nullptr, 0, {}, true); }
-
-    explicit operator bool() const noexcept { return valid_; }
+    explicit operator bool() const noexcept { return text_ != nullptr; }
     const char *get() const noexcept { return text_; }
     Py_ssize_t size() const noexcept { return size_; }
 
 private:
-    EngineText() noexcept = default;
-    EngineText(const char *text, Py_ssize_t size, Ref owner, bool valid) noexcept
-        : text_(text), size_(size), owner_(std::move(owner)), valid_(valid) {}
+    EngineText(const char *text, Py_ssize_t size, Ref owner = {}) noexcept
+        : text_(text), size_(size), owner_(std::move(owner)) {}
     static bool isAscii(PyObject *object) noexcept { return PyUnicode_Check(object) && version::isAscii(object); }
     static EngineText inPlace(PyObject *ascii) noexcept {
-        return {static_cast<const char *>(PyUnicode_DATA(ascii)), PyUnicode_GET_LENGTH(ascii), {}, true};
+        return {static_cast<const char *>(PyUnicode_DATA(ascii)), PyUnicode_GET_LENGTH(ascii)};
     }
     static EngineText convertName(PyObject *object);
     static EngineText convertValue(PyObject *object);
@@ -74,7 +72,6 @@ private:
     const char *text_ = nullptr;
     Py_ssize_t size_ = 0;
     Ref owner_;
-    bool valid_ = false;
 };
 
 // Fills the places with a sequence's items and says how many they are. TypeError and ValueError, as in "a, b =

@@ -57,14 +57,12 @@ template <class Action> void forEach(PyObject *iterable, Action &&action) {
 void translateException() noexcept;
 
 // Makes an exception the one that is being handled, as in the body of an `except`.
-class HandledException {
+class HandledException : NonCopyable {
 public:
     explicit HandledException(PyObject *exception) noexcept : outer_(Ref::steal(PyErr_GetHandledException())) {
         PyErr_SetHandledException(exception);
     }
     ~HandledException() { PyErr_SetHandledException(outer_.get()); }
-    HandledException(const HandledException &) = delete;
-    HandledException &operator=(const HandledException &) = delete;
 
 private:
     Ref outer_;

@@ -10,24 +10,20 @@ namespace sonetrix {
 
 // Holds the interpreter lock, whether or not the thread held it before. For the console thread and for threads that are
 // Python's own; engine threads come in by EngineThreadEntry.
-class GilHeld {
+class GilHeld : NonCopyable {
 public:
     GilHeld() noexcept : state_(hangingAtFinalisation(PyGILState_Ensure)) {}
     ~GilHeld() { PyGILState_Release(state_); }
-    GilHeld(const GilHeld &) = delete;
-    GilHeld &operator=(const GilHeld &) = delete;
 
 private:
     PyGILState_STATE state_;
 };
 
 // Gives the interpreter lock up, for an engine call. No Python object may be touched meanwhile.
-class GilReleased {
+class GilReleased : NonCopyable {
 public:
     GilReleased() noexcept : state_(PyEval_SaveThread()) {}
     ~GilReleased() { hangingAtFinalisation(PyEval_RestoreThread, state_); }
-    GilReleased(const GilReleased &) = delete;
-    GilReleased &operator=(const GilReleased &) = delete;
 
 private:
     PyThreadState *state_;

@@ -10,11 +10,9 @@ namespace sonetrix {
 
 // A name that the library looks up again and again, as an interned str; in the code it is written "name"_id. The module
 // makes the strings when it is imported and lets them go when it is freed.
-class InternedString {
+class InternedString : NonCopyable {
 public:
     explicit InternedString(const char *text) noexcept : text_(text), next_(first_) { first_ = this; }
-    InternedString(const InternedString &) = delete;
-    InternedString &operator=(const InternedString &) = delete;
     ~InternedString() { static_cast<void>(string_.release()); } // the interpreter is gone by now, or never was
 
     PyObject *get() const noexcept { return string_.get(); }

@@ -55,7 +55,7 @@ void disposeOfEndedThreads() noexcept {
 }
 
 // From a destructor, not from a pthread key's: those run when the interpreter's own key is being cleared.
-class StateKeeper {
+class StateKeeper : NonCopyable {
 public:
     constexpr StateKeeper() noexcept = default;
     ~StateKeeper() {
@@ -65,8 +65,6 @@ public:
             }
         }
     }
-    StateKeeper(const StateKeeper &) = delete;
-    StateKeeper &operator=(const StateKeeper &) = delete;
 
     void enter() noexcept {
         if (!std::exchange(entered_, true)) {

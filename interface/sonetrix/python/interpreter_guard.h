@@ -52,14 +52,12 @@ private:
 extern InterpreterGuard interpreterGuard;
 
 // The entry of an engine thread into Python: passes the guard, then takes the lock.
-class EngineThreadEntry {
+class EngineThreadEntry : NonCopyable {
 public:
     // With LockOrder::check, a thread that holds the lock already is refused.
     enum class LockOrder { check, ignore };
     explicit EngineThreadEntry(LockOrder order) noexcept;
     ~EngineThreadEntry();
-    EngineThreadEntry(const EngineThreadEntry &) = delete;
-    EngineThreadEntry &operator=(const EngineThreadEntry &) = delete;
 
     // False when the interpreter is ending, or when the thread held the lock already; nothing was taken then.
     explicit operator bool() const noexcept { return outcome_ == Outcome::entered; }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "finalisation.h"
+#include "non_copyable.h"
 #include "python.h"
 
 #include <utility>

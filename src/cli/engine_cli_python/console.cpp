@@ -28,7 +28,7 @@ constexpr int endOfInput = 11;
 constexpr int noMemory = 15;
 
 // Gives the terminal back as it was, whatever line editing made of it.
-class TerminalSettings {
+class TerminalSettings : NonCopyable {
 public:
     TerminalSettings() noexcept : saved_(tcgetattr(STDIN_FILENO, &settings_) == 0) {}
     ~TerminalSettings() {
@@ -37,8 +37,6 @@ public:
             tcsetattr(STDIN_FILENO, TCSANOW, &settings_);
         }
     }
-    TerminalSettings(const TerminalSettings &) = delete;
-    TerminalSettings &operator=(const TerminalSettings &) = delete;
 
 private:
     termios settings_{};

@@ -29,8 +29,6 @@ constexpr const char *pagerScript = "try:\n"
                                     "    pydoc.pager = pydoc.plainpager\n"
                                     "except:\n"
                                     "    pass\n";
-constexpr const char *importStatement = "from sonetrix import *";
-constexpr const char *cleanUpStatement = "globals().clear()\n";
 
 bool ready = false;
 
@@ -71,11 +69,13 @@ void runScriptFile(const char *path) noexcept {
 // Frees a string of the record and clears its field.
 void consume(char *&text) noexcept { std::free(std::exchange(text, nullptr)); }
 
-void clearNamespace() noexcept {
-    if (PyRun_SimpleString(cleanUpStatement) != 0) {
-        log(SONETRIX_LOG_WARN, "problem while cleaning up CLI global variables");
+void runOrWarn(const char *code, const LogFormat &warning) noexcept {
+    if (PyRun_SimpleString(code) != 0) {
+        log(SONETRIX_LOG_WARN, warning);
     }
 }
+
+void clearNamespace() noexcept { runOrWarn("globals().clear()\n", "problem while cleaning up CLI global variables"); }
 
 // Ahead of finalisation, which would run them: until now they can count on this library's functions.
 void runExitHandlers() noexcept {
@@ -134,9 +134,7 @@ void startInterpreter(const sonetrix_cliModule_t &module) noexcept {
     ready = true;
     const GilHeld held;
     installExceptHook();
-    if (PyRun_SimpleString(importStatement) != 0) {
-        log(SONETRIX_LOG_WARN, "error importing sonetrix");
-    }
+    runOrWarn("from sonetrix import *", "error importing sonetrix");
 }
 
 bool interpreterIsReady() noexcept { return ready; }
@@ -150,12 +148,8 @@ void setUpConsole(sonetrix_cliModule_t &module) noexcept {
     if (module.sigintMode != 0) {
         unblocked.emplace(SIG_UNBLOCK, std::initializer_list<int>{SIGINT});
     }
-    if (PyRun_SimpleString(promptScript) != 0) {
-        log(SONETRIX_LOG_WARN, "problem settings python prompt");
-    }
-    if (PyRun_SimpleString(pagerScript) != 0) {
-        log(SONETRIX_LOG_WARN, "problem settings python fix for help pager method");
-    }
+    runOrWarn(promptScript, "problem settings python prompt");
+    runOrWarn(pagerScript, "problem settings python fix for help pager method");
     if (module.startCode != nullptr) {
         runStatement([&] { return PyRun_SimpleString(module.startCode); });
         consume(module.startCode);

@@ -21,12 +21,10 @@ namespace sonetrix::cli {
 
 // Blocks signals on the calling thread (SIG_BLOCK), or lets them reach it (SIG_UNBLOCK), whatever mask the engine gave
 // it, for as long as this lives.
-class SignalMask {
+class SignalMask : NonCopyable {
 public:
     SignalMask(int how, std::initializer_list<int> signals) noexcept;
     ~SignalMask();
-    SignalMask(const SignalMask &) = delete;
-    SignalMask &operator=(const SignalMask &) = delete;
 
     const sigset_t &previous() const noexcept { return previous_; }
 
@@ -47,21 +45,17 @@ public:
     void send() noexcept;
 
     // While one of these lives, `run` is in progress.
-    class Run {
+    class Run : NonCopyable {
     public:
         explicit Run(bool interactive) noexcept;
         ~Run();
-        Run(const Run &) = delete;
-        Run &operator=(const Run &) = delete;
     };
 
     // While one of these lives, the console reads at its own prompt. Made and ended with the interpreter lock.
-    class PromptRead {
+    class PromptRead : NonCopyable {
     public:
         PromptRead() noexcept;
         ~PromptRead();
-        PromptRead(const PromptRead &) = delete;
-        PromptRead &operator=(const PromptRead &) = delete;
 
     private:
         Ref previousHandler_;
