@@ -77,10 +77,10 @@ class _Console:
             with contextlib.suppress(AttributeError, OSError, ValueError):
                 self._editor = _LineEditor()
         # One that nobody uses. It must not cut short what the line editor writes to a slow terminal; that waits for
-        # keys in a call that is interrupted all the same.
-        signals = range(signal.SIGRTMAX, signal.SIGRTMIN, -1)
+        # keys in a call that is interrupted all the same. (The highest ones cannot be sent in emulation.)
+        signals = range(signal.SIGRTMAX - 2, signal.SIGRTMIN, -1)
         unused = (number for number in signals if signal.getsignal(number) == signal.SIG_DFL)
-        self._signal = next(unused, int(signal.SIGRTMAX))
+        self._signal = next(unused, int(signal.SIGRTMIN))
         signal.signal(self._signal, self._on_wake)
         signal.siginterrupt(self._signal, self._editor is None)
         signal.pthread_sigmask(signal.SIG_UNBLOCK, [self._signal])
