@@ -14,7 +14,6 @@ from support import record
 from support.record import Module
 
 E, M = "engine", 2**32 - 1
-WRONG_TYPE = "Argument '{}' has incorrect type (expected {}, got {})"
 
 # What is asked of engine, the engine calls that it makes, and what it gives; functions with a status give 7.
 CALLS = [
@@ -60,42 +59,19 @@ NULLS = ["listAvailableModules()", "getPortNames()", "getLink('p')", "getParam('
          "getLastMeter('k').toDict()",
          "getLastMeter('k.l').toDict()", "param().toDict()"]
 
-REFUSALS = {
-    TypeError: {
-        "an integer is required": ["getMeterInfo('1')"],
-        WRONG_TYPE.format("k", "sonetrix.listValue", "list"): ["getParams([])"],
-        WRONG_TYPE.format("k", "sonetrix.listKeyValue", "sonetrix.listValue"): ["setParams(L())", "setParamsCli(L())"],
-        WRONG_TYPE.format("info", "sonetrix.listKeyValue", "int"): ["newModule('a', 'b', 5)"],
-        WRONG_TYPE.format("filename", "str", "bytes"): ["dot(b'a')"],
-        "cannot convert 'float' object to bytes": ["delModule(1.5)"]},
-    ValueError: {
-        "p1 has to be string or bytes (<class 'int'>)": ["link(1, 'é')"],
-        "p1 has to be string or bytes (<class 'NoneType'>)": ["link(None)"],
-        "p2 has to be string or bytes or None (<class 'float'>)": ["link('a', 2.5)"],
-        "negative count": ["getLink(-1)"]},
-    OverflowError: {
-        **{text + " enum sonetrix_module_meters_type": [f"{call}, {number})" for call in (
-            "addDebugMeter(5, [], 'x'", "delDebugMeter(5", "getLastMeter(5")]
-           for text, number in (("can't convert negative value to", -1), ("value too large to convert to", 2**32))},
-        "value too large to convert to int32_t": ["addDebugMeter('k', 2**31)", "getMeterInfo(2**31)"],
-        "can't convert negative value to uint32_t": ["addDebugMeter('k', -1, 'uint')"]},
-    Exception: {
-        "only string is accepted": ["getParam(['a', 5])", "getParams(L().append('a').append(1.5))"],
-        "only string/byte/list/tuple is accepted as input": ["getParam(5)", "getParam(bytearray())"],
-        "key type not supported": ["addDebugMeter(5, [])", "delDebugMeter(None)"], "Meters type not valid": [
-            "getMeterInfo()", "getMeterInfo(-1)", "getMeterInfo(2)"],
-            "only string/bytes is accepted as input": ["getLastMeter(None)"],
-        "value type not supported": ["getParam([None])", "addDebugMeter('k', bytearray())"],
-        "type not supported": [f"addDebugMeter('k', 'x', {kind})" for kind in ("'string'", "None", "'double'", "5")],
-        **{f"value type {kind} incompatible with provided value {value}": [f"addDebugMeter('k', {value}, '{kind}')"]
-           for kind, value in (("uint", 1.5), ("uint32", None), ("int", b""), ("int32", 1.0), ("float", 1))}},
-    AttributeError: {"'NoneType' object has no attribute 'toListType'": ["getParams(None)"]},
-    IndexError: {"tuple index out of range": ["getParams(L().append((1,)))"]},
-    UnicodeEncodeError: {None: [call.format("'é'") for call in (
-        "getParam({})", "getParam([{}])", "newModule('a', {}, 5)", "delModule({})", "getLink({})", "link({}, 1)",
-        "link('a', {})",
-        "addDebugMeter({}, [])", "getLastMeter({})", "addDebugMeter('k', '\\udc80')")]},
-}
+REFUSALS = [  # where two arguments are wrong, which is looked at first; where they are only so together
+    *((OverflowError, text + " enum sonetrix_module_meters_type", f"{call}, {number})")
+      for call in ("addDebugMeter(5, [], 'x'", "delDebugMeter(5", "getLastMeter(5")
+      for text, number in (("can't convert negative value to", -1), ("value too large to convert to", 2**32))),
+    (ValueError, "p1 has to be string or bytes (<class 'int'>)", "link(1, 'é')"),
+    (UnicodeEncodeError, None, "newModule('a', 'é', 5)"), (UnicodeEncodeError, None, "link('é', 1)"),
+    (UnicodeEncodeError, None, "addDebugMeter('é', [])"), (Exception, "key type not supported", "addDebugMeter(5, [])"),
+    (OverflowError, "can't convert negative value to uint32_t", "addDebugMeter('k', -1, 'uint')"),
+    *((Exception, f"value type {kind} incompatible with provided value {value}", f"addDebugMeter('k', {value}, '{kind}')")
+      for kind, value in (("uint", 1.5), ("uint32", None), ("int", b""), ("int32", 1.0), ("float", 1))),
+    (Exception, "only string is accepted", "getParams(L().append('a').append(1.5))"),
+    (IndexError, "tuple index out of range", "getParams(L().append((1,)))"),
+]
 
 
 class EngineTestCase(record.TestCase):
@@ -144,13 +120,10 @@ class CallTest(EngineTestCase):
         self.assertRefused(Exception, "listkey cannot be NULL on init", self.engine.getMeterInfo, 1)
 
     def test_refusals_reach_no_engine_function(self):
-        for kind, texts in REFUSALS.items():
-            for text, call in ((text, call) for text, calls in texts.items() for call in calls):
-                with self.subTest(call):
-                    if text is None:
-                        self.assertRaises(kind, self.evaluate, call)
-                    else:
-                        self.assertRefused(kind, text, self.evaluate, call)
+        for kind, text, call in REFUSALS:
+            with self.subTest(call), self.assertRaises(kind) as caught:
+                self.evaluate(call)
+            self.assertIn(text, (None, str(caught.exception)))
         self.assertEqual(self.made(), [])
 
     def test_clocks_keep_the_lock(self):
@@ -213,8 +186,8 @@ class CallTest(EngineTestCase):
         record.null(register, 1)
         self.assertRefused(Exception, "Callback to read meters is not valid", get, "m", 1)
         self.assertRefused(Exception, "only string/bytes is accepted as input", get, 5, 7)
-        for arguments in (), ("m", -1), ("m", 2):
-            self.assertRefused(Exception, "Meters type not valid", get, *arguments)
+        for wrong in (), ("m", -1), ("m", 2):
+            self.assertRefused(Exception, "Meters type not valid", get, *wrong)
         self.assertRaises(OverflowError, get, "m", 2**31)
         record.gives("readMeters", {"a": 1})
         self.assertEqual([get("m", 1).toDict(), get(meters_type=0).toDict()], [{b"a": 1}] * 2)
@@ -372,8 +345,6 @@ class GraphTest(EngineTestCase):
                                       ("ä", -1, "ä\n")):
             self.assertIsNone(write(file := io.StringIO(newline=""), lines, count))
             self.assertEqual(file.getvalue(), written)
-        self.assertRefused(TypeError, WRONG_TYPE.format("lines", "str", "NoneType"), write, None, None, 1.5)
-        self.assertRefused(TypeError, WRONG_TYPE.format("lineHeaderCount", "int", "bool"), write, None, "", True)
         self.assertRaises(AttributeError, write, None, "", 0)
 
 

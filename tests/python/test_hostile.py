@@ -32,8 +32,7 @@ GREEDY = "newModule", "delModule", "getLink", "link", "logOnFile", "_writeLinesW
 sonetrix = record.load()
 CALLABLES = {name: (function, list(inspect.signature(function).parameters))
              for name, _, function in calls.functions(sonetrix)}
-CALLABLES |= {name: (kind, list(inspect.signature(kind).parameters)) for name, kind in vars(sonetrix).items()
-              if isinstance(kind, type)}
+CALLABLES |= {"listValue": (sonetrix.listValue, []), "listKeyValue": (sonetrix.listKeyValue, []), "log": (sonetrix.log, [])}
 CALLABLES |= {"==": (lambda one, other: one == other, ["one", "other"]), "hash": (hash, ["one"]), "repr": (repr, ["one"]),
               "reduce": (lambda one: one.__reduce_ex__(4), ["one"]),
               "subclass": (lambda one: type("Sub", (type(one),), {"append": answer})(), ["one"])}

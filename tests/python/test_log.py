@@ -8,7 +8,7 @@ from support import record
 
 LEVELS = "trace", "debug", "info", "warn", "error", "fatal"
 WRONG_TYPE = "Argument 'message' has incorrect type (expected {}, got {})"
-NO_ENCODE = "'NoneType' object has no attribute 'encode'"
+NEGATIVE = "can't convert negative value to enum sonetrix_log_level"
 DIVISION = "division by zero" if sys.version_info >= (3, 14) else "integer division or modulo by zero"
 
 
@@ -64,36 +64,15 @@ class LogTest(record.TestCase):
         self.assertEqual(log.getLevel(), 2**32 - 1)
         self.assertEqual({call.lock_held for call in record.calls("sonetrix_log_Get*")}, {False})
 
-    def test_refusals(self):
-        """Where two arguments are wrong, the text shows which is looked at first."""
+    def test_what_is_looked_at_first(self):
         log = self.sonetrix.log
-        rows = [(AttributeError, NO_ENCODE, getattr(log, name), None) for name in LEVELS]
-        rows += [(TypeError, WRONG_TYPE.format("str", "bytes"), getattr(log, name), b"") for name in LEVELS]
-        for call, *rest in (log.setLevel,), (log.setLevelJournal,), (log.log, b""), (log.logb, ""):
-            for kind, text, level in ((OverflowError, "can't convert negative value to enum sonetrix_log_level", -1),
-                                      (OverflowError, "can't convert negative value to enum sonetrix_log_level",
-                                       -10**30),
-                                      (OverflowError, "value too large to convert to enum sonetrix_log_level", 2**32),
-                                      (OverflowError, "value too large to convert to enum sonetrix_log_level", 10**30),
-                                      (TypeError, "an integer is required", "1"),
-                                      (ZeroDivisionError, DIVISION, Number())):
-                rows.append((kind, text, call, level, *rest))
-        rows += [
-            (TypeError, WRONG_TYPE.format("str", "text"), log.info, type("text", (str,), {})()),
-            (TypeError, WRONG_TYPE.format("bytes", "bytearray"), log.logb, 1, bytearray()),
-            (TypeError, "expected bytes, NoneType found", log.logb, 1, None),
-            (AttributeError, NO_ENCODE, log.log, 1, None),
-            (Exception, "filename type not supported", log.logOnFile, bytearray(b"a"), 1),
-            *((OverflowError, "value too large to convert to int", *call)
-              for call in ((log.logOnFile, 3, 2**31), (log.logTime, 2**31), (log.logTime, -2**31 - 1))),
-            *((TypeError, "an integer is required", call, *arguments) for call, *arguments in (
-                (log.logTime, None), (log.logTime, 1.5), (log.logOnFile, "a", 1.5))),
-            (ZeroDivisionError, DIVISION, log.logSysLog, Number())]
-        for kind, text, call, *arguments in rows:
-            with self.subTest(call=call, arguments=arguments):
-                self.assertRefused(kind, text, call, *arguments)
-        for call, *arguments in (log.info, "\ud800"), (log.log, 1, "\ud800"), (log.logOnFile, "ä"):
-            self.assertRaises(UnicodeEncodeError, call, *arguments)
+        for kind, text, call, *arguments in (
+                (OverflowError, NEGATIVE, log.log, -10**30, b""), (OverflowError, NEGATIVE, log.logb, -1, ""),
+                (OverflowError, "value too large to convert to int", log.logOnFile, 3, 2**31),
+                (TypeError, WRONG_TYPE.format("str", "text"), log.info, type("text", (str,), {})()),
+                (TypeError, WRONG_TYPE.format("bytes", "bytearray"), log.logb, 1, bytearray()),
+                (ZeroDivisionError, DIVISION, log.logSysLog, Number())):
+            self.assertRefused(kind, text, call, *arguments)
         self.assertEqual(record.calls("sonetrix_log*"), [])
 
     def test_replacements_are_honoured(self):

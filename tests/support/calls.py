@@ -42,11 +42,28 @@ def prepare(case):
 
 
 def functions(sonetrix):
-    """(qualified name, owner, function) of all that is public, constructors left out."""
+    """(qualified name, owner, function) of all that is public, with the constructors that take arguments."""
     for owner in [sonetrix, *(member for member in vars(sonetrix).values() if isinstance(member, type))]:
         for name, function in vars(owner).items():
             if inspect.isroutine(function) and not name.startswith("__"):
                 yield f"{owner.__name__}.{name}".removeprefix("sonetrix."), owner, function
+    for kind in sonetrix.notifyChanges, sonetrix.notifyMeters, sonetrix.timeout:
+        yield kind.__name__, kind, kind
+
+
+class Call:
+    """A call with arguments by name; those that are `Fresh` are made for each call."""
+
+    def __init__(self, function, target=None, /, **arguments):
+        self.function, self.target, self.arguments = function, target, arguments
+
+    def __call__(self, **others):
+        arguments = [value() if isinstance(value, Fresh) else value for value in {**self.arguments, **others}.values()]
+        return self.function(*([self.target()] if self.target else []), *arguments)
+
+
+class Fresh(functools.partial):
+    pass
 
 
 def every(sonetrix):
@@ -54,30 +71,23 @@ def every(sonetrix):
     # Made once, as objects that a script keeps.
     names, table = plain().append("a.").append("b"), keyed().append("k", 1).append("f", (1.0, 2.0)).append("s", "x")
     values = {
-        "callback": len, "cb": bool, "d": {"a": 1, "b": (1.0,)}, "exitcode": 3, "f": types.SimpleNamespace(write=len), "filename": "file",
-        "hold": True, "identifier": b"id", "info": table, "k": "a.x", "level": 3, "lineHeaderCount": 2, "lines": "a\nb",
-        "message": "\u00fc", "meters_type": 1, "module": b"m", "name": bytearray(b"a"), "on": True, "p": "a:out",
-        "p1": "a:out", "p2": bytearray(b"b:in"), "timeOn": 1, "timeout_ms": 5, "type": None, "v": "x",
+        "callback": len, "cb": bool, "d": {"a": 1, "b": (1.0,)}, "exitcode": 3, "f": types.SimpleNamespace(write=len),
+        "filename": "file", "hold": True, "identifier": b"id", "info": table, "k": "a.x", "level": 3,
+        "lineHeaderCount": 2, "lines": "a\nb", "message": "\u00fc", "meters_type": 1, "module": b"m",
+        "name": bytearray(b"a"), "on": True, "p": "a:out", "p1": "a:out", "p2": bytearray(b"b:in"), "timeOn": 1,
+        "timeout_ms": 5, "type": None, "v": "x", "timeout.callback": print, "engine.addTimer.callback": print,
         "engine.getParams.k": names, "engine.getParam.k": ["a.", b"b"], "engine.setParams.k": table,
         "engine.setParamsCli.k": table, "engine.addDebugMeter.type": "", "log.logb.message": b"x",
         "listKeyValue.appendFromDictType.d": {"a": (1, "int32"), "b": [2.0, None], "c": ((1.0,), "afloat")},
+        "listValue.merge.other": Fresh(names.dup), "listKeyValue.merge.other": Fresh(table.dup),
     }
-    made = {"listValue.merge": lambda: plain().merge(names.dup()), "listKeyValue.merge": lambda: keyed().merge(table.dup()),
-            "listKeyValue.remove": lambda: table.dup().remove("k"), "listValue": plain, "listKeyValue": keyed,
-            "notifyChanges": lambda: sonetrix.notifyChanges(len), "notifyMeters": lambda: sonetrix.notifyMeters(len, 0),
-            "timeout": lambda: sonetrix.timeout(5, print)}
-    for number in 5, 1.5, (1, 2), (1.0, 2.0):
-        made[f"listValue.append({number})"] = functools.partial(lambda one: plain().append(one), number)
-        made[f"listKeyValue.append({number})"] = functools.partial(lambda one: keyed().append("k", one), number)
+    made = {"listValue": Call(plain), "listKeyValue": Call(keyed)}
     for name, owner, function in functions(sonetrix):
         parameters = [parameter for parameter in inspect.signature(function).parameters if parameter != "self"]
-        arguments = [values.get(f"{name}.{parameter}", values.get(parameter)) for parameter in parameters]
-        if name not in made:
-            if owner in (plain, keyed):
-                kept = names if owner is plain else table
-                target = kept if not name.split(".")[1].startswith("append") else None
-                made[name] = functools.partial(lambda owner, target, function, arguments: function(
-                    owner() if target is None else target, *arguments), owner, target, function, arguments)
-            else:
-                made[name] = functools.partial(function, *arguments)
+        arguments = {name_: values.get(f"{name}.{name_}", values.get(name_)) for name_ in parameters}
+        kept = {plain: names.dup, keyed: table.dup}.get(owner)
+        target = owner if kept and ("append" in name or "merge" in name) else kept
+        made[name] = Call(function, target, **arguments)
+        if name.endswith(".append"):
+            made |= {f"{name}({v})": Call(function, target, **{**arguments, "v": v}) for v in (5, 1.5, (1, 2), (1.0, 2.0))}
     return made
