@@ -1,6 +1,8 @@
 """notifyChanges, notifyMeters and timeout with callbacks fired at will: registration, delivery, lock order, removal."""
 
 import gc
+import pathlib
+import re
 import sys
 import threading
 import time
@@ -8,7 +10,7 @@ import unittest
 import weakref
 from unittest import mock
 
-from support import TIME_LIMIT, record
+from support import SLOWNESS, record
 from support.record import CHANGES, FAST_METERS, SLOW_METERS, TIMER, Value, fire, registrations
 
 # The engine's functions to register and to remove, and what is registered with.
@@ -18,12 +20,24 @@ ENGINE = {CHANGES: ("notify_changes_addCallback", "notify_changes_rmCallback", (
           TIMER: ("addTimer", "delTimer", ("engine", -5))}
 
 
+def blocked_signals(thread_name):
+    """The masks of this process's threads of that name."""
+    for task in pathlib.Path("/proc/self/task").iterdir():
+        if (task / "comm").read_text().strip() == thread_name:
+            yield int(re.search(r"SigBlk:\s+(\w+)", (task / "status").read_text())[1], 16)
+
+
 class CallbackTest(record.TestCase):
     def make(self, kind, callback):
         module = self.sonetrix
         return {CHANGES: module.notifyChanges, FAST_METERS: module.notifyMeters,
                 SLOW_METERS: lambda one: module.notifyMeters(meters_type=0, callback=one),
                 TIMER: lambda one: module.engine.addTimer(-5, one)}[kind](callback)
+
+    def await_none(self, *kinds):
+        end = time.monotonic() + 10 * SLOWNESS
+        while any(map(registrations, kinds)):
+            self.assertLess(time.monotonic(), end)
 
     def tearDown(self):
         super().tearDown()
@@ -151,29 +165,29 @@ class CallbackTest(record.TestCase):
             self.assertLess(time.monotonic() - began, 4)
             leave.set(), inside.join()
             del dropping
-            while registrations(kind):
-                pass
+            self.await_none(kind)
 
-    def test_a_drop_waits_for_a_limited_time_and_names_the_callable(self):
+    def test_a_drop_waits_for_five_seconds_and_names_the_callable(self):
         alone, entered = threading.Lock(), threading.Event()
         def stuck(*_):
             entered.set()
             with alone:
                 pass
-        for kind in TIMER, CHANGES:
-            entered.clear()
-            made = self.make(kind, stuck)
-            inside = threading.Thread(target=fire, args=(kind, {}))
-            with alone:
-                inside.start(), entered.wait()
-                record.calls(clear=True)
-                del made
-                line, = record.calls("sonetrix_log_LogString")
-            self.assertIn("'CallbackTest.test_a_drop_waits", line.args[-1].decode())
-            self.assertEqual(line.args[0], 3)
-            inside.join()
-            while registrations(kind):
-                pass
+        made = self.make(TIMER, stuck)
+        inside = threading.Thread(target=fire, args=(TIMER,))
+        with alone:
+            inside.start(), entered.wait()
+            record.calls(clear=True)
+            began = time.monotonic()
+            del made
+            self.assertTrue(4 < time.monotonic() - began < 10 * SLOWNESS)
+            masks = list(blocked_signals("sonetrix-remove"))
+            line, = record.calls("sonetrix_log_LogString")
+        self.assertIn("'CallbackTest.test_a_drop_waits", line.args[-1].decode())
+        self.assertEqual(line.args[0], 3)
+        self.assertTrue(masks and all(mask & 1 << 1 for mask in masks), masks)  # SIGINT is the console's
+        inside.join()
+        self.await_none(TIMER)
 
     def test_a_subclass_may_have_a_constructor_of_its_own(self):
         class Timer(self.sonetrix.timeout):
@@ -182,41 +196,62 @@ class CallbackTest(record.TestCase):
                 self.milliseconds = milliseconds
         self.assertEqual(Timer(-5, len).milliseconds, -5)
 
-    def test_one_callable_for_slow_and_fast_meters_drops_both_while_the_other_call_waits_for_the_lock(self):
+    def test_one_callable_for_slow_and_fast_meters_drops_both(self):
+        """While the other call waits for a lock, or both at the same time."""
         self.addCleanup(sys.setswitchinterval, sys.getswitchinterval())
         sys.setswitchinterval(5)
-        pool, alone = [], threading.Lock()
-        def drop(_):
+        pool, alone, both = {}, threading.Lock(), threading.Barrier(2)
+        def with_lock(_):
             with alone:
                 until = time.monotonic() + 0.1
                 while pool and time.monotonic() < until:
                     pass
                 pool.clear()
-        pool += [self.make(kind, drop) for kind in (SLOW_METERS, FAST_METERS)]
-        threads = [threading.Thread(target=fire, args=(kind, {}), daemon=True) for kind in (SLOW_METERS, FAST_METERS)]
-        for thread in threads:
-            thread.start()
-        for thread in threads:
-            thread.join(10)
-        self.assertEqual([thread.is_alive() for thread in threads], [False, False])
-        while registrations(SLOW_METERS) or registrations(FAST_METERS):
-            pass
-
-    def test_one_callable_for_slow_and_fast_meters_drops_both_at_the_same_time(self):
-        pool, both = {}, threading.Barrier(2)
-        def drop(entries):
+        def at_once(entries):
             both.wait(10)
             pool.pop(entries[b"victim"])
-        pool.update({kind: self.make(kind, drop) for kind in (SLOW_METERS, FAST_METERS)})
-        threads = [threading.Thread(target=fire, args=(kind, {"victim": other}), daemon=True)
-                   for kind, other in ((SLOW_METERS, FAST_METERS), (FAST_METERS, SLOW_METERS))]
-        for thread in threads:
-            thread.start()
-        for thread in threads:
-            thread.join(10)
-        self.assertEqual(([thread.is_alive() for thread in threads], pool), ([False, False], {}))
-        while registrations(SLOW_METERS) or registrations(FAST_METERS):
-            pass  # each is ended when the other's call is over
+        kinds = SLOW_METERS, FAST_METERS
+        for drop in with_lock, at_once:
+            pool.update({kind: self.make(kind, drop) for kind in kinds})
+            threads = [threading.Thread(target=fire, args=(kind, {"victim": other}), daemon=True)
+                       for kind, other in zip(kinds, reversed(kinds))]
+            for thread in threads:
+                thread.start()
+            for thread in threads:
+                thread.join(10)
+            self.assertEqual(([thread.is_alive() for thread in threads], pool), ([False, False], {}))
+            self.await_none(*kinds)  # each is ended when the other's call is over
+
+    def test_a_call_before_the_registration_has_returned(self):
+        for kind in ENGINE:
+            for times in 1, 3, -1:
+                received = threading.Semaphore(0)
+                record.calls_inside(times)
+                made = self.make(kind, lambda *_: received.release())
+                for _ in range(abs(times)):
+                    self.assertTrue(received.acquire(timeout=10 * SLOWNESS))
+                del made
+                self.assertEqual(registrations(kind), 0)
+
+    def test_threads_that_call_once_leave_nothing_behind(self):
+        watch = self.sonetrix.notifyChanges(len)
+        record.recording(False)
+        grown, empty = [], record.List({})
+        for _ in range(4):
+            before = record.native_bytes()
+            for _ in range(200):
+                fire(CHANGES, empty)
+            grown.append(record.native_bytes() - before)
+        self.assertLess(min(grown), 200 * 100, grown)
+        del watch
+
+    def test_a_thread_that_has_called_back_is_joined_with_the_lock_held_elsewhere(self):
+        called = []
+        watch = self.sonetrix.notifyChanges(called.append)
+        record.fire_on(1, CHANGES, {"a": 1}, times=2)
+        record.join(1, lock_held=True)
+        self.assertEqual(called, [{b"a": 1}] * 2)
+        del watch
 
 
 if __name__ == "__main__":
