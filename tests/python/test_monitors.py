@@ -1,15 +1,23 @@
-"""cpu and usageInfo with stand-ins for the engine and the terminal; memory.inspect."""
+"""cpu and usageInfo with stand-ins for the engine and the terminal, and on a terminal of 40 columns; memory.inspect."""
 
 import contextlib
 import io
 import os
+import re
 import unittest
 from unittest import mock
 
-from support import record
+from support import console, record
 
 HIDE, SHOW = "\x1b[?25l\r", "\x1b[?25h\n"
 LINE = "  2.5% (   0.1234ms)   3.1% (   0.2000ms) [err:  6.8% maxtime:    2.5000ms]    "
+REDRAWN = {
+    "cpu": r"(\r *\d+\.\d% \( *\d+\.\d{4}ms\) .{19})+",
+    # Modules of which the engine knows no load yet are not in the first tables.
+    "usageInfo": r"((\x1b\[[2-5]A)?\r    pid  relative  absolute  share  modu\x1b\[K\n"
+                 r"( *\d+ +\d+\.\d\d% +\d+\.\d\d% +\d+%  .{4}\x1b\[K\n){1,4}\x1b\[J)+",
+}
+FULL = {"cpu": "(?s)(?=\x1b.*%.*%.*%.*%)", "usageInfo": r"(?s)(?=\x1b.*\x1b\[5A)"}
 FIGURES = 2.5, 3.1, 0.0001234, 0.0002, 0.0025, 0.5
 
 
@@ -48,8 +56,7 @@ class MonitorTest(record.TestCase):
 
     def test_cpu_failures(self):
         for figures, text in ((range(7), "too many values to unpack (expected 6)"),
-                              (range(5), "need more than 5 values to unpack"),
-                              ((1,), "need more than 1 value to unpack"), ((), "need more than 0 values to unpack")):
+                              (range(5), "need more than 5 values to unpack"), ((1,), "need more than 1 value to unpack")):
             self.assertRefused(ValueError, text, self.shown, self.sonetrix.cpu, rounds=[1], cpuInfo=[figures])
         self.assertRaises(OSError, self.shown, self.sonetrix.cpu, rounds=[1], columns=None, cpuInfo=[FIGURES])
         self.assertRaises(ZeroDivisionError, self.shown, self.sonetrix.cpu, rounds=[ZeroDivisionError])
@@ -89,6 +96,25 @@ class MonitorTest(record.TestCase):
             self.assertIsNone(self.sonetrix.memory.inspect())
         self.assertEqual(output.getvalue(), "RT Memory Inspect:\n")
         self.assertEqual([call[:3] for call in record.calls()], [("sonetrix_memory_rt_inspect", (), False)])
+
+    def test_on_a_terminal(self):
+        """Ended by interrupts in haste, and by the engine's stop."""
+        for monitor in REDRAWN:
+            with self.subTest(monitor), console.Console(columns=40, rows=6) as terminal:
+                for index in range(5):  # more than there are lines for
+                    terminal.ask(f"engine.newModule('module_{index}', 'amp_mono', None)")
+                for call in f"{monitor}()", f"stop = engine.addTimer(500, exit); {monitor}()":
+                    terminal.prompt()
+                    terminal.send(call)
+                    terminal.expect(r"(?=\x1b)")
+                    if call[0] != "s":
+                        terminal.expect(FULL[monitor])
+                        terminal.signal(), terminal.signal()
+                    shown = terminal.expect(re.escape(SHOW[:-1]))
+                    self.assertRegex(shown, r"^\x1b\[\?25l\r" + REDRAWN[monitor] + "$")
+                    if call[0] != "s":
+                        terminal.expect("KeyboardInterrupt\n")
+                self.assertEqual(terminal.end(), 0)
 
 
 if __name__ == "__main__":
