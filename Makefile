@@ -101,7 +101,7 @@ lint: build ## Check formatting, clang-tidy and the source rules
 	@tools/lint
 
 soak: build ## Everything at once on a running engine; SECONDS=120
-	@SONETRIX_BUILD=build/release python3 tests/soak/run.py $(SECONDS)
+	@SONETRIX_CHURN_SECONDS=$(SECONDS) tests/run python/test_callbacks_live.py -k churn
 
 format: ## Format all C and C++ sources in place
 	@tools/setup lint

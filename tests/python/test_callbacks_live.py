@@ -2,7 +2,7 @@
 """notifyChanges, notifyMeters and timeout in the running engine: callables that fail, registrations that come and go
 under fire, and ends of engine and interpreter while everything fires.
 
-SONETRIX_END_RUNS sets how many programs end under fire.
+SONETRIX_CHURN_SECONDS and SONETRIX_END_RUNS set for how long, and how many programs end under fire.
 """
 
 import concurrent.futures
@@ -16,13 +16,77 @@ from support import console, live, programs
 NOTIFIED = "WARN  python: Exception whilee invoking {} callback registered from Python\n"
 FAILURES = {"changes": NOTIFIED.format("notification"), "slow": NOTIFIED.format("meter"), "fast": NOTIFIED.format("meter"),
             "timer": "WARN  python: exception in callback timer: Traceback \\(most recent call last\\):\n(?:(?!WARN).*\n)*?"}
+KINDS = """
+KINDS = {
+    "changes": lambda callback: notifyChanges(lambda d: callback()),
+    "slow": lambda callback: notifyMeters(lambda d: callback(), engine.METER_SLOW),
+    "fast": lambda callback: notifyMeters(lambda d: callback()),
+    "timer": lambda callback: engine.addTimer(1, callback),
+}
+def keep_going():
+    "Waits until each kind has been called anew, with something for it to tell."
+    calls = {kind: [] for kind in KINDS}
+    alive = [KINDS[kind](lambda kind=kind: calls[kind].append(1)) for kind in KINDS]
+    wait_for(lambda: write() and all(len(made) > 2 for made in calls.values()))
+"""
+# Registrations of all kinds, and modules with links and meters, that come and go in many threads while everything fires.
+CHURN = """
+log.setLevel(log.ERROR)
+counts, pools = collections.Counter(), collections.Counter()
+def edit(name):
+    assert engine.newModule(name, "amp_mono", None) == 0 and engine.link("system:capture_1", name + ":input") == 0
+    assert any(info["name"] == name.encode() for info in engine.getModuleInfos())
+    assert write(name + ".gain", 0.5)
+    engine.getUsageInfo(), engine.getPortNames(), engine.cpuInfo(), engine.getLastMeter("system")
+    engine.addDebugMeter(name + ".x", 1), engine.delDebugMeter(name + ".x"), engine.dot("/dev/null")
+    assert engine.delModule(name) == 0
+def editing(end):
+    while time.monotonic() < end:
+        edit(f"m{threading.get_ident()}")
+        pools["edits"] += 1
+def registering(seed, end):
+    pick, pool = random.Random(seed), []
+    def drops():  # itself and others, and registers more
+        if pool and time.monotonic() < end:
+            pool.pop()
+            pool.append(KINDS[pick.choice(list(KINDS))](lambda: None))
+    while time.monotonic() < end:
+        kind = pick.choice(list(KINDS))
+        pool.append(KINDS[kind](pick.choice([lambda: counts.update([kind]), drops])))
+        pools["made"] += 1
+        if pick.random() < 0.1:  # one that only the collector can drop
+            cycle = [KINDS["timer"](lambda: None)]
+            cycle.append(cycle)
+        for _ in range(len(pool) - pick.randrange(30)):
+            pool and pool.pop(0)
+        write()
+def size():
+    "Resident kilobytes, threads and open files."
+    status = open("/proc/self/status").read()
+    return *(int(re.search(name + r":\\s+(\\d+)", status)[1]) for name in ("VmRSS", "Threads")), len(os.listdir("/proc/self/fd"))
+sizes = []
+for _ in range(10):
+    end = time.monotonic() + SECONDS / 10
+    editor = KINDS["timer"](lambda: edit(f"c{threading.get_ident()}"))
+    in_threads(lambda: editing(end), *(lambda seed=seed: registering(seed, end) for seed in range(4)))
+    del editor
+    gc.collect()
+    sizes.append(size())
+assert pools["made"] > 20 and pools["edits"] and len(counts) == 4, (pools, counts)
+keep_going()
+before = counts.copy()
+keep_going()
+assert before == counts and engine.getModuleNames() == [b"system"]
+if SECONDS > 60:  # by then all is at rest
+    assert sizes[9][0] < sizes[4][0] * 1.02 + 500 and sizes[9][1:] == sizes[4][1:], sizes
+"""
 
 
 class Callables(live.LiveTest):
     def test_each_may_fail_in_any_way(self):
         for kind, failure in FAILURES.items():
             with self.subTest(kind=kind):
-                self.run_live(live.CHURN + f"""
+                self.run_live(KINDS + f"""
 class Hostile(Exception):
     def __str__(self): raise self
     __repr__ = __str__
@@ -48,7 +112,9 @@ assert values == sorted(set(values)) and len(values) < 1000, values  # gathered,
 """)
 
     def test_churn(self):
-        self.run_live("log.setLevel(log.ERROR)\n" + live.CHURN + f"churn({float(os.environ.get('SONETRIX_CHURN_SECONDS', 4))})")
+        seconds = float(os.environ.get("SONETRIX_CHURN_SECONDS", 4))
+        self.run_live(f"import collections, re\nSECONDS = {seconds}\n" + KINDS + CHURN,
+                      time_limit=programs.TIME_LIMIT + 2 * seconds)
 
 
 # Ends in the way that the first argument names, with registrations alive in globals, in cycles and in threads.

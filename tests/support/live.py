@@ -1,6 +1,5 @@
 """Scripts that run inside the development engine and check themselves there."""
 
-import pathlib
 import unittest
 
 from . import SANITIZER, SLOWNESS, programs
@@ -36,18 +35,17 @@ def in_threads(*functions):
         raise errors[0]
 
 """
-CHURN = pathlib.Path(__file__).with_name("churn.py").read_text()
 
 
 class LiveTest(unittest.TestCase):
     maxDiff = None
 
-    def run_live(self, source, *options, status=0, log=""):
+    def run_live(self, source, *options, status=0, log="", **how):
         """Runs the script after the prelude; what it does not expect, it asserts. Gives what it printed.
 
         `log` is what standard error must hold: text, or a regular expression that is to match all of it.
         """
-        result = programs.run_script(PRELUDE + source, *options)
+        result = programs.run_script(PRELUDE + source, *options, **how)
         self.assertEqual(result.returncode, status, result.stdout + result.stderr)
         if isinstance(log, str):
             self.assertEqual(result.stderr, log)
