@@ -14,7 +14,7 @@ CallbackObject &self(PyObject *object) noexcept { return CallbackObject::of(obje
 
 void drop(CallbackObject &object) noexcept {
     if (const std::shared_ptr<Registration> registration = object.registration) {
-        registration->drop();
+        dropRegistration(*registration);
     }
 }
 
@@ -54,7 +54,7 @@ int traverse(PyObject *object, visitproc visit, void *arg) noexcept {
     Py_VISIT(Py_TYPE(object));
     Py_VISIT(self(object).guard);
     if (const Registration *registration = self(object).registration.get()) {
-        Py_VISIT(registration->ownedCallable());
+        Py_VISIT(ownedCallable(*registration));
     }
     return 0;
 }

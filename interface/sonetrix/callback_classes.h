@@ -47,9 +47,9 @@ Ref newCallback(PyTypeObject *type,
     sonetrix_engine_t *engine,
     Register &&registerCallback) {
     Ref object = allocateCallback(type);
-    if (auto registration = Registration::make(remove, callback)) {
+    if (auto registration = beginRegistration(remove, callback)) {
         CallbackObject::of(object.get()).registration = registration;
-        registration->complete(unlocked([&] { return registerCallback(engine); }));
+        completeRegistration(*registration, unlocked([&] { return registerCallback(engine); }));
     }
     return object;
 }
@@ -77,7 +77,7 @@ Ref newNotification(PyTypeObject *type, RemoveFunction remove, PyObject *callbac
     }
     Ref object = newCallback(type, remove, callback, engine, registerCallback);
     const auto &registration = CallbackObject::of(object.get()).registration;
-    if (registration != nullptr && !registration->isRegistered()) {
+    if (registration != nullptr && !isRegistered(*registration)) {
         raise(PyExc_MemoryError);
     }
     return object;

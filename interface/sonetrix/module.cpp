@@ -12,8 +12,7 @@ namespace sonetrix {
 
 namespace {
 
-bool importing = false;
-bool imported = false; // once and for all: the interpreter guard does not open again
+bool imported = false; // or being so; once and for all: the interpreter guard does not open again
 
 // exit(exitcode=None)
 Ref exitEngine(Arguments arguments) {
@@ -100,14 +99,16 @@ void installHooks() {
     Ref atExit = checked(PyImport_ImportModule, "atexit");
     checked(PyObject_CallMethod, atExit.get(), "register", "O", newFunction(interpreterHooks[0], Py_None).get());
     Ref callbacks = checked(PyObject_GetAttrString, checked(PyImport_ImportModule, "gc").get(), "callbacks");
-    checked(PyObject_CallMethod, callbacks.get(), "append", "O", newFunction(interpreterHooks[1], Py_None).get());
+    // With the hook goes what it has said: a script may empty gc.callbacks in the middle of a collection.
+    Ref mark = checked(PyCapsule_New(&imported, nullptr, [](PyObject *) { setCollecting(false); }));
+    checked(PyObject_CallMethod, callbacks.get(), "append", "O", newFunction(interpreterHooks[1], mark.get()).get());
     watchForks();
     watchForksOfRegistrations();
 }
 
 // Once per process: whether it is too late for another module.
 bool refuseReimport() noexcept {
-    if (imported || importing) {
+    if (imported) {
         PyErr_SetString(
             PyExc_ImportError, "Module 'sonetrix' has already been imported. Re-initialisation is not supported.");
         return true;
@@ -125,7 +126,7 @@ int execute(PyObject *module) noexcept {
     if (refuseReimport()) {
         return -1;
     }
-    importing = true;
+    imported = true;
     try {
         letGo(); // of a module whose import failed
         detail::module = module;
@@ -151,11 +152,9 @@ int execute(PyObject *module) noexcept {
         installHooks();
     } catch (...) {
         translateException();
-        importing = false;
+        imported = false;
         return -1;
     }
-    importing = false;
-    imported = true;
     return 0;
 }
 

@@ -8,8 +8,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
-#include <cstddef>
-#include <cstdint>
+#include <list>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <pthread.h>
@@ -27,8 +27,22 @@ struct CallableUse {
     int removing = 0;
     int calls = 0;
     bool isBeingRemoved = false; // its only registration, by the thread that dropped it
+};
 
-    bool isIdle() const noexcept { return live == 0 && removing == 0 && calls == 0; }
+using RegistrationList = std::list<std::shared_ptr<Registration>>;
+
+struct Registration {
+    enum class State { registering, live, removing, gone };
+
+    RemoveFunction remove;
+    Ref callable;
+    State state = State::registering;
+    bool isBeingRemoved = false; // by the engine's function
+    int generation = 0;          // of the process that made it
+    sonetrix_engine_t *engine = nullptr;
+    void *handle = nullptr;
+    CallableUse *use = nullptr;
+    RegistrationList::iterator place;
 };
 
 namespace {
@@ -38,9 +52,29 @@ using namespace std::chrono_literals;
 constexpr auto waitLimit = 5s;
 constexpr auto workerEndLimit = 100ms;
 
-thread_local bool isCollecting = false;
 thread_local bool isWorker = false;
 thread_local CallScope *innermostCall = nullptr;
+std::thread::id collector; // the thread that a collection is on
+
+// The monitor: everything in it is guarded by its mutex, and every change that somebody may wait for is notified.
+struct Registry {
+    std::mutex mutex;
+    std::condition_variable changed;
+    RegistrationList live; // and registering; oldest first
+    RegistrationList removing;
+    RegistrationList abandoned; // a forked child's, of what its parent was removing
+    std::unordered_map<const void *, CallableUse> uses;
+    bool ending = false;
+    int generation = 0;
+    std::thread worker;
+    bool workerRuns = false;
+    bool workerEnds = false;
+};
+
+// Never destroyed: when the process ends without the interpreter's end, the worker is still at it.
+Registry &registry = *std::make_unique<Registry>().release();
+
+bool mustNotWait() noexcept { return innermostCall != nullptr || collector == std::this_thread::get_id() || isWorker; }
 
 // Names the callable without running code of a script's.
 void warnOfCallable(PyObject *callable) noexcept {
@@ -59,216 +93,93 @@ void warnOfCallable(PyObject *callable) noexcept {
     PyErr_SetRaisedException(Py_XNewRef(raised.get()));
 }
 
-} // namespace
+// ------------------------------------------------------------------------------------- changes, with the mutex held
 
-// The monitor: everything in it is guarded by its mutex, and every change that somebody may wait for is notified.
-class Registry {
-public:
-    static Registry &instance() noexcept {
-        // Never destroyed: when the process ends without the interpreter's end, the worker is still in here.
-        alignas(Registry) static std::byte memory[sizeof(Registry)];
-        static Registry &registry = *new (memory) Registry;
-        return registry;
-    }
-
-    bool add(const std::shared_ptr<Registration> &registration);
-    void complete(Registration &registration, void *handle) noexcept;
-    void drop(Registration &registration) noexcept;
-    bool removeAll() noexcept;
-
-    CallableUse *beginCall(const void *callable) noexcept;
-    void endCall(CallableUse &use) noexcept;
-
-    void lockForFork() noexcept { mutex_.lock(); }
-    void unlockAfterFork() noexcept { mutex_.unlock(); }
-    void resetInChild() noexcept;
-
-private:
-    using State = Registration::State;
-
-    static int callsOfThisThread(const CallableUse &use) noexcept;
-    static bool mustNotWait() noexcept { return innermostCall != nullptr || isCollecting || isWorker; }
-
-    // With the mutex held.
-    std::shared_ptr<Registration> takeOver(Registration &registration) noexcept;
-    void startWorker() noexcept;
-    std::shared_ptr<Registration> oldestLive() const noexcept;
-    void forgetIfIdle(const CallableUse &use) noexcept;
-    void settleLocked(Registration &registration) noexcept;
-
-    // With the interpreter lock held.
-    void settle(Registration &registration) noexcept;
-    void waitUntilGone(const Registration &registration) noexcept;
-    void warnOfRemaining() noexcept;
-
-    void work() noexcept;
-    void endWorker(std::unique_lock<std::mutex> &lock) noexcept;
-
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    RegistrationList live_; // and registering; oldest first
-    RegistrationList removing_;
-    RegistrationList abandoned_;                         // a forked child's, of what its parent was removing
-    std::unordered_map<const void *, CallableUse> uses_; // by callable
-    bool ending_ = false;
-    int generation_ = 0;
-    std::thread worker_;
-    bool workerRuns_ = false;
-    bool workerEnds_ = false;
-};
-
-// --------------------------------------------------------------------------------------------------- registrations
-
-bool Registry::add(const std::shared_ptr<Registration> &registration) {
-    RegistrationList node{registration};
-    const void *callable = registration->callable_.get();
-    const auto isBeingRemoved = [this, callable] {
-        const auto found = uses_.find(callable);
-        return found != uses_.end() && found->second.isBeingRemoved;
-    };
-    std::unique_lock lock(mutex_);
-    while (isBeingRemoved() && !ending_) { // again by another thread, perhaps, once this one has the lock
-        lock.unlock();
-        unlocked([&] {
-            std::unique_lock waiting(mutex_);
-            changed_.wait(waiting, [&] { return !isBeingRemoved() || ending_; });
-        });
-        lock.lock();
-    }
-    if (ending_) {
-        return false;
-    }
-    CallableUse &use = uses_.try_emplace(callable, CallableUse{.callable = callable}).first->second;
-    ++use.live;
-    registration->use_ = &use;
-    registration->generation_ = generation_;
-    registration->place_ = node.begin();
-    live_.splice(live_.end(), node);
-    return true;
+std::shared_ptr<Registration> takeOver(Registration &registration) noexcept {
+    registration.state = Registration::State::removing;
+    --registration.use->live;
+    ++registration.use->removing;
+    registry.removing.splice(registry.removing.end(), registry.live, registration.place);
+    return *registration.place;
 }
 
-void Registry::complete(Registration &registration, void *handle) noexcept {
-    bool dropNow = false;
-    {
-        const std::lock_guard guard(mutex_);
-        registration.handle_ = handle;
-        registration.state_ = State::live;
-        dropNow = handle == nullptr || ending_;
-    }
-    if (dropNow) {
-        drop(registration);
+void forgetIfIdle(const CallableUse &use) noexcept {
+    if (use.live == 0 && use.removing == 0 && use.calls == 0) {
+        registry.uses.erase(use.callable);
     }
 }
 
-std::shared_ptr<Registration> Registry::takeOver(Registration &registration) noexcept {
-    registration.state_ = State::removing;
-    --registration.use_->live;
-    ++registration.use_->removing;
-    removing_.splice(removing_.end(), live_, registration.place_);
-    return *registration.place_;
-}
-
-void Registry::drop(Registration &registration) noexcept {
-    std::shared_ptr<Registration> taken;
-    bool callsEngine = false;
-    bool removesHere = false;
-    {
-        const std::lock_guard guard(mutex_);
-        if (registration.state_ != State::live) {
-            return;
-        }
-        taken = takeOver(registration);
-        CallableUse &use = *taken->use_;
-        taken->engine_ = engineHandle();
-        callsEngine = taken->handle_ != nullptr && taken->engine_ != nullptr && taken->generation_ == generation_;
-        const bool nobodyInside = use.live == 0 && use.removing == 1 && use.calls == callsOfThisThread(use);
-        removesHere = !callsEngine || (nobodyInside && putDisposalOff());
-        taken->isBeingRemoved_ = removesHere;
-        use.isBeingRemoved = callsEngine && removesHere;
-        if (!removesHere) {
-            startWorker();
-        }
-    }
-    if (!removesHere) {
-        changed_.notify_all();
-        if (!mustNotWait()) {
-            waitUntilGone(*taken);
-        }
-        return;
-    }
-    if (callsEngine) {
-        unlocked([&taken] { taken->remove_(taken->engine_, taken->handle_); });
-        allowDisposal();
-    }
-    settle(*taken);
-}
-
-void Registry::waitUntilGone(const Registration &registration) noexcept {
-    const bool isGone = unlocked([&] {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, waitLimit, [&] { return registration.state_ == State::gone; });
-    });
-    if (!isGone && registration.callable_) {
-        warnOfCallable(Ref(registration.callable_).get());
-    }
-}
-
-void Registry::settle(Registration &registration) noexcept {
-    // Released lastly: a finalizer may come back here, fork, or take long.
-    const Ref released = std::move(registration.callable_);
-    const std::lock_guard guard(mutex_);
-    settleLocked(registration);
-}
-
-void Registry::settleLocked(Registration &registration) noexcept {
-    CallableUse &use = *registration.use_;
-    registration.state_ = State::gone;
+void settleLocked(Registration &registration) noexcept {
+    CallableUse &use = *registration.use;
+    registration.state = Registration::State::gone;
     --use.removing;
     use.isBeingRemoved = false;
-    removing_.erase(registration.place_);
+    registry.removing.erase(registration.place);
     forgetIfIdle(use);
-    changed_.notify_all();
+    registry.changed.notify_all();
 }
 
-void Registry::forgetIfIdle(const CallableUse &use) noexcept {
-    if (use.isIdle()) {
-        uses_.erase(use.callable);
+std::shared_ptr<Registration> oldestLive() noexcept {
+    const auto found = std::find_if(registry.live.begin(), registry.live.end(),
+        [](const auto &registration) { return registration->state == Registration::State::live; });
+    return found == registry.live.end() ? nullptr : *found;
+}
+
+// ------------------------------------------------------------------------------------------ with the interpreter lock
+
+void waitUntilGone(const Registration &registration) noexcept {
+    const bool isGone = unlocked([&] {
+        std::unique_lock lock(registry.mutex);
+        return registry.changed.wait_for(
+            lock, waitLimit, [&] { return registration.state == Registration::State::gone; });
+    });
+    if (!isGone && registration.callable) {
+        warnOfCallable(Ref(registration.callable).get());
     }
 }
 
-// ------------------------------------------------------------------------------------------------------------ calls
-
-CallableUse *Registry::beginCall(const void *callable) noexcept {
-    const std::lock_guard guard(mutex_);
-    const auto found = uses_.find(callable);
-    if (found == uses_.end() || found->second.live == 0) {
-        return nullptr;
-    }
-    ++found->second.calls;
-    return &found->second;
-}
-
-void Registry::endCall(CallableUse &use) noexcept {
-    const std::lock_guard guard(mutex_);
-    --use.calls;
-    if (use.removing != 0) {
-        changed_.notify_all();
-    }
-    forgetIfIdle(use);
-}
-
-int Registry::callsOfThisThread(const CallableUse &use) noexcept {
-    int calls = 0;
-    for (const CallScope *call = innermostCall; call != nullptr; call = call->outer_) {
-        calls += call->use_ == &use ? 1 : 0;
-    }
-    return calls;
+void settle(Registration &registration) noexcept {
+    // Released lastly: a finalizer may come back here, fork, or take long.
+    const Ref released = std::move(registration.callable);
+    const std::lock_guard guard(registry.mutex);
+    settleLocked(registration);
 }
 
 // ----------------------------------------------------------------------------------------------- the removal worker
 
-void Registry::startWorker() noexcept {
-    if (workerRuns_ || workerEnds_) {
+void work() noexcept {
+    pthread_setname_np(pthread_self(), "sonetrix-remove"); // else it bears the name of the thread that made it
+    isWorker = true;
+    std::unique_lock lock(registry.mutex);
+    while (!registry.workerEnds) {
+        const auto ready =
+            std::find_if(registry.removing.begin(), registry.removing.end(), [](const auto &registration) {
+                const CallableUse &use = *registration->use;
+                return !registration->isBeingRemoved && (use.calls == 0 || use.live > 0);
+            });
+        if (ready == registry.removing.end()) {
+            registry.changed.wait(lock);
+            continue;
+        }
+        const std::shared_ptr<Registration> registration = *ready;
+        registration->isBeingRemoved = true;
+        lock.unlock();
+        registration->remove(registration->engine, registration->handle);
+        if (const EngineThreadEntry entry(EngineThreadEntry::LockOrder::ignore); entry) {
+            settle(*registration);
+            lock.lock();
+        } else {
+            lock.lock();
+            static_cast<void>(registration->callable.release()); // the interpreter's by now
+            settleLocked(*registration);
+        }
+    }
+    registry.workerRuns = false;
+    registry.changed.notify_all();
+}
+
+void startWorker() noexcept {
+    if (registry.workerRuns || registry.workerEnds) {
         return;
     }
     // Signals are for the console thread.
@@ -277,67 +188,194 @@ void Registry::startWorker() noexcept {
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &previous);
     try {
-        worker_ = std::thread([this] { work(); });
-        workerRuns_ = true;
+        registry.worker = std::thread([] { work(); });
+        registry.workerRuns = true;
     } catch (const std::system_error &) {
         // Without a thread now, the next drop tries again; this one is told to the log.
     }
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }
 
-void Registry::work() noexcept {
-    pthread_setname_np(pthread_self(), "sonetrix-remove"); // else it bears the name of the thread that made it
-    isWorker = true;
-    std::unique_lock lock(mutex_);
-    while (!workerEnds_) {
-        const auto ready = std::find_if(removing_.begin(), removing_.end(), [](const auto &registration) {
-            const CallableUse &use = *registration->use_;
-            return !registration->isBeingRemoved_ && (use.calls == 0 || use.live > 0);
-        });
-        if (ready == removing_.end()) {
-            changed_.wait(lock);
-            continue;
-        }
-        const std::shared_ptr<Registration> registration = *ready;
-        registration->isBeingRemoved_ = true;
+// It makes no engine call after this, but may still be in one that does not return.
+void endWorker(std::unique_lock<std::mutex> &lock) noexcept {
+    registry.workerEnds = true;
+    registry.changed.notify_all();
+    const bool ended = registry.changed.wait_for(lock, workerEndLimit, [] { return !registry.workerRuns; });
+    if (registry.worker.joinable()) {
         lock.unlock();
-        registration->remove_(registration->engine_, registration->handle_);
-        if (const EngineThreadEntry entry(EngineThreadEntry::LockOrder::ignore); entry) {
-            settle(*registration);
-            lock.lock();
-        } else {
-            lock.lock();
-            static_cast<void>(registration->callable_.release()); // the interpreter's by now
-            settleLocked(*registration);
+        ended ? registry.worker.join() : registry.worker.detach();
+        lock.lock();
+    }
+}
+
+void warnOfRemaining() noexcept {
+    RegistrationList remaining;
+    try {
+        const std::lock_guard guard(registry.mutex);
+        remaining = registry.removing;
+    } catch (const std::bad_alloc &) {
+        return;
+    }
+    for (const std::shared_ptr<Registration> &registration : remaining) {
+        if (const Ref callable = registration->callable) {
+            warnOfCallable(callable.get());
         }
     }
-    workerRuns_ = false;
-    changed_.notify_all();
 }
+
+bool add(const std::shared_ptr<Registration> &registration) {
+    RegistrationList node{registration};
+    const void *callable = registration->callable.get();
+    const auto isBeingRemoved = [callable] {
+        const auto found = registry.uses.find(callable);
+        return found != registry.uses.end() && found->second.isBeingRemoved;
+    };
+    std::unique_lock lock(registry.mutex);
+    while (isBeingRemoved() && !registry.ending) { // again by another thread, perhaps, once this one has the lock
+        lock.unlock();
+        unlocked([&] {
+            std::unique_lock waiting(registry.mutex);
+            registry.changed.wait(waiting, [&] { return !isBeingRemoved() || registry.ending; });
+        });
+        lock.lock();
+    }
+    if (registry.ending) {
+        return false;
+    }
+    CallableUse &use = registry.uses.try_emplace(callable, CallableUse{.callable = callable}).first->second;
+    ++use.live;
+    registration->use = &use;
+    registration->generation = registry.generation;
+    registration->place = node.begin();
+    registry.live.splice(registry.live.end(), node);
+    return true;
+}
+
+} // namespace
+
+// ------------------------------------------------------------------------------------------------------------ calls
+
+int callsOfThisThread(const CallableUse &use) noexcept {
+    int calls = 0;
+    for (const CallScope *call = innermostCall; call != nullptr; call = call->outer_) {
+        calls += call->use_ == &use ? 1 : 0;
+    }
+    return calls;
+}
+
+CallScope::CallScope(void *user) noexcept {
+    {
+        const std::lock_guard guard(registry.mutex);
+        const auto found = registry.uses.find(user);
+        if (found == registry.uses.end() || found->second.live == 0) {
+            return;
+        }
+        use_ = &found->second;
+        ++use_->calls;
+    }
+    callable_ = Ref::borrow(static_cast<PyObject *>(user));
+    outer_ = std::exchange(innermostCall, this);
+}
+
+CallScope::~CallScope() {
+    if (use_ == nullptr) {
+        return;
+    }
+    callable_.reset(); // with the last reference go other objects, from inside the call
+    innermostCall = outer_;
+    const std::lock_guard guard(registry.mutex);
+    --use_->calls;
+    if (use_->removing != 0) {
+        registry.changed.notify_all();
+    }
+    forgetIfIdle(*use_);
+}
+
+void setCollecting(bool collecting) noexcept {
+    collector = collecting ? std::this_thread::get_id() : std::thread::id();
+}
+
+// --------------------------------------------------------------------------------------------------- registrations
+
+std::shared_ptr<Registration> beginRegistration(RemoveFunction remove, PyObject *callable) {
+    auto registration = std::make_shared<Registration>();
+    registration->remove = remove;
+    registration->callable = Ref::borrow(callable);
+    return add(registration) ? registration : nullptr;
+}
+
+void completeRegistration(Registration &registration, void *handle) noexcept {
+    bool dropNow = false;
+    {
+        const std::lock_guard guard(registry.mutex);
+        registration.handle = handle;
+        registration.state = Registration::State::live;
+        dropNow = handle == nullptr || registry.ending;
+    }
+    if (dropNow) {
+        dropRegistration(registration);
+    }
+}
+
+void dropRegistration(Registration &registration) noexcept {
+    std::shared_ptr<Registration> taken;
+    bool callsEngine = false;
+    bool removesHere = false;
+    {
+        const std::lock_guard guard(registry.mutex);
+        if (registration.state != Registration::State::live) {
+            return;
+        }
+        taken = takeOver(registration);
+        CallableUse &use = *taken->use;
+        taken->engine = engineHandle();
+        callsEngine = taken->handle != nullptr && taken->engine != nullptr && taken->generation == registry.generation;
+        const bool nobodyInside = use.live == 0 && use.removing == 1 && use.calls == callsOfThisThread(use);
+        removesHere = !callsEngine || (nobodyInside && putDisposalOff());
+        taken->isBeingRemoved = removesHere;
+        use.isBeingRemoved = callsEngine && removesHere;
+        if (!removesHere) {
+            startWorker();
+        }
+    }
+    if (!removesHere) {
+        registry.changed.notify_all();
+        if (!mustNotWait()) {
+            waitUntilGone(*taken);
+        }
+        return;
+    }
+    if (callsEngine) {
+        unlocked([&taken] { taken->remove(taken->engine, taken->handle); });
+        allowDisposal();
+    }
+    settle(*taken);
+}
+
+PyObject *ownedCallable(const Registration &registration) noexcept {
+    return registration.state <= Registration::State::live ? registration.callable.get() : nullptr;
+}
+
+bool isRegistered(const Registration &registration) noexcept { return registration.handle != nullptr; }
 
 // ---------------------------------------------------------------------------------------------------------- the end
 
-std::shared_ptr<Registration> Registry::oldestLive() const noexcept {
-    const auto found = std::find_if(
-        live_.begin(), live_.end(), [](const auto &registration) { return registration->state_ == State::live; });
-    return found == live_.end() ? nullptr : *found;
-}
-
-bool Registry::removeAll() noexcept {
+bool removeAllRegistrations() noexcept {
     const bool wasWorker = std::exchange(isWorker, true); // no drop waits by itself
-    std::unique_lock lock(mutex_);
-    ending_ = true;
-    changed_.notify_all();
+    std::unique_lock lock(registry.mutex);
+    registry.ending = true;
+    registry.changed.notify_all();
     while (const std::shared_ptr<Registration> oldest = oldestLive()) {
         lock.unlock();
-        drop(*oldest);
+        dropRegistration(*oldest);
         lock.lock();
     }
     lock.unlock();
     isWorker = wasWorker;
-    const bool complete = unlocked([this] {
-        std::unique_lock waiting(mutex_);
-        const bool all = changed_.wait_for(waiting, waitLimit, [this] { return live_.empty() && removing_.empty(); });
+    const bool complete = unlocked([] {
+        std::unique_lock waiting(registry.mutex);
+        const bool all = registry.changed.wait_for(
+            waiting, waitLimit, [] { return registry.live.empty() && registry.removing.empty(); });
         endWorker(waiting);
         return all;
     });
@@ -347,84 +385,21 @@ bool Registry::removeAll() noexcept {
     return complete;
 }
 
-// It makes no engine call after this, but may still be in one that does not return.
-void Registry::endWorker(std::unique_lock<std::mutex> &lock) noexcept {
-    workerEnds_ = true;
-    changed_.notify_all();
-    const bool ended = changed_.wait_for(lock, workerEndLimit, [this] { return !workerRuns_; });
-    if (worker_.joinable()) {
-        lock.unlock();
-        ended ? worker_.join() : worker_.detach();
-        lock.lock();
-    }
-}
-
-void Registry::warnOfRemaining() noexcept {
-    RegistrationList remaining;
-    try {
-        const std::lock_guard guard(mutex_);
-        remaining = removing_;
-    } catch (const std::bad_alloc &) {
-        return;
-    }
-    for (const std::shared_ptr<Registration> &registration : remaining) {
-        if (const Ref callable = registration->callable_) {
-            warnOfCallable(callable.get());
-        }
-    }
-}
-
-void Registry::resetInChild() noexcept {
-    new (&changed_) std::condition_variable; // those who waited are the parent's
-    new (&worker_) std::thread;
-    workerRuns_ = false;
-    ++generation_;
-    abandoned_.splice(abandoned_.end(), removing_);
-    for (auto &[callable, use] : uses_) {
-        use.removing = 0;
-        use.calls = callsOfThisThread(use);
-        use.isBeingRemoved = false;
-    }
-    mutex_.unlock();
-}
-
-// --------------------------------------------------------------------------------------------------- the interface
-
-Registration::Registration(RemoveFunction remove, PyObject *callable) noexcept
-    : remove_(remove), callable_(Ref::borrow(callable)) {}
-
-std::shared_ptr<Registration> Registration::make(RemoveFunction remove, PyObject *callable) {
-    auto registration = std::make_shared<Registration>(remove, callable);
-    return Registry::instance().add(registration) ? registration : nullptr;
-}
-
-void Registration::complete(void *handle) noexcept { Registry::instance().complete(*this, handle); }
-
-void Registration::drop() noexcept { Registry::instance().drop(*this); }
-
-CallScope::CallScope(void *user) noexcept : use_(Registry::instance().beginCall(user)) {
-    if (use_ != nullptr) {
-        callable_ = Ref::borrow(static_cast<PyObject *>(user));
-        outer_ = std::exchange(innermostCall, this);
-    }
-}
-
-CallScope::~CallScope() {
-    if (use_ != nullptr) {
-        callable_.reset(); // with the last reference go other objects, from inside the call
-        innermostCall = outer_;
-        Registry::instance().endCall(*use_);
-    }
-}
-
-void setCollecting(bool collecting) noexcept { isCollecting = collecting; }
-
-bool removeAllRegistrations() noexcept { return Registry::instance().removeAll(); }
-
 void watchForksOfRegistrations() noexcept {
-    Registry::instance();
-    pthread_atfork([] { Registry::instance().lockForFork(); }, [] { Registry::instance().unlockAfterFork(); },
-        [] { Registry::instance().resetInChild(); });
+    const auto resetInChild = [] {
+        new (&registry.changed) std::condition_variable; // those who waited are the parent's
+        new (&registry.worker) std::thread;
+        registry.workerRuns = false;
+        ++registry.generation;
+        registry.abandoned.splice(registry.abandoned.end(), registry.removing);
+        for (auto &[callable, use] : registry.uses) {
+            use.removing = 0;
+            use.calls = callsOfThisThread(use);
+            use.isBeingRemoved = false;
+        }
+        registry.mutex.unlock();
+    };
+    pthread_atfork([] { registry.mutex.lock(); }, [] { registry.mutex.unlock(); }, resetInChild);
 }
 
 } // namespace sonetrix

@@ -38,49 +38,29 @@
 
 #include <sonetrix/engine_api.h>
 
-#include <list>
 #include <memory>
 
 namespace sonetrix {
 
-class Registration;
+struct Registration;
 struct CallableUse;
 
 // The engine's function that removes a registration.
 using RemoveFunction = void (*)(sonetrix_engine_t *engine, void *handle);
-using RegistrationList = std::list<std::shared_ptr<Registration>>;
 
 // All of it needs the interpreter lock; what waits gives it up meanwhile.
-class Registration {
-public:
-    // In state registering, or null when the interpreter is ending. Throws std::bad_alloc.
-    static std::shared_ptr<Registration> make(RemoveFunction remove, PyObject *callable);
-    Registration(RemoveFunction remove, PyObject *callable) noexcept;
 
-    // The engine's answer; null is a refusal.
-    void complete(void *handle) noexcept;
-    // Its owner drops it. Nothing happens unless it is live.
-    void drop() noexcept;
+// A registration in state registering, or null when the interpreter is ending. Throws std::bad_alloc.
+std::shared_ptr<Registration> beginRegistration(RemoveFunction remove, PyObject *callable);
+// The engine's answer; null is a refusal.
+void completeRegistration(Registration &registration, void *handle) noexcept;
+// Its owner drops it. Nothing happens unless it is live.
+void dropRegistration(Registration &registration) noexcept;
 
-    // The callable as long as it is the owner's: for the garbage collector.
-    PyObject *ownedCallable() const noexcept { return state_ <= State::live ? callable_.get() : nullptr; }
-    // False when the engine refused it.
-    bool isRegistered() const noexcept { return handle_ != nullptr; }
-
-private:
-    friend class Registry;
-    enum class State { registering, live, removing, gone };
-
-    State state_ = State::registering;
-    bool isBeingRemoved_ = false; // by the engine's function
-    int generation_ = 0;          // of the process that made it
-    RemoveFunction remove_;
-    sonetrix_engine_t *engine_ = nullptr;
-    void *handle_ = nullptr;
-    Ref callable_;
-    CallableUse *use_ = nullptr;
-    RegistrationList::iterator place_;
-};
+// The callable as long as it is the owner's: for the garbage collector.
+PyObject *ownedCallable(const Registration &registration) noexcept;
+// False when the engine refused it.
+bool isRegistered(const Registration &registration) noexcept;
 
 // One call of a callable on the calling thread, which holds the interpreter lock.
 class CallScope : NonCopyable {
@@ -94,14 +74,14 @@ public:
     PyObject *callable() const noexcept { return callable_.get(); }
 
 private:
-    friend class Registry;
+    friend int callsOfThisThread(const CallableUse &use) noexcept;
 
     CallableUse *use_ = nullptr;
     Ref callable_;
     CallScope *outer_ = nullptr;
 };
 
-// Says that the garbage collector begins, or ends, a collection on this thread.
+// Says that the garbage collector begins a collection on this thread, or that there is none.
 void setCollecting(bool collecting) noexcept;
 
 // The end of all registrations; see above. False when some are not gone after five seconds.

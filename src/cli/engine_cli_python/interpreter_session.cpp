@@ -69,13 +69,13 @@ void runScriptFile(const char *path) noexcept {
 // Frees a string of the record and clears its field.
 void consume(char *&text) noexcept { std::free(std::exchange(text, nullptr)); }
 
-void runOrWarn(const char *code, const LogFormat &warning) noexcept {
+void runOrLog(const char *code, const LogFormat &warning) noexcept {
     if (PyRun_SimpleString(code) != 0) {
         log(SONETRIX_LOG_WARN, warning);
     }
 }
 
-void clearNamespace() noexcept { runOrWarn("globals().clear()\n", "problem while cleaning up CLI global variables"); }
+void clearNamespace() noexcept { runOrLog("globals().clear()\n", "problem while cleaning up CLI global variables"); }
 
 // Ahead of finalisation, which would run them: until now they can count on this library's functions.
 void runExitHandlers() noexcept {
@@ -134,7 +134,7 @@ void startInterpreter(const sonetrix_cliModule_t &module) noexcept {
     ready = true;
     const GilHeld held;
     installExceptHook();
-    runOrWarn("from sonetrix import *", "error importing sonetrix");
+    runOrLog("from sonetrix import *", "error importing sonetrix");
 }
 
 bool interpreterIsReady() noexcept { return ready; }
@@ -148,8 +148,8 @@ void setUpConsole(sonetrix_cliModule_t &module) noexcept {
     if (module.sigintMode != 0) {
         unblocked.emplace(SIG_UNBLOCK, std::initializer_list<int>{SIGINT});
     }
-    runOrWarn(promptScript, "problem settings python prompt");
-    runOrWarn(pagerScript, "problem settings python fix for help pager method");
+    runOrLog(promptScript, "problem settings python prompt");
+    runOrLog(pagerScript, "problem settings python fix for help pager method");
     if (module.startCode != nullptr) {
         runStatement([&] { return PyRun_SimpleString(module.startCode); });
         consume(module.startCode);

@@ -50,6 +50,12 @@ SignalMask::SignalMask(int how, std::initializer_list<int> signals) noexcept {
 
 SignalMask::~SignalMask() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
 
+StopRequest::StopRequest() noexcept {
+    // A script that forks while a request is being sent: the child's mutex is free, too.
+    pthread_atfork(
+        [] { instance().mutex_.lock(); }, [] { instance().mutex_.unlock(); }, [] { instance().mutex_.unlock(); });
+}
+
 StopRequest &StopRequest::instance() noexcept {
     static StopRequest request;
     return request;

@@ -68,6 +68,7 @@ public:
     bool hasInterruptedConsole() noexcept;
 
 private:
+    StopRequest() noexcept;
     void startTimer(bool on) noexcept;
 
     std::mutex mutex_;   // held for the time of a signal, never while anything waits for the console
