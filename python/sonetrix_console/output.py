@@ -143,12 +143,16 @@ class _Console:
         # In any other frame it is a completion that runs, or the line is not there yet or not any more.
         if self.prompt is None or frame is not self._reader:
             return
-        text = self.take()
-        if text and self._editor is not None:
-            self._editor.print_above(text)
-        elif text:
-            typed = readline.get_line_buffer() if readline is not None else ""
-            self._write(b"\n" + text + (self.prompt + typed).encode(errors="replace"))
+        before = signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGINT])  # which would leave it half done
+        try:
+            text = self.take()
+            if text and self._editor is not None:
+                self._editor.print_above(text)
+            elif text:
+                typed = readline.get_line_buffer() if readline is not None else ""
+                self._write(b"\n" + text + (self.prompt + typed).encode(errors="replace"))
+        finally:
+            signal.pthread_sigmask(signal.SIG_SETMASK, before)
 
 
 class Stream:

@@ -82,6 +82,8 @@ def install() -> None:
 
     def show_trimmed(kind: type[BaseException], error: BaseException, traceback: TracebackType | None) -> None:
         trim(error, traceback)
+        if traceback and traceback.tb_frame.f_code.co_filename == output.__file__:  # where Ctrl-C has struck at the prompt
+            error, traceback = error.with_traceback(None), None
         show_error(kind, error, traceback)
 
     sys.displayhook, sys.excepthook = display, show_trimmed

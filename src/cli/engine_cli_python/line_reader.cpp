@@ -30,6 +30,9 @@ Ref callLineHook(const char *prompt, const char *line) noexcept {
         result = PyUnicode_Check(result.get()) ? checked(PyUnicode_EncodeFSDefault(result.get())) : Ref();
     } catch (const PythonError &) {
         if (PyErr_ExceptionMatches(PyExc_KeyboardInterrupt) != 0) {
+            Ref interrupt = Ref::steal(PyErr_GetRaisedException());
+            PyException_SetTraceback(interrupt.get(), Py_None); // it is the line that is interrupted, not the hook
+            PyErr_SetRaisedException(interrupt.release());
             return {};
         }
         reportUnraisable("sys.linehook");
