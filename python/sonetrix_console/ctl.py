@@ -5,7 +5,6 @@ A plain client in this one file, which needs neither the package nor an engine o
 the messages.
 """
 
-import argparse
 import ast
 import contextlib
 import fcntl
@@ -13,7 +12,6 @@ import json
 import os
 import re
 import select
-import shutil
 import signal
 import socket
 import struct
@@ -100,7 +98,8 @@ class Terminal:
         """None where one of them is none."""
         if not (sys.stdin.isatty() and sys.stdout.isatty()):
             return None
-        return (*shutil.get_terminal_size(), os.environ.get("TERM", "dumb"))
+        columns, lines = os.get_terminal_size()
+        return columns or 80, lines or 24, os.environ.get("TERM", "dumb")
 
     def typed(self, seconds: float = 0) -> str | None:
         """The next key within that time, "" at the end of input."""
@@ -246,7 +245,7 @@ def pair(text: str) -> tuple[str, Any]:
     """The key of KEY=VALUE, and the number that the value is, or its text."""
     key, equals, value = text.partition("=")
     if not equals:
-        raise argparse.ArgumentTypeError(f"{text!r} is not KEY=VALUE")
+        raise ValueError
     with contextlib.suppress(SyntaxError, ValueError):
         if isinstance(number := ast.literal_eval(value), (int, float)):
             return key, number
@@ -300,13 +299,14 @@ COMMANDS = {
 }
 
 
-class Parser(argparse.ArgumentParser):
-    def error(self, message: str) -> NoReturn:
-        self.print_usage(sys.stderr)
-        self.exit(USAGE, f"sonetrix-ctl: {message}\n")
+def parse() -> dict[str, Any]:
+    import argparse  # only here: the engine's console, which uses this file, too, would wait for it
 
+    class Parser(argparse.ArgumentParser):
+        def error(self, message: str) -> NoReturn:
+            self.print_usage(sys.stderr)
+            self.exit(USAGE, f"sonetrix-ctl: {message}\n")
 
-def parse() -> argparse.Namespace:
     common = Parser(add_help=False, argument_default=argparse.SUPPRESS)
     common.add_argument("--socket", metavar="PATH",
                         help="where the engine listens ($SONETRIX_SOCKET, else in the user's runtime folder)")
@@ -323,24 +323,24 @@ def parse() -> argparse.Namespace:
             optional: dict[str, Any] = {"nargs": counts[marks], "default": ""} if marks else {}
             command.add_argument(argument.strip("[]."), type=pair if "=" in argument else str, **optional)
     path = os.environ.get("SONETRIX_SOCKET") or default_socket()
-    return parser.parse_args(namespace=argparse.Namespace(socket=path, json=False))
+    return vars(parser.parse_args(namespace=argparse.Namespace(socket=path, json=False)))
 
 
-def perform(connection: Connection, options: argparse.Namespace) -> int:
-    command, given = options.command, vars(options)
+def perform(connection: Connection, given: dict[str, Any]) -> int:
+    command = given["command"]
     if command == "repl":
         return repl(connection)
     shown, data = (text.format(**given) for text in COMMANDS[command][2:])
     if command in ("run", "load"):
-        name = os.path.abspath(options.FILE) if options.FILE != "-" else "<stdin>"
-        answer = connection.run(read_file(options.FILE), name=name, space="own", arguments=given.get("ARGUMENT", []))
-    elif command == "eval" and not options.json:
-        answer = connection.run(options.TEXT)
-    elif shown and not options.json:
+        name = os.path.abspath(given["FILE"]) if given["FILE"] != "-" else "<stdin>"
+        answer = connection.run(read_file(given["FILE"]), name=name, space="own", arguments=given.get("ARGUMENT", []))
+    elif command == "eval" and not given["json"]:
+        answer = connection.run(given["TEXT"])
+    elif shown and not given["json"]:
         answer = connection.run(shown, space="words")
     else:
         answer = connection.run(data, data=True, space="console" if command == "eval" else "words")
-        if options.json and "value" in answer:
+        if given["json"] and "value" in answer:
             print(json.dumps(answer["value"]))
         elif command in ("get", "ports", "save") and "value" in answer:
             show(answer["value"], given.get("FILE") or "")
@@ -351,18 +351,18 @@ def main() -> int:
     signal.signal(signal.SIGPIPE, signal.SIG_DFL)  # of `sonetrix-ctl ports | head`
     for stream in (sys.stdout, sys.stderr):
         getattr(stream, "reconfigure")(errors="replace")
-    options = parse()
+    given = parse()
     try:
-        with contextlib.closing(Connection(options.socket)) as connection:
-            return perform(connection, options)
+        with contextlib.closing(Connection(given["socket"])) as connection:
+            return perform(connection, given)
     except EngineGone:
         print("sonetrix-ctl: the engine has ended", file=sys.stderr)
         return UNAVAILABLE
     except OSError as error:
-        print(f"sonetrix-ctl: {error.filename or options.socket}: {error.strerror or error}", file=sys.stderr)
+        print(f"sonetrix-ctl: {error.filename or given['socket']}: {error.strerror or error}", file=sys.stderr)
         return NO_FILE if error.filename else UNAVAILABLE
     except UnicodeError as error:
-        print(f"sonetrix-ctl: {options.FILE}: {error}", file=sys.stderr)
+        print(f"sonetrix-ctl: {given['FILE']}: {error}", file=sys.stderr)
         return NO_FILE
     except KeyboardInterrupt:
         return INTERRUPTED

@@ -2,7 +2,6 @@
 
 import inspect
 import pydoc
-import shutil
 import sys
 import textwrap
 from typing import Any
@@ -31,6 +30,8 @@ def help(*about: Any) -> None:
     if about:
         pydoc.help(*about)
         return
+    import shutil  # only here: it takes its time
+
     width = min(shutil.get_terminal_size().columns, 100)
     for task, functions in _TASKS.items():
         print(task)
