@@ -42,6 +42,8 @@ bool Timers::advanceTo(Time rendered) {
     std::unique_lock lock(mutex_);
     const uint64_t before = calls_;
     rendered_ = rendered;
+    if (!calling_ && !isDue())
+        return false; // as after almost every block: nobody is woken
     changed_.notify_all();
     changed_.wait(lock, thread_.stopToken(), [this] { return !calling_ && !isDue(); });
     return calls_ != before;

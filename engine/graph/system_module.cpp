@@ -6,6 +6,7 @@
 #include <span>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 namespace sonetrix::dev {
 
@@ -67,7 +68,8 @@ void SystemModule::capture(uint32_t frames) noexcept {
     if (offline_)
         player_.pump();
     const bool plays = player_.read({output(0), output(1)}, frames);
-    for (size_t channel = 0; channel < channelCount; ++channel) {
+    const bool wasSilent = std::exchange(isSilent_, !plays && deviceBuffers_.captured == DeviceBuffers().captured);
+    for (size_t channel = 0; channel < channelCount && !(isSilent_ && wasSilent); ++channel) {
         float *out = output(channel);
         if (const float *captured = deviceBuffers_.captured[channel]; captured != nullptr && !plays)
             std::copy_n(captured, frames, out);

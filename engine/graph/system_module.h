@@ -60,6 +60,7 @@ private:
     uint32_t wanted_;
     DeviceBuffers deviceBuffers_;
     Levels levels_;
+    bool isSilent_ = true; // what the capture ports carry
     Player player_;
     Recorder recorder_;
     // Reads and writes the files: the audio thread must not even wake somebody.

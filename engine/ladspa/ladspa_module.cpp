@@ -3,7 +3,6 @@
 #include "refusal.h"
 
 #include <algorithm>
-#include <deque>
 #include <fmt/ranges.h>
 #include <mutex>
 #include <utility>
@@ -26,10 +25,11 @@ public:
           origin_{plugin.library, configuration != nullptr ? *configuration : ListKeyValue()},
           smoothing_(smoothing),
           rate_(static_cast<float>(format.rate)),
+          controls_(plugin.controls.size()),
           controlOutputs_(plugin.outputs.size()),
           connected_(plugin.sinks.size(), nullptr) {
-        for (const auto &control : plugin.controls)
-            controls_.emplace_back(control.initial);
+        for (size_t i = 0; i < controls_.size(); ++i)
+            initialise(i, plugin.controls[i].initial);
         for (const sonetrix_keyValue_t &entry : origin_.configuration)
             configure(entry);
 
@@ -92,12 +92,10 @@ public:
 
 private:
     struct Control {
-        explicit Control(float initial) : value(initial), current(initial), goal(initial) {}
-
         std::atomic<float> value; // what scripts write
         // The audio thread's:
-        float current; // what the plugin reads
-        float goal;
+        float current = 0; // what the plugin reads
+        float goal = 0;
         uint32_t left = 0; // frames until it is there
     };
     struct ControlOutput {
@@ -118,8 +116,11 @@ private:
         if (!value)
             throw Refusal(statusRange,
                 inQuotes(entry.key) + " takes " + found->domain.text() + ", not " + valueText(entry.value));
-        Control &control = controls_[static_cast<size_t>(found - known.begin())];
-        control.value = control.current = control.goal = value->as.float32;
+        initialise(static_cast<size_t>(found - known.begin()), value->as.float32);
+    }
+    void initialise(size_t index, float value) noexcept {
+        Control &control = controls_[index];
+        control.value = control.current = control.goal = value;
     }
 
     /// Audio thread. Whether a control is on its way.
@@ -166,8 +167,8 @@ private:
     const Origin origin_;
     const std::atomic<float> &smoothing_;
     const float rate_;
-    std::deque<Control> controls_;
-    std::deque<ControlOutput> controlOutputs_;
+    std::vector<Control> controls_;
+    std::vector<ControlOutput> controlOutputs_;
     std::vector<const float *> connected_; // what the plugin's audio inputs point to
     LADSPA_Handle handle_ = nullptr;
 };
