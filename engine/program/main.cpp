@@ -58,10 +58,8 @@ int end(CliModule &module, Engine &engine, TerminationSignals &signals, int32_t 
     }
     // The module holds the interpreter's lock until it is destroyed, and engine threads may be waiting for it.
     engine.requestStop();
-    signals.setStatus(statusOf(engine, ran));
     module.destroy();
-    signals.setStatus(statusOf(engine, ran));
-    signals.endAtOnce();
+    signals.expectNothing();
     if (!engine.join(lastWait)) {
         sonetrix_log(SONETRIX_LOG_ERROR, __FILE__, __LINE__, 1, "a callback does not return: ending without it");
         std::fflush(nullptr);
@@ -98,7 +96,11 @@ int runEngine(ProgramOptions options) {
     if (pythonInterrupts)
         std::signal(SIGINT, SIG_DFL);
     std::atomic<bool> starts{false};
-    TerminationSignals signals(!pythonInterrupts, [&] { engine.requestStop(); });
+    TerminationSignals signals(!pythonInterrupts, [&](int signal, bool again) {
+        if (again) // who asks twice is in a hurry
+            ::_exit(engine.exitCode().value_or(128 + signal));
+        engine.requestStop();
+    });
     engine.setStopHook([&, console = ::pthread_self()] {
         module.stop();
         // Asked to end by a signal, the program does not wait for a script; one that has called `exit` runs on.

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <csignal>
 #include <functional>
-#include <optional>
 #include <pthread.h>
 #include <semaphore.h>
 #include <unistd.h>
@@ -20,12 +19,14 @@ inline struct sigaction dispositionOf(int signal) noexcept {
     return current;
 }
 
-/// Turns SIGTERM and SIGHUP, and SIGINT if wanted, into a call of `requested` on a thread of its own. After the first,
-/// another one from outside ends the process at once. The handlers stay for the life of the process; there is one
-/// object at a time.
+/// Turns SIGTERM and SIGHUP, and SIGINT if wanted, into calls on a thread of its own. The handlers stay for the life of
+/// the process; there is one object at a time.
 class TerminationSignals {
 public:
-    TerminationSignals(bool withInterrupt, std::function<void()> requested) : requested_(std::move(requested)) {
+    /// `again`: it is not the first one, or there is nothing left to do but to wait.
+    using Arrival = std::function<void(int signal, bool again)>;
+
+    TerminationSignals(bool withInterrupt, Arrival onArrival) : onArrival_(std::move(onArrival)) {
         ::sem_init(&arrived, 0, 0);
         ::pthread_atfork(nullptr, nullptr, onFork);
         thread_.start();
@@ -43,10 +44,8 @@ public:
         thread_.join();
     }
 
-    /// The status to end with, in place of the usual one of a signal.
-    void setStatus(int status) noexcept { status_ = status; }
-    /// Nothing is left to do but to wait: any of the signals, SIGINT among them, ends the process at once from now on.
-    void endAtOnce() {
+    /// Nothing is left to do but to wait, and SIGINT belongs to those signals from now on.
+    void expectNothing() {
         received_ = true;
         handle(SIGINT);
     }
@@ -81,17 +80,14 @@ private:
         }
         if (stop.stop_requested())
             return;
-        if (received_.exchange(true))
-            ::_exit(status_.load().value_or(128 + newest));
-        requested_();
+        onArrival_(newest, received_.exchange(true));
     }
 
     static inline std::atomic<int> newest{0};
     static inline sem_t arrived; // the only way of waking a thread that a signal handler has
 
-    const std::function<void()> requested_;
+    const Arrival onArrival_;
     std::atomic<bool> received_{false};
-    std::atomic<std::optional<int>> status_{std::nullopt};
     Thread thread_{"sonetrix-signal", [this](const std::stop_token &stop) { round(stop); }};
 };
 

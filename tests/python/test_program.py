@@ -18,10 +18,10 @@ from support.programs import OUTLIVED, run_engine, run_script
 
 
 @contextlib.contextmanager
-def running(*arguments, stdin=subprocess.DEVNULL, **options):
+def running(*arguments, stdin=subprocess.DEVNULL, **environment):
     """The program, once it has printed a line."""
     with subprocess.Popen([ENGINE, *arguments], stdin=stdin, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                          text=True, **options) as process:
+                          text=True, env=os.environ | environment) as process:
         try:
             process.stdout.readline()
             yield process
@@ -36,16 +36,14 @@ def outcome(process):
 
 class Options(unittest.TestCase):
     def test_exit_statuses(self):
-        cases = [
+        for arguments, status, words in [
             (["--no-such"], 64, "--no-such"), (["--rate"], 64, "--rate"), (["--log-level", "loud"], 64, "--log-level"),
             (["--offline", "-1"], 64, "--offline"), (["--set", "=1"], 64, "KEY=VALUE"), (["--set", "a:bool=1"], 64, "bool"),
             (["--set", "a:int32=2147483648"], 64, "a:int32=2147483648"), (["--set", "a:uint32=-1"], 64, "a:uint32=-1"),
-            (["no/such/script.py"], 66, "no/such/script.py"), (["/"], 66, "/"),
-            (["--module", "no/such.so", "-c", "pass"], 69, "no/such.so"),
-            (["--rate", "1", "-c", "pass"], 70, "rate"), (["--block", "15", "-c", "pass"], 70, "block"),
-            (["--input", "no/such.wav", "-c", "pass"], 70, "no/such.wav"), (["--record", "no/such.wav", "-c", "pass"], 70, "no/such.wav"),
-        ]
-        for arguments, status, words in cases:
+            (["no/such/script.py"], 66, "no/such/script.py"), (["/"], 66, "/"), (["--module", "no/such.so"], 69, "no/such.so"),
+            (["--rate", "1"], 70, "rate"), (["--block", "15"], 70, "block"),
+            (["--input", "no/such.wav"], 70, "no/such.wav"), (["--record", "no/such.wav"], 70, "no/such.wav"),
+        ]:
             with self.subTest(arguments):
                 result = run_engine(*arguments)
                 self.assertEqual((result.returncode, result.stdout), (status, ""))
@@ -54,45 +52,42 @@ class Options(unittest.TestCase):
             self.assertIn("sonetrix-engine", run_engine(option).stdout)
 
     def test_start_parameters_are_typed(self):
-        cases = {"a=1": (1, "int32"), "a=4294967295": (4294967295, "uint32"), "a=4294967296": (b"4294967296", "string"),
-                 "a=-.5e2": (-50.0, "float"), "a=nan": (b"nan", "string"), "a=b=c": (b"b=c", "string"),
-                 "a:uint32=5": (5, "uint32"), "a:double=0.1": (0.1, "double"), "a:string=5": (b"5", "string")}
-        for setting, expected in cases.items():
+        for setting, expected in {
+            "a=1": (1, "int32"), "a=4294967295": (4294967295, "uint32"), "a=4294967296": (b"4294967296", "string"),
+            "a=-.5e2": (-50.0, "float"), "a=nan": (b"nan", "string"), "a=b=c": (b"b=c", "string"),
+            "a:uint32=5": (5, "uint32"), "a:double=0.1": (0.1, "double"), "a:string=5": (b"5", "string"),
+        }.items():
             with self.subTest(setting):
-                result = run_script("import sys; print(engine.param().toDictType()[b'a'], b'b' in engine.param().toDict())",
+                result = run_script("print(engine.param().toDictType()[b'a'], b'b' in engine.param().toDict())",
                                     "--set", "b=1", "--set", setting)
                 self.assertEqual((result.stdout, result.stderr), (f"{expected} True\n", ""))
 
 
 class Scripts(unittest.TestCase):
     def test_status(self):
-        cases = [("pass", 0), ("exit(7)", 7), ("exit(0)\n1/0", 1), ("import sys; sys.exit(5)", 5), ("raise SystemExit", 0),
-                 ("1/0", 1), ("x = (", 1), ("raise KeyboardInterrupt", 130), ("exit(3)\ntime.sleep(.2)\nprint('on')", 3)]
-        ways = [("file", run_script), ("-c", lambda text: run_engine("-c", text)),
-                ("standard input", lambda text: run_engine(text_input=text))]
-        for source, status in cases:
-            for way, run in ways[:3 if source in ("pass", "1/0", "exit(7)") else 2]:
+        cases = [("pass", 0), ("exit(7)", 7), ("1/0", 1), ("exit(0)\n1/0", 1), ("import sys; sys.exit(5)", 5), ("raise SystemExit", 0),
+                 ("x = (", 1), ("raise KeyboardInterrupt", 130), ("exit(3)\ntime.sleep(.2)\nprint('on')", 3)]
+        ways = run_script, lambda text: run_engine("-c", text), lambda text: run_engine(text_input=text)
+        for index, (source, status) in enumerate(cases):
+            for way, run in enumerate(ways[:3 if index < 3 else 2]):
                 with self.subTest(source, way=way):
                     self.assertEqual(run(source).returncode, status)
 
-    def test_what_a_script_finds(self):
-        with tempfile.TemporaryDirectory() as folder:
-            script = pathlib.Path(folder, "script.py")
-            pathlib.Path(folder, "beside.py").write_text("name = 'found'")
-            script.write_bytes("# coding: latin-1\nimport multiprocessing, sys, beside\nif __name__ == '__main__':\n"
-                               "  print(sys.argv[1:], __file__ == sys.argv[0], beside.name, 'ä', first)\n"
-                               "  print(multiprocessing.get_context('spawn').Pool(1).map(abs, [-1]))\n".encode("latin-1"))
-            result = run_engine("-c", "first = 1", script, "--one", "-i", "two")
+    def test_what_a_script_finds_and_its_tracebacks(self):
+        folder = self.enterContext(tempfile.TemporaryDirectory())
+        script = pathlib.Path(folder, "script.py")
+        pathlib.Path(folder, "beside.py").write_text("name = 'found'")
+        script.write_bytes("# coding: latin-1\nimport multiprocessing, sys, beside\nif __name__ == '__main__':\n"
+                           "  print(sys.argv[1:], __file__ == sys.argv[0], beside.name, 'ä', first)\n"
+                           "  print(multiprocessing.get_context('spawn').Pool(1).map(abs, [-1]))\n".encode("latin-1"))
+        result = run_engine("-c", "first = 1", script, "--one", "-i", "two")
         self.assertEqual((result.stdout, result.stderr), ("['--one', '-i', 'two'] True found ä 1\n[1]\n", ""))
-
-    def test_tracebacks_are_the_interpreters_own(self):
-        with tempfile.TemporaryDirectory() as folder:
-            for source in "def f():\n    1/0\nf()\n", "x = (\n", "import sys\nsys.exit('text')\n":
-                with self.subTest(source):
-                    pathlib.Path(folder, "script.py").write_text(source)
-                    python = subprocess.run([sys.executable, "script.py"], cwd=folder, capture_output=True, text=True)
-                    ours = run_engine("script.py", cwd=folder)
-                    self.assertEqual((ours.stderr, ours.returncode), (python.stderr, python.returncode))
+        for source in "def f():\n    1/0\nf()\n", "x = (\n", "import sys\nsys.exit('text')\n":
+            with self.subTest(source):
+                script.write_text(source)
+                python = subprocess.run([sys.executable, "script.py"], cwd=folder, capture_output=True, text=True)
+                ours = run_engine("script.py", cwd=folder)
+                self.assertEqual((ours.stderr, ours.returncode), (python.stderr, python.returncode))
 
     def test_an_exit_in_the_start_code_leaves_standard_input_unread(self):
         with running("--set", "python.start=print(1, flush=True); exit(3)", stdin=subprocess.PIPE) as process:
@@ -100,18 +95,14 @@ class Scripts(unittest.TestCase):
 
     def test_a_callable_that_does_not_return_is_left_behind(self):
         source = "import threading\nt = engine.addTimer(1, threading.Event().wait)\ntime.sleep(.2)\nexit(3)\nprint(flush=True)\n"
-        environment = os.environ | OUTLIVED
+        file = os.path.join(self.enterContext(tempfile.TemporaryDirectory()), "recording.wav")
         for impatient in False, True:
-            with self.subTest(impatient=impatient), tempfile.TemporaryDirectory() as folder:
-                file = os.path.join(folder, "recording.wav")
-                with running("--record", file, "-c", source, env=environment) as process:
-                    line = ""
-                    while "does not return" not in line:
-                        line = process.stderr.readline()
-                        self.assertTrue(line)
-                    if impatient:
-                        process.send_signal(signal.SIGINT)
-                    self.assertEqual(outcome(process)[0], 3)
+            with self.subTest(impatient=impatient), running("--record", file, "-c", source, **OUTLIVED) as process:
+                while "does not return" not in (line := process.stderr.readline()):
+                    self.assertTrue(line)
+                if impatient:
+                    process.send_signal(signal.SIGINT)
+                self.assertEqual(outcome(process)[0], 3)
                 self.assertGreater(os.path.getsize(file), 10_000)
 
     @unittest.skipIf(SANITIZER == "thread", "the thread sanitizer knows no threads that a forked process starts")
@@ -136,20 +127,14 @@ print("on")
 
 
 class Signals(unittest.TestCase):
-    STUBBORN = "while True:\n  try: time.sleep(.01)\n  except KeyboardInterrupt: pass\n"
-    LOOPS = "import time\nwhile True: time.sleep(60)", "while True: " + BUSY
-
     def test_a_script_is_interrupted(self):
-        for loop in self.LOOPS:
-            for number, status, words in (signal.SIGINT, 130, "KeyboardInterrupt"), (signal.SIGTERM, 0, ""):
+        for loop in "import time\nwhile True: time.sleep(60)", "while True: " + BUSY:
+            for number, status in (signal.SIGINT, 130), (signal.SIGTERM, 0):
                 with self.subTest(loop, signal=number), running("-c", f"print(flush=True)\n{loop}") as process:
                     time.sleep(0.1 * SLOWNESS)  # a signal just before the sleep would be noticed only after it
-                    begin = time.monotonic()
                     process.send_signal(number)
                     got, _, errors = outcome(process)
-                    self.assertEqual((got, bool(errors)), (status, bool(words)))
-                    self.assertIn(words, errors)
-                    self.assertLess(time.monotonic() - begin, 5 * SLOWNESS)
+                    self.assertEqual((got, "KeyboardInterrupt" in errors), (status, status != 0), errors)
 
     def test_a_signal_that_the_script_has_made_deadly_ends_it_in_order(self):
         source = "import signal\nsignal.signal(signal.SIGINT, signal.SIG_DFL)\nprint(flush=True)\nengine.waitUntilEnd()\nexit(4)\n"
@@ -158,62 +143,40 @@ class Signals(unittest.TestCase):
                 process.send_signal(number)
                 self.assertEqual(outcome(process)[0], 4)
 
-    def test_a_start_script_before_the_console_is_interrupted(self):
+    def test_a_start_script_before_the_console_is_interrupted_and_one_that_fails_is_not_the_end(self):
         with Console("-i", "-c", "print('begun')\nwhile True: time.sleep(60)") as console:
             console.expect("begun")
             time.sleep(0.1 * SLOWNESS)
             console.signal(signal.SIGTERM)
             self.assertEqual(console.end(), 0)
-
-    def test_a_signal_ends_the_engine_and_the_second_the_process(self):
-        source = "print(flush=True)\nwhile engine.isRunning(): time.sleep(.01)\nprint('stopped', flush=True)\n"
-        environment = os.environ | OUTLIVED  # the second signal leaves threads behind, and that is what it is for
-        for number, status in (signal.SIGINT, 130), (signal.SIGTERM, 143), (signal.SIGHUP, 129):
-            for stubborn in False, True:
-                with self.subTest(number, stubborn=stubborn), tempfile.TemporaryFile("w+") as script:
-                    script.write(source + (self.STUBBORN if stubborn else ""))
-                    script.seek(0)
-                    with running(stdin=script, env=environment) as process:
-                        process.send_signal(number)
-                        self.assertEqual(process.stdout.readline(), "stopped\n")
-                        if stubborn:
-                            process.send_signal(number)
-                        self.assertEqual(outcome(process), (status if stubborn else 0, "", ""))
-
-    def test_nobody_listening_and_no_room_do_not_kill(self):
-        closed = os.pipe()
-        os.close(closed[0])
-        with tempfile.TemporaryDirectory() as folder:
-            command = ["sh", "-c", 'ulimit -f 100; exec "$@"', "", ENGINE, "--log-level", "trace", "--record", "cut.wav", "-c", "time.sleep(1)"]
-            result = subprocess.run(command, stderr=closed[1], cwd=folder, timeout=TIME_LIMIT)
-        os.close(closed[1])
-        self.assertEqual(result.returncode, 74)
-
-
-class OnATerminal(unittest.TestCase):
-    def test_history_and_completion(self):
-        folder = self.enterContext(tempfile.TemporaryDirectory())
-        state = {"XDG_STATE_HOME": folder, "HOME": folder}
-        with Console(environment=state) as console:
-            self.assertEqual(console.ask("[n for n in globals() if n.startswith('_sonetrix') or n == 'readline']"), "[]")
-            console.prompt()
-            console.write("impor\t")
-            console.expect("import ")
-            console.send("os as system")
-            self.assertEqual(console.ask("system is os"), "True")
-            console.prompt()
-            self.assertEqual(console.end("exit(7)"), 7)
-        history = pathlib.Path(state["XDG_STATE_HOME"], "sonetrix", "history")
-        self.assertIn("import os as system\n", history.read_text())
-        self.assertEqual(os.stat(history.parent).st_mode & 0o077, 0)
-
-    def test_the_console_after_a_script(self):
         with Console("-i", "-c", "a = 5\n1/0") as console:
             console.expect("ZeroDivisionError")
             self.assertEqual(console.ask("a"), "5")
             console.prompt()
             console.signal(signal.SIGTERM)
             self.assertEqual(console.end(), 0)
+
+    def test_a_signal_ends_the_engine_and_the_second_the_process(self):
+        source = "print(flush=True)\nwhile engine.isRunning(): time.sleep(.01)\nprint('stopped', flush=True)\n"
+        stubborn = "while True:\n  try: time.sleep(.01)\n  except KeyboardInterrupt: pass\n"
+        for number, status in (signal.SIGINT, 130), (signal.SIGTERM, 143), (signal.SIGHUP, 129):
+            for more in "", stubborn:
+                with self.subTest(number, more=more), tempfile.TemporaryFile("w+") as script:
+                    script.write(source + more)
+                    script.seek(0)
+                    with running(stdin=script, **OUTLIVED) as process:  # the second signal leaves threads behind
+                        process.send_signal(number)
+                        self.assertEqual(process.stdout.readline(), "stopped\n")
+                        if more:
+                            process.send_signal(number)
+                        self.assertEqual(outcome(process), (status if more else 0, "", ""))
+
+    def test_nobody_listening_and_no_room_do_not_kill(self):
+        closed = os.pipe()
+        os.close(closed[0])
+        command = ["sh", "-c", 'ulimit -f 100; exec "$@"', "", ENGINE, "--log-level", "trace", "--record", "cut.wav", "-c", "time.sleep(1)"]
+        with tempfile.TemporaryDirectory() as folder, open(closed[1], "wb") as errors:
+            self.assertEqual(subprocess.run(command, stderr=errors, cwd=folder, timeout=TIME_LIMIT).returncode, 74)
 
 
 if __name__ == "__main__":

@@ -1,13 +1,18 @@
 """Scripts that run inside the development engine and check themselves there."""
 
+import contextlib
+import os
+import pathlib
+import tempfile
 import unittest
+from unittest import mock
 
-from . import SANITIZER, SLOWNESS, programs
+from . import SANITIZER, SLOWNESS, programs, sound
 
 SANITIZED = bool(SANITIZER)
 
 PRELUDE = f"""\
-import gc, os, random, struct, sys, threading
+import ctypes, gc, os, random, signal, struct, sys, threading
 SLOWNESS = {SLOWNESS}
 
 def wait_for(condition):
@@ -18,6 +23,21 @@ def wait_for(condition):
 
 def write(key="engine.log.level", value=3, type=None):
     return engine.setParams(listKeyValue().append(key, value, type)).toDict()
+
+def read(keys):
+    return engine.getParam(keys).toDictType()
+
+def value(key):
+    return engine.getParam(key).toDict()[key.encode()]
+
+def meter(key):
+    return engine.getLastMeter("", engine.METER_FAST).toDict()[key.encode()]
+
+def run(seconds):
+    assert write("engine.offline.run", seconds)
+
+def new(name, plugin="amp_mono", **configuration):
+    return engine.newModule(name, plugin, listKeyValue().appendFromDict(configuration))
 
 def in_threads(*functions):
     errors = []
@@ -52,3 +72,19 @@ class LiveTest(unittest.TestCase):
         else:
             self.assertIsNotNone(log.fullmatch(result.stderr), result.stderr)
         return result.stdout
+
+
+class EngineTest(LiveTest):
+    """In a folder of its own, where the engine's output can be recorded."""
+
+    def setUp(self):
+        self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        self.enterContext(contextlib.chdir(self.folder))
+
+    def set_environment(self, **variables):
+        self.enterContext(mock.patch.dict(os.environ, variables))
+
+    def record(self, source, *options, **expected):
+        """What the script prints and what is heard."""
+        printed = self.run_live(source, "--record", "recording.wav", "--log-level", "error", *options, **expected)
+        return printed, sound.read("recording.wav")

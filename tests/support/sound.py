@@ -2,6 +2,7 @@
 
 import array
 import math
+import pathlib
 import struct
 from typing import NamedTuple
 
@@ -26,35 +27,22 @@ class Sound(NamedTuple):
         """Upward zero crossings, interpolated, from the first to the last; 0 where there are none."""
         samples = self.channels[channel]
         crossings = [i - b / (b - a) for i, (a, b) in enumerate(zip(samples, samples[1:]), 1) if a < 0 <= b]
-        if len(crossings) < 2:
-            return 0.0
-        return (len(crossings) - 1) * self.rate / (crossings[-1] - crossings[0])
-
-
-FLOAT_FORMAT, EXTENSIBLE = 3, 0xfffe
+        return (len(crossings) - 1) * self.rate / (crossings[-1] - crossings[0]) if len(crossings) > 1 else 0.0
 
 
 def read(path):
-    with open(path, "rb") as file:
-        data = file.read()
-    chunks, position = {}, 12
-    while position < len(data):
-        name, size = struct.unpack_from("<4sI", data, position)
-        chunks[name] = data[position + 8:position + 8 + size]
-        position += 8 + size + size % 2
-    kind, count, rate, _, frame, bits = struct.unpack_from("<HHIIHH", chunks[b"fmt "])
-    if kind == EXTENSIBLE:
-        [kind] = struct.unpack_from("<H", chunks[b"fmt "], 24)
-    if data[:4] != b"RIFF" or (kind, bits, frame) != (FLOAT_FORMAT, 32, 4 * count):
-        raise AssertionError(f"{path}: format {kind}, {bits} bits, {frame} bytes per frame")
-    samples = array.array("f", chunks[b"data"])
+    data = pathlib.Path(path).read_bytes()
+    _, count, rate, _, frame, bits = struct.unpack_from("<HHIIHH", data, data.index(b"fmt ") + 8)
+    start = data.index(b"data") + 4
+    if data[:4] != b"RIFF" or (bits, frame) != (32, 4 * count):
+        raise AssertionError(f"{path}: {bits} bits, {frame} bytes per frame")
+    samples = array.array("f", data[start + 4:start + 4 + int.from_bytes(data[start:start + 4], "little")])
     return Sound(rate, [samples[channel::count] for channel in range(count)])
 
 
 def write_tone(path, frequency, amplitude, seconds, rate=48000):
     samples = array.array("f", (amplitude * math.sin(2 * math.pi * frequency * i / rate) for i in
                                 range(round(seconds * rate))))
-    body = struct.pack("<4sIHHIIHH4sI", b"fmt ", 16, FLOAT_FORMAT, 1, rate, 4 * rate, 4, 32, b"data", 4 * len(samples))
-    with open(path, "wb") as file:
-        file.write(struct.pack("<4sI4s", b"RIFF", 4 + len(body) + 4 * len(samples), b"WAVE") + body)
-        samples.tofile(file)
+    header = struct.pack("<4sI4s4sIHHIIHH4sI", b"RIFF", 36 + 4 * len(samples), b"WAVE", b"fmt ", 16, 3, 1, rate, 4 * rate, 4, 32,
+                         b"data", 4 * len(samples))
+    pathlib.Path(path).write_bytes(header + samples.tobytes())
