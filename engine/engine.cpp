@@ -6,9 +6,12 @@
 
 #include <cstdlib>
 #include <fmt/format.h>
+#include <linux/capability.h>
 #include <stdexcept>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <utility>
 
 namespace sonetrix::dev {
@@ -41,11 +44,14 @@ std::shared_ptr<SystemModule> makeSystem(const Engine::Options &options) {
     return system;
 }
 
-/// So that the audio thread never waits for a page. Only where there is no limit to run into later.
+/// So that the audio thread never waits for a page that it has had. Only where there is no limit to run into later.
 void lockMemory() noexcept {
+    __user_cap_header_struct thisThread{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> may{};
+    ::syscall(SYS_capget, &thisThread, may.data());
     constexpr rlimit none{RLIM_INFINITY, RLIM_INFINITY};
-    if (::setrlimit(RLIMIT_MEMLOCK, &none) == 0)
-        ::mlockall(MCL_CURRENT | MCL_FUTURE);
+    if ((may[0].effective & 1U << CAP_IPC_LOCK) != 0 || ::setrlimit(RLIMIT_MEMLOCK, &none) == 0)
+        ::mlockall(MCL_CURRENT | MCL_FUTURE | MCL_ONFAULT); // not the unused part of every thread's stack
 }
 
 } // namespace

@@ -27,7 +27,7 @@ PortLevel levelOf(std::span<const float> samples) noexcept {
     for (size_t lane = 0; lane < rest; ++lane)
         add(lane, samples[samples.size() - rest + lane]);
     const float sum = std::accumulate(squares.begin(), squares.end(), 0.0F);
-    return {std::isnan(sum) ? sum : *std::ranges::max_element(peaks), sum / static_cast<float>(samples.size())};
+    return {*std::ranges::max_element(peaks), sum / static_cast<float>(samples.size())};
 }
 
 } // namespace

@@ -42,6 +42,11 @@ static void run(LADSPA_Handle handle, unsigned long frames) {
         probe->port[OUTPUT][i] = *probe->port[CONTROL] < 0 ? NAN : *probe->port[CONTROL];
 }
 
+static void cleanup(LADSPA_Handle handle) {
+    visit();
+    free(handle);
+}
+
 static const LADSPA_PortDescriptor kinds[PORTS] = {LADSPA_PORT_INPUT | LADSPA_PORT_CONTROL,
     LADSPA_PORT_OUTPUT | LADSPA_PORT_CONTROL, LADSPA_PORT_OUTPUT | LADSPA_PORT_CONTROL,
     LADSPA_PORT_OUTPUT | LADSPA_PORT_AUDIO};
@@ -60,7 +65,7 @@ static const LADSPA_Descriptor probe = {.UniqueID = 1,
     .connect_port = connect,
     .activate = activate,
     .run = run,
-    .cleanup = free};
+    .cleanup = cleanup};
 static const LADSPA_Descriptor unlabelled = {.UniqueID = 2};
 
 const LADSPA_Descriptor *ladspa_descriptor(unsigned long index) {
