@@ -69,8 +69,8 @@ for label in (b"probe", b"sc4m", b"sine_fcac", b"delay_n", b"amp_stereo"):
         low, high, initial = (facts[control + b"." + key] for key in (b"minimum", b"maximum", b"default"))
         assert low <= initial <= high and write(b"m." + control, low) and write(b"m." + control, high), control
     engine.delModule("m")
-units = engine.getParam(["plugins.probe.control_ms.unit", "plugins.sine_fcac.frequency.unit", "plugins.no.title"]).toDict()
-assert [*units.values()] == [b"ms", b"Hz"]
+assert value("plugins.probe.control_ms.unit") == b"ms" and value("plugins.sine_fcac.frequency.unit") == b"Hz"
+assert read("plugins.no.title") == {}
 """)
 
     def test_refusals_say_what_was_wrong_and_what_would_be_right(self):
@@ -93,9 +93,10 @@ assert [*units.values()] == [b"ms", b"Hz"]
         self.run_live(TONE + """
 set = lambda key, value: -1 if write(key, value) == {} else 0
 assert engine.link("tone:output", "system:playback_1") == 0  # as it is
-assert write("tone.frequency", 0.1, "double") and write("tone.frequency", 220, "uint32") and write("tone.frequency", 220)
+assert all(write("tone.frequency", *given) for given in ((0.1, "double"), (220, "uint32"), (220,)))
 """ + "".join(f"assert {call} < 0\n" for call in refusals) + "assert engine.getModuleNames() == [b'system', b'tone']\n",
-            "--offline", 1, log=re.compile("".join(f"WARN  engine: cannot .*{re.escape(why)}\n" for why in refusals.values())))
+            "--offline", 1,
+            log=re.compile("".join(f"WARN  engine: cannot .*{re.escape(why)}\n" for why in refusals.values())))
 
 
 class Controls(live.EngineTest):
@@ -130,7 +131,7 @@ for amplitude in 0.25, 0.5:  # the second replaces the first when it is whole
     assert write("engine.record.file", "") and value("engine.record.file") == b"" and not os.path.exists(partial)
 assert write("tone.amplitude", 0.0) and write("engine.record.file", "recording.wav")
 for port in "12":
-    assert engine.link("system:playback_" + port) == engine.link("system:capture_" + port, "system:playback_" + port) == 0
+    engine.link("system:playback_" + port), engine.link("system:capture_" + port, "system:playback_" + port)
 run(0.256)
 assert write("engine.play.file", name)
 run(0.256)
@@ -151,9 +152,11 @@ run(0.1)
         sound.write_tone("in.wav", 440, 0.5, 0.1, rate=44100)
         os.mkfifo("pipe")
         before = (self.folder / "in.wav").read_bytes()
-        for options, reason in [(("--input", "in.wav"), "has 44100 frames per second"), (("--record", "a.mp3"), r"ends in one of"),
-                                (("--rate", 44100, "--input", "in.wav", "--record", "./in.wav"), "at once"),
-                                (("--input", "pipe"), "regular"), (("--record", "pipe"), "regular")]:
+        for options, reason in [
+            (("--input", "in.wav"), "has 44100 frames per second"), (("--record", "a.mp3"), r"ends in one of"),
+            (("--rate", 44100, "--input", "in.wav", "--record", "./in.wav"), "at once"),
+            (("--input", "pipe"), "regular"), (("--record", "pipe"), "regular"),
+        ]:
             result = programs.run_engine(*options, "-c", "pass")
             self.assertEqual(result.returncode, 70, options)
             self.assertRegex(result.stderr, f"^sonetrix-engine: .*{reason}.*\n$")
@@ -232,8 +235,8 @@ class Devices(live.EngineTest):
         super().setUp()
         (self.folder / "alsa.conf").write_text(ALSA.format(self.folder))
         # The sound libraries keep what they have allocated.
-        self.set_environment(**programs.OUTLIVED, ALSA_CONFIG_PATH=str(self.folder / "alsa.conf"), JACK_NO_START_SERVER="1",
-                             JACK_DEFAULT_SERVER=f"sonetrix-{os.getpid()}")
+        self.set_environment(**programs.OUTLIVED, ALSA_CONFIG_PATH=str(self.folder / "alsa.conf"),
+                             JACK_NO_START_SERVER="1", JACK_DEFAULT_SERVER=f"sonetrix-{os.getpid()}")
 
     def start_server(self):
         missing = "no jackd" if shutil.which("jackd") is None else ""
@@ -241,8 +244,9 @@ class Devices(live.EngineTest):
         if missing:
             print(f"\nthe sound device is NOT tested against JACK's dummy driver here: {missing}", flush=True)
             self.skipTest(missing)
-        server = subprocess.Popen(["jackd", "--no-realtime", "-S", "-n", os.environ["JACK_DEFAULT_SERVER"], "-d", "dummy",
-                                   "-r", "48000", "-p", "256"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        server = subprocess.Popen(["jackd", "--no-realtime", "-S", "-n", os.environ["JACK_DEFAULT_SERVER"],
+                                   *"-d dummy -r 48000 -p 256".split()],
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.STDOUT)
         self.addCleanup(server.wait)
         self.addCleanup(server.terminate)  # a server that is killed keeps one of JACK's eight places
         subprocess.run(["jack_wait", "-w", "-t", "20"], capture_output=True, check=True)
@@ -274,15 +278,15 @@ time.sleep(0.3)
 os.kill({server.pid}, signal.SIGTERM)
 wait_for(lambda: engine.getDriverName() == "clock")
 time.sleep(0.3)
-""", "--driver", "device:system", log=re.compile('.*ERROR engine: the sound device "JACK Audio Connection Kit: system" is gone: '
-                                                 'the engine goes on by the clock\n', re.S))
+""", "--driver", "device:system", log=re.compile('.*ERROR engine: the sound device "JACK Audio Connection Kit: system" '
+                                                 'is gone: the engine goes on by the clock\n', re.S))
         self.assertGreater(heard.seconds, 0.5)
         self.assert_tone(heard.channels[0][-12000:])
 
     def test_a_device_without_a_server(self):
         self.run_live(SESSION + "wait_for(lambda: meter('system.playback_1.peak') > 0.2)\n",
                       "--driver", "device", "--log-level", "error")
-        for driver, reason in [("device:nothing", 'there is no sound device "nothing"'), ("sound", "neither clock nor device")]:
+        for driver, reason in ("device:nothing", 'no sound device "nothing"'), ("sound", "neither clock nor device"):
             self.assertIn(reason, programs.run_engine("--driver", driver, "-c", "pass").stderr)
 
 

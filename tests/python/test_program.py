@@ -38,10 +38,11 @@ class Options(unittest.TestCase):
     def test_exit_statuses(self):
         for arguments, status, words in [
             (["--no-such"], 64, "--no-such"), (["--rate"], 64, "--rate"), (["--log-level", "loud"], 64, "--log-level"),
-            (["--offline", "-1"], 64, "--offline"), (["--set", "=1"], 64, "KEY=VALUE"), (["--set", "a:bool=1"], 64, "bool"),
-            (["--set", "a:int32=2147483648"], 64, "a:int32=2147483648"), (["--set", "a:uint32=-1"], 64, "a:uint32=-1"),
-            (["no/such/script.py"], 66, "no/such/script.py"), (["/"], 66, "/"), (["--module", "no/such.so"], 69, "no/such.so"),
-            (["--rate", "1"], 70, "rate"), (["--block", "15"], 70, "block"),
+            (["--offline", "-1"], 64, "--offline"), (["--set", "=1"], 64, "KEY=VALUE"),
+            (["--set", "a:bool=1"], 64, "bool"), (["--set", "a:int32=2147483648"], 64, "a:int32=2147483648"), 
+            (["--set", "a:uint32=-1"], 64, "a:uint32=-1"), (["no/such/script.py"], 66, "no/such/script.py"),
+            (["/"], 66, "/"), (["--module", "no/such.so"], 69, "no/such.so"), (["--rate", "1"], 70, "rate"),
+            (["--block", "15"], 70, "block"),
             (["--input", "no/such.wav"], 70, "no/such.wav"), (["--record", "no/such.wav"], 70, "no/such.wav"),
         ]:
             with self.subTest(arguments):
@@ -65,8 +66,9 @@ class Options(unittest.TestCase):
 
 class Scripts(unittest.TestCase):
     def test_status(self):
-        cases = [("pass", 0), ("exit(7)", 7), ("1/0", 1), ("exit(0)\n1/0", 1), ("import sys; sys.exit(5)", 5), ("raise SystemExit", 0),
-                 ("x = (", 1), ("raise KeyboardInterrupt", 130), ("exit(3)\ntime.sleep(.2)\nprint('on')", 3)]
+        cases = [("pass", 0), ("exit(7)", 7), ("1/0", 1), ("exit(0)\n1/0", 1), ("import sys; sys.exit(5)", 5),
+                 ("raise SystemExit", 0), ("x = (", 1), ("raise KeyboardInterrupt", 130),
+                 ("exit(3)\ntime.sleep(.2)\nprint('on')", 3)]
         ways = run_script, lambda text: run_engine("-c", text), lambda text: run_engine(text_input=text)
         for index, (source, status) in enumerate(cases):
             for way, run in enumerate(ways[:3 if index < 3 else 2]):
@@ -94,7 +96,8 @@ class Scripts(unittest.TestCase):
             self.assertEqual(process.wait(TIME_LIMIT), 3)
 
     def test_a_callable_that_does_not_return_is_left_behind(self):
-        source = "import threading\nt = engine.addTimer(1, threading.Event().wait)\ntime.sleep(.2)\nexit(3)\nprint(flush=True)\n"
+        source = ("import threading\nt = engine.addTimer(1, threading.Event().wait)\ntime.sleep(.2)\n"
+                  "exit(3)\nprint(flush=True)\n")
         file = os.path.join(self.enterContext(tempfile.TemporaryDirectory()), "recording.wav")
         for impatient in False, True:
             with self.subTest(impatient=impatient), running("--record", file, "-c", source, **OUTLIVED) as process:
@@ -137,7 +140,8 @@ class Signals(unittest.TestCase):
                     self.assertEqual((got, "KeyboardInterrupt" in errors), (status, status != 0), errors)
 
     def test_a_signal_that_the_script_has_made_deadly_ends_it_in_order(self):
-        source = "import signal\nsignal.signal(signal.SIGINT, signal.SIG_DFL)\nprint(flush=True)\nengine.waitUntilEnd()\nexit(4)\n"
+        source = ("import signal\nsignal.signal(signal.SIGINT, signal.SIG_DFL)\n"
+                  "print(flush=True)\nengine.waitUntilEnd()\nexit(4)\n")
         for number in signal.SIGTERM, signal.SIGHUP:
             with self.subTest(number), running("-c", source) as process:
                 process.send_signal(number)
@@ -174,7 +178,7 @@ class Signals(unittest.TestCase):
     def test_nobody_listening_and_no_room_do_not_kill(self):
         closed = os.pipe()
         os.close(closed[0])
-        command = ["sh", "-c", 'ulimit -f 100; exec "$@"', "", ENGINE, "--log-level", "trace", "--record", "cut.wav", "-c", "time.sleep(1)"]
+        command = ["sh", "-c", 'ulimit -f 100; exec "$0" --log-level trace --record cut.wav -c "time.sleep(1)"', ENGINE]
         with tempfile.TemporaryDirectory() as folder, open(closed[1], "wb") as errors:
             self.assertEqual(subprocess.run(command, stderr=errors, cwd=folder, timeout=TIME_LIMIT).returncode, 74)
 

@@ -43,6 +43,6 @@ def read(path):
 def write_tone(path, frequency, amplitude, seconds, rate=48000):
     samples = array.array("f", (amplitude * math.sin(2 * math.pi * frequency * i / rate) for i in
                                 range(round(seconds * rate))))
-    header = struct.pack("<4sI4s4sIHHIIHH4sI", b"RIFF", 36 + 4 * len(samples), b"WAVE", b"fmt ", 16, 3, 1, rate, 4 * rate, 4, 32,
-                         b"data", 4 * len(samples))
+    header = struct.pack("<4sI4s4sIHHIIHH4sI", b"RIFF", 36 + 4 * len(samples), b"WAVE",
+                         b"fmt ", 16, 3, 1, rate, 4 * rate, 4, 32, b"data", 4 * len(samples))
     pathlib.Path(path).write_bytes(header + samples.tobytes())
