@@ -140,7 +140,7 @@ void notify(const Notification &notification, sonetrix_cListKeyValue_t *list, vo
         const Ref result = Ref::steal(hangingAtFinalisation(PyObject_CallOneArg, scope.callable(), dict.get()));
         if (!result) {
             PyErr_Clear();
-            logFromBridge(SONETRIX_LOG_WARN, notification.failure);
+            logString(SONETRIX_LOG_WARN, notification.failure);
         }
     } catch (...) {
         translateException();

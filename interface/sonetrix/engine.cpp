@@ -21,7 +21,7 @@ void addEngine(PyObject *module) {
     checked(PyObject_SetAttrString, type.get(), "METER_FAST", checked(PyLong_FromLong(SONETRIX_METERS_FAST)).get());
     for (const std::span<const Method> functions : {engineStatusFunctions, engineParameterFunctions,
              engineModuleFunctions, engineMeterFunctions, engineGraphFunctions, engineTimerFunctions}) {
-        addStaticFunctions(type.get(), functions);
+        addFunctions(type.get(), functions);
     }
     checked(PyModule_AddType(module, asType(type)));
     originalClass.remember(asType(type));

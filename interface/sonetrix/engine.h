@@ -15,6 +15,12 @@ extern const std::span<const Method> engineTimerFunctions;     // timeout.cpp
 // Whether the class still is as it was made.
 bool isOriginalEngine();
 
+// The argument `meters_type` as the engine's enumeration, fast where it was left out.
+inline sonetrix_module_meters_type toMetersType(PyObject *argument) {
+    return argument == nullptr ? sonetrix_module_meters_type{SONETRIX_METERS_FAST}
+                               : toUInt32(argument, "enum sonetrix_module_meters_type");
+}
+
 // Calls of `engine`'s own functions as Python code would make them, looked up on the class each time.
 template <class... Args> Ref callEngine(const InternedString &name, Args *...args) {
     return callMethod(held(Held::engineClass), name, args...);

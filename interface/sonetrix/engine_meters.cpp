@@ -2,7 +2,6 @@
 
 #include "engine.h"
 #include "list_key_value.h"
-#include "meters_type.h"
 #include "python/gil.h"
 
 #include <atomic>
@@ -99,18 +98,16 @@ Ref delDebugMeter(Arguments arguments) {
 // The entries of a list whose key begins with the prefix, as a new listKeyValue.
 Ref filteredByPrefix(const Ref &meters, std::string_view prefix) {
     Ref dict = toDictType(ListKeyValue::of(meters).list.get());
-    Ref kept = checked(PyDict_New());
+    Ref filtered = ListKeyValue::newEmpty();
     Py_ssize_t position = 0;
     PyObject *key = nullptr;
     PyObject *value = nullptr;
     while (PyDict_Next(dict.get(), &position, &key, &value) != 0) {
         const std::string_view name(PyBytes_AS_STRING(key), static_cast<std::size_t>(PyBytes_GET_SIZE(key)));
         if (name.starts_with(prefix)) {
-            checked(PyDict_SetItem(kept.get(), key, value));
+            appendTyped(ListKeyValue::of(filtered), key, value);
         }
     }
-    Ref filtered = ListKeyValue::newEmpty();
-    appendFromTypedDict(ListKeyValue::of(filtered), kept.get());
     return filtered;
 }
 

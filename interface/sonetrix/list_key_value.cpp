@@ -127,23 +127,9 @@ const ArrayType arrayTypes[] = {
     {"auint32"_id, "uint32"_id, "auint32 as to contain a tuple"},
 };
 
-void appendTyped(ListKeyValue &list, PyObject *key, PyObject *pair) {
-    const auto [value, type] = unpackPair(pair);
-    const Selector selector(type.get());
-    for (const ArrayType &arrayType : arrayTypes) {
-        if (selector.isText(arrayType.name)) {
-            if (!PyTuple_Check(value.get())) {
-                raise(PyExc_ValueError, arrayType.notATuple);
-            }
-            return callAppend(list, key, value.get(), arrayType.selector.get());
-        }
-    }
-    callAppend(list, key, value.get(), type.get());
-}
-
 Ref appendFromDictType(ListKeyValue &list, Arguments arguments) {
     requireDict(arguments[0]);
-    appendFromTypedDict(list, arguments[0]);
+    forEachItem(arguments[0], [&](PyObject *key, PyObject *pair) { appendTyped(list, key, pair); });
     return self(list);
 }
 
@@ -261,8 +247,18 @@ Ref borrowedDup(sonetrix_cListKeyValue_t *list) {
                                            : callOnBorrowed(list, "dup"_id);
 }
 
-void appendFromTypedDict(ListKeyValue &target, PyObject *dict) {
-    forEachItem(dict, [&](PyObject *key, PyObject *pair) { appendTyped(target, key, pair); });
+void appendTyped(ListKeyValue &list, PyObject *key, PyObject *pair) {
+    const auto [value, type] = unpackPair(pair);
+    const Selector selector(type.get());
+    for (const ArrayType &arrayType : arrayTypes) {
+        if (selector.isText(arrayType.name)) {
+            if (!PyTuple_Check(value.get())) {
+                raise(PyExc_ValueError, arrayType.notATuple);
+            }
+            return callAppend(list, key, value.get(), arrayType.selector.get());
+        }
+    }
+    callAppend(list, key, value.get(), type.get());
 }
 
 void addListKeyValue(PyObject *module) {

@@ -25,7 +25,7 @@ Ref toDictType(sonetrix_cListKeyValue_t *list);
 Ref borrowedToDict(sonetrix_cListKeyValue_t *list);
 Ref borrowedDup(sonetrix_cListKeyValue_t *list);
 
-// Appends all entries of a dict of (value, type name) pairs.
-void appendFromTypedDict(ListKeyValue &target, PyObject *dict);
+// Appends an entry of a dict of (value, type name) pairs.
+void appendTyped(ListKeyValue &list, PyObject *key, PyObject *pair);
 
 } // namespace sonetrix

@@ -13,10 +13,6 @@ constexpr const char *levelType = "enum sonetrix_log_level";
 
 // ------------------------------------------------------------------------------------------------------- messages
 
-void logText(sonetrix_log_level_t level, const char *message) {
-    unlocked([&] { sonetrix_log_LogString(level, "python", 0, 1, message); });
-}
-
 // A message argument must be exactly of its class; None comes through, to be refused in its own words later.
 void requireMessage(PyObject *message, PyTypeObject *type) {
     if (!Py_IS_TYPE(message, type) && message != Py_None) {
@@ -30,7 +26,7 @@ Ref logb(Arguments arguments) {
     if (arguments[1] == Py_None) {
         raise(PyExc_TypeError, "expected bytes, NoneType found");
     }
-    logText(level, PyBytes_AS_STRING(arguments[1]));
+    logString(level, PyBytes_AS_STRING(arguments[1]));
     return none();
 }
 
@@ -81,7 +77,7 @@ bool nothingReplaced() {
 template <std::size_t index> Ref logAtLevel(Arguments arguments) {
     requireMessage(arguments[0], &PyUnicode_Type);
     if (nothingReplaced() && arguments[0] != Py_None) [[likely]] {
-        logText(levels[index].value, EngineText::fromValue(arguments[0]).get());
+        logString(levels[index].value, EngineText::fromValue(arguments[0]).get());
         return none();
     }
     const Ref logClass = moduleGlobal("log"_id);
@@ -183,7 +179,9 @@ constexpr Method functions[] = {
 
 } // namespace
 
-void logFromBridge(sonetrix_log_level_t level, const char *message) { logText(level, message); }
+void logString(sonetrix_log_level_t level, const char *message) {
+    unlocked([&] { sonetrix_log_LogString(level, "python", 0, 1, message); });
+}
 
 void warnWithTraceback(const char *prefix) {
     // traceback.format_exc() formats the exception that is being handled, so this one has to be that for a moment.
@@ -206,7 +204,7 @@ void addLog(PyObject *module) {
     }
     Ref logClass =
         checked(PyObject_CallFunction, reinterpret_cast<PyObject *>(&PyType_Type), "s()O", "log", dictionary.get());
-    addStaticFunctions(logClass.get(), functions);
+    addFunctions(logClass.get(), functions);
     bindInModule(module, "log", logClass);
     originalClass.remember(asType(logClass));
     hold(Held::logClass, std::move(logClass));

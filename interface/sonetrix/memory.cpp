@@ -23,7 +23,7 @@ constexpr Method functions[] = {
 void addMemory(PyObject *module) {
     Ref type = newClass<PyObject>(
         module, "sonetrix.memory", 0, {slot(Py_tp_doc, "Utility class to inspect the engine's real-time memory.")});
-    addStaticFunctions(type.get(), functions);
+    addFunctions(type.get(), functions);
     checked(PyModule_AddType(module, asType(type)));
 }
 

@@ -246,15 +246,9 @@ void bindInModule(PyObject *module, const char *name, const Ref &object) {
     checked(PyModule_AddObjectRef(module, name, object.get()));
 }
 
-void addFunctions(PyObject *module, std::span<const Method> table) {
+void addFunctions(PyObject *owner, std::span<const Method> table) {
     for (const Method &method : table) {
-        bindInModule(module, method.name, newFunction(method, module));
-    }
-}
-
-void addStaticFunctions(PyObject *type, std::span<const Method> table) {
-    for (const Method &method : table) {
-        checked(PyObject_SetAttrString, type, method.name, newFunction(method, type).get());
+        checked(PyObject_SetAttrString, owner, method.name, newFunction(method, owner).get());
     }
 }
 

@@ -92,9 +92,7 @@ void addUsageInfo(PyObject *module);
 
 // Binds an object to its name in the module.
 void bindInModule(PyObject *module, const char *name, const Ref &object);
-// Adds a table's functions to the module.
-void addFunctions(PyObject *module, std::span<const Method> functions);
-// A class's static functions, into its dictionary.
-void addStaticFunctions(PyObject *type, std::span<const Method> functions);
+// Adds a table's functions to the module, or to a class as static ones.
+void addFunctions(PyObject *owner, std::span<const Method> functions);
 
 } // namespace sonetrix

@@ -1,7 +1,7 @@
 // The class `notifyMeters`: meters, as the engine delivers them.
 
 #include "callback_classes.h"
-#include "meters_type.h"
+#include "engine.h"
 
 namespace sonetrix {
 

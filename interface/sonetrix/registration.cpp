@@ -87,7 +87,7 @@ void warnOfCallable(PyObject *callable) noexcept {
         const Ref text = Ref::steal(PyUnicode_FromFormat(
             "the callable '%U' does not return: its registration is removed when it has", name.get()));
         if (const char *message = text ? PyUnicode_AsUTF8(text.get()) : nullptr) {
-            logFromBridge(SONETRIX_LOG_WARN, message);
+            logString(SONETRIX_LOG_WARN, message);
         }
     }
     PyErr_SetRaisedException(Py_XNewRef(raised.get()));

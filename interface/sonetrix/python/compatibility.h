@@ -73,17 +73,6 @@ namespace version {
 // Whether the running interpreter is of the minor version that this was compiled for; no other lays out objects so.
 inline bool matchesHeaders() noexcept { return Py_Version >> 16 == PY_VERSION_HEX >> 16; }
 
-// Whether the text is ASCII, so that PyUnicode_DATA is its NUL-terminated bytes.
-inline bool isAscii(PyObject *text) noexcept {
-#if PY_VERSION_HEX < 0x030C0000
-    if (PyUnicode_READY(text) < 0) {
-        PyErr_Clear();
-        return false;
-    }
-#endif
-    return PyUnicode_IS_ASCII(text) != 0;
-}
-
 // A number that changes whenever the type or a base of it is changed; 0 while the interpreter keeps none.
 inline unsigned int typeVersion(PyTypeObject *type) noexcept {
 #if PY_VERSION_HEX < 0x030D0000

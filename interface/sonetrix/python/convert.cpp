@@ -1,6 +1,7 @@
 #include "convert.h"
 
 #include <limits>
+#include <utility>
 
 namespace sonetrix {
 
@@ -27,41 +28,28 @@ Ref asInteger(PyObject *object) {
     return result;
 }
 
-// The object's value in [minimum, maximum].
-template <class Integer> Integer toInteger(PyObject *object, const char *typeName) {
-    const auto convert = [typeName](PyObject *integer) {
-        int overflow = 0;
-        const long long value = PyLong_AsLongLongAndOverflow(integer, &overflow);
-        if (std::numeric_limits<Integer>::min() == 0 && (overflow < 0 || (overflow == 0 && value < 0))) {
-            raiseFormat(PyExc_OverflowError, "can't convert negative value to %s", typeName);
-        }
-        if (overflow != 0 || value < static_cast<long long>(std::numeric_limits<Integer>::min()) ||
-            value > static_cast<long long>(std::numeric_limits<Integer>::max())) {
-            raiseFormat(PyExc_OverflowError, "value too large to convert to %s", typeName);
-        }
-        return static_cast<Integer>(value);
-    };
-    if (PyLong_CheckExact(object)) {
-        return convert(object);
-    }
-    return convert(asInteger(object).get());
-}
-
 } // namespace
 
-std::int32_t detail::convertToInt32(PyObject *object, const char *typeName) {
-    return toInteger<std::int32_t>(object, typeName);
+template <class Integer> Integer detail::convertToInteger(PyObject *object, const char *typeName) {
+    const Ref integer = asInteger(object);
+    int overflow = 0;
+    const long long value = PyLong_AsLongLongAndOverflow(integer.get(), &overflow);
+    if (std::numeric_limits<Integer>::min() == 0 && (overflow < 0 || (overflow == 0 && value < 0))) {
+        raiseFormat(PyExc_OverflowError, "can't convert negative value to %s", typeName);
+    }
+    if (overflow != 0 || !std::in_range<Integer>(value)) {
+        raiseFormat(PyExc_OverflowError, "value too large to convert to %s", typeName);
+    }
+    return static_cast<Integer>(value);
 }
-
-std::uint32_t detail::convertToUInt32(PyObject *object, const char *typeName) {
-    return toInteger<std::uint32_t>(object, typeName);
-}
+template std::int32_t detail::convertToInteger(PyObject *object, const char *typeName);
+template std::uint32_t detail::convertToInteger(PyObject *object, const char *typeName);
 
 std::int32_t toInt32FromIndex(PyObject *object, const char *typeName) {
     if (!PyIndex_Check(object)) {
         raise(PyExc_TypeError, notAnInteger);
     }
-    return toInteger<std::int32_t>(checked(PyNumber_Index, object).get(), typeName);
+    return toInt32(checked(PyNumber_Index, object).get(), typeName);
 }
 
 double toDouble(PyObject *object) { return checked(PyFloat_AsDouble, object); }

@@ -17,8 +17,8 @@ inline bool isCompact(PyObject *number) noexcept {
 inline Py_ssize_t compactValue(PyObject *number) noexcept {
     return PyUnstable_Long_CompactValue(reinterpret_cast<PyLongObject *>(number));
 }
-std::int32_t convertToInt32(PyObject *object, const char *typeName);
-std::uint32_t convertToUInt32(PyObject *object, const char *typeName);
+// For std::int32_t and std::uint32_t.
+template <class Integer> Integer convertToInteger(PyObject *object, const char *typeName);
 } // namespace detail
 
 // Integers. An int is taken as it is, anything else through its __index__, else its __int__; TypeError "an integer is
@@ -28,13 +28,13 @@ inline std::int32_t toInt32(PyObject *object, const char *typeName = "int32_t") 
     if (PyLong_Check(object) && detail::isCompact(object)) [[likely]] {
         return static_cast<std::int32_t>(detail::compactValue(object));
     }
-    return detail::convertToInt32(object, typeName);
+    return detail::convertToInteger<std::int32_t>(object, typeName);
 }
 inline std::uint32_t toUInt32(PyObject *object, const char *typeName = "uint32_t") {
     if (PyLong_Check(object) && detail::isCompact(object) && detail::compactValue(object) >= 0) [[likely]] {
         return static_cast<std::uint32_t>(detail::compactValue(object));
     }
-    return detail::convertToUInt32(object, typeName);
+    return detail::convertToInteger<std::uint32_t>(object, typeName);
 }
 
 // An int or what has __index__ (TypeError else), to an int32 as above.
@@ -61,7 +61,7 @@ public:
 private:
     EngineText(const char *text, Py_ssize_t size, Ref owner = {}) noexcept
         : text_(text), size_(size), owner_(std::move(owner)) {}
-    static bool isAscii(PyObject *object) noexcept { return PyUnicode_Check(object) && version::isAscii(object); }
+    static bool isAscii(PyObject *object) noexcept { return PyUnicode_Check(object) && PyUnicode_IS_ASCII(object); }
     static EngineText inPlace(PyObject *ascii) noexcept {
         return {static_cast<const char *>(PyUnicode_DATA(ascii)), PyUnicode_GET_LENGTH(ascii)};
     }

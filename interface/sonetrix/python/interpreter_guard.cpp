@@ -67,15 +67,8 @@ public:
     }
 
     void enter() noexcept {
-        if (!std::exchange(entered_, true)) {
-            keep();
-        }
-    }
-
-private:
-    void keep() noexcept {
-        if (PyGILState_GetThisThreadState() != nullptr) {
-            return; // a thread of Python's own, which looks after its state itself
+        if (std::exchange(entered_, true) || PyGILState_GetThisThreadState() != nullptr) {
+            return; // once is enough; and a thread of Python's own looks after its state itself
         }
         disposeOfEndedThreads();
         kept_ = new (std::nothrow) KeptState{nullptr};
@@ -86,6 +79,7 @@ private:
         kept_->state = PyEval_SaveThread();
     }
 
+private:
     bool entered_ = false;
     KeptState *kept_ = nullptr;
 };

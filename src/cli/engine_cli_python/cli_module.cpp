@@ -96,14 +96,13 @@ void readStartParameters(sonetrix_cliModule_t &module, sonetrix_cListKeyValue_t 
     if (parameters == nullptr) {
         return;
     }
-    const char *text = nullptr;
-    if (sonetrix_keyValueListGetS(parameters, "python.start", &text) == 0) {
-        module.startCode = strdup(text);
-        log(SONETRIX_LOG_DEBUG, "python.start: %s", text);
-    }
-    if (sonetrix_keyValueListGetS(parameters, "python.file", &text) == 0) {
-        module.scriptPath = strdup(text);
-        log(SONETRIX_LOG_DEBUG, "python.start: %s", text);
+    for (const auto &[key, field] :
+        {std::pair("python.start", &module.startCode), {"python.file", &module.scriptPath}}) {
+        const char *text = nullptr;
+        if (sonetrix_keyValueListGetS(parameters, key, &text) == 0) {
+            *field = strdup(text);
+            log(SONETRIX_LOG_DEBUG, "python.start: %s", text);
+        }
     }
     std::uint32_t mode = 0;
     if (sonetrix_keyValueListGetIU(parameters, "python.sigint", &mode) == 0) {

@@ -46,6 +46,13 @@ std::int32_t readExitCode(PyObject *exception) noexcept {
     return 1;
 }
 
+// A SystemExit that is the last exception shown.
+Ref lastExit() noexcept {
+    PyObject *exception = PySys_GetObject("last_value");
+    const bool isExit = exception != nullptr && PyErr_GivenExceptionMatches(exception, PyExc_SystemExit) != 0;
+    return isExit ? Ref::borrow(exception) : Ref();
+}
+
 } // namespace
 
 void installExceptHook() noexcept {
@@ -56,41 +63,24 @@ void installExceptHook() noexcept {
     }
 }
 
-namespace detail {
-
-namespace {
-
-// A SystemExit that is the last exception shown.
-Ref lastExit() noexcept {
-    PyObject *exception = PySys_GetObject("last_value");
-    const bool isExit = exception != nullptr && PyErr_GivenExceptionMatches(exception, PyExc_SystemExit) != 0;
-    return isExit ? Ref::borrow(exception) : Ref();
-}
-
-} // namespace
-
-void forgetLastExit() noexcept {
+StatementResult runStatement(const std::function<int()> &statement) noexcept {
     if (lastExit()) {
         PySys_SetObject("last_value", nullptr);
         PyErr_Clear();
     }
-}
-
-std::optional<std::int32_t> exitIfRequested() noexcept {
-    const Ref exception = lastExit();
-    if (!exception) {
-        return std::nullopt;
+    const int result = statement();
+    const Ref exit = result == 0 ? Ref() : lastExit();
+    if (!exit) {
+        return {result, std::nullopt};
     }
-    const std::int32_t code = readExitCode(exception.get());
+    const std::int32_t code = readExitCode(exit.get());
     unlocked([code] {
         if (sonetrix_engine_t *engine = sonetrix_engineGet()) {
             sonetrix_engine_SetExitCode(engine, code);
             sonetrix_engine_RequestStop(engine);
         }
     });
-    return code;
+    return {result, code};
 }
-
-} // namespace detail
 
 } // namespace sonetrix::cli

@@ -8,6 +8,7 @@
 #include "python/ref.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 
 namespace sonetrix::cli {
@@ -16,22 +17,13 @@ namespace sonetrix::cli {
 // KeyboardInterrupt that a stop request raises at the console.
 void installExceptHook() noexcept;
 
-namespace detail {
-void forgetLastExit() noexcept;
-// If the last exception is a SystemExit: sets the engine's exit code, requests its stop, and gives the code.
-std::optional<std::int32_t> exitIfRequested() noexcept;
-} // namespace detail
-
 struct StatementResult {
     int result;                           // the interpreter's
     std::optional<std::int32_t> exitCode; // when it ended by SystemExit
 };
 
-// Runs `statement`, a call of one of the interpreter's entry points. Needs the interpreter lock.
-template <class Statement> StatementResult runStatement(Statement &&statement) noexcept {
-    detail::forgetLastExit();
-    const int result = statement();
-    return {result, result == 0 ? std::nullopt : detail::exitIfRequested()};
-}
+// Runs `statement`, a call of one of the interpreter's entry points. After a SystemExit it sets the engine's exit code
+// and requests its stop. Needs the interpreter lock.
+StatementResult runStatement(const std::function<int()> &statement) noexcept;
 
 } // namespace sonetrix::cli
