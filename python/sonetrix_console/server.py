@@ -313,18 +313,12 @@ class _Server(socketserver.ThreadingMixIn, socketserver.UnixStreamServer):
         with contextlib.suppress(OSError):
             if os.path.samestat(self._path.stat(), self._file):
                 self._path.unlink()
-        self._wait(0.1, lambda client: client.busy)  # for the text that has just said exit()
-        for client in list(self.clients):
-            client.interrupt()
-        self._wait(1, lambda client: client.busy)
-        for client in list(self.clients):
-            client.hang_up()
-        self._wait(0.2, lambda client: True)
-
-    def _wait(self, seconds: float, reason: Callable[[Client], bool]) -> None:
-        end = time.monotonic() + seconds
-        while time.monotonic() < end and any(map(reason, list(self.clients))):
-            time.sleep(0.002)
+        for seconds, act in ((0.1, Client.interrupt), (1.0, Client.hang_up)):  # a text that has just said exit() ends so
+            end = time.monotonic() + seconds
+            while time.monotonic() < end and any(client.busy for client in list(self.clients)):
+                time.sleep(0.002)
+            for client in list(self.clients):
+                act(client)
 
 
 def _remove_stale(path: pathlib.Path) -> None:

@@ -132,9 +132,14 @@ def _reason(key: str) -> str:
     module, _, control = key.partition(".")
     plugin = _parameters(f"{module}.plugin").get(f"{module}.plugin")
     limits = describe(str(plugin)).get(control, {})
-    if "minimum" not in limits or "maximum" not in limits:
+    return f": it takes {_range(limits)} {limits.get('unit', '')}".rstrip() if _range(limits) else ""
+
+
+def _range(control: dict[str, Any]) -> str:
+    if "minimum" not in control or "maximum" not in control:
         return ""
-    return f": it goes from {limits['minimum']:g} to {limits['maximum']:g} {limits.get('unit', '')}".rstrip()
+    least = f"{control['minimum']:g}"
+    return f"{least} to {control['maximum']:g}" if control["maximum"] < 3.4e38 else f"at least {least}"
 
 
 def describe(plugin: str) -> dict[str, dict[str, Any]]:
@@ -304,7 +309,7 @@ def plugins(word: str = "") -> None:
     """Shows the plugins that modules can be made of, those with the word in their name or title.
 
     >>> plugins('reverb')
-    gverb          GVerb
+    plate  Plate reverb
     """
     titles = {key.split(".")[1]: str(title) for key, title in _parameters("plugins.").items() if key.endswith(".title")}
     found = sorted((name, titles.get(name, "")) for name in names(engine.listAvailableModules()))
@@ -315,12 +320,13 @@ def plugins(word: str = "") -> None:
 def info(name: str) -> None:
     """Shows what a plugin has, or a module: ports, controls, ranges, units and, of a module, values.
 
-    >>> info('gain')
-    gain, of amp_mono: Mono Amplifier
-      sinks: gain:input
-      sources: gain:output
-      control  value  range    unit  default
-      gain     1      0 to 10        1
+    >>> info('sine_fcac')
+    sine_fcac: Sine Oscillator (Freq:control, Amp:control)
+      sinks: none
+      sources: output
+      control    range       unit  default
+      frequency  0 to 24000  Hz    440
+      amplitude  at least 0        1
     """
     there, available = modules(), names(engine.listAvailableModules())
     module = there.get(name)
@@ -339,8 +345,7 @@ def info(name: str) -> None:
     rows: list[Sequence[object]] = [("control", "value" if module else "", "range", "unit", "default")]
     for key in dict.fromkeys([*described, *values]):
         control = described.get(key, {})
-        limits = f"{control['minimum']:g} to {control['maximum']:g}" if "maximum" in control else ""
-        rows.append((key, values.get(key, ""), limits, control.get("unit", ""), control.get("default", "")))
+        rows.append((key, values.get(key, ""), _range(control), control.get("unit", ""), control.get("default", "")))
     for line in columns(rows if len(rows) > 1 else []):
         print(" ", line)
 
