@@ -62,7 +62,8 @@ def registering(seed, end):
         write()
 def size():
     "Resident kilobytes, threads and open files."
-    status = open("/proc/self/status").read()
+    with open("/proc/self/status") as file:
+        status = file.read()
     return *(int(re.search(name + r":\\s+(\\d+)", status)[1]) for name in ("VmRSS", "Threads")), len(os.listdir("/proc/self/fd"))
 sizes = []
 for _ in range(10):

@@ -173,6 +173,7 @@ void Recorder::reset() {
     for (const auto &[list, destroy] : ended_)
         destroy(list);
     ended_.clear();
+    std::erase_if(lists_, [](const auto &list) { return list.second; });
     noting = true;
 }
 

@@ -26,6 +26,7 @@ import collections
 import contextlib
 import ctypes
 import fnmatch
+import functools
 import gc
 import importlib
 import io
@@ -191,8 +192,7 @@ class _Script:
         self.name, self.results, self.nulls, self.given = name, collections.deque(), 0, False
         self.result, self.entries, self.text, self.numbers = 0, self.list(()), b"", ()
         self.iteration, self.callback, self.longest, self.gate = None, None, 0, threading.Event()
-        self.hook = _Hook(self.answer)
-        _library.record_hook(name.encode(), self.hook)
+        _library.record_hook(name.encode(), _hook(name))
 
     def list(self, entries):
         return List.of(entries, "cListValue" not in self.result_type)
@@ -264,6 +264,11 @@ class _Script:
 _scripts, _kept = {}, []
 
 
+@functools.cache  # ctypes leaves a reference behind for each that it makes
+def _hook(name):
+    return _Hook(lambda words, answer: name in _scripts and _scripts[name].answer(words, answer))
+
+
 def _script(name):
     return _scripts.get(name) or _scripts.setdefault(name, _Script(name))
 
@@ -298,7 +303,7 @@ def violations():
 def reset():
     """Forgets calls and scripts. Registrations and live objects stay."""
     _library.record_reset()
-    _scripts.clear()
+    _scripts.clear(), _kept.clear()
 
 
 def recording(on):
