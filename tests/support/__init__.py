@@ -18,7 +18,7 @@ CONSOLE_HOST = BUILD / "tests" / "console_host"
 
 SANITIZER = os.environ.get("SONETRIX_SANITIZE", "")
 # Waits are scaled, never guessed per build.
-SLOWNESS = 6 if SANITIZER else 1
+SLOWNESS = 6 if SANITIZER or hasattr(sys, "gettotalrefcount") else 1
 
 # For another architecture: a folder of scripts of the programs' names that start them in an emulator; RUN goes before
 # any other program of the target's.

@@ -22,7 +22,7 @@ def groups(files):
         found = importlib.util.spec_from_file_location(pathlib.Path(file).stem, file)
         module = sys.modules[found.name] = importlib.util.module_from_spec(found)
         found.loader.exec_module(module)
-        for case in vars(module).values():
+        for case in list(vars(module).values()):
             if isinstance(case, type) and issubclass(case, unittest.TestCase) and case.__module__ == module.__name__:
                 yield case
 
