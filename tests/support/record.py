@@ -217,7 +217,7 @@ class _Script:
         elif null or "List" not in self.result_type:
             answer[0] = 0
         elif self.name == "sonetrix_engine_getStartParameter":
-            _kept.append(self.entries)  # it stays the engine's
+            _kept.add(self.entries)  # it stays the engine's
             answer[0] = self.entries._as_parameter_.value
         else:
             answer[0] = self.entries.copy()
@@ -261,7 +261,7 @@ class _Script:
         return 0
 
 
-_scripts, _kept = {}, []
+_scripts, _kept = {}, set()
 
 
 @functools.cache  # ctypes leaves a reference behind for each that it makes
