@@ -83,25 +83,31 @@ Ref endAtExit() {
     return none();
 }
 
-// One of gc.callbacks: called with "start" or "stop".
-Ref onCollection(Arguments arguments) {
-    setCollecting(PyUnicode_Check(arguments[0]) && PyUnicode_CompareWithASCIIString(arguments[0], "start") == 0);
-    return none();
+constexpr Method endLibrary = {"end_library", "()", "", function<endAtExit>};
+
+// One of gc.callbacks: called with "start" or "stop" and a dict, on any thread, at the interpreter's end, too, when the
+// library's functions are refused there.
+PyObject *onCollection(PyObject *, PyObject *arguments) noexcept {
+    const char *phase = nullptr;
+    PyObject *info = nullptr;
+    if (PyArg_ParseTuple(arguments, "sO", &phase, &info) == 0) {
+        return nullptr;
+    }
+    setCollecting(std::string_view(phase) == "start");
+    return Py_NewRef(Py_None);
 }
 
-constexpr Method interpreterHooks[] = {
-    {"end_library", "()", "", function<endAtExit>},
-    {"on_collection", "(phase, info)", "", function<onCollection>},
-};
+PyMethodDef collectionHook = {"on_collection", onCollection, METH_VARARGS, nullptr};
 
 // They hold no reference to the module, which is to be collected at the end.
 void installHooks() {
     Ref atExit = checked(PyImport_ImportModule, "atexit");
-    checked(PyObject_CallMethod, atExit.get(), "register", "O", newFunction(interpreterHooks[0], Py_None).get());
+    checked(PyObject_CallMethod, atExit.get(), "register", "O", newFunction(endLibrary, Py_None).get());
     Ref callbacks = checked(PyObject_GetAttrString, checked(PyImport_ImportModule, "gc").get(), "callbacks");
     // With the hook goes what it has said: a script may empty gc.callbacks in the middle of a collection.
     Ref mark = checked(PyCapsule_New(&imported, nullptr, [](PyObject *) { setCollecting(false); }));
-    checked(PyObject_CallMethod, callbacks.get(), "append", "O", newFunction(interpreterHooks[1], mark.get()).get());
+    Ref hook = checked(PyCFunction_New, &collectionHook, mark.get());
+    checked(PyObject_CallMethod, callbacks.get(), "append", "O", hook.get());
     watchForks();
     watchForksOfRegistrations();
 }

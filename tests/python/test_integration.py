@@ -59,6 +59,9 @@ class Installed(unittest.TestCase):
 
     def minimal_engine(self, name, *options, flags=None, sources=("minimal_engine.c", "lists.c")):
         """Compiles the example with what pkg-config says."""
+        if self.compiler is None:
+            self.skipTest("built by a compiler for another machine, with options of its own")
+
         def ask(*question):
             return tool("pkg-config", *question, "sonetrix-engine-api", PKG_CONFIG_PATH=str(self.root / "share/pkgconfig"))
 

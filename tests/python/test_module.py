@@ -18,7 +18,7 @@ STUB = SOURCE / "interface" / "sonetrix" / "sonetrix.pyi"
 CONSTANTS = {"engine": ["METER_SLOW", "METER_FAST"], "log": ["TRACE", "DEBUG", "INFO", "WARN", "ERROR", "FATAL"]}
 # Python run in an interpreter of its own: the layer is loaded, the module is not.
 PRELUDE = """
-import gc, importlib, os, sys, threading, time
+import contextlib, gc, importlib, os, sys, threading, time
 from support import record
 def refusal(call, *arguments):
     try:
@@ -226,9 +226,13 @@ def fire():
         for kind in range(4):
             record.fire(kind, {"a": 1}, threads=2)
 def read():
+    with contextlib.suppress(RuntimeError):  # the interpreter is ending
+        while True:
+            sonetrix.listKeyValue().append("a", 1).toDict(lambda entry: time.sleep(0.02))
+def collect():
     while True:
-        sonetrix.listKeyValue().append("a", 1).toDict(lambda entry: time.sleep(0.02))
-for target in fire, fire, read:
+        gc.collect()
+for target in fire, fire, read, collect:
     threading.Thread(target=target, daemon=True).start()
 class Late:
     def __del__(self, sleep=time.sleep): sleep(0.2)
