@@ -261,7 +261,7 @@ wait_for(lambda: len(calls) == 2)
 """, log=re.compile(r"WARN  timers.cpp:\d+: the callback of a timer of 0.1 s has taken [01].\d s; "
                     r"other timers that waited for it: 3\n"))
 
-    @unittest.skipIf(live.SANITIZED or support.RUN, "a sanitizer has an allocator of its own; an emulator is preloaded, too")
+    @unittest.skipIf(live.SANITIZED or support.RUN, "a sanitizer has its own allocator; an emulator is preloaded, too")
     def test_an_engine_thread_bears_a_lack_of_memory(self):
         self.set_environment(LD_PRELOAD=str(support.BUILD / "tests" / "libsonetrix_starvation.so"))
         for thread in "notify", "meters", "graph":
