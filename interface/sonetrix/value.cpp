@@ -19,24 +19,6 @@ PyObject *typeName(const sonetrix_value_t &value) noexcept {
     return typeNames[value.type]->get();
 }
 
-// The tuple of what `convert` makes of each element.
-template <class Element, class Convert> Ref toTuple(const sonetrix_value_t &value, Convert &&convert) {
-    const auto *elements = static_cast<const Element *>(value.as.array);
-    const auto count = static_cast<Py_ssize_t>(value.count);
-    if (elements == nullptr && count != 0) {
-        raisePlain(notAccepted);
-    }
-    Ref tuple = checked(PyTuple_New(count));
-    for (Py_ssize_t index = 0; index < count; ++index) {
-        PyTuple_SET_ITEM(tuple.get(), index, convert(elements[index]).release());
-    }
-    return tuple;
-}
-
-template <class Element> Ref toTuple(const sonetrix_value_t &value) {
-    return toTuple<Element>(value, [](Element number) { return detail::element(number); });
-}
-
 Ref newPair(Ref first, PyObject *second) {
     Ref pair = checked(PyTuple_New(2));
     PyTuple_SET_ITEM(pair.get(), 0, first.release());
@@ -44,8 +26,19 @@ Ref newPair(Ref first, PyObject *second) {
     return pair;
 }
 
-template <class Element> Ref toTupleOfPairs(const sonetrix_value_t &value) {
-    return toTuple<Element>(value, [&](Element number) { return newPair(detail::element(number), typeName(value)); });
+template <class Element> Ref toTuple(const sonetrix_value_t &value, bool ofPairs) {
+    const auto *elements = static_cast<const Element *>(value.as.array);
+    const auto count = static_cast<Py_ssize_t>(value.count);
+    if (elements == nullptr && count != 0) {
+        raisePlain(notAccepted);
+    }
+    Ref tuple = checked(PyTuple_New(count));
+    for (Py_ssize_t index = 0; index < count; ++index) {
+        Ref number = detail::element(elements[index]);
+        number = ofPairs ? newPair(std::move(number), typeName(value)) : std::move(number);
+        PyTuple_SET_ITEM(tuple.get(), index, number.release());
+    }
+    return tuple;
 }
 
 // ------------------------------------------------------------------------------------------------ Python -> engine
@@ -110,14 +103,14 @@ template <class Element> NativeArray<Element> convertTuple(PyObject *tuple, cons
 
 } // namespace
 
-Ref detail::arrayToPython(const sonetrix_value_t &value) {
+Ref detail::arrayToPython(const sonetrix_value_t &value, bool ofPairs) {
     switch (value.type) {
     case SONETRIX_VALUE_AUINT32:
-        return toTuple<std::uint32_t>(value);
+        return toTuple<std::uint32_t>(value, ofPairs);
     case SONETRIX_VALUE_AINT32:
-        return toTuple<std::int32_t>(value);
+        return toTuple<std::int32_t>(value, ofPairs);
     case SONETRIX_VALUE_AFLOAT:
-        return toTuple<float>(value);
+        return toTuple<float>(value, ofPairs);
     default:
         raisePlain(notAccepted);
     }
@@ -129,14 +122,8 @@ Ref toTypedPair(const sonetrix_value_t &value) {
 }
 
 Ref toTypedElement(const sonetrix_value_t &value) {
-    switch (value.type) {
-    case SONETRIX_VALUE_AUINT32:
-        return toTupleOfPairs<std::uint32_t>(value);
-    case SONETRIX_VALUE_AINT32:
-        return toTupleOfPairs<std::int32_t>(value);
-    default:
-        return toTypedPair(value);
-    }
+    const bool holdsIntegers = value.type == SONETRIX_VALUE_AUINT32 || value.type == SONETRIX_VALUE_AINT32;
+    return holdsIntegers ? detail::arrayToPython(value, true) : toTypedPair(value);
 }
 
 bool Selector::equals(PyObject *other) const {

@@ -15,8 +15,8 @@ namespace detail {
 inline Ref element(std::uint32_t number) { return checked(PyLong_FromUnsignedLong(number)); }
 inline Ref element(std::int32_t number) { return checked(PyLong_FromLong(number)); }
 inline Ref element(float number) { return checked(PyFloat_FromDouble(static_cast<double>(number))); }
-// Refuses whatever is no array.
-Ref arrayToPython(const sonetrix_value_t &value);
+// Refuses whatever is no array. Its elements alone, or each in a pair with the array's type name.
+Ref arrayToPython(const sonetrix_value_t &value, bool ofPairs = false);
 } // namespace detail
 
 // The value alone: int, float, bytes, or a tuple for an array. Exception "value type not accepted" for an unknown type

@@ -37,7 +37,7 @@ std::int32_t run(sonetrix_cliModule_t *module) {
     const bool interactive = module->interactive != 0;
     const SignalMask unblocked =
         module->sigintMode == 0 ? SignalMask(SIG_UNBLOCK, {SIGURG}) : SignalMask(SIG_UNBLOCK, {SIGINT, SIGURG});
-    const StopRequest::Run run(interactive);
+    const RunInProgress inProgress(interactive);
     return interactive ? runConsole(*module) : runStandardInput();
 }
 
@@ -45,7 +45,7 @@ void stop(sonetrix_cliModule_t *module) {
     if (!stopRequested(*module)) {
         log(SONETRIX_LOG_DEBUG, "request to stop cli");
         if (__atomic_exchange_n(&module->stopRequested, 1, __ATOMIC_SEQ_CST) == 0) {
-            StopRequest::instance().send();
+            sendStopRequest();
             return;
         }
     }
@@ -87,7 +87,7 @@ void destroy(sonetrix_cliModule_t *module) {
     if (interpreterIsReady()) {
         endInterpreter(*module);
     }
-    StopRequest::instance().close();
+    closeStopRequests();
     restoreSignals(*module);
     release(module);
 }
@@ -175,7 +175,7 @@ extern "C" sonetrix_cliModule_t *sonetrix_engineCliCostructor(sonetrix_cListKeyV
         release(module);
         return nullptr;
     }
-    StopRequest::instance().open();
+    openStopRequests();
     startInterpreter(*module);
     return module;
 }

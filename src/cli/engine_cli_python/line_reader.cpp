@@ -51,7 +51,7 @@ char *newLine(const char *text, std::size_t size) noexcept {
 char *readLine(std::FILE *input, std::FILE *output, const char *prompt) noexcept {
     // Its two ends run signal handlers, and some draw on the terminal what a line that is being read needs: so they
     // are not within what the hook is told to be a read.
-    std::optional<StopRequest::PromptRead> ownPrompt;
+    std::optional<PromptRead> ownPrompt;
     {
         const GilHeld gil;
         if (PyErr_CheckSignals() != 0) {
@@ -66,10 +66,10 @@ char *readLine(std::FILE *input, std::FILE *output, const char *prompt) noexcept
             return nullptr;
         }
     }
-    const bool reads = !ownPrompt || !StopRequest::instance().isRequested();
+    const bool reads = !ownPrompt || !stopIsRequested();
     char *line = reads ? interpretersReader(input, output, prompt) : nullptr;
     const GilHeld gil;
-    const bool stopped = ownPrompt && StopRequest::instance().isRequested();
+    const bool stopped = ownPrompt && stopIsRequested();
     const Ref replacement = callLineHook(prompt, line == nullptr ? "" : line);
     ownPrompt.reset();
     if (stopped) {

@@ -12,8 +12,7 @@ namespace {
 
 bool isSilent(PyObject *type) noexcept {
     return PyErr_GivenExceptionMatches(type, PyExc_SystemExit) != 0 ||
-           (PyErr_GivenExceptionMatches(type, PyExc_KeyboardInterrupt) != 0 &&
-               StopRequest::instance().hasInterruptedConsole());
+           (PyErr_GivenExceptionMatches(type, PyExc_KeyboardInterrupt) != 0 && stopHasInterruptedConsole());
 }
 
 // `self` is the interpreter's own hook.

@@ -5,6 +5,9 @@
 #include "python/gil.h"
 
 #include <chrono>
+#include <ctime>
+#include <mutex>
+#include <optional>
 #include <pthread.h>
 #include <unistd.h>
 #include <utility>
@@ -22,8 +25,29 @@ using namespace std::chrono_literals;
 constexpr int wakeSignal = SIGURG;
 constexpr auto tick = 10ms;
 
+std::mutex mutex;   // held for the time of a signal, never while anything waits for the console
+pthread_t thread{}; // the console thread
+bool runs = false;  // `run` is in progress
+bool reads = false; // at its own prompt
+bool isInteractive = false;
+bool requested = false;
+bool sigintSent = false;
+std::optional<timer_t> timer;
+
+void startTimer(bool on) noexcept {
+    if (!timer) {
+        return;
+    }
+    itimerspec period{};
+    if (on) {
+        period.it_interval.tv_nsec = std::chrono::nanoseconds(tick).count();
+        period.it_value = period.it_interval;
+    }
+    timer_settime(*timer, 0, &period, nullptr);
+}
+
 PyObject *onWake(PyObject *, PyObject *) noexcept {
-    if (PyErr_Occurred() == nullptr && StopRequest::instance().isRequested()) {
+    if (PyErr_Occurred() == nullptr && stopIsRequested()) {
         PyErr_SetNone(PyExc_KeyboardInterrupt);
     }
     return PyErr_Occurred() != nullptr ? nullptr : Py_NewRef(Py_None);
@@ -50,94 +74,83 @@ SignalMask::SignalMask(int how, std::initializer_list<int> signals) noexcept {
 
 SignalMask::~SignalMask() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
 
-StopRequest::StopRequest() noexcept {
-    // A script that forks while a request is being sent: the child's mutex is free, too.
-    pthread_atfork(
-        [] { instance().mutex_.lock(); }, [] { instance().mutex_.unlock(); }, [] { instance().mutex_.unlock(); });
-}
-
-StopRequest &StopRequest::instance() noexcept {
-    static StopRequest request;
-    return request;
-}
-
-void StopRequest::open() noexcept {
+void openStopRequests() noexcept {
     sigevent event{};
     event.sigev_notify = SIGEV_THREAD_ID;
     event.sigev_signo = wakeSignal;
     event.sigev_notify_thread_id = gettid();
-    timer_t timer{};
-    if (timer_create(CLOCK_MONOTONIC, &event, &timer) == 0) {
-        timer_ = timer;
+    timer_t created{};
+    if (timer_create(CLOCK_MONOTONIC, &event, &created) == 0) {
+        timer = created;
     } else {
         log(SONETRIX_LOG_WARN, "no timer for stop requests: a request at the prompt may come late");
     }
+    // A script that forks while a request is being sent: the child's mutex is free, too.
+    static const int watchesForks =
+        pthread_atfork([] { mutex.lock(); }, [] { mutex.unlock(); }, [] { mutex.unlock(); });
+    static_cast<void>(watchesForks);
 }
 
-void StopRequest::close() noexcept {
-    if (timer_) {
-        timer_delete(*timer_);
-        timer_.reset();
+void closeStopRequests() noexcept {
+    if (timer) {
+        timer_delete(*timer);
+        timer.reset();
     }
 }
 
-void StopRequest::send() noexcept {
-    const std::lock_guard guard(mutex_);
-    if (!runs_) {
+void sendStopRequest() noexcept {
+    const std::lock_guard guard(mutex);
+    if (!runs) {
         return;
     }
-    requested_ = true;
+    requested = true;
     usleep(100);
     log(SONETRIX_LOG_DEBUG, "SIGINT to python cli thread");
     struct sigaction action {};
     // The default disposition would end the process.
     const bool deadly = sigaction(SIGINT, nullptr, &action) != 0 ||
                         ((action.sa_flags & SA_SIGINFO) == 0 && action.sa_handler == SIG_DFL);
-    sigintSent_ = !deadly && pthread_kill(thread_, SIGINT) == 0;
-    if (!sigintSent_) {
+    sigintSent = !deadly && pthread_kill(thread, SIGINT) == 0;
+    if (!sigintSent) {
         log(SONETRIX_LOG_DEBUG, "error in raise SIGINT");
     }
-    startTimer(reads_);
+    startTimer(reads);
 }
 
-StopRequest::Run::Run(bool interactive) noexcept {
-    StopRequest &request = instance();
-    const std::lock_guard guard(request.mutex_);
-    request.runs_ = true;
-    request.interactive_ = interactive;
-    request.requested_ = false;
-    request.sigintSent_ = false;
-    request.thread_ = pthread_self();
+RunInProgress::RunInProgress(bool interactive) noexcept {
+    const std::lock_guard guard(mutex);
+    runs = true;
+    isInteractive = interactive;
+    requested = false;
+    sigintSent = false;
+    thread = pthread_self();
 }
 
-StopRequest::Run::~Run() {
-    StopRequest &request = instance();
+RunInProgress::~RunInProgress() {
     {
-        const std::lock_guard guard(request.mutex_);
-        request.runs_ = false;
-        request.startTimer(false); // a system call, after which every signal sent so far has been delivered
+        const std::lock_guard guard(mutex);
+        runs = false;
+        startTimer(false); // a system call, after which every signal sent so far has been delivered
     }
-    if (std::exchange(request.sigintSent_, false)) {
+    if (std::exchange(sigintSent, false)) {
         PyOS_InterruptOccurred(); // forgets it
     }
 }
 
-StopRequest::PromptRead::PromptRead() noexcept {
+PromptRead::PromptRead() noexcept {
     const RaisedException raised;
     sigaction(wakeSignal, nullptr, &previousAction_);
     const Ref handler = Ref::steal(PyCFunction_New(&wakeHandler, nullptr));
     previousHandler_ = handler ? setWakeHandler(handler.get()) : Ref();
-    StopRequest &request = instance();
-    const std::lock_guard guard(request.mutex_);
-    request.reads_ = true;
+    const std::lock_guard guard(mutex);
+    reads = true;
 }
 
-StopRequest::PromptRead::~PromptRead() {
+PromptRead::~PromptRead() {
     {
-        StopRequest &request = instance();
-        const std::lock_guard guard(request.mutex_);
-        request.reads_ = false;
-        request.startTimer(false);
+        const std::lock_guard guard(mutex);
+        reads = false;
+        startTimer(false);
     }
     const RaisedException raised;
     if (previousHandler_ && previousHandler_.get() != Py_None) { // None: not Python's, so the action says it all
@@ -146,26 +159,14 @@ StopRequest::PromptRead::~PromptRead() {
     sigaction(wakeSignal, &previousAction_, nullptr);
 }
 
-bool StopRequest::isRequested() noexcept {
-    const std::lock_guard guard(mutex_);
-    return requested_;
+bool stopIsRequested() noexcept {
+    const std::lock_guard guard(mutex);
+    return requested;
 }
 
-bool StopRequest::hasInterruptedConsole() noexcept {
-    const std::lock_guard guard(mutex_);
-    return interactive_ && runs_ && requested_;
-}
-
-void StopRequest::startTimer(bool on) noexcept {
-    if (!timer_) {
-        return;
-    }
-    itimerspec period{};
-    if (on) {
-        period.it_interval.tv_nsec = std::chrono::nanoseconds(tick).count();
-        period.it_value = period.it_interval;
-    }
-    timer_settime(*timer_, 0, &period, nullptr);
+bool stopHasInterruptedConsole() noexcept {
+    const std::lock_guard guard(mutex);
+    return isInteractive && runs && requested;
 }
 
 } // namespace sonetrix::cli

@@ -13,9 +13,7 @@
 #include "python/ref.h"
 
 #include <csignal>
-#include <ctime>
-#include <mutex>
-#include <optional>
+#include <initializer_list>
 
 namespace sonetrix::cli {
 
@@ -32,53 +30,36 @@ private:
     sigset_t previous_{};
 };
 
-// There is one interpreter and so one console per process. All but send() is for the console thread.
-class StopRequest {
+// There is one interpreter and so one console per process. All but sendStopRequest() is for the console thread.
+
+// Around the life of the interpreter.
+void openStopRequests() noexcept;
+void closeStopRequests() noexcept;
+
+// For any thread, the request being in the record already. Never waits for the console.
+void sendStopRequest() noexcept;
+
+// While one of these lives, `run` is in progress.
+class RunInProgress : NonCopyable {
 public:
-    static StopRequest &instance() noexcept;
+    explicit RunInProgress(bool interactive) noexcept;
+    ~RunInProgress();
+};
 
-    // Around the life of the interpreter.
-    void open() noexcept;
-    void close() noexcept;
-
-    // For any thread, the request being in the record already. Never waits for the console.
-    void send() noexcept;
-
-    // While one of these lives, `run` is in progress.
-    class Run : NonCopyable {
-    public:
-        explicit Run(bool interactive) noexcept;
-        ~Run();
-    };
-
-    // While one of these lives, the console reads at its own prompt. Made and ended with the interpreter lock.
-    class PromptRead : NonCopyable {
-    public:
-        PromptRead() noexcept;
-        ~PromptRead();
-
-    private:
-        Ref previousHandler_;
-        struct sigaction previousAction_ {};
-    };
-
-    // Whether a request has come during the present run.
-    bool isRequested() noexcept;
-    // Whether a KeyboardInterrupt at the interactive console is, for all that is known, the request's own.
-    bool hasInterruptedConsole() noexcept;
+// While one of these lives, the console reads at its own prompt. Made and ended with the interpreter lock.
+class PromptRead : NonCopyable {
+public:
+    PromptRead() noexcept;
+    ~PromptRead();
 
 private:
-    StopRequest() noexcept;
-    void startTimer(bool on) noexcept;
-
-    std::mutex mutex_;   // held for the time of a signal, never while anything waits for the console
-    pthread_t thread_{}; // the console thread
-    bool runs_ = false;  // `run` is in progress
-    bool reads_ = false; // at its own prompt
-    bool interactive_ = false;
-    bool requested_ = false;
-    bool sigintSent_ = false;
-    std::optional<timer_t> timer_;
+    Ref previousHandler_;
+    struct sigaction previousAction_ {};
 };
+
+// Whether a request has come during the present run.
+bool stopIsRequested() noexcept;
+// Whether a KeyboardInterrupt at the interactive console is, for all that is known, the request's own.
+bool stopHasInterruptedConsole() noexcept;
 
 } // namespace sonetrix::cli
