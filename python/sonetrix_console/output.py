@@ -84,6 +84,8 @@ class _Console:
         signal.signal(self._signal, self._on_wake)
         signal.siginterrupt(self._signal, self._editor is None)
         signal.pthread_sigmask(signal.SIG_UNBLOCK, [self._signal])
+        self._signals, entry = os.pipe2(os.O_NONBLOCK | os.O_CLOEXEC)  # the numbers of those that come
+        signal.set_wakeup_fd(entry, warn_on_full_buffer=False)
         self._ended = False
         self._waker = threading.Thread(target=self._wake, name="console output", daemon=True)
         self._waker.start()
@@ -123,6 +125,7 @@ class _Console:
         self._ended = True
         self.post(b"\0")
         self._waker.join(1)
+        signal.set_wakeup_fd(-1)
         signal.signal(self._signal, signal.SIG_IGN)  # there may be one on its way
 
     def _write(self, text: bytes) -> None:
@@ -132,9 +135,14 @@ class _Console:
 
     def _wake(self) -> None:
         """Has the console's thread look into the pipe, again and again until it has: a signal may come a moment before
-        that thread waits for a key, which then would come first."""
+        that thread waits for a key, which then would come first. So it is with Ctrl-C, for which something is put there."""
         signal.pthread_sigmask(signal.SIG_BLOCK, signal.valid_signals())  # Ctrl-C is for the console's thread
-        while select.select([self._pipe], [], [])[0] and not self._ended:
+        while not self._ended:
+            ready, _, _ = select.select([self._pipe, self._signals], [], [])
+            if self._signals in ready:
+                if set(os.read(self._signals, _PIPE_SIZE)) != {self._signal}:
+                    self.post(b"\0")
+                continue
             if self.prompt is not None:
                 signal.pthread_kill(self.thread, self._signal)
             time.sleep(1 / _REDRAWS_PER_SECOND)

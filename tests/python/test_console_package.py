@@ -117,11 +117,13 @@ for line, word in 5 * [("engine.link('", "")] + [("engine.link('module99", "modu
             screen.wait_for("^1 / 0$")
             screen.type("\r")
             screen.wait_for('^8\n42\nTraceback .*\n  File "<pasted 1>", line 8, in <module>\n(    .*\n)*Zero.*\nengine>$')
+            screen.wait_for(r"^engine>\Z")
             screen.type("\x1b[A")  # one entry of the history
-            screen.wait_for(r"^engine> def twice\(x\):\n    y = 2 \* x\n\n    return y")
+            screen.wait_for(r"^engine> def twice\(x\):\n    y = 2 \* x\n\n    return y\n(.*\n)+1 / 0\Z")
             screen.type("\x03")
-            screen.wait_for("^KeyboardInterrupt\nengine>$")
+            screen.wait_for(r"^KeyboardInterrupt\nengine>\Z")
             screen.type("for i in range(2):\r")
+            screen.wait_for(r"^\.\.\.\Z")
             screen.type("\x1b[200~    x = i\n\n    print('i', x)\n\x1b[201~\r\r")
             screen.wait_for(r"^i 0\ni 1\nengine>$")
 
