@@ -97,8 +97,10 @@ class MonitorTest(record.TestCase):
         self.assertEqual(output.getvalue(), "RT Memory Inspect:\n")
         self.assertEqual([call[:3] for call in record.calls()], [("sonetrix_memory_rt_inspect", (), False)])
 
-    def test_on_a_terminal(self):
-        """Ended by interrupts in haste, and by the engine's stop."""
+
+class OnATerminal(unittest.TestCase):
+    def test_monitors(self):
+        """Ended by an interrupt, and by the engine's stop."""
         for monitor in REDRAWN:
             with self.subTest(monitor), console.Console(columns=40, rows=6) as terminal:
                 for index in range(5):  # more than there are lines for
@@ -109,7 +111,7 @@ class MonitorTest(record.TestCase):
                     terminal.expect(r"(?=\x1b)")
                     if call[0] != "s":
                         terminal.expect(FULL[monitor])
-                        terminal.signal(), terminal.signal()
+                        terminal.signal()
                     shown = terminal.expect(re.escape(SHOW[:-1]))
                     self.assertRegex(shown, r"^\x1b\[\?25l\r" + REDRAWN[monitor] + "$")
                     if call[0] != "s":
