@@ -97,6 +97,18 @@ class CallbackTest(record.TestCase):
         self.assertEqual([(name, type(error)) for name, error in reports],
                          [("sonetrix.timeout.timerCb", AttributeError)])
 
+    def test_callables_may_fail_in_any_way(self):
+        class Hostile(Exception):
+            def __str__(self): raise self
+            __repr__ = __str__
+        for kind in ENGINE:
+            errors = [ValueError("\u00e9\0"), SystemExit(5), KeyboardInterrupt(), Hostile()]
+            def callback(*_): raise errors.pop()
+            made = self.make(kind, callback)
+            record.clear()
+            fire(kind, {}, times=4)
+            self.assertEqual(([level for level, _ in record.log_lines()], errors), ([3] * 4, []))
+
     def test_removal(self):
         """By a cycle's collection; by the callable itself; by another thread while it runs; under a finalizer."""
         for kind in ENGINE:
