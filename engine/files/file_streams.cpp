@@ -3,7 +3,6 @@
 #include "sonetrix/engine_api.h"
 
 #include <algorithm>
-#include <fstream>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -59,20 +58,10 @@ SoundFile createSoundFile(const std::filesystem::path &path, const std::filesyst
     info.format = formatOf(name);
     SoundFile file = openSoundFile(path, SFM_WRITE, info);
     sf_command(file.get(), SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
-    sf_command(file.get(), SFC_SET_CLIPPING, nullptr, SF_TRUE); // for the formats of integers
+    sf_command(file.get(), SFC_SET_CLIPPING, nullptr, SF_TRUE);            // for the formats of integers
+    if ((info.format & SF_FORMAT_TYPEMASK) != SF_FORMAT_RF64)              // which has no such chunk, but would get one
+        sf_command(file.get(), SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE); // with the time of day in it
     return file;
-}
-
-/// Takes the time of day out of a complete WAV file, so that the same samples make the same file.
-void forgetTime(const std::filesystem::path &path) {
-    std::array<char, 256> head{};
-    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
-    file.read(head.data(), head.size());
-    const size_t chunk = std::string_view(head.data(), head.size()).find("PEAK");
-    constexpr size_t timeInChunk = 12;
-    constexpr std::array<char, 4> never{};
-    if (file && chunk != std::string_view::npos)
-        file.seekp(static_cast<std::streamoff>(chunk + timeInChunk)).write(never.data(), never.size());
 }
 
 } // namespace
@@ -194,7 +183,6 @@ void Recorder::complete() noexcept {
     writeOut();
     if (const int error = sf_close(file_.release()); error != 0 && !cutShort_)
         fail(sf_error_number(error));
-    forgetTime(writtenPath_);
     std::error_code error;
     if (!cutShort_ && writtenPath_ != path_)
         std::filesystem::rename(writtenPath_, path_, error);

@@ -122,14 +122,15 @@ if int(status["CapEff"], 16) >> 14 & 1 or resource.getrlimit(resource.RLIMIT_MEM
     assert int(status["VmLck"].split()[0]) > 10_000, status["VmLck"]
 else:
     print("that memory is locked is NOT tested: it is not permitted here")
-assert all(new(f"m{index}") == 0 for index in range(300))  # always too slow
+assert all(new(f"m{index}") == 0 for index in range(2000))  # always too slow
 audio = engine.getUsageInfo()[b"system"]["processId"]
 counters = lambda: (engine.getXrunCounter(), int(facts(audio)["voluntary_ctxt_switches"]))
 time.sleep(.2)
 before = counters()
 time.sleep(.3)
+
 late, pauses = (now - then for now, then in zip(counters(), before))
-assert late > 100 and pauses > late / 4, (late, pauses)
+assert late > 100 and pauses > late / 20, (late, pauses)
 """, "--rate", 768000, "--block", 16), end="", flush=True)
 
 
