@@ -133,8 +133,7 @@ void notify(const Notification &notification, sonetrix_cListKeyValue_t *list, vo
         try {
             dict = borrowedToDict(list);
         } catch (...) {
-            translateException();
-            reportUnraisable(notification.reportName);
+            reportThrown(notification.reportName);
             dict = checked(PyDict_New());
         }
         const Ref result = Ref::steal(hangingAtFinalisation(PyObject_CallOneArg, scope.callable(), dict.get()));
@@ -143,8 +142,7 @@ void notify(const Notification &notification, sonetrix_cListKeyValue_t *list, vo
             logString(SONETRIX_LOG_WARN, notification.failure);
         }
     } catch (...) {
-        translateException();
-        reportUnraisable(notification.reportName);
+        reportThrown(notification.reportName);
     }
 }
 

@@ -50,8 +50,7 @@ template <class Body> void orLog(const char *prefix, const char *reportName, Bod
             warnWithTraceback(prefix);
         }
     } catch (...) {
-        translateException();
-        reportUnraisable(reportName);
+        reportThrown(reportName);
     }
 }
 
@@ -60,9 +59,7 @@ template <class Body> void orReport(const char *reportName, Body &&body) noexcep
     try {
         body();
     } catch (...) {
-        translateException();
-        addTraceback(reportName);
-        reportUnraisable(reportName);
+        reportThrown(reportName);
     }
 }
 

@@ -191,9 +191,8 @@ template <class Record, class Store> std::int32_t readRecord(const Record *recor
 inline void reportContainer(PyObject *user, const char *expected, const char *reportName) noexcept {
     try {
         raiseExpected(expected, user);
-    } catch (const PythonError &) {
-        addTraceback(reportName);
-        reportUnraisable(reportName);
+    } catch (...) {
+        reportThrown(reportName);
     }
 }
 

@@ -272,9 +272,7 @@ void clearPythonModule() noexcept {
             runClearCallback(Ref::borrow(PyList_GET_ITEM(callbacks.get(), index)).get());
         }
     } catch (...) {
-        translateException();
-        addTraceback("sonetrix.clear_python_sonetrix");
-        reportUnraisable("sonetrix.clear_python_sonetrix");
+        reportThrown("sonetrix.clear_python_sonetrix");
     }
 }
 

@@ -25,8 +25,7 @@ void timerCb(void *user) {
     try {
         warnWithTraceback("exception in callback timer: ");
     } catch (...) {
-        translateException();
-        reportUnraisable("sonetrix.timeout.timerCb");
+        reportThrown("sonetrix.timeout.timerCb");
     }
 }
 

@@ -94,9 +94,7 @@ template <class Element> NativeArray<Element> convertTuple(PyObject *tuple, cons
         }
         return array;
     } catch (...) {
-        translateException();
-        addTraceback(name);
-        reportUnraisable(name, Report::tracebackAndHook);
+        reportThrown(name, Report::tracebackAndHook);
         return nullptr;
     }
 }

@@ -104,9 +104,7 @@ template <class Target> bool appendTuple(const Target &target, PyObject *tuple, 
         }
         raisePlain("type not yet supported");
     } catch (...) {
-        translateException();
-        addTraceback(Target::appendTupleName);
-        reportUnraisable(Target::appendTupleName, Report::tracebackAndHook);
+        reportThrown(Target::appendTupleName, Report::tracebackAndHook);
         return false;
     }
 }

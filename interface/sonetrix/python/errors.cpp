@@ -71,4 +71,10 @@ void reportUnraisable(const char *qualifiedName, Report report) noexcept {
     hangingAtFinalisation(PyErr_WriteUnraisable, name.get());
 }
 
+void reportThrown(const char *qualifiedName, Report report) noexcept {
+    translateException();
+    addTraceback(qualifiedName);
+    reportUnraisable(qualifiedName, report);
+}
+
 } // namespace sonetrix

@@ -76,4 +76,8 @@ void addTraceback(const char *qualifiedName) noexcept;
 enum class Report { hook, tracebackAndHook };
 void reportUnraisable(const char *qualifiedName, Report report = Report::hook) noexcept;
 
+// For a handler of `...` that nothing may leave: reports whatever was thrown, with a traceback entry that bears the
+// name.
+void reportThrown(const char *qualifiedName, Report report = Report::hook) noexcept;
+
 } // namespace sonetrix
