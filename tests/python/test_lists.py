@@ -1,3 +1,4 @@
+# ctest: timeout=200
 """listValue and listKeyValue: against a model that is written from the rules, and where that does not reach: odd records,
 ownership, Python code within a call."""
 
