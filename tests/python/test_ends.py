@@ -74,12 +74,16 @@ background(lambda: sonetrix.timeout(1, Slow())), entered.wait()
 """ + LATE_END,),
             ("""
 class Last:
-    def __del__(self, calls=((sonetrix.add_clear_callback, len), (sonetrix.engine.addTimer, 1, len)),
-                write=os.write):
-        for call, *arguments in calls: call(*arguments), write(1, b"called\\n")
-sys.last, kept = Last(), type("Cycle", (), {})()
+    def __del__(self, calls=((sonetrix.add_clear_callback, len), (sonetrix.engine.addTimer, 1, len)), engine=sonetrix.engine,
+                lists=(sonetrix.listValue, sonetrix.listKeyValue), write=os.write, RuntimeError=RuntimeError):
+        try:
+            for call, *arguments in calls: call(*arguments)
+        except RuntimeError: pass  # the module is gone
+        read = lists[0]().append(1, "int32").dup().toList(), lists[1]().append("a", (1,), "int").dup().toDict()
+        write(1, f"{read} {engine.isRunning()}\\n".encode())
+sys.last, sonetrix.engine.last, kept = Last(), Last(), type("Cycle", (), {})()
 kept.me, kept.last = kept, Last()
-""", *["called"] * 4)])
+""", *["([1], {b'a': (1,)}) True"] * 3)])
 
     def test_locks_that_the_callable_waits_for(self):
         self.run_all([

@@ -240,22 +240,6 @@ sys.late = Late()
 """, ASAN_OPTIONS="detect_leaks=0"),  # what such threads hold on to stays behind
             ["['addTimer', 'rmCallback', 'delTimer', 'rmCallbackMeterManager'] 0 0 0 0"])
 
-    def test_finalizers_at_interpreter_end(self):
-        self.assertEqual(run("""
-sonetrix = record.load()
-class Finalized:
-    __slots__ = ()
-    def __del__(self, lists=(sonetrix.listValue, sonetrix.listKeyValue), engine=sonetrix.engine, write=os.write,
-                timeout=sonetrix.timeout, RuntimeError=RuntimeError):
-        try: timeout(1, write)
-        except RuntimeError: pass  # the module is gone
-        lists = lists[0]().append(1, "int32").dup().toList(), lists[1]().append("a", (1,), "int").dup().toDict()
-        text = f"{lists} {engine.isRunning()}"
-        write(1, (text + "\\n").encode())
-cycle = type("Cycle", (), {})()
-sys.one, sonetrix.engine.two, cycle.three, cycle.cycle = Finalized(), Finalized(), Finalized(), cycle
-"""), ["([1], {b'a': (1,)}) True"] * 3)
-
     @unittest.skipIf(SANITIZER, "the other interpreter has no sanitizer")
     def test_a_module_built_for_another_version_is_refused(self):
         other = "/usr/bin/python3"
