@@ -8,6 +8,7 @@ Scripts import what they use: `from sonetrix_console import get, put`.
 import __main__
 
 import functools
+import os
 import sys
 from typing import Any
 
@@ -47,7 +48,7 @@ def install() -> None:
     __main__.__dict__.update(_words())
     if "" not in sys.path:
         sys.path.insert(0, "")
-    if sys.stdin is not None and sys.stdin.isatty():
+    if os.isatty(0):
         _install_prompt()
 
 

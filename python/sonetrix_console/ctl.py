@@ -96,7 +96,7 @@ class Terminal:
 
     def screen(self) -> Screen | None:
         """None where one of them is none."""
-        if not (sys.stdin.isatty() and sys.stdout.isatty()):
+        if not (os.isatty(0) and os.isatty(1)):
             return None
         columns, lines = os.get_terminal_size()
         return columns or 80, lines or 24, os.environ.get("TERM", "dumb")
@@ -126,7 +126,6 @@ class Connection:
         credentials = self._socket.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("3i"))
         if os.getuid() and struct.unpack("3i", credentials)[1] not in (0, os.getuid()):
             raise PermissionError("it is another user's")
-        self.ended = False
         self.terminal = Terminal()
         self._keys = contextlib.ExitStack()
         self._typed: Callable[[], str | None] | None = None  # while keys or a line are wanted
@@ -179,8 +178,8 @@ class Connection:
         fcntl.fcntl(self._socket, fcntl.F_SETFL, fcntl.fcntl(self._socket, fcntl.F_GETFL) | os.O_ASYNC)
 
     def _look(self) -> None:
-        with contextlib.suppress(BlockingIOError):
-            self.ended or self._socket.recv(1, socket.MSG_PEEK | socket.MSG_DONTWAIT) or self._end()
+        with contextlib.suppress(OSError):  # nothing has come, or it is closed already
+            self._socket.recv(1, socket.MSG_PEEK | socket.MSG_DONTWAIT) or self._end()
 
     def _end(self) -> NoReturn:
         self.close()
@@ -188,7 +187,6 @@ class Connection:
 
     def close(self) -> None:
         """No signal of watch() comes any more; one that has come already does nothing."""
-        self.ended = True
         self._socket.close()
 
     def _obey(self, message: dict[str, Any]) -> None:

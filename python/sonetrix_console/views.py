@@ -22,7 +22,7 @@ def _live(frame: Callable[[int], list[str]], seconds: float) -> None:
     terminal = here.client or Terminal()
     before = terminal.screen()
     if before is None:
-        print(*frame(80), sep="\n")
+        print(*(line.rstrip() for line in frame(80)), sep="\n")
         return
     height, dumb = 0, before[2] == "dumb"
     stream = sys.stdout if here.client else sys.__stdout__  # ours alone: that of the console holds others' output back
