@@ -38,7 +38,8 @@ def is_sound(case, rounds):
         before = counts()
         if not passes(case):
             return False
-        growth.append([b - a for a, b in zip(before, counts())])
+        after = counts()  # before there is anything more of our own
+        growth.append([b - a for a, b in zip(before, after)])
     grown = [kind for kind in zip(*growth[WARM_UP:]) if min(kind) > 0]
     if grown:
         print(f"{case.__qualname__}: references or blocks left behind in each of {ROUNDS} rounds: {grown}", file=sys.stderr)
