@@ -81,7 +81,7 @@ class Examples(unittest.TestCase):
     @in_real_time
     def test_wait_for_event(self):
         tune = self.folder / "in.wav"
-        sound.write_tone(tune, 1000, 0.5, 1.0)
+        sound.write_tone(tune, 1000, 0.5, 3.0)  # longer than it takes to start
         printed, heard = self.record("wait_for_event.py", "--input", tune)
         self.assertEqual((printed, *(round(max(channel), 2) for channel in heard.channels)), ("silence\n", 0.5, 0))
 
