@@ -240,7 +240,7 @@ class Devices(live.EngineTest):
 
     def start_server(self):
         missing = "no jackd" if shutil.which("jackd") is None else ""
-        missing = "JACK's library ends the process under it" if support.SANITIZER == "thread" else missing
+        missing = "its library cancels a thread, which the sanitizer dies of" if support.SANITIZER == "thread" else missing
         if missing:
             print(f"\nthe sound device is NOT tested against JACK's dummy driver here: {missing}", flush=True)
             self.skipTest(missing)
