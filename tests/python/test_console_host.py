@@ -161,6 +161,10 @@ class Script(unittest.TestCase):
                 self.assertRegex(report.result.stderr, errors)
                 self.assertEqual(len(report.calls("sonetrix_engine_RequestStop")), code != -1)
 
+    def test_what_the_engine_has_read_ahead_is_part_of_it(self):
+        report = host.run(*start("import ctypes; ctypes.CDLL(None).getchar()"), text_input="#print(1)\nprint(2)\n")
+        self.assertEqual(report.result.stdout, "1\n2\n")
+
     def test_system_exit_never_ends_the_process(self):
         leave = "import sys, atexit, gc; from sonetrix import *\n"
         for text in (
