@@ -13,7 +13,7 @@ import unittest
 
 from support import BUSY, SLOWNESS, host, programs
 
-DEBUG, INFO, WARN = range(1, 4)
+DEBUG, INFO, WARN, ERROR = range(1, 5)
 ENDED, SUCCEEDED = -1, -2
 REQUEST, SIGNAL, ALREADY = "request to stop cli", "SIGINT to python cli thread", "cli stop already send"
 CLEARING = (DEBUG, "clearing sonetrix Python module")
@@ -349,6 +349,21 @@ def begin():
 begin()
 """, "--log-level", "fatal", environment=programs.OUTLIVED)
             self.assertEqual((result.returncode, result.stderr), (0, ""))
+
+    def test_threads_that_do_not_end_are_named_and_left_behind(self):
+        stuck = start("import time; kept = engine.addTimer(5, lambda: time.sleep(1000))")
+        with concurrent.futures.ThreadPoolExecutor() as pool:
+            python = pool.submit(host.run, environment=programs.OUTLIVED, text_input="""
+import threading
+threading.Thread(target=threading.Event().wait, name="st\u00e4y", daemon=False).start()
+""")
+            engine = pool.submit(host.run, *stuck, "construct", "no-parameters", "start", "on", 1, 3, 1, "sleep", 200, "run",
+                                 "destroy", environment=programs.OUTLIVED, text_input="print('in the buffer', end='')")
+        self.assertEqual(python.result().log[-2:], [
+            (WARN, "waiting for python thread 'st\u00e4y'"),
+            (ERROR, "python thread 'st\u00e4y' is still running and is left behind")])
+        self.assertEqual((engine.result().log[-1], engine.result().result.stdout), (
+            (ERROR, "a thread does not return from Python: the interpreter is left as it is"), "in the buffer"))
 
     def test_clear_callbacks(self):
         report = host.run(text_input="""
