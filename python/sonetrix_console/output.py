@@ -229,7 +229,7 @@ def install(line_typed: Callable[[str, str], str | None]) -> None:
         return line_typed(prompt, line) if reader is None else None
 
     def end() -> None:
-        delattr(sys, "linehook")
+        setattr(sys, "linehook", None)
         console.end()  # the streams then write at once
 
     sys.stdout, sys.stderr = (cast(TextIO, Stream(stream, console)) for stream in (sys.stdout, sys.stderr))

@@ -132,7 +132,7 @@ for line, word in 5 * [("engine.link('", "")] + [("engine.link('module99", "modu
     def test_output_while_typing(self):
         """A timer, the log, a thread and a person, all at the same time."""
         setup = ("import threading\rgo = True; typed = []; noted = iter(range(10**6))\r"
-                 "def work():\r while go: print('thread', next(noted)); time.sleep(.01); log.warn('logged')\r\r"
+                 "def work():\r while go: print('thread', next(noted)); time.sleep(.02); log.warn('logged')\r\r"
                  "threading.Thread(target=work).start()\r")
         for program, terminal, columns in (
                 (ENGINE, "xterm", 80), (ENGINE, "vt100", 40), (minimal_engine(), "xterm", 80), (ENGINE, "dumb", 80)):
@@ -140,7 +140,7 @@ for line, word in 5 * [("engine.link('", "")] + [("engine.link('module99", "modu
                 screen = self.screen(program, terminal=terminal, columns=columns)
                 screen.type(setup)
                 if program == ENGINE:
-                    screen.type("count = iter(range(10**6)); x = every(20, lambda: print('tick', next(count)))\r")
+                    screen.type("count = iter(range(10**6)); x = every(30, lambda: print('tick', next(count)))\r")
                 screen.wait_for("^thread 9$")
                 for number in range(12):
                     if number == 6:

@@ -53,7 +53,7 @@ class Screen(Console):
 
     def wait_for(self, pattern, where=None):
         """Until the pattern is found in the lines, those of shown() if that is where, without empty ones at the end."""
-        while not (match := re.search(pattern, "\n".join((where or self.lines)()).rstrip(), re.M)):
+        while not (match := re.search(pattern, "\n".join((where or self.lines)()[-2000:]).rstrip(), re.M)):
             if not self._read():
                 self._fail(f"output ended before {pattern!r}")
             while select.select([self._terminal], [], [], 0)[0] and self._read():
