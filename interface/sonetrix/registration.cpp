@@ -49,7 +49,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto waitLimit = 5s;
+constexpr std::chrono::milliseconds waitLimit = 5s;
 constexpr auto workerEndLimit = 100ms;
 
 thread_local bool isWorker = false;
@@ -62,7 +62,7 @@ struct Registry {
     std::condition_variable changed;
     RegistrationList live; // and registering; oldest first
     RegistrationList removing;
-    RegistrationList abandoned; // a forked child's, of what its parent was removing
+    RegistrationList abandoned; // a forked child's, of what its parent was making or removing
     std::unordered_map<const void *, CallableUse> uses;
     bool ending = false;
     int generation = 0;
@@ -74,7 +74,9 @@ struct Registry {
 // Never destroyed: when the process ends without the interpreter's end, the worker is still at it.
 Registry &registry = *std::make_unique<Registry>().release();
 
-bool mustNotWait() noexcept { return innermostCall != nullptr || collector == std::this_thread::get_id() || isWorker; }
+bool mustNotWait() noexcept {
+    return innermostCall != nullptr || isDisposing() || collector == std::this_thread::get_id() || isWorker;
+}
 
 // Names the callable without running code of a script's.
 void warnOfCallable(PyObject *callable) noexcept {
@@ -151,7 +153,7 @@ void work() noexcept {
     pthread_setname_np(pthread_self(), "sonetrix-remove"); // else it bears the name of the thread that made it
     isWorker = true;
     std::unique_lock lock(registry.mutex);
-    while (!registry.workerEnds) {
+    while (registry.workerRuns && !registry.workerEnds) { // in a child that a finalizer has forked, there is none
         const auto ready =
             std::find_if(registry.removing.begin(), registry.removing.end(), [](const auto &registration) {
                 const CallableUse &use = *registration->use;
@@ -196,16 +198,17 @@ void startWorker() noexcept {
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }
 
-// It makes no engine call after this, but may still be in one that does not return.
-void endWorker(std::unique_lock<std::mutex> &lock) noexcept {
+// It makes no engine call after this, but may still be in one that does not return, or in a finalizer: then false.
+bool endWorker(std::unique_lock<std::mutex> &lock, std::chrono::milliseconds limit) noexcept {
     registry.workerEnds = true;
     registry.changed.notify_all();
-    const bool ended = registry.changed.wait_for(lock, workerEndLimit, [] { return !registry.workerRuns; });
+    const bool ended = registry.changed.wait_for(lock, limit, [] { return !registry.workerRuns; });
     if (registry.worker.joinable()) {
         lock.unlock();
         ended ? registry.worker.join() : registry.worker.detach();
         lock.lock();
     }
+    return ended;
 }
 
 void warnOfRemaining() noexcept {
@@ -308,6 +311,9 @@ void completeRegistration(Registration &registration, void *handle) noexcept {
     bool dropNow = false;
     {
         const std::lock_guard guard(registry.mutex);
+        if (registration.generation != registry.generation) {
+            return; // begun in the parent of this process
+        }
         registration.handle = handle;
         registration.state = Registration::State::live;
         dropNow = handle == nullptr || registry.ending;
@@ -376,8 +382,7 @@ bool removeAllRegistrations() noexcept {
         std::unique_lock waiting(registry.mutex);
         const bool all = registry.changed.wait_for(
             waiting, waitLimit, [] { return registry.live.empty() && registry.removing.empty(); });
-        endWorker(waiting);
-        return all;
+        return endWorker(waiting, all ? waitLimit : workerEndLimit) && all;
     });
     if (!complete) {
         warnOfRemaining();
@@ -392,6 +397,13 @@ void watchForksOfRegistrations() noexcept {
         registry.workerRuns = false;
         ++registry.generation;
         registry.abandoned.splice(registry.abandoned.end(), registry.removing);
+        for (auto next = registry.live.begin(); next != registry.live.end();) {
+            const auto place = next++;
+            if ((*place)->state == Registration::State::registering) { // on a thread that is the parent's
+                --(*place)->use->live;
+                registry.abandoned.splice(registry.abandoned.end(), registry.live, place);
+            }
+        }
         for (auto &[callable, use] : registry.uses) {
             use.removing = 0;
             use.calls = callsOfThisThread(use);

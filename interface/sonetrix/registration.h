@@ -21,8 +21,9 @@
 //               ended threads' states, whose finalizers would run ahead of a call, are not disposed of meanwhile.)
 //               Else a thread of ours, the removal worker, makes it as soon as C = 0 or L > 0.
 //   a drop      that goes to the worker waits for it, with the lock released, five seconds at most, and then names the
-//               callable in the log. It does not wait inside a callable, nor in a collection by the garbage collector,
-//               where nobody knows what the thread holds that the callable may want; nor on the worker.
+//               callable in the log. It does not wait inside a callable or in finalizers that run ahead of it (ended
+//               threads' states), nor in a collection by the garbage collector, where nobody knows what the thread
+//               holds that the callable may want; nor on the worker.
 //
 // Hence nobody waits without limit, whatever locks are held: an engine thread waits for the interpreter lock only, and
 // nobody keeps that while waiting for an engine thread; the worker waits for callables, and nobody waits for the worker

@@ -16,12 +16,13 @@ using namespace std::chrono_literals;
 constexpr std::chrono::milliseconds guardLimit = 5s;
 
 bool begun = false;
+bool complete = true;
 
 } // namespace
 
 bool shutDown(const ConsoleEnd *console) noexcept {
     if (std::exchange(begun, true)) {
-        return true; // the library's exit handler, among those that the console runs
+        return complete; // the library's exit handler, among those that the console or a script runs
     }
     if (console != nullptr) {
         clearPythonModule();
@@ -39,7 +40,7 @@ bool shutDown(const ConsoleEnd *console) noexcept {
     const auto limit = allRemoved ? guardLimit : 0ms;
     const bool allOut = unlocked([limit] { return interpreterGuard.close(limit); });
     dropKeyCache();
-    return allRemoved && allOut;
+    return complete = allRemoved && allOut;
 }
 
 } // namespace sonetrix

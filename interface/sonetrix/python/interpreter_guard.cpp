@@ -18,6 +18,7 @@ thread_local std::uint32_t entriesOfThread = 0;
 int puttingOff = 0;
 int disposing = 0;
 thread_local bool disposes = false; // this one
+bool forkedInDisposal = false;      // in the child: the interpreter deletes the states itself
 
 // The state that an engine thread keeps.
 struct KeptState {
@@ -40,12 +41,16 @@ void disposeOfEndedThreads() noexcept {
     KeptState *ended = puttingOff == 0 ? endedThreads.exchange(nullptr, std::memory_order_acquire) : nullptr;
     ++disposing;
     disposes = true;
-    for (const KeptState *cleared = ended; cleared != nullptr; cleared = cleared->next) {
-        PyThreadState_Clear(cleared->state);
+    const auto clear = [](PyThreadState *state) { hangingAtFinalisation([state] { PyThreadState_Clear(state); }); };
+    for (const KeptState *cleared = ended; cleared != nullptr && !forkedInDisposal; cleared = cleared->next) {
+        clear(cleared->state);
     }
-    PyThreadState_Clear(PyThreadState_Get());
+    clear(PyThreadState_Get());
     disposes = false;
     --disposing;
+    if (std::exchange(forkedInDisposal, false)) {
+        ended = nullptr;
+    }
     while (ended != nullptr) {
         const std::unique_ptr<KeptState> disposed(std::exchange(ended, ended->next));
         PyThreadState_Delete(disposed->state);
@@ -112,6 +117,7 @@ void InterpreterGuard::resetAfterFork(std::uint32_t entries) noexcept {
     endedThreads = nullptr; // the interpreter itself deletes the other threads' states
     puttingOff = 0;
     disposing = disposes ? 1 : 0;
+    forkedInDisposal = disposes;
 }
 
 EngineThreadEntry::EngineThreadEntry(LockOrder order) noexcept {
@@ -146,6 +152,8 @@ bool putDisposalOff() noexcept {
 }
 
 void allowDisposal() noexcept { --puttingOff; }
+
+bool isDisposing() noexcept { return disposes; }
 
 void watchForks() noexcept {
     pthread_atfork(nullptr, nullptr, [] { interpreterGuard.resetAfterFork(entriesOfThread); });

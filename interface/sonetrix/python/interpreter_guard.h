@@ -74,6 +74,8 @@ private:
 // is at it. Both need the interpreter lock.
 bool putDisposalOff() noexcept;
 void allowDisposal() noexcept;
+// Whether the calling thread is at it, ahead of its call.
+bool isDisposing() noexcept;
 
 // To be called once, before there are entries: forked children start with the guard as said above.
 void watchForks() noexcept;
