@@ -53,8 +53,8 @@ class SourceRules(unittest.TestCase):
 class BinaryContract(unittest.TestCase):
     @staticmethod
     def symbols(library, option):
-        output = subprocess.run(["nm", "-D", "--format=posix", option, BUILD / library], check=True, capture_output=True,
-                                text=True).stdout
+        output = subprocess.run(["nm", "-D", "--format=posix", option, BUILD / library], check=True,
+                                capture_output=True, text=True).stdout
         return {line.split()[0].split("@")[0] for line in output.splitlines()}
 
     def test_exports_and_needs(self):
@@ -66,7 +66,8 @@ class BinaryContract(unittest.TestCase):
         self.assertEqual((len(wanted) > 50, wanted - interface), (True, set()))
         for engine in "lib/libsonetrix_engine.so", "tests/libsonetrix_record.so":
             self.assertEqual(interface - self.symbols(engine, "--defined-only"), set(), engine)
-        dynamic = subprocess.run(["readelf", "-dW", BUILD / "lib/sonetrix.so"], check=True, capture_output=True, text=True)
+        dynamic = subprocess.run(["readelf", "-dW", BUILD / "lib/sonetrix.so"], check=True, capture_output=True,
+                                 text=True)
         needed = re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic.stdout)
         system = r"(libpython3\.\d+d?|libstdc\+\+|libm|libc|libgcc_s|ld-linux-[\w-]+|lib[at]san|libubsan)\.so"
         self.assertEqual([name for name in needed if not re.match(system, name)], [])

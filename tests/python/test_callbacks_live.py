@@ -25,7 +25,7 @@ def keep_going():
     alive = [KINDS[kind](lambda kind=kind: calls[kind].append(1)) for kind in KINDS]
     wait_for(lambda: write() and all(len(made) > 2 for made in calls.values()))
 """
-# Registrations of all kinds, and modules with links and meters, that come and go in many threads while everything fires.
+# Registrations of all kinds, and modules with links and meters, come and go in many threads while everything fires.
 CHURN = """
 log.setLevel(log.ERROR)
 counts, pools = collections.Counter(), collections.Counter()
@@ -60,7 +60,8 @@ def size():
     "Resident kilobytes, threads and open files."
     with open("/proc/self/status") as file:
         status = file.read()
-    return *(int(re.search(name + r":\\s+(\\d+)", status)[1]) for name in ("VmRSS", "Threads")), len(os.listdir("/proc/self/fd"))
+    figures = [int(re.search(name + r":\\s+(\\d+)", status)[1]) for name in ("VmRSS", "Threads")]
+    return [*figures, len(os.listdir("/proc/self/fd"))]
 sizes = []
 for _ in range(10):
     end = time.monotonic() + SECONDS / 10
@@ -150,7 +151,8 @@ elif way == "SIGTERM":
     killer = engine.addTimer(1, lambda: next(at_most_once, called)())
     engine.waitUntilEnd()
 """
-WAYS = {"end of script": 0, "exit": 7, "SystemExit": 7, "stop from a callback": 7, "stop from a thread": 7, "SIGTERM": 0}
+WAYS = {"end of script": 0, "exit": 7, "SystemExit": 7, "stop from a callback": 7, "stop from a thread": 7,
+        "SIGTERM": 0}
 
 
 class Ends(live.LiveTest):
@@ -181,7 +183,8 @@ ctypes.CDLL(None).exit(3)
         self.assertEqual((result.returncode, result.stdout + result.stderr), (3, ""))
 
     def test_consoles_end_under_fire(self):
-        for seed, (line, status) in enumerate([("exit(7)", 7), ("raise SystemExit(7)", 7), ("\4", 0), ("cpu() # exit", 7)]):
+        for seed, (line, status) in enumerate([
+                ("exit(7)", 7), ("raise SystemExit(7)", 7), ("\4", 0), ("cpu() # exit", 7)]):
             with self.subTest(line), console.Console("-i", self.script, "end of script", seed, 2,
                                                      environment=programs.OUTLIVED) as terminal:
                 terminal.prompt()

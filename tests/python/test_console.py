@@ -45,12 +45,13 @@ class ConsoleTest(unittest.TestCase):
             console.expect(r"\.\.\. ")
             console.control("D")  # ends the statement, not the console
             console.expect("IndentationError")
-            self.assertGreater(console.ask("help(engine)").count("\n"), 100)  # more than a screenful, and no key is pressed
+            self.assertGreater(console.ask("help(engine)").count("\n"), 100)  # and no key is pressed
             self.assertEnds(console)
 
     def test_a_script_that_spoils_the_console(self):
         for spoil in ("sys.stdin.close()", "sys.excepthook = None", "del sys.excepthook", "sys.modules.clear()",
-                      "globals().clear()", "sys.last_value = 3", "import signal; signal.signal(signal.SIGURG, signal.SIG_IGN)",
+                      "globals().clear()", "sys.last_value = 3",
+                      "import signal; signal.signal(signal.SIGURG, signal.SIG_IGN)",
                       "import threading; threading._shutdown = None", "sys.displayhook = 3",
                       "import atexit; atexit.register(lambda: 1 / 0)"):
             with self.subTest(spoil), self.console() as console:
@@ -114,7 +115,8 @@ class ConsoleTest(unittest.TestCase):
             self.assertEqual(output.read(), "output\n")
 
     def test_closed_streams(self):
-        for closed, command, status in ((0, None, 0), (1, "print(1)", 0), (2, "import sys; print(2, file=sys.stderr)", 0),
+        for closed, command, status in ((0, None, 0), (1, "print(1)", 0),
+                                        (2, "import sys; print(2, file=sys.stderr)", 0),
                                         ("012", "input()", 1)):
             with self.subTest(closed):
                 shut = " ".join(f"{number}>&-" for number in str(closed))

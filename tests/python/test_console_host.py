@@ -50,7 +50,8 @@ class Record(unittest.TestCase):
             for parameters, log, output in (
                     ((*start("print('code')"), *NO_SIGINT),
                      [(DEBUG, "python.start: print('code')"), (DEBUG, "python.sigint: 0")], "code\n"),
-                    (("text", "python.file", file.name), [(DEBUG, "python.start: " + file.name)], f"file {file.name}\n"),
+                    (("text", "python.file", file.name), [(DEBUG, "python.start: " + file.name)],
+                     f"file {file.name}\n"),
                     ((*start("1/0"), "text", "python.file", "/no/file", "uint", "python.sigint", 7),
                      [(DEBUG, "python.start: 1/0"), (DEBUG, "python.start: /no/file"), (DEBUG, "python.sigint: 7"),
                       (WARN, "execute script file: '/no/file' not done")], ""),
@@ -357,7 +358,8 @@ begin()
 import threading
 threading.Thread(target=threading.Event().wait, name="st\u00e4y", daemon=False).start()
 """)
-            engine = pool.submit(host.run, *stuck, "construct", "no-parameters", "start", "on", 1, 3, 1, "sleep", 200, "run",
+            engine = pool.submit(host.run, *stuck, "construct", "no-parameters", "start", "on", 1, 3, 1, "sleep", 200,
+                                 "run",
                                  "destroy", environment=programs.OUTLIVED, text_input="print('in the buffer', end='')")
         self.assertEqual(python.result().log[-2:], [
             (WARN, "waiting for python thread 'st\u00e4y'"),

@@ -74,7 +74,8 @@ background(lambda: sonetrix.timeout(1, Slow())), entered.wait()
 """ + LATE_END,),
             ("""
 class Last:
-    def __del__(self, calls=((sonetrix.add_clear_callback, len), (sonetrix.engine.addTimer, 1, len)), engine=sonetrix.engine,
+    def __del__(self, calls=((sonetrix.add_clear_callback, len), (sonetrix.engine.addTimer, 1, len)),
+                engine=sonetrix.engine,
                 lists=(sonetrix.listValue, sonetrix.listKeyValue), write=os.write, RuntimeError=RuntimeError):
         try:
             for call, *arguments in calls: call(*arguments)

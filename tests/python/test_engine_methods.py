@@ -54,7 +54,8 @@ CALLS = [
     ("getMeterInfo(False).toDict()", [("meterInfoList", E, 0)], {b"k": 1.5}),
 ]
 GIVEN = {"GetModulesList": ["x", 5], "GetAllPortNames": ["x", 5], "GetLinkPort": ["x", 5],
-         **{name: {"k": 1.5} for name in ("GetParams", "SetParamsFull", "SetParamsFullCli", "GetLastMeters", "meterInfoList")}}
+         **{name: {"k": 1.5} for name in ("GetParams", "SetParamsFull", "SetParamsFullCli", "GetLastMeters",
+                                          "meterInfoList")}}
 NULLS = ["listAvailableModules()", "getPortNames()", "getLink('p')", "getParam('k').toDict()",
          "getLastMeter('k').toDict()",
          "getLastMeter('k.l').toDict()", "param().toDict()"]
@@ -67,7 +68,8 @@ REFUSALS = [  # where two arguments are wrong, which is looked at first; where t
     (UnicodeEncodeError, None, "newModule('a', 'é', 5)"), (UnicodeEncodeError, None, "link('é', 1)"),
     (UnicodeEncodeError, None, "addDebugMeter('é', [])"), (Exception, "key type not supported", "addDebugMeter(5, [])"),
     (OverflowError, "can't convert negative value to uint32_t", "addDebugMeter('k', -1, 'uint')"),
-    *((Exception, f"value type {kind} incompatible with provided value {value}", f"addDebugMeter('k', {value}, '{kind}')")
+    *((Exception, f"value type {kind} incompatible with provided value {value}",
+       f"addDebugMeter('k', {value}, '{kind}')")
       for kind, value in (("uint", 1.5), ("uint32", None), ("int", b""), ("int32", 1.0), ("float", 1))),
     (Exception, "only string is accepted", "getParams(L().append('a').append(1.5))"),
     (IndexError, "tuple index out of range", "getParams(L().append((1,)))"),

@@ -1,5 +1,5 @@
 # ctest: timeout=200
-"""Each public call, and each callback, where something goes wrong: no memory, no lists from the engine, wrong arguments.
+"""Each public call and each callback where something goes wrong: no memory, no lists from the engine, wrong arguments.
 
 The error is a clean one, nothing stays behind, and the same call works afterwards.
 """
@@ -54,7 +54,8 @@ def integer(name):
 # other arguments are good, unless they are given with it.
 NO_TEXT = {None: (AttributeError, "'NoneType' object has no attribute 'encode'"), "\ud800": NOT_ASCII,
            b"": wrong_type("message", "str", "bytes")}
-GRAPH_NAME = {"é": NOT_ASCII, 1.5: (TypeError, "cannot convert 'float' object to bytes"), -1: (ValueError, "negative count")}
+GRAPH_NAME = {"é": NOT_ASCII, 1.5: (TypeError, "cannot convert 'float' object to bytes"),
+              -1: (ValueError, "negative count")}
 METERS = enumeration("sonetrix_module_meters_type")
 POLLED = {**dict.fromkeys((-1, 2), (Exception, "Meters type not valid")), **integer("int32_t"), "1": NO_INTEGER}
 ONE_PARAMETER = dict.fromkeys((lambda: None, lambda a, b: None),
@@ -64,13 +65,16 @@ VALUE = {None: (Exception, "value type not supported"), 2**31: (OverflowError, "
          "\udc80": NOT_ASCII}
 DICTIONARY = {5: wrong_type("d", "dict", "int"), None: wrong_type("d", "dict", "NoneType")}
 REFUSED = {
-    "level": {**enumeration("sonetrix_log_level"), UNWILLING: (IndexError, "list index out of range")}, "message": NO_TEXT,
-    "log.logb.message": {None: (TypeError, "expected bytes, NoneType found"), "": wrong_type("message", "bytes", "str")},
+    "level": {**enumeration("sonetrix_log_level"), UNWILLING: (IndexError, "list index out of range")},
+    "message": NO_TEXT,
+    "log.logb.message": {None: (TypeError, "expected bytes, NoneType found"),
+                         "": wrong_type("message", "bytes", "str")},
     "timeOn": {**integer("int"), 1.5: NO_INTEGER, None: NO_INTEGER},
     "filename": {5: wrong_type("filename", "str", "int"), b"a": wrong_type("filename", "str", "bytes")},
     "log.logOnFile.filename": {5: (Exception, "filename type not supported"), "ä": NOT_ASCII},
     "exitcode": {2**40: (OverflowError, "value too large to convert to int32_t")},
-    "callback": {5: (ValueError, "")}, "notifyChanges.callback": {5: (TypeError, "5 is not a callable object"), **ONE_PARAMETER},
+    "callback": {5: (ValueError, "")},
+    "notifyChanges.callback": {5: (TypeError, "5 is not a callable object"), **ONE_PARAMETER},
     "notifyMeters.callback": ONE_PARAMETER,
     "timeout_ms": {**integer("int32_t"), "1": NO_INTEGER}, "meters_type": METERS,
     "signature.callback": {}, "engine.getMeterInfo.meters_type": POLLED, "engine.getMeters.meters_type": {},
@@ -84,7 +88,8 @@ REFUSED = {
                           (None,): (Exception, "value type not supported")},
     "engine.getParams.k": {5: wrong_type("k", "sonetrix.listValue", "int"),
                            None: (AttributeError, "'NoneType' object has no attribute 'toListType'")},
-    **dict.fromkeys(("engine.setParams.k", "engine.setParamsCli.k"), {5: wrong_type("k", "sonetrix.listKeyValue", "int")}),
+    **dict.fromkeys(("engine.setParams.k", "engine.setParamsCli.k"),
+                    {5: wrong_type("k", "sonetrix.listKeyValue", "int")}),
     "engine.getLastMeter.k": {None: (Exception, "only string/bytes is accepted as input"), "é": NOT_ASCII},
     "engine.addDebugMeter.type": dict.fromkeys(("string", None, "double", 5), (Exception, "type not supported")),
     "listValue.merge.other": {5: wrong_type("other", "sonetrix.listValue", "int")},

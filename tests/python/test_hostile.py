@@ -32,8 +32,10 @@ GREEDY = "newModule", "delModule", "getLink", "link", "logOnFile", "_writeLinesW
 sonetrix = record.load()
 CALLABLES = {name: (function, list(inspect.signature(function).parameters))
              for name, _, function in calls.functions(sonetrix)}
-CALLABLES |= {"listValue": (sonetrix.listValue, []), "listKeyValue": (sonetrix.listKeyValue, []), "log": (sonetrix.log, [])}
-CALLABLES |= {"==": (lambda one, other: one == other, ["one", "other"]), "hash": (hash, ["one"]), "repr": (repr, ["one"]),
+CALLABLES |= {"listValue": (sonetrix.listValue, []), "listKeyValue": (sonetrix.listKeyValue, []),
+              "log": (sonetrix.log, [])}
+CALLABLES |= {"==": (lambda one, other: one == other, ["one", "other"]), "hash": (hash, ["one"]),
+              "repr": (repr, ["one"]),
               "reduce": (lambda one: one.__reduce_ex__(4), ["one"]),
               "subclass": (lambda one: type("Sub", (type(one),), {"append": answer})(), ["one"])}
 
@@ -95,11 +97,13 @@ class Session:
 
     def argument(self):
         return self.pick.choice([
-            lambda: self.pick.choice(NAMES), lambda: self.pick.choice(self.values), lambda: self.pick.choice(self.values),
+            lambda: self.pick.choice(NAMES), lambda: self.pick.choice(self.values),
+            lambda: self.pick.choice(self.values),
             lambda: self.pick.choice(self.pool or NAMES), lambda: self.pick.choice(self.pool or NAMES),
             self.hostile, self.callable,
             lambda: {self.pick.choice(NAMES): self.argument(), "k": (self.argument(), self.pick.choice(NAMES))},
-            lambda: [self.argument() for _ in range(self.pick.randrange(3))], lambda: (self.argument(), self.argument()),
+            lambda: [self.argument() for _ in range(self.pick.randrange(3))],
+            lambda: (self.argument(), self.argument()),
         ])()
 
     def call(self):

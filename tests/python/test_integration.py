@@ -1,5 +1,5 @@
 # ctest: timeout=200 processors=2
-"""What an integrator has: the installed tree, the example engine, the contract check, and what a wrong engine is told."""
+"""What an integrator has: the installed tree, the example engine, the contract check; what a wrong engine is told."""
 
 import concurrent.futures
 import os
@@ -15,14 +15,17 @@ from support import BUILD, RUN, SANITIZER, SOURCE, TIME_LIMIT, console, programs
 EXAMPLE = SOURCE / "examples" / "minimal_engine"
 # An engine function, what it does instead (`sound` is the real one), and what has to be found.
 PLANTED = [
-    ("valueListAddI32", "return sonetrix_valueListAddU32(list, (uint32_t)number);", "appends a copy of what it is given, as int32"),
+    ("valueListAddI32", "return sonetrix_valueListAddU32(list, (uint32_t)number);",
+     "appends a copy of what it is given, as int32"),
     ("keyValueListDeepCopy", "return (sonetrix_cListKeyValue_t *)list;", "gives a list of its own"),
     ("keyValueListMerge", "return sound(list, other ? sonetrix_keyValueListDeepCopy(other) : 0);", "moves all entries"),
     ("valueListForEach", "return sound(list, callback, list);", "gives the callback the user pointer"),
     ("engine_DriverGetName", 'static char text[] = "kept"; *name = text; return 0;', "gives a malloc'ed text"),
-    ("engine_GetParams", "static void *kept; if (!kept) kept = sound(engine, keys); return kept;", "gives a new list each time"),
+    ("engine_GetParams", "static void *kept; if (!kept) kept = sound(engine, keys); return kept;",
+     "gives a new list each time"),
     ("engine_SetParamsFull", "sound(engine, parameters, written);"
-     ' return sonetrix_keyValueListRemoveKey((void *)parameters, "check.nowhere");', "writes, leaves the caller's list alone"),
+     ' return sonetrix_keyValueListRemoveKey((void *)parameters, "check.nowhere");',
+     "writes, leaves the caller's list alone"),
     ("engine_ForEachModuleSafe", "sound(engine, callback, user); return sound(engine, callback, user);",
      "shows modules and ports with unique names"),
     ("engine_addTimer", "return sound(engine, 1, callback, user);", "a timer of 30 ms has elapsed after"),
@@ -64,7 +67,8 @@ class Installed(unittest.TestCase):
             self.skipTest("built by a compiler for another machine, with options of its own")
 
         def ask(*question):
-            return tool("pkg-config", *question, "sonetrix-engine-api", PKG_CONFIG_PATH=str(self.root / "share/pkgconfig"))
+            return tool("pkg-config", *question, "sonetrix-engine-api",
+                        PKG_CONFIG_PATH=str(self.root / "share/pkgconfig"))
 
         sanitizer = [f"-fsanitize={SANITIZER}"] if SANITIZER else []
         flags = ask("--cflags", "--libs").split() if flags is None else flags
@@ -103,12 +107,14 @@ class Installed(unittest.TestCase):
     def test_minimal_engine_with_cmake(self):
         same = [f"-D{name}={cache(name)}" for name in ("CMAKE_C_COMPILER", "CMAKE_TOOLCHAIN_FILE") if cache(name)]
         build = self.folder / "cmake"
-        tool(cache("CMAKE_COMMAND"), "-S", EXAMPLE, "-B", build, "-G", "Ninja", *same, f"-DCMAKE_PREFIX_PATH={self.root}",
+        tool(cache("CMAKE_COMMAND"), "-S", EXAMPLE, "-B", build, "-G", "Ninja", *same,
+             f"-DCMAKE_PREFIX_PATH={self.root}",
              f"-Dsonetrix-engine-api_DIR={self.root}/share/cmake/sonetrix-engine-api")
         tool(cache("CMAKE_COMMAND"), "--build", build)
         self.assertIn("sonetrix_engineGet", tool("nm", "-D", "--defined-only", build / "minimal_engine"))
         if not SANITIZER:
-            result = programs.run(*RUN, build / "minimal_engine", text_input="print(engine.getParam('system.gain').toDict())")
+            result = programs.run(*RUN, build / "minimal_engine",
+                                  text_input="print(engine.getParam('system.gain').toDict())")
             self.assertEqual((result.returncode, result.stdout), (0, "{b'system.gain': 1.0}\n"), result.stderr)
 
     def test_minimal_engine_with_pkg_config_passes_the_check_and_runs_the_console(self):
@@ -168,9 +174,11 @@ class ContractCheck(unittest.TestCase):
                 {instead}
             }}""")
         library.with_suffix(".c").write_text("\n".join(source))
-        tool(cache("CMAKE_C_COMPILER"), "-shared", "-fPIC", f"-I{SOURCE}/include", library.with_suffix(".c"), "-o", library)
+        tool(cache("CMAKE_C_COMPILER"), "-shared", "-fPIC", f"-I{SOURCE}/include", library.with_suffix(".c"),
+             "-o", library)
         with concurrent.futures.ThreadPoolExecutor(4) as at_once:
-            said = at_once.map(lambda fault: tool(*self.command, status=1, FAULT=fault[0], LD_PRELOAD=str(library)), PLANTED)
+            said = at_once.map(lambda fault: tool(*self.command, status=1, FAULT=fault[0], LD_PRELOAD=str(library)),
+                               PLANTED)
             for (name, _, finding), text in zip(PLANTED, said):
                 with self.subTest(name):
                     self.assertIn(finding, text)

@@ -1,6 +1,6 @@
 # ctest: timeout=200
-"""listValue and listKeyValue: against a model that is written from the rules, and where that does not reach: odd records,
-ownership, Python code within a call."""
+"""listValue and listKeyValue against a model that is written from the rules, and where that does not reach: odd
+records, ownership, Python code within a call."""
 
 import copy
 import ctypes
@@ -23,7 +23,8 @@ SELECTORS = strategies.sampled_from([None] * 9 + [
 KEYS = (strategies.sampled_from(["a", "b.c", b"a", b"\xff\xfe", "", b"b\0d", "x" * 70, "é", 5, None])
         | generated.texts | generated.byte_strings)
 TYPED = strategies.tuples(generated.values, SELECTORS) | strategies.tuples(
-    generated.integers | generated.tuples, strategies.sampled_from(["int32", "uint32", "int", "uint", None, ctypes.c_uint32]))
+    generated.integers | generated.tuples,
+    strategies.sampled_from(["int32", "uint32", "int", "uint", None, ctypes.c_uint32]))
 KEYED, ANY = strategies.integers(2, 3), strategies.integers(0, 3)
 
 
@@ -144,7 +145,7 @@ def read(real):
 
 
 class Lists(RuleBasedStateMachine):
-    """Two lists of each kind, and what they have to hold. Values are compared by their text: NaN and -0.0 count, too."""
+    """Two lists of each kind and what they have to hold. Values are compared by their text: NaN and -0.0 count, too."""
 
     def __init__(self):
         super().__init__()
@@ -237,7 +238,8 @@ class ListTestCase(record.TestCase):
 class ValueTest(ListTestCase):
     def test_against_the_model(self):
         self.enterContext(record.unraisables())
-        generated.run(lambda: run_state_machine_as_test(Lists, settings=generated.settings(150, stateful_step_count=20)))
+        settings = generated.settings(150, stateful_step_count=20)
+        generated.run(lambda: run_state_machine_as_test(Lists, settings=settings))
 
     def test_empty_objects_make_no_engine_calls(self):
         plain, keyed = (kind() for kind in self.kinds)
@@ -438,7 +440,7 @@ class OwnershipTest(ListTestCase):
         self.assertEqual(keyed.appendFromDictType(growing).toDict(), {b"b": 2, b"c": 3})
 
     def test_other_thread_changes_a_list_that_the_engine_reads(self):
-        """The engine goes on with the list as it was, which the layer checks; the change is made at once, and is there."""
+        """The engine goes on with the list as it was, which the layer checks; the change is made at once."""
         engine, (plain, keyed) = self.sonetrix.engine, self.kinds
         for kind, name, call in ((plain, "GetParams", engine.getParams), (keyed, "SetParamsFull", engine.setParams),
                                  (keyed, "SetParamsFullCli", engine.setParamsCli),

@@ -1,4 +1,4 @@
-"""What the module says of itself, against its typed stub; how it is imported, and what it does at the interpreter's end."""
+"""What the module says of itself, against its typed stub; how it is imported, and what it does at the end."""
 
 import ast
 import inspect
@@ -29,7 +29,8 @@ def refusal(call, *arguments):
 
 
 def run(source, **variables):
-    result = subprocess.run([sys.executable, "-X", "faulthandler", "-c", PRELUDE + source], timeout=TIME_LIMIT, text=True,
+    result = subprocess.run([sys.executable, "-X", "faulthandler", "-c", PRELUDE + source], timeout=TIME_LIMIT,
+                            text=True,
                             capture_output=True, env=interpreter_environment(**variables))
     if result.returncode != 0 or result.stderr:
         raise AssertionError(f"status {result.returncode}\n{result.stdout}{result.stderr}")
@@ -37,7 +38,7 @@ def run(source, **variables):
 
 
 def stubbed(body, prefix=""):
-    """(qualified name, [(parameter, its default or empty)]) of all functions in the stub; a class stands for its constructor."""
+    """(qualified name, [(parameter, its default or empty)]) of all in the stub; a class stands for its constructor."""
     for node in body:
         if isinstance(node, ast.ClassDef) and node.name[0] != "_":
             yield node.name, []
@@ -59,7 +60,8 @@ class SurfaceTest(record.TestCase):
         for name, function in running.items():
             if stub[name] or not isinstance(function, type):
                 parameters = inspect.signature(function).parameters.values()
-                self.assertEqual([(one.name, one.default) for one in parameters if one.name != "self"], stub[name], name)
+                self.assertEqual([(one.name, one.default) for one in parameters if one.name != "self"], stub[name],
+                                 name)
         imported = {"ctypes", "math", "os", "time", "traceback", "typing", "signature"}
         public = {name for name in vars(self.sonetrix) if name[0] != "_"}
         self.assertEqual(public, {name.split(".")[0] for name in stub} | imported)
@@ -201,8 +203,10 @@ sonetrix = importlib.import_module("sonetrix")
 print(sonetrix.engine.isRunning(), refusal(sonetrix.listValue().merge, orphan)[0])
 """)
         refused = str(("Exception", "engine not initialized"))
-        special = {**dict.fromkeys(("engine.initEngine", "notifyChanges"), str(("MemoryError", ""))), "engine.now": "0.0",
-                   **dict.fromkeys(("engine.getMeters", "engine.unregisterMetersManager"), refused.replace("engine", "Engine"))}
+        special = {**dict.fromkeys(("engine.initEngine", "notifyChanges"), str(("MemoryError", ""))),
+                   "engine.now": "0.0",
+                   **dict.fromkeys(("engine.getMeters", "engine.unregisterMetersManager"),
+                                   refused.replace("engine", "Engine"))}
         before, (failed,), after = asked[:35], asked[35:36], asked[36:]
         names = [line.split(" ")[0] for line in before]
         self.assertEqual((before, after), ([f"{name} {special.get(name, refused)}" for name in names], before))
@@ -243,11 +247,14 @@ sys.late = Late()
     @unittest.skipIf(SANITIZER, "the other interpreter has no sanitizer")
     def test_a_module_built_for_another_version_is_refused(self):
         other = "/usr/bin/python3"
-        asked = subprocess.run([other, "-c", "import sys; print(*sys.version_info[:2])"], capture_output=True, text=True)
+        asked = subprocess.run([other, "-c", "import sys; print(*sys.version_info[:2])"], capture_output=True,
+                               text=True)
         if asked.returncode or asked.stdout.split() == list(map(str, sys.version_info[:2])):
             self.skipTest("there is no other Python")
-        paths = {"PYTHONPATH": f"{SOURCE / 'tests'}:{MODULE.parent}", "SONETRIX_SOURCE": SOURCE, "SONETRIX_BUILD": BUILD}
-        result = subprocess.run([other, "-c", "from support import record; record.load()"], capture_output=True, text=True,
+        paths = {"PYTHONPATH": f"{SOURCE / 'tests'}:{MODULE.parent}", "SONETRIX_SOURCE": SOURCE,
+                 "SONETRIX_BUILD": BUILD}
+        result = subprocess.run([other, "-c", "from support import record; record.load()"], capture_output=True,
+                                text=True,
                                 env={name: str(value) for name, value in paths.items()})
         self.assertRegex(result.stderr, r"ImportError: Module 'sonetrix' was built for Python 3\.\d+, not for 3\.\d+")
 

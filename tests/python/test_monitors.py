@@ -56,7 +56,8 @@ class MonitorTest(record.TestCase):
 
     def test_cpu_failures(self):
         for figures, text in ((range(7), "too many values to unpack (expected 6)"),
-                              (range(5), "need more than 5 values to unpack"), ((1,), "need more than 1 value to unpack")):
+                              (range(5), "need more than 5 values to unpack"),
+                              ((1,), "need more than 1 value to unpack")):
             self.assertRefused(ValueError, text, self.shown, self.sonetrix.cpu, rounds=[1], cpuInfo=[figures])
         self.assertRaises(OSError, self.shown, self.sonetrix.cpu, rounds=[1], columns=None, cpuInfo=[FIGURES])
         self.assertRaises(ZeroDivisionError, self.shown, self.sonetrix.cpu, rounds=[ZeroDivisionError])

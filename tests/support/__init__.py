@@ -29,8 +29,8 @@ if LAUNCHERS := os.environ.get("SONETRIX_LAUNCHERS"):
     RUN = [str(pathlib.Path(LAUNCHERS, "run"))]
     SLOWNESS = 10
 TIME_LIMIT = 30.0 * SLOWNESS
-in_real_time = unittest.skipIf(RUN, "plays in real time, while the emulated interpreter takes longer to start than it lasts")
-# The body of a busy loop. The thread sanitizer holds a signal back until the thread's next library call: so it makes one.
+in_real_time = unittest.skipIf(RUN, "plays in real time: the emulated interpreter takes longer to start than it lasts")
+# The body of a busy loop. The thread sanitizer holds a signal back until the thread's next library call.
 BUSY = "pass" if SANITIZER != "thread" else "__import__('time').sleep(0)"
 
 # What is set here for the user's own interpreters must not change what the tests see: buffering, above all.

@@ -89,5 +89,6 @@ def every(sonetrix):
         target = owner if kept and ("append" in name or "merge" in name) else kept
         made[name] = Call(function, target, **arguments)
         if name.endswith(".append"):
-            made |= {f"{name}({v})": Call(function, target, **{**arguments, "v": v}) for v in (5, 1.5, (1, 2), (1.0, 2.0))}
+            for v in 5, 1.5, (1, 2), (1.0, 2.0):
+                made[f"{name}({v})"] = Call(function, target, **{**arguments, "v": v})
     return made

@@ -28,7 +28,8 @@ class Console:
             assert console.end() == 0
     """
 
-    def __init__(self, *arguments, program=ENGINE, columns=80, rows=0, environment=None, time_limit=TIME_LIMIT, **options):
+    def __init__(self, *arguments, program=ENGINE, columns=80, rows=0, environment=None, time_limit=TIME_LIMIT,
+                 **options):
         self.transcript = ""
         self._position = 0
         self._deadline = time.monotonic() + time_limit
@@ -39,7 +40,8 @@ class Console:
         width = {} if rows else {"COLUMNS": str(columns)}
         variables = {**os.environ, "TERM": "dumb", **width, **(environment or {})}
         self.process = subprocess.Popen([str(program), *map(str, arguments)], stdin=terminal_end, stdout=terminal_end,
-                                        stderr=terminal_end, env=variables, close_fds=True, preexec_fn=self._lead_session,
+                                        stderr=terminal_end, env=variables, close_fds=True,
+                                        preexec_fn=self._lead_session,
                                         **options)
         os.close(terminal_end)
 
@@ -108,7 +110,7 @@ class Console:
         self.write(chr(ord(letter.upper()) - 64))
 
     def interrupt(self):
-        """Ctrl-C, and what comes before the console says so. One that lands between the prompt and the read behind it is
+        """Ctrl-C, and what comes before the console says so. One that lands between the prompt and its read is
         noticed at the next key, as at any Python prompt: then it is pressed again."""
         while True:
             self.control("C")

@@ -1,4 +1,4 @@
-"""The console host, which does with the command-line module's record what it is told: see tests/record/console_host.cpp.
+"""The console host does with the command-line module's record what it is told: see tests/record/console_host.cpp.
 
     report = host.run("construct", "start", "stop", "run", "destroy", text_input="print(1)")
     with host.Terminal() as console: ...
@@ -41,7 +41,8 @@ def read(path):
         facts = ast.literal_eval(file.read())
     assert facts["violations"] == [], facts["violations"]
     assert (facts["signalsRestored"], facts["blocks"]) == (True, 0), (facts["signalsRestored"], facts["blocks"])
-    facts["exitCode"] = ([-1] + [args[1] for name, args, *_ in facts["calls"] if name == "sonetrix_engine_SetExitCode"])[-1]
+    codes = [args[1] for name, args, *_ in facts["calls"] if name == "sonetrix_engine_SetExitCode"]
+    facts["exitCode"] = codes[-1] if codes else -1
     calls = [args for name, args, *_ in facts["calls"] if name == "sonetrix_log"]
     for _, file, line, flag, text in calls:
         source, = (SOURCE / "src").rglob(pathlib.Path(file.decode()).name)

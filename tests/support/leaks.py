@@ -42,7 +42,8 @@ def is_sound(case, rounds):
         growth.append([b - a for a, b in zip(before, after)])
     grown = [kind for kind in zip(*growth[WARM_UP:]) if min(kind) > 0]
     if grown:
-        print(f"{case.__qualname__}: references or blocks left behind in each of {ROUNDS} rounds: {grown}", file=sys.stderr)
+        print(f"{case.__qualname__}: references or blocks left behind in each of {ROUNDS} rounds: {grown}",
+              file=sys.stderr)
     return not grown
 
 

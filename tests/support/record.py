@@ -133,7 +133,8 @@ for _declaration in (
     ("lists", _number), ("hook", None, _text, _Hook), ("add", None, _pointer, _text, _pointer),
     ("registrations", _number, _number), ("callInside", None, _number),
     ("fire", None, _number, _pointer, _number, _number), ("join", None, _number),
-    ("fireOn", None, _number, _number, _pointer, _number, _number), ("elsewhere", _status, _pointer, _pointer, _pointer),
+    ("fireOn", None, _number, _number, _pointer, _number, _number),
+    ("elsewhere", _status, _pointer, _pointer, _pointer),
     ("failAllocation", None, _number), ("endAllocationFailure", _number),
 ):
     _declare("record_" + _declaration[0], *_declaration[1:])
@@ -348,8 +349,9 @@ def gives(name, entries):
 
 
 def iteration(name, **how):
-    """How a for-each goes: over these `modules`; with another `user` as user data; calling `meanwhile` before each element;
-    calling back without the interpreter lock that its caller holds, for every so-manyth element (`gives_lock_up`); and
+    """How a for-each goes: over these `modules`; with another `user` as user data; `meanwhile` called before each
+    element; calling back without the interpreter lock that its caller holds,
+    for every so-manyth element (`gives_lock_up`); and
     whether it `stops_on_error`."""
     _script(name).iteration = {**(_script(name).iteration or {}), **how}
 
@@ -373,7 +375,7 @@ def read_again(name, entries, container, lock_held=False, native_thread=False):
 
 
 def calls_inside(times=1):
-    """Makes the next registration call back before it returns: on an engine thread, or (negative) on the calling one."""
+    """Makes the next registration call back before it returns: on an engine thread, or (negative) on this one."""
     _library.record_callInside(times)
 
 
