@@ -18,12 +18,6 @@ void drop(CallbackObject &object) noexcept {
     }
 }
 
-void freeObject(PyObject *object) noexcept {
-    PyTypeObject *type = Py_TYPE(object);
-    type->tp_free(object);
-    Ref::steal(reinterpret_cast<PyObject *>(type));
-}
-
 // A part of each object, so of each cycle that the object is in. All finalizers of a cycle run before the garbage
 // collector clears anything of it, so whatever the callable uses is still whole when the registration is dropped here.
 // The object's own finalizer would not do: a subclass replaces it by defining __del__.

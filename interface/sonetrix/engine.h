@@ -2,6 +2,7 @@
 #pragma once
 
 #include "module.h"
+#include "python/gil.h"
 
 namespace sonetrix {
 
@@ -19,6 +20,12 @@ bool isOriginalEngine();
 inline sonetrix_module_meters_type toMetersType(PyObject *argument) {
     return argument == nullptr ? sonetrix_module_meters_type{SONETRIX_METERS_FAST}
                                : toUInt32(argument, "enum sonetrix_module_meters_type");
+}
+
+// What a function of the engine answers that takes nothing but the engine.
+template <class Question> auto ask(Question question) {
+    sonetrix_engine_t *engine = requireEngine();
+    return unlocked([&] { return question(engine); });
 }
 
 // Calls of `engine`'s own functions as Python code would make them, looked up on the class each time.

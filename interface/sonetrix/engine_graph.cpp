@@ -91,11 +91,9 @@ Ref writeLinesWithHeader(Arguments arguments) {
         raiseArgumentType("lineHeaderCount", "int", lineHeaderCount);
     }
     Ref header = checked(PyNumber_Multiply, "  "_id.get(), lineHeaderCount);
-    Ref pieces = checked(PyUnicode_Split(lines, "\n"_id.get(), -1));
-    for (Py_ssize_t index = 0; index < PyList_GET_SIZE(pieces.get()); ++index) {
-        PyObject *piece = PyList_GET_ITEM(pieces.get(), index);
+    forEach(checked(PyUnicode_Split(lines, "\n"_id.get(), -1)).get(), [&](PyObject *piece) {
         callMethod(file, "write"_id, checked(PyUnicode_FromFormat("%U%U\n", header.get(), piece)).get());
-    }
+    });
     return none();
 }
 

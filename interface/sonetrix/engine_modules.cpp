@@ -159,10 +159,7 @@ Ref collectModules(sonetrix_engine_t *engine, sonetrix_moduleCallback_t callback
 
 Ref status(std::int32_t code) { return checked(PyLong_FromLong(code)); }
 
-template <auto getList> Ref listOfNames() {
-    sonetrix_engine_t *engine = requireEngine();
-    return takeToList(unlocked([&] { return getList(engine); }));
-}
+template <auto getList> Ref listOfNames() { return takeToList(ask(getList)); }
 
 Ref newModule(Arguments arguments) {
     sonetrix_engine_t *engine = requireEngine();
@@ -262,11 +259,9 @@ constexpr Method functions[] = {
         function<getModuleNames>},
     {"getModuleInfos", "() -> list[dict]",
         "Describes the modules in the processing graph.\n\n"
-        "Returns: a dict for each module, with \"name\" (bytes), \"type\" (int), \"src\" and \"sink\" (its ports, each "
-        "a\n"
-        "dict with \"name\", \"type\" and, on a linked sink, \"link\"), \"library\" (bytes) and \"configuration\" "
-        "(dict) of a\n"
-        "module that has them, and \"param\" (dict), its current parameters",
+        "Returns: a dict for each module, with \"name\" (bytes), \"type\" (int), \"src\" and \"sink\" (its ports,\n"
+        "each a dict with \"name\", \"type\" and, on a linked sink, \"link\"), \"library\" (bytes) and\n"
+        "\"configuration\" (dict) of a module that has them, and \"param\" (dict), its current parameters",
         function<getModuleInfos>},
     {"getUsageInfo", "() -> dict[bytes, dict]",
         "Reads how much processing time each module takes.\n\n"

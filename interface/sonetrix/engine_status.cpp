@@ -3,7 +3,6 @@
 #include "engine.h"
 #include "list_key_value.h"
 #include "monitor.h"
-#include "python/gil.h"
 
 #include <array>
 #include <cstring>
@@ -26,37 +25,26 @@ Ref initEngine() {
 }
 
 Ref exitEngine() {
-    sonetrix_engine_t *engine = requireEngine();
-    unlocked([&] { sonetrix_engine_RequestStop(engine); });
+    ask(sonetrix_engine_RequestStop);
     return none();
 }
 
 Ref param() {
-    sonetrix_engine_t *engine = requireEngine();
-    sonetrix_cListKeyValue_t *parameters = unlocked([&] { return sonetrix_engine_getStartParameter(engine); });
+    sonetrix_cListKeyValue_t *parameters = ask(sonetrix_engine_getStartParameter);
     // The engine keeps its list: the script gets a copy.
     return parameters == nullptr ? ListKeyValue::newEmpty() : borrowedDup(parameters);
 }
 
-Ref isRunning() {
-    sonetrix_engine_t *engine = requireEngine();
-    return boolean(unlocked([&] { return sonetrix_engine_IsRunning(engine); }) != 0);
-}
+Ref isRunning() { return boolean(ask(sonetrix_engine_IsRunning) != 0); }
 
 Ref waitUntilEnd() {
     whileRunning([] {});
     return none();
 }
 
-Ref getXrunCounter() {
-    sonetrix_engine_t *engine = requireEngine();
-    return checked(PyLong_FromLong(unlocked([&] { return sonetrix_engine_DriverGetXRun(engine); })));
-}
+Ref getXrunCounter() { return checked(PyLong_FromLong(ask(sonetrix_engine_DriverGetXRun))); }
 
-Ref getFrameRate() {
-    sonetrix_engine_t *engine = requireEngine();
-    return checked(PyLong_FromUnsignedLong(unlocked([&] { return sonetrix_engine_DriverGetFrameRate(engine); })));
-}
+Ref getFrameRate() { return checked(PyLong_FromUnsignedLong(ask(sonetrix_engine_DriverGetFrameRate))); }
 
 Ref cpuInfo() {
     sonetrix_engine_t *engine = requireEngine();
@@ -74,10 +62,7 @@ Ref cpuInfo() {
     return tuple;
 }
 
-Ref hasDriver() {
-    sonetrix_engine_t *engine = requireEngine();
-    return boolean(unlocked([&] { return sonetrix_engine_DriverIsLoaded(engine); }) != 0);
-}
+Ref hasDriver() { return boolean(ask(sonetrix_engine_DriverIsLoaded) != 0); }
 
 Ref getDriverName() {
     sonetrix_engine_t *engine = requireEngine();
@@ -110,9 +95,8 @@ Ref now() {
 constexpr Method functions[] = {
     {"initEngine", "()",
         "Initialize the engine handle for the current session.\n\n"
-        "This method is called automatically at start-up, so there is no need to call it. MemoryError when the "
-        "process\n"
-        "has no engine.",
+        "This method is called automatically at start-up, so there is no need to call it. MemoryError when the\n"
+        "process has no engine.",
         function<initEngine>},
     {"exit", "()",
         "Schedules the exit for the current SoneTrix instance.\n\n"

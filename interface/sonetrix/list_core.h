@@ -84,10 +84,8 @@ template <class Traits> struct ListObject {
     }
 
     static void deallocate(PyObject *object) noexcept {
-        PyTypeObject *type = Py_TYPE(object);
         of(object).list.~shared_ptr();
-        type->tp_free(object);
-        Ref::steal(reinterpret_cast<PyObject *>(type));
+        freeObject(object);
     }
 
     static PyObject *compare(PyObject *object, PyObject *other, int operation) noexcept {
@@ -122,6 +120,10 @@ template <class Traits> struct ListObject {
         raise(PyExc_TypeError, "no default __reduce__ due to non-trivial __cinit__");
     }
 
+    static constexpr const char *dupDoc =
+        "Duplicates the list, by returning a new objects with a newly allocated list copied from the original.";
+    static constexpr const char *mergeDoc =
+        "Merges the current object with another list. The other list will be emptied of its values.";
     static constexpr const char *reduceDoc = "Lists wrap an object of the engine and cannot be pickled.";
 
     // Makes the class and binds it in the module.

@@ -72,28 +72,23 @@ Ref remove(ListKeyValue &list, Arguments arguments) {
     return self(list);
 }
 
-void requireDict(PyObject *given) {
-    if (!PyDict_Check(given)) {
-        raiseArgumentType("d", "dict", given);
-    }
-}
-
-std::pair<Ref, Ref> unpackPair(PyObject *pair) {
+std::array<Ref, 2> unpackPair(PyObject *pair) {
     std::array<Ref, 2> parts;
     if (const std::size_t count = unpack(pair, parts); count < parts.size()) {
         raiseFormat(PyExc_ValueError, "not enough values to unpack (expected 2, got %zu)", count);
     }
-    return {std::move(parts[0]), std::move(parts[1])};
+    return parts;
 }
 
 // Calls `action(key, value)` for each item that the dict has now, in order.
 template <class Action> void forEachItem(PyObject *dict, Action &&action) {
-    const Ref items = checked(PyMapping_Items, dict);
-    for (Py_ssize_t index = 0; index < PyList_GET_SIZE(items.get()); ++index) {
-        // A subclass's items() may give anything.
-        const auto [key, value] = unpackPair(PyList_GET_ITEM(items.get(), index));
-        action(key.get(), value.get());
+    if (!PyDict_Check(dict)) {
+        raiseArgumentType("d", "dict", dict);
     }
+    forEach(checked(PyMapping_Items, dict).get(), [&](PyObject *item) {
+        const auto [key, value] = unpackPair(item); // a subclass's items() may give anything
+        action(key.get(), value.get());
+    });
 }
 
 // What `self.append(key, value, selector)` does, without a selector `self.append(key, value)`; the look-up serves an
@@ -108,27 +103,11 @@ void callAppend(ListKeyValue &list, PyObject *key, PyObject *value, PyObject *se
 }
 
 Ref appendFromDict(ListKeyValue &list, Arguments arguments) {
-    requireDict(arguments[0]);
     forEachItem(arguments[0], [&](PyObject *key, PyObject *value) { callAppend(list, key, value); });
     return self(list);
 }
 
-// The array types of typed dicts, and the selectors that their values are appended with. The integer ones are not
-// append()'s own selectors for arrays, so that such entries are refused there.
-struct ArrayType {
-    const InternedString &name;
-    const InternedString &selector;
-    const char *notATuple;
-};
-
-const ArrayType arrayTypes[] = {
-    {"afloat"_id, "float"_id, "afloat as to contain a tuple"},
-    {"aint32"_id, "int32"_id, "aint32 as to contain a tuple"},
-    {"auint32"_id, "uint32"_id, "auint32 as to contain a tuple"},
-};
-
 Ref appendFromDictType(ListKeyValue &list, Arguments arguments) {
-    requireDict(arguments[0]);
     forEachItem(arguments[0], [&](PyObject *key, PyObject *pair) { appendTyped(list, key, pair); });
     return self(list);
 }
@@ -190,20 +169,15 @@ template <auto callback> Ref readObject(ListKeyValue &object, Arguments argument
 }
 
 constexpr Method methods[] = {
-    {"dup", "() -> listKeyValue",
-        "Duplicates the list, by returning a new objects with a newly allocated list copied from the original.",
-        method<ListKeyValue, ListKeyValue::dup>},
-    {"merge", "(other: listKeyValue)",
-        "Merges the current object with another list. The other list will be emptied of its values.",
-        method<ListKeyValue, ListKeyValue::merge>},
+    {"dup", "() -> listKeyValue", ListKeyValue::dupDoc, method<ListKeyValue, ListKeyValue::dup>},
+    {"merge", "(other: listKeyValue)", ListKeyValue::mergeDoc, method<ListKeyValue, ListKeyValue::merge>},
     {"append", "(k: str | bytes, v: str | bytes | int | float | tuple, type=None) -> listKeyValue",
         "Appends the provided key/value couple to the current list.\n\n"
         "- k: the key, ASCII\n"
         "- v: str and bytes are stored as a string, int as int32, float as a 32-bit float, a tuple of int or of float\n"
         "  as an array\n"
-        "- type: None, or what to store: \"string\", \"int32\", \"uint32\", \"float\", \"double\", for a tuple "
-        "\"int\",\n"
-        "  \"uint\", \"float\", or one of the ctypes classes c_int32, c_uint32, c_float, c_double, c_char_p\n"
+        "- type: None, or what to store: \"string\", \"int32\", \"uint32\", \"float\", \"double\", for a tuple\n"
+        "  \"int\", \"uint\", \"float\", or one of the ctypes classes c_int32, c_uint32, c_float, c_double, c_char_p\n"
         "Returns: a reference to the listKeyValue object itself\n"
         "Exception when value and type do not go together, OverflowError when the value is out of the type's range.",
         method<ListKeyValue, append>},
@@ -249,13 +223,15 @@ Ref borrowedDup(sonetrix_cListKeyValue_t *list) {
 
 void appendTyped(ListKeyValue &list, PyObject *key, PyObject *pair) {
     const auto [value, type] = unpackPair(pair);
-    const Selector selector(type.get());
-    for (const ArrayType &arrayType : arrayTypes) {
-        if (selector.isText(arrayType.name)) {
+    // Of arrays, the type of an element. The integer ones are not append()'s own selectors for arrays: it refuses them.
+    static const std::array<std::array<const InternedString *, 2>, 3> arrays = {
+        {{&"afloat"_id, &"float"_id}, {&"aint32"_id, &"int32"_id}, {&"auint32"_id, &"uint32"_id}}};
+    for (const auto &[name, selector] : arrays) {
+        if (Selector(type.get()).isText(*name)) {
             if (!PyTuple_Check(value.get())) {
-                raise(PyExc_ValueError, arrayType.notATuple);
+                raiseFormat(PyExc_ValueError, "%U as to contain a tuple", name->get());
             }
-            return callAppend(list, key, value.get(), arrayType.selector.get());
+            return callAppend(list, key, value.get(), selector->get());
         }
     }
     callAppend(list, key, value.get(), type.get());

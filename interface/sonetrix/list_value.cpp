@@ -72,19 +72,14 @@ template <auto callback> Ref readObject(ListValue &object) {
 }
 
 constexpr Method methods[] = {
-    {"dup", "() -> listValue",
-        "Duplicates the list, by returning a new objects with a newly allocated list copied from the original.",
-        method<ListValue, ListValue::dup>},
-    {"merge", "(other: listValue)",
-        "Merges the current object with another list. The other list will be emptied of its values.",
-        method<ListValue, ListValue::merge>},
+    {"dup", "() -> listValue", ListValue::dupDoc, method<ListValue, ListValue::dup>},
+    {"merge", "(other: listValue)", ListValue::mergeDoc, method<ListValue, ListValue::merge>},
     {"append", "(v: str | bytes | int | float | tuple, type=None) -> listValue",
         "Appends a value to the current list.\n\n"
         "- v: str and bytes are stored as a string, int as int32, float as a 32-bit float, a tuple of int or of float\n"
         "  as an array\n"
-        "- type: None, or what to store: \"string\", \"int32\", \"uint32\", \"float\", \"double\", or one of the "
-        "ctypes\n"
-        "  classes c_int32, c_uint32, c_float, c_double\n"
+        "- type: None, or what to store: \"string\", \"int32\", \"uint32\", \"float\", \"double\", or one of the\n"
+        "  ctypes classes c_int32, c_uint32, c_float, c_double\n"
         "Returns: a reference to the listValue object itself\n"
         "Exception when value and type do not go together, OverflowError when the value is out of the type's range.",
         method<ListValue, append>},

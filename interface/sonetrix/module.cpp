@@ -46,9 +46,8 @@ constexpr Method functions[] = {
         function<exitEngine>, Annotations::yes},
     {"add_clear_callback", "(callback)",
         "Registers a callable to be called without arguments when the console is cleaned up.\n\n"
-        "Callbacks run in the order of their registration, once for each registration. An exception that one raises "
-        "is\n"
-        "logged, and the next one runs. ValueError when the callback is not callable.",
+        "Callbacks run in the order of their registration, once for each registration. An exception that one raises\n"
+        "is logged, and the next one runs. ValueError when the callback is not callable.",
         function<addClearCallback>},
 };
 
@@ -207,7 +206,9 @@ void freeModule(void *module) noexcept {
 PyModuleDef_Slot slots[] = {
     {Py_mod_create, reinterpret_cast<void *>(create)},
     {Py_mod_exec, reinterpret_cast<void *>(execute)},
-    version::createdInAnyInterpreter(),
+#if PY_VERSION_HEX >= 0x030C0000
+    {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED}, // create() says itself what it refuses
+#endif
     {0, nullptr},
 };
 
@@ -279,7 +280,7 @@ void clearPythonModule() noexcept {
 } // namespace sonetrix
 
 PyObject *PyInit_sonetrix() {
-    if (!sonetrix::version::matchesHeaders()) {
+    if (Py_Version >> 16 != PY_VERSION_HEX >> 16) { // no other minor version lays out objects so
         PyErr_Format(PyExc_ImportError, "Module 'sonetrix' was built for Python %d.%d, not for %.100s",
             PY_MAJOR_VERSION, PY_MINOR_VERSION, Py_GetVersion());
         return nullptr;

@@ -68,11 +68,6 @@ private:
     PyObject *exception_; // owned
 };
 
-namespace version {
-
-// Whether the running interpreter is of the minor version that this was compiled for; no other lays out objects so.
-inline bool matchesHeaders() noexcept { return Py_Version >> 16 == PY_VERSION_HEX >> 16; }
-
 // A number that changes whenever the type or a base of it is changed; 0 while the interpreter keeps none.
 inline unsigned int typeVersion(PyTypeObject *type) noexcept {
 #if PY_VERSION_HEX < 0x030D0000
@@ -82,16 +77,5 @@ inline unsigned int typeVersion(PyTypeObject *type) noexcept {
 #endif
     return type->tp_version_tag;
 }
-
-// In a module's slots: it is made in any kind of interpreter, and says itself which ones it refuses.
-inline PyModuleDef_Slot createdInAnyInterpreter() noexcept {
-#if PY_VERSION_HEX >= 0x030C0000
-    return {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED};
-#else
-    return {0, nullptr};
-#endif
-}
-
-} // namespace version
 
 } // namespace sonetrix

@@ -29,16 +29,21 @@ Ref newClass(PyObject *module, const char *name, unsigned int flags, std::initia
     return checked(PyType_FromModuleAndSpec(module, &spec, nullptr));
 }
 
+// The end of a class's tp_dealloc.
+inline void freeObject(PyObject *object) noexcept {
+    PyTypeObject *type = Py_TYPE(object);
+    type->tp_free(object);
+    Ref::steal(reinterpret_cast<PyObject *>(type));
+}
+
 // Knows whether a class still is as it was made; until Python code changes it, what a look-up on it finds is known.
 class OriginalClass {
 public:
     void remember(PyTypeObject *type) {
         checked(PyObject_GetAttrString, reinterpret_cast<PyObject *>(type), "__init__"); // gives the class its version
-        version_ = version::typeVersion(type);
+        version_ = typeVersion(type);
     }
-    bool isUnchanged(PyTypeObject *type) const noexcept {
-        return version_ != 0 && version::typeVersion(type) == version_;
-    }
+    bool isUnchanged(PyTypeObject *type) const noexcept { return version_ != 0 && typeVersion(type) == version_; }
 
 private:
     unsigned int version_ = 0; // unknown
