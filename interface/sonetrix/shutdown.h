@@ -20,15 +20,16 @@ struct ConsoleEnd {
 //   exit handlers         (console) atexit's. In another interpreter these steps are an exit handler themselves
 //   the interpreter guard closed, with the lock given up, and waited for: no engine thread is in Python, none will be
 //
-// No step waits without limit, for Python threads (15 s), registrations (5 s) and the guard (5 s). True when the
-// interpreter can be finalised; false when an engine thread is in Python still: finalisation would unwind it, and the
-// engine with it. The console's interpreter is left as it is then. One that is not ours goes on to its end, and takes
-// the thread as it does any other.
+// The waits of ours have their limits: Python threads (15 s), registrations (5 s), the guard (5 s). What scripts have
+// registered, clear callbacks and exit handlers, takes the time that it takes. True when the interpreter can be
+// finalised; false when an engine thread is in Python still: finalisation would unwind it, and the engine with it. The
+// console's interpreter is left as it is then. One that is not ours goes on to its end, and takes the thread as it does
+// any other.
 //
-// In an interpreter that is not ours, older exit handlers follow, which may join threads that use the library: its
-// functions raise RuntimeError there. Python threads that are left are the finalisation's: it hangs them where they ask
-// for the lock, which no thread of theirs does while it holds a lock of the engine's (an iteration's callback is
-// refused at the guard).
+// In an interpreter that is not ours, older exit handlers follow, which may join threads that use the library: on any
+// thread but the ending one its functions raise RuntimeError from here on. Python threads that are left are the
+// finalisation's: it hangs them where they ask for the lock, which no thread of theirs does while it holds a lock of
+// the engine's (an iteration's callback is refused at the guard).
 bool shutDown(const ConsoleEnd *console) noexcept;
 
 // `clear_python_sonetrix`: logs, then runs every registered clear callback once. Takes the interpreter lock itself.
