@@ -16,8 +16,8 @@ struct DeviceBuffers {
     std::array<float *, channelCount> played{};
 };
 
-/// What went through a port in a block: the highest magnitude, and the mean of the squares, which a sample that is not a
-/// number makes such. Full scale is 1.
+/// What went through a port in a block: the highest magnitude, and the mean of the squares, which a sample that is not
+/// a number makes such. Full scale is 1.
 struct PortLevel {
     float peak = 0;
     float meanSquare = 0;
