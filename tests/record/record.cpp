@@ -124,6 +124,16 @@ int lockHeld() {
     return initialized && check && initialized() ? check() : -1;
 }
 
+ErrorKept::ErrorKept() {
+    if (held_)
+        python<void(void **, void **, void **)>("PyErr_Fetch")(&error_[0], &error_[1], &error_[2]);
+}
+
+ErrorKept::~ErrorKept() {
+    if (held_)
+        python<void(void *, void *, void *)>("PyErr_Restore")(error_[0], error_[1], error_[2]);
+}
+
 Recorder &Recorder::instance() {
     static auto &recorder = *new Recorder; // calls come until the very end of the process
     return recorder;

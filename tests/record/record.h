@@ -88,6 +88,19 @@ private:
 // 1 or 0 as the calling thread holds the interpreter lock, -1 where no interpreter is running.
 int lockHeld();
 
+// Keeps a Python error that is set: a hook may be Python code, and an engine function called while one is on its way.
+class ErrorKept {
+public:
+    ErrorKept();
+    ~ErrorKept();
+    ErrorKept(const ErrorKept &) = delete;
+    ErrorKept &operator=(const ErrorKept &) = delete;
+
+private:
+    bool held_ = lockHeld() == 1;
+    void *error_[3]{}; // type, value, traceback
+};
+
 extern thread_local bool comesInHolding; // this thread calls back with the lock held: so it may log
 extern thread_local bool inHook;         // where memory does not run out
 
@@ -125,6 +138,7 @@ bool answered(Hook hook, int64_t *result, Note note, Arguments... arguments) {
     const int64_t words[] = {word(arguments)..., 0};
     const auto read = [&] { return note() + contents(arguments...); };
     const std::string before = read();
+    const ErrorKept kept;
     inHook = true;
     const bool done = hook(words, result);
     inHook = false;

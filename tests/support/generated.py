@@ -33,9 +33,9 @@ values = scalars | tuples
 
 
 def settings(examples, **more):
-    everything = list(hypothesis.HealthCheck)
-    return hypothesis.settings(max_examples=examples // 10 if RUN else examples, derandomize=not SECONDS, deadline=None,
-                               database=None, print_blob=False, suppress_health_check=everything, **more)
+    everything, slow = list(hypothesis.HealthCheck), RUN or hasattr(sys, "gettotalrefcount")
+    return hypothesis.settings(max_examples=examples // 10 if slow else examples, derandomize=not SECONDS,
+                               deadline=None, database=None, print_blob=False, suppress_health_check=everything, **more)
 
 
 def run(test):
