@@ -75,15 +75,16 @@ Graph::Graph(
 void Graph::createModule(const char *name, const char *identifier, const ListKeyValue *configuration) {
     checkModuleName(name);
     const LadspaPlugin &plugin = catalogue_.plugin(identifier);
-    const Refusal exists(statusExists, "there is a module of that name");
-    if (module(name))
-        throw exists;
+    const auto requireFree = [](bool isFree) {
+        if (!isFree)
+            throw Refusal(statusExists, "there is a module of that name");
+    };
+    requireFree(module(name) == nullptr);
     const auto created = makeLadspaModule(name, plugin, format_, smoothing_, configuration);
     auto parameters = created->parameters();
 
     const std::lock_guard lock(mutex_);
-    if (find(modules_, name) != modules_.end())
-        throw exists;
+    requireFree(find(modules_, name) == modules_.end());
     modules_.emplace_back(created);
     try {
         parameters_.add(name, std::move(parameters));

@@ -71,16 +71,17 @@ public:
     }
 
     [[nodiscard]] std::vector<Parameter> parameters() override {
+        const auto self = shared_from_this();
         std::vector<Parameter> parameters;
         for (size_t i = 0; i < controls_.size(); ++i) {
-            std::atomic<float> &value = controls_[i].value;
-            parameters.push_back({plugin_.controls[i].name,
-                reader([self = shared_from_this(), &value] { return value.load(std::memory_order_relaxed); }),
-                plugin_.controls[i].domain, [self = shared_from_this(), &value](const sonetrix_value_t &written) {
-                    value.store(written.as.float32, std::memory_order_relaxed);
-                }});
+            Parameter parameter{plugin_.controls[i].name, {}, plugin_.controls[i].domain};
+            parameter.read = reader([self, i] { return self->controls_[i].value.load(std::memory_order_relaxed); });
+            parameter.write = [self, i](const sonetrix_value_t &value) {
+                self->controls_[i].value.store(value.as.float32, std::memory_order_relaxed);
+            };
+            parameters.push_back(std::move(parameter));
         }
-        parameters.push_back({"plugin", reader([self = shared_from_this()] { return self->plugin_.identifier; })});
+        parameters.push_back({"plugin", reader([self] { return self->plugin_.identifier; })});
         return parameters;
     }
 
