@@ -103,8 +103,8 @@ from sonetrix_console import completion
 ports = [b"module%d:port_%d" % (index // 10, index % 10) for index in range(10_000)]
 completion.engine = type("Engine", (), {"getPortNames": staticmethod(lambda: list(ports))})
 for line, word in 5 * [("engine.link('", "")] + [("engine.link('module99", "module99")]:
-    begin = time.perf_counter()
-    print(len(completion.candidates(line, word)), time.perf_counter() - begin)
+    begin = time.thread_time()
+    print(len(completion.candidates(line, word)), time.thread_time() - begin)
 """)
         found, seconds = zip(*(map(float, line.split()) for line in result.stdout.splitlines()))
         self.assertEqual(found, (10_000,) * 5 + (110,))
