@@ -63,6 +63,7 @@ struct EngineThread {
 std::mutex threadsMutex;
 auto &engineThreads = *new std::map<int32_t, EngineThread>;
 
+// Waits for the work to be done, for `longest` milliseconds.
 void beginEngineThread(int32_t number, std::function<void()> work, int32_t longest) {
     std::packaged_task<void()> task(std::move(work));
     auto through = task.get_future();
@@ -171,7 +172,7 @@ void record_fire(int32_t kind, const sonetrix_cListKeyValue_t *list, int32_t thr
 }
 void record_fireOn(int32_t thread, int32_t kind, const sonetrix_cListKeyValue_t *list, int32_t times, int32_t wait) {
     beginEngineThread(
-        thread, [=] { record_fire(kind, list, 0, times); }, wait);
+        thread, [=] { record_fire(kind, list, 0, times); }, wait ? 60'000 : 0);
 }
 void record_join(int32_t thread) {
     std::unique_lock lock(threadsMutex);
