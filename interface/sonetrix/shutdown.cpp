@@ -24,9 +24,10 @@ bool shutDown(const ConsoleEnd *console) noexcept {
     if (std::exchange(begun, true)) {
         return complete; // the library's exit handler, among those that the console or a script runs
     }
+    bool threadsEnd = true;
     if (console != nullptr) {
         clearPythonModule();
-        console->waitForPythonThreads();
+        threadsEnd = console->waitForPythonThreads();
     }
     const bool allRemoved = removeAllRegistrations();
     if (console != nullptr) {
@@ -40,7 +41,7 @@ bool shutDown(const ConsoleEnd *console) noexcept {
     const auto limit = allRemoved ? guardLimit : 0ms;
     const bool allOut = unlocked([limit] { return interpreterGuard.close(limit); });
     dropKeyCache();
-    return complete = allRemoved && allOut;
+    return complete = threadsEnd && allRemoved && allOut;
 }
 
 } // namespace sonetrix

@@ -5,7 +5,7 @@ namespace sonetrix {
 
 // What the console adds, called in this order. All with the interpreter lock held.
 struct ConsoleEnd {
-    void (*waitForPythonThreads)() noexcept;
+    bool (*waitForPythonThreads)() noexcept; // false when finalisation would wait for one that does not end
     void (*clearNamespace)() noexcept;
     void (*runExitHandlers)() noexcept;
 };

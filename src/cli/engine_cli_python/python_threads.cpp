@@ -12,7 +12,10 @@ namespace {
 constexpr const char *waitScript = R"(
 import sys
 
+left = False
+
 def wait(threading):
+    global left
     shutdown, threading._shutdown = threading._shutdown, lambda: None
     main = threading.main_thread()
     if hasattr(threading, "_shutdown_locks"):
@@ -26,6 +29,7 @@ def wait(threading):
         for thread in threading.enumerate():
             if thread is not main and not thread.daemon:
                 report(str(thread.name).encode("utf-8", "backslashreplace"), left_behind)
+    left = True
 
 try:
     if "threading" in sys.modules:
@@ -52,12 +56,17 @@ PyMethodDef reportMethod = {"report", report, METH_VARARGS, nullptr};
 
 } // namespace
 
-void waitForPythonThreads() noexcept {
+bool waitForPythonThreads() noexcept {
     const Ref function = Ref::steal(PyCFunction_New(&reportMethod, nullptr));
     const Ref names = Ref::steal(function ? Py_BuildValue("{sO}", "report", function.get()) : nullptr);
     if (!names || !Ref::steal(PyRun_String(waitScript, Py_file_input, names.get(), names.get()))) {
         PyErr_Print();
     }
+#if PY_VERSION_HEX >= 0x030F0000
+    return !names || PyDict_GetItemString(names.get(), "left") != Py_True;
+#else
+    return true;
+#endif
 }
 
 } // namespace sonetrix::cli
