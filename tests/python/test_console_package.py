@@ -5,14 +5,13 @@ import os
 import pathlib
 import re
 import signal
-import subprocess
 import tempfile
 import time
 import unittest
 
 from support import ENGINE, RUN, SLOWNESS, SOURCE
-from support.programs import PACKAGES, minimal_engine, run_engine, run_script
-from support.emulator import Screen
+from support.console import Screen
+from support.programs import PACKAGES, minimal_engine, run, run_script
 
 BLOCK = "def twice(x):\n    y = 2 * x\n\n    return y\n\ntwice(4)\ntwice(21)\n"
 
@@ -26,15 +25,10 @@ class OnATerminal(unittest.TestCase):
         options["environment"] = {
             "HOME": self.home, "XDG_STATE_HOME": self.home / "state", "XDG_CONFIG_HOME": self.home / "config",
             "PYTHONPATH": f"{self.home}:{PACKAGES}", "PYTHON_COLORS": "0"}
-        command = [*RUN, program] if program != ENGINE else [program]
-        screen = self.enterContext(Screen(*command[1:], program=command[0], cwd=self.home, **options))
-        screen.wait_for("^engine> $|^engine>$")
+        first, *rest = [program] if program == ENGINE else [*RUN, program]
+        screen = self.enterContext(Screen(*rest, program=first, cwd=self.home, **options))
+        screen.wait_for("^engine>$")
         return screen
-
-    def on_both_engines(self, check):
-        for program in ENGINE, minimal_engine():
-            with self.subTest(program.name):
-                check(program)
 
     def test_prompt(self):
         (self.home / "mine.py").write_text("value = 'imported'\n")
@@ -42,39 +36,35 @@ class OnATerminal(unittest.TestCase):
         startup.parent.mkdir(parents=True)
         startup.write_text("started = 'start-up file'\n")
 
-        def check(program):
-            screen = self.screen(program)
-            banner, = [line for line in screen.lines() if "SoneTrix" in line]
-            self.assertRegex(banner, r"^SoneTrix \d+\.\d+\.\d+, Python 3\.[\d.]+, (clock at 48000 Hz|no driver); help")
-            screen.type("import mine; mine.value, started\r")
-            screen.wait_for(r"^\('imported', 'start-up file'\)$")
-            screen.type("listKeyValue().append('a', 1.5)\r")
-            screen.wait_for(r"^listKeyValue\(\{b'a': 1\.5\}\)$")
-            screen.type("exit\r")
-            screen.wait_for(r"^exit\(\) stops the engine")
-            screen.type("get('system.gin')\r")
-            screen.wait_for("^sonetrix_console.Unknown: there is no parameter 'system.gin'")
-            self.assertNotIn("words.py", "\n".join(screen.lines()))
-            screen.type("import os, signal; os.kill(os.getpid(), signal.SIGKILL)\r")
-            self.assertEqual(screen.end(), -signal.SIGKILL)
-            self.assertEqual(self.history.stat().st_mode & 0o777, 0o600)
-            screen = self.screen(program)  # the line that ended the engine is there
-            screen.type("\x1b[A")
-            screen.wait_for("^engine> import os, signal; os.kill")
-
-        self.on_both_engines(check)
+        for program in ENGINE, minimal_engine():
+            with self.subTest(program.name):
+                screen = self.screen(program)
+                screen.wait_for(r"^SoneTrix \d+\.\d+\.\d+, Python 3\.[\d.]+, (clock at 48000 Hz|no driver); help")
+                for typed, shown in {
+                    "import mine; mine.value, started": r"^\('imported', 'start-up file'\)$",
+                    "listKeyValue().append('a', 1.5)": r"^listKeyValue\(\{b'a': 1\.5\}\)$",
+                    "exit": r"^exit\(\) stops the engine",
+                    "get('system.gin')": "^sonetrix_console.Unknown: there is no parameter 'system.gin'",
+                }.items():
+                    screen.type(typed + "\r")
+                    screen.wait_for(shown)
+                self.assertNotIn("words.py", "\n".join(screen.lines()))
+                screen.type("import os, signal; os.kill(os.getpid(), signal.SIGKILL)\r")
+                self.assertEqual(screen.end(), -signal.SIGKILL)
+                self.assertEqual(self.history.stat().st_mode & 0o777, 0o600)
+                screen = self.screen(program)  # the line that ended the engine is there
+                screen.type("\x1b[A")
+                screen.wait_for("^engine> import os, signal; os.kill")
 
     def test_without_line_editing(self):
         (self.home / "readline.py").write_text("raise ImportError\n")
         screen = self.screen(terminal="vt100")
-        later = "x = after(1, lambda: print('later'))"
-        for line, answer in ("6 * 7", "^42\nengine>$"), (later, "^later\nengine>$"), ("paste()", "single dot$"):
-            screen.type(line + "\r")
-            screen.wait_for(answer)
+        screen.type("x = after(1, lambda: print('later'))\r")
+        screen.wait_for("^later\nengine>$")
+        screen.type("paste()\r")
+        screen.wait_for("single dot$")
         screen.type(BLOCK.replace("\n", "\r") + ".\r")
         screen.wait_for(r"^8\n42$")
-        screen.type("exit(3)\r")
-        self.assertEqual(screen.end(), 3)
 
     def test_completion(self):
         (self.home / "folder").mkdir()
@@ -83,11 +73,10 @@ class OnATerminal(unittest.TestCase):
         screen.type("create('tone', 'sine_fcac'); create('gain', 'amp_mono'); create('gain2', 'amp_mono'); 'made'\r")
         screen.wait_for("^'made'\nengine>$")
         for typed, shown in {
-            "eng": "engine", "engine.isR": "engine.isRunning(", "impor": "import", "import ctyp": "import ctypes",
+            "engine.isR": "engine.isRunning(", "import ctyp": "import ctypes",
             "from sonetrix_console import stat": "from sonetrix_console import state",
-            "engine.link('to": "engine.link('tone:output'", "link('x', 'gain:i": "link('x', 'gain:input'",
-            "engine.newModule('tone', 'amp_m": "engine.newModule('tone', 'amp_mono'", "delete('t": "delete('tone'",
-            "engine.getParam(['tone.f": "engine.getParam(['tone.frequency'", "put('tone.a": "put('tone.amplitude'",
+            "link('x', 'gain:i": "link('x', 'gain:input'", "engine.newModule('tone', 'amp_m":
+            "engine.newModule('tone', 'amp_mono'", "engine.getParam(['tone.f": "engine.getParam(['tone.frequency'",
             "engine.setParams(listKeyValue().append('gain2.g": "engine.setParams(listKeyValue().append('gain2.gain'",
             "open('fol": "open('folder/file.txt'", "open('folder/f": "open('folder/file.txt'", "'to": "'to",
         }.items():
@@ -97,80 +86,62 @@ class OnATerminal(unittest.TestCase):
         screen.type("\x05\x15get('gain\t")  # several: they are shown
         screen.wait_for(r"^gain\.gain +gain\.plugin +gain2\.gain +gain2\.plugin\nengine> get\('gain$")
 
-    def test_completion_among_ten_thousand_ports(self):
-        result = run_engine("-c", """
-from sonetrix_console import completion
-ports = [b"module%d:port_%d" % (index // 10, index % 10) for index in range(10_000)]
-completion.engine = type("Engine", (), {"getPortNames": staticmethod(lambda: list(ports))})
-for line, word in 5 * [("engine.link('", "")] + [("engine.link('module99", "module99")]:
-    begin = time.thread_time()
-    print(len(completion.candidates(line, word)), time.thread_time() - begin)
-""")
-        found, seconds = zip(*(map(float, line.split()) for line in result.stdout.splitlines()))
-        self.assertEqual(found, (10_000,) * 5 + (110,))
-        self.assertLess(min(seconds[:5]), 0.05 * SLOWNESS)
-
     def test_pasted_blocks(self):
-        def check(program):
-            screen = self.screen(program)
-            screen.type(f"\x1b[200~{BLOCK}1 / 0\n\x1b[201~")
-            screen.wait_for("^1 / 0$")
-            screen.type("\r")
-            screen.wait_for('^8\n42\nTraceback .*\n  File "<pasted 1>", line 8, in <module>\n(    .*\n)*Zero.*\nengine>$')
-            screen.wait_for(r"^engine>\Z")
-            screen.type("\x1b[A")  # one entry of the history
-            screen.wait_for(r"^engine> def twice\(x\):\n    y = 2 \* x\n\n    return y\n(.*\n)+1 / 0\Z")
-            screen.type("\x03")
-            screen.wait_for(r"^KeyboardInterrupt\nengine>\Z")
-            screen.type("for i in range(2):\r")
-            screen.wait_for(r"^\.\.\.\Z")
-            screen.type("\x1b[200~    x = i\n\n    print('i', x)\n\x1b[201~\r\r")
-            screen.wait_for(r"^i 0\ni 1\nengine>$")
-
-        self.on_both_engines(check)
+        for program in ENGINE, minimal_engine():
+            with self.subTest(program.name):
+                screen = self.screen(program)
+                screen.type(f"\x1b[200~{BLOCK}1 / 0\n\x1b[201~")
+                screen.wait_for("^1 / 0$")
+                screen.type("\r")
+                screen.wait_for('^8\n42\nTraceback .*\n  File "<pasted 1>", line 8, in <module>\n(    .*\n)*Zero.*\nengine>$')
+                screen.type("\x1b[A")  # one entry of the history
+                screen.wait_for(r"^engine> def twice\(x\):\n    y = 2 \* x\n\n    return y\n(.*\n)+1 / 0\Z")
+                screen.type("\x03")
+                screen.wait_for(r"^KeyboardInterrupt\nengine>\Z")
+                screen.type("for i in range(2):\r")
+                screen.wait_for(r"^\.\.\.\Z")
+                screen.type("\x1b[200~    x = i\n\n    print('i', x)\n\x1b[201~\r\r")
+                screen.wait_for(r"^i 0\ni 1\nengine>$")
 
     def test_output_while_typing(self):
         """A timer, the log, a thread and a person, all at the same time."""
         setup = ("import threading\rgo = True; typed = []; noted = iter(range(10**6))\r"
                  "def work():\r while go: print('thread', next(noted)); time.sleep(.02); log.warn('logged')\r\r"
                  "threading.Thread(target=work).start()\r")
+        ticks = "count = iter(range(10**6)); x = every(30, lambda: print('tick', next(count)))\r"
+        typed = [f"typed.append({number}) # {'some words ' * (number % 4 * 2)}" for number in range(12)]
         for program, terminal, columns in (
                 (ENGINE, "xterm", 80), (ENGINE, "vt100", 40), (minimal_engine(), "xterm", 80), (ENGINE, "dumb", 80)):
             with self.subTest(program.name, terminal=terminal):
                 screen = self.screen(program, terminal=terminal, columns=columns)
-                screen.type(setup)
-                if program == ENGINE:
-                    screen.type("count = iter(range(10**6)); x = every(30, lambda: print('tick', next(count)))\r")
+                screen.type(setup + ticks * (program == ENGINE))
                 screen.wait_for("^thread 9$")
-                for number in range(12):
+                for number, line in enumerate(typed):
                     if number == 6:
                         time.sleep(1.5)  # the terminal takes nothing any more
                     screen.wait_for(r"^engine>\Z")  # what is typed before, the terminal itself echoes
-                    screen.type(f"typed.append({number}) # {'some words ' * (number % 4 * 2)}\r", key_every=0.004)
+                    screen.type(line + "\r", key_every=0.004)
                 screen.type("go = False; callbacks(); [each.stop() for each in [globals().get('x')] if each]\r")
                 screen.type("sum(typed), 'end'\r")
                 screen.wait_for(r"^\(66, 'end'\)$")
                 lines = screen.lines()
-                lines = lines[max(index for index, line in enumerate(lines) if line == "thread 9"):]
+                lines = lines[lines.index("thread 9"):]
                 self.assertEqual([line for line in lines if line.count("engine>") > 1], [])
                 for word in ("thread", "tick") if program == ENGINE else ("thread",):  # each whole, and none missing
                     numbers = [int(line.split()[1]) for line in lines if re.fullmatch(rf"{word} \d+", line)]
                     self.assertEqual(numbers, list(range(numbers[0], numbers[0] + len(numbers))))
                 if terminal == "xterm":
                     other = [line for line in lines if not re.fullmatch(r"thread \d+|tick \d+|.*python.*: logged", line)]
-                    for number in range(12):
-                        line = f"engine> typed.append({number}) # {'some words ' * (number % 4 * 2)}".rstrip()
-                        self.assertIn(line[:columns].rstrip(), other)
+                    self.assertLessEqual({f"engine> {line}"[:columns].rstrip() for line in typed}, {*other})
                     self.assertLess(len(other), 30)
-                screen.type("exit(3)\r")
-                self.assertEqual(screen.end(), 3)
 
 
 class Words(unittest.TestCase):
-    def run_words(self, source):
+    def run_words(self, source, *printed):
         result = run_script("from sonetrix_console import *\ndef refused(f, *a, **k):\n    try: f(*a, **k)\n"
                             "    except Refused as error: return str(error)\n" + source)
         self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertEqual([words for words in printed if words not in result.stdout], [])
         return result
 
     def test_reading_and_writing(self):
@@ -179,7 +150,6 @@ create("tone", "sine_fcac", frequency=220); create("gain", "amp_mono")
 assert get("tone.frequency") == 220.0 and get("gain.") == {"gain.gain": 1.0, "gain.plugin": "amp_mono"}
 put("gain.gain", 0.1); put("tone.frequency", 330)
 assert (get("gain.gain"), get("tone.frequency")) == (0.1, 330.0)
-assert "did you mean 'tone.frequency'?" in refused(put, "tone.freq", 1)
 assert issubclass(Unknown, LookupError) and issubclass(Unfit, TypeError)
 assert refused(put, "tone.frequency", 1e9).endswith("it takes 0 to 24000 Hz")
 assert refused(put, "gain.gain", "loud") == "gain.gain takes a value of type float, not 'loud'"
@@ -193,13 +163,8 @@ assert "did you mean 'tone:output'" in refused(connect, "tone.output", "gain")
 assert disconnect("tone", "system") == [("tone:output", "system:playback_1")]
 import json; plain = json.loads(json.dumps(state()))["modules"]
 assert plain["tone"]["sources"] == {"tone:output": ["gain:input"]} and plain["gain"]["parameters"] == {"gain": 0.1}
-""")
-
-    def test_tables(self):
-        result = self.run_words("create('gain', 'amp_mono'); connect('system:capture_1', 'gain')\n"
-                                "graph(); plugins('plate'); info('sc4m')")
-        for words in ("gain  amp_mono\n", "input   <- system:capture_1\n", "plate  Plate reverb\n", "1.5 to 400  ms"):
-            self.assertIn(words, result.stdout)
+graph(); plugins("plate"); info("sc4m")
+""", "gain  amp_mono\n", "input   <- tone:output\n", "plate  Plate reverb\n", "1.5 to 400  ms")
 
     def test_help_names_every_word_and_each_has_an_example(self):
         self.run_words("""
@@ -257,9 +222,8 @@ put("engine.offline.run", 0.25); print(round(get("gain.gain"), 1)); put("engine.
         self.assertEqual((result.stdout, result.stderr), ("0.5\n0.0\n", ""))
 
     def test_types(self):
-        command = ["mypy", "--strict", "--cache-dir", os.devnull, SOURCE / "python/sonetrix_console"]
-        checked = subprocess.run(command, text=True, capture_output=True,
-                                 env=dict(os.environ, MYPYPATH=f"{SOURCE}/interface/sonetrix"))
+        checked = run("mypy", "--strict", "--cache-dir", os.devnull, SOURCE / "python/sonetrix_console",
+                      environment={"MYPYPATH": f"{SOURCE}/interface/sonetrix"})
         self.assertEqual(checked.returncode, 0, checked.stdout)
 
 

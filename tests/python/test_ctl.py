@@ -1,7 +1,6 @@
 """The way into a running engine, by sonetrix-ctl and by ruder clients, and live views; on two different engines."""
 
 import contextlib
-import functools
 import json
 import os
 import pathlib
@@ -13,24 +12,23 @@ import time
 import unittest
 
 from support import ENGINE, RUN, SLOWNESS, SOURCE, TIME_LIMIT
-from support.programs import OUTLIVED, PACKAGES, minimal_engine
-from support.emulator import Screen
+from support.console import Screen
+from support.programs import OUTLIVED, PACKAGES, minimal_engine, run
 
 CTL = [sys.executable, "-I", SOURCE / "python/sonetrix_console/ctl.py"]  # sees neither sonetrix nor the package
 COUNT = ("(__import__('threading').active_count(), len(os.listdir('/proc/self/fd')), "
          "[__import__('gc').collect(), len(__import__('gc').get_objects())][1])")
-CONNECTIONS = contextlib.ExitStack()
 
 
 class Client:
     def __init__(self, path):
-        self.socket = CONNECTIONS.enter_context(socket.socket(socket.AF_UNIX))
-        self.socket.settimeout(TIME_LIMIT)
-        self.socket.connect(str(path))
-        self.file = CONNECTIONS.enter_context(self.socket.makefile("r"))
+        with socket.socket(socket.AF_UNIX) as connection:
+            connection.settimeout(TIME_LIMIT)
+            connection.connect(str(path))
+            self.file = connection.makefile("rw")  # which keeps the connection
 
     def send(self, text="", do="run", **more):
-        self.socket.sendall(json.dumps({"do": do, "text": text, **more}).encode() + b"\n")
+        print(json.dumps({"do": do, "text": text, **more}), file=self.file, flush=True)
 
     def receive(self):
         return json.loads(self.file.readline() or "null")
@@ -44,46 +42,49 @@ class Client:
 
 
 def ctl(path, *arguments, text_input=""):
-    result = subprocess.run([*CTL, "--socket", path, *map(str, arguments)], input=text_input, text=True,
-                            capture_output=True, timeout=TIME_LIMIT)
+    result = run(*CTL, "--socket", path, *arguments, text_input=text_input)
     return result.stdout + result.stderr, result.returncode
 
 
-def screen(program, *arguments, **options):
-    return Screen(*arguments, program=program, rows=14, **options)
-
-
-def on_both(test):
-    """Gives it the console of an engine, on a screen, and where the engine listens."""
-    @functools.wraps(test)
-    def run(self):
-        for kind in ("engine", "minimal"):
-            with self.subTest(kind), tempfile.TemporaryDirectory() as folder:
-                path = pathlib.Path(folder, kind)
-                command = [ENGINE, f"--listen={path}"] if kind == "engine" else [*RUN, minimal_engine()]
-                variables = {**OUTLIVED, "PYTHONPATH": PACKAGES, "XDG_STATE_HOME": folder}
-                with screen(*command, columns=40, environment=variables) as console, CONNECTIONS:
-                    console.wait_for("^engine>$")
-                    if kind == "minimal":
-                        console.type(f"serve('{path}')\r")
-                        console.wait_for(r"'\nengine>\Z")
-                    test(self, console, path)
-                    begin = time.monotonic()
-                    ctl(path, "eval", "exit(5)")
-                    self.assertEqual(console.end(), 5)
-                    self.assertLess(time.monotonic() - begin, 5 * SLOWNESS)
-                    self.assertFalse(path.exists())
-    return run
-
-
 class Clients(unittest.TestCase):
-    maxDiff = None
+    """Of the development engine."""
 
-    @on_both
-    def test_commands(self, console, path):
-        script, saved = path.with_name("script"), path.with_name("saved")
+    has_graph = True
+
+    def setUp(self):
+        folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        self.connections = self.enterContext(contextlib.ExitStack())
+        self.path, self.variables = folder / "engine", {**OUTLIVED, "PYTHONPATH": PACKAGES, "XDG_STATE_HOME": folder}
+        self.console = self.start(self.path)
+
+    def start(self, path):
+        return self.screen(ENGINE, f"--listen={path}")
+
+    def tearDown(self):
+        begin = time.monotonic()
+        ctl(self.path, "eval", "exit(5)")
+        self.assertEqual(self.console.end(), 5)
+        self.assertLess(time.monotonic() - begin, 5 * SLOWNESS)
+        self.assertFalse(self.path.exists())
+
+    def screen(self, program, *arguments, prompt="^engine>$", **options):
+        screen = self.enterContext(Screen(*arguments, program=program, columns=40, rows=14, environment=self.variables,
+                                          **options))
+        screen.wait_for(prompt)
+        return screen
+
+    def ctl(self, *arguments, **options):
+        return self.screen(*CTL, "--socket", self.path, *arguments, **options)
+
+    def client(self):
+        client = Client(self.path)
+        self.connections.enter_context(client.file)
+        return client
+
+    def test_commands(self):
+        script, saved = self.path.with_name("script"), self.path.with_name("saved")
         script.write_text("import sys; print(sys.argv[1:], input('? ')); sys.exit(7)")
-        graph = [] if path.name == "minimal" else [
+        graph = [] if not self.has_graph else [
             (["eval", "create('a', 'amp_mono'); create('b', 'amp_mono')"], "", "", 0),
             (["set", "a.gain=2", "b.gain=0.5"], "", "", 0), (["get", "a.gain"], "", "2.0\n", 0),
             (["set", "a.gian=1"], "", "there is no parameter 'a.gian'; did you mean 'a.gain'", 1),
@@ -101,20 +102,19 @@ class Clients(unittest.TestCase):
                 (["run", "/nonexistent"], "", "/nonexistent", 66), (["link"], "", "required: FROM, TO", 64),
                 (["--socket", "/nonexistent", "ports"], "", "No such file", 69)):
             with self.subTest(arguments):
-                shown = ctl(path, *arguments, text_input=given)
+                shown = ctl(self.path, *arguments, text_input=given)
                 self.assertIn(printed, shown[0])
                 self.assertEqual(shown[1], status)
 
-    @on_both
-    def test_rude_clients_harm_nobody(self, console, path):
-        polite, stuck, interrupted = (Client(path) for _ in range(3))
+    def test_rude_clients_harm_nobody(self):
+        polite, stuck, interrupted = (self.client() for _ in range(3))
         for rude in (b"\x00\xff garbage\n", b"{}\n[]\n5\n", b'{"do": "finish"}\n', b"[" * 100_000 + b"\n",
                      b"x" * 3_000_000, b'{"do": "run", "te', b'{"do": "run", "text": "while True: pass"}\n',
                      b'{"do": "run", "text": "while True: print(1)"}\n', b'{"do": "nothing"}\n' * 20_000):
-            client = Client(path)
-            client.socket.settimeout(0.2)
-            with client.socket, client.file, contextlib.suppress(OSError):
-                client.socket.sendall(rude)
+            with socket.socket(socket.AF_UNIX) as connection, contextlib.suppress(OSError):
+                connection.settimeout(0.2)
+                connection.connect(str(self.path))
+                connection.sendall(rude)
             polite.send("1 + 1")
             self.assertEqual(polite.finish(), ("2\n", 0))
         stuck.send("print('begun'); time.sleep(20)")
@@ -126,107 +126,111 @@ class Clients(unittest.TestCase):
         interrupted.send(do="interrupt")
         printed, status = interrupted.finish()
         self.assertEqual((printed[-18:], status), ("KeyboardInterrupt\n", 130))
-        console.type("engine.isRunning()\r")
-        console.wait_for("^True$")
-        self.assertNotIn("begun", console.transcript)
+        self.console.type("engine.isRunning()\r")
+        self.console.wait_for("^True$")
+        self.assertNotIn("begun", self.console.transcript)
 
-    @on_both
-    def test_a_hundred_clients_leave_nothing_behind_and_do_not_mix(self, console, path):
+    def test_a_hundred_clients_leave_nothing_behind_and_do_not_mix(self):
         def visit(rounds):
-            clients = [Client(path) for _ in range(100)]
+            clients = [self.client() for _ in range(100)]
             for _ in range(rounds):
                 for number, client in enumerate(clients):
                     client.send(f"import sys\nfor _ in range(50): print(sys.argv[1], end=' '); print({number})",
                                 space="own", arguments=[str(number)])
                 for number, client in enumerate(clients):
                     self.assertEqual(client.finish(), (f"{number} {number}\n" * 50, 0))
-            CONNECTIONS.close()
+            self.connections.close()
             end = time.monotonic() + TIME_LIMIT
             while (counted := count())[0] > before[0] and time.monotonic() < end:
                 time.sleep(0.01)
             return counted
 
-        count = lambda: json.loads(ctl(path, "--json", "eval", COUNT)[0])
+        count = lambda: json.loads(ctl(self.path, "--json", "eval", COUNT)[0])
         before = count()
         first, second = visit(2), visit(8)
         self.assertEqual(second[:2], before[:2])
         self.assertLess(second[2] - first[2], 100, "objects")
 
-    @on_both
-    def test_the_end_of_the_engine_is_that_of_all_clients(self, console, path):
-        idle, busy = [Client(path) for _ in range(20)], Client(path)
+    def test_the_end_of_the_engine_is_that_of_all_clients(self):
+        idle, busy = [self.client() for _ in range(20)], self.client()
         busy.send("print('begun')\nwhile True: time.sleep(0.01)")
         busy.receive()
-        variables = {"XDG_STATE_HOME": path.parent}
-        with screen(*CTL, "--socket", path, "repl", environment=variables) as repl:
-            repl.wait_for("^engine>$")
-            repl.type("\x1b[200~def twice(x):\n\n    return 2 * x\n\ntwice(4)\n\x1b[201~\r")
-            repl.wait_for("^8$")
-            repl.type("twice(5)\r")
-            repl.wait_for(r"^10\nengine>\Z")
-            repl.type("\x04")
-            self.assertEqual(repl.end(), 0)
-        with screen(*CTL, "--socket", path, "repl", environment=variables) as repl:
-            repl.wait_for("^engine>$")
-            repl.type("\x1b[A\r")
-            repl.wait_for("^engine> twice\\(5\\)\n10$")
-            repl.type("engine.isRun\t)\r")
-            repl.wait_for("^True$")
-            self.assertEqual(ctl(path, "eval", "exit(5)"), ("", 0))
-            repl.wait_for("^sonetrix-ctl: the engine has ended$")
-            self.assertEqual(repl.end(), 69)
+        repl = self.ctl("repl")
+        repl.type("\x1b[200~def twice(x):\n\n    return 2 * x\n\ntwice(4)\n\x1b[201~\r")
+        repl.wait_for("^8$")
+        repl.type("twice(5)\r")
+        repl.wait_for(r"^10\nengine>\Z")
+        repl.type("\x04")
+        self.assertEqual(repl.end(), 0)
+        repl = self.ctl("repl")
+        repl.type("\x1b[A\r")
+        repl.wait_for("^engine> twice\\(5\\)\n10$")
+        repl.type("engine.isRun\t)\r")
+        repl.wait_for("^True$")
+        self.assertEqual(ctl(self.path, "eval", "exit(5)"), ("", 0))
+        repl.wait_for("^sonetrix-ctl: the engine has ended$")
+        self.assertEqual(repl.end(), 69)
         self.assertEqual((busy.finish()[1], busy.receive()), (130, None))
         self.assertEqual({client.receive() for client in idle}, {None})
 
-    @on_both
-    def test_the_socket_is_its_users_alone(self, console, path):
-        stale, other = path.with_name("stale"), path.with_name("other")
+    def test_the_socket_is_its_users_alone(self):
+        stale, other = self.path.with_name("stale"), self.path.with_name("other")
         other.touch()
         with socket.socket(socket.AF_UNIX) as left_behind:
             left_behind.bind(str(stale))
-        for place, printed in ((path, "an engine listens there already"), (stale, ""), (other, "else than a socket")):
-            self.assertIn(printed, ctl(path, "eval", f"_ = serve('{place}')")[0])
-        self.assertEqual([place.stat().st_mode & 0o777 for place in (path, stale)], [0o600, 0o600])
+        for place, printed in ((self.path, "an engine listens there already"), (stale, ""),
+                               (other, "else than a socket")):
+            self.assertIn(printed, ctl(self.path, "eval", f"_ = serve('{place}')")[0])
+        self.assertEqual([place.stat().st_mode & 0o777 for place in (self.path, stale)], [0o600, 0o600])
         if os.getuid() == 0:  # who can be somebody else for a moment
-            path.parent.chmod(0o777)
-            path.chmod(0o777)
+            self.path.parent.chmod(0o777)
+            self.path.chmod(0o777)
             os.seteuid(65534)
             try:
-                theirs = Client(path)
+                theirs = self.client()
             finally:
                 os.seteuid(0)
             self.assertEqual(theirs.receive(), None)
 
-    @on_both
-    def test_views_at_forty_columns(self, console, path):
-        def watch(screen, ends):
-            screen.wait_for("^load +[0-9.]+ %", screen.shown)
+    def test_views_at_forty_columns(self):
+        def watch(screen):
+            screen.wait_for("^load +[0-9.]+ %", shown=True)
             screen.resize(34)
-            screen.wait_for("^load +[0-9.]+ %(.|\n)*^worst +[0-9.]+ of [0-9.]+ ms\n^xruns +[0-9]+$", screen.shown)
+            screen.wait_for("^load +[0-9.]+ %(.|\n)*^worst +[0-9.]+ of [0-9.]+ ms\n^xruns +[0-9]+$", shown=True)
             self.assertEqual("".join(screen.shown()).count("load"), 1)
             screen.type("q")
-            ends()
-            self.assertNotIn("Traceback", screen.transcript)
 
-        with screen(*CTL, "--socket", path, "top", columns=40) as client:
-            watch(client, lambda: self.assertEqual(client.end(), 0))
-        with screen(*CTL, "--socket", path, "top", columns=40, terminal="dumb") as client:
-            client.wait_for("^xruns(.|\n)*^xruns")
-            client.type("\x03")
-            self.assertEqual(client.end(), 0)
-        console.type("top()\r")
-        watch(console, lambda: console.wait_for(r"^engine>\Z"))
-        if path.name == "engine":
-            console.type("create('t', 'sine_fcac'); connect('t:output', 'system:playback_1')\r")
-            console.type("ticks = every(100, lambda: print('tick'))\rmeters('play')\r")
-            console.wait_for("tick\ntick\n^.*playback_1 █+ +0[.]0\n^.*playback_2 +-60[.]0$", console.shown)
-            self.assertEqual("".join(console.shown()).count("playback_2"), 1)
-            console.type("\x03")
-            console.wait_for(r"^engine>\Z")
-            console.type("ticks.stop()\r")
-        console.type("'still ' + 'echoed'\r")
-        console.wait_for("^engine> 'still ' \\+ 'echoed'\n'still echoed'$")
-        self.assertNotIn("KeyboardInterrupt\n", console.transcript)
+        client = self.ctl("top", prompt="load")
+        watch(client)
+        self.assertEqual(client.end(), 0)
+        client = self.ctl("top", prompt="^xruns(.|\n)*^xruns", terminal="dumb")
+        client.type("\x03")
+        self.assertEqual(client.end(), 0)
+        self.console.type("top()\r")
+        watch(self.console)
+        self.console.wait_for(r"^engine>\Z")
+        if self.has_graph:
+            self.console.type("create('t', 'sine_fcac'); connect('t:output', 'system:playback_1')\r")
+            self.console.type("ticks = every(100, lambda: print('tick'))\rmeters('play')\r")
+            self.console.wait_for("tick\ntick\n^.*playback_1 █+ +0[.]0\n^.*playback_2 +-60[.]0$", shown=True)
+            self.assertEqual("".join(self.console.shown()).count("playback_2"), 1)
+            self.console.type("\x03")
+            self.console.wait_for(r"^engine>\Z")
+            self.console.type("ticks.stop()\r")
+        self.console.type("'still ' + 'echoed'\r")
+        self.console.wait_for("^engine> 'still ' \\+ 'echoed'\n'still echoed'$")
+        for screen in client, self.console:
+            self.assertNotRegex(screen.transcript, "KeyboardInterrupt\n|Traceback")
+
+
+class ClientsOfAnotherEngine(Clients):
+    has_graph = False
+
+    def start(self, path):
+        console = self.screen(*RUN, minimal_engine())
+        console.type(f"serve('{path}')\r")
+        console.wait_for(r"'\nengine>\Z")
+        return console
 
 
 if __name__ == "__main__":

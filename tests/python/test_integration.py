@@ -2,15 +2,15 @@
 """What an integrator has: the installed tree, the example engine, the contract check; what a wrong engine is told."""
 
 import concurrent.futures
-import os
 import pathlib
 import re
-import subprocess
 import tempfile
 import unittest
 
 from record import generate
-from support import BUILD, RUN, SANITIZER, SOURCE, TIME_LIMIT, console, programs
+from support import BUILD, RUN, SANITIZER, SOURCE
+from support.console import Console
+from support.programs import cache, compile_engine, run
 
 EXAMPLE = SOURCE / "examples" / "minimal_engine"
 # An engine function, what it does instead (`sound` is the real one), and what has to be found.
@@ -18,32 +18,17 @@ PLANTED = [
     ("valueListAddI32", "return sonetrix_valueListAddU32(list, (uint32_t)number);",
      "appends a copy of what it is given, as int32"),
     ("keyValueListDeepCopy", "return (sonetrix_cListKeyValue_t *)list;", "gives a list of its own"),
-    ("keyValueListMerge", "return sound(list, other ? sonetrix_keyValueListDeepCopy(other) : 0);", "moves all entries"),
     ("valueListForEach", "return sound(list, callback, list);", "gives the callback the user pointer"),
-    ("engine_DriverGetName", 'static char text[] = "kept"; *name = text; return 0;', "gives a malloc'ed text"),
-    ("engine_GetParams", "static void *kept; if (!kept) kept = sound(engine, keys); return kept;",
-     "gives a new list each time"),
-    ("engine_SetParamsFull", "sound(engine, parameters, written);"
-     ' return sonetrix_keyValueListRemoveKey((void *)parameters, "check.nowhere");',
-     "writes, leaves the caller's list alone"),
     ("engine_ForEachModuleSafe", "sound(engine, callback, user); return sound(engine, callback, user);",
      "shows modules and ports with unique names"),
     ("engine_addTimer", "return sound(engine, 1, callback, user);", "a timer of 30 ms has elapsed after"),
     ("engine_delTimer", "", "no call begins after it has returned"),
-    ("engine_notify_changes_rmCallback", "", "returns only when no call is in progress"),
     ("engine_RequestStop", "", "returns at once"),
 ]
 
 
-def cache(name):
-    """A setting of the build under test, or None."""
-    found = re.search(rf"^{name}:\w+=(.*)$", (BUILD / "CMakeCache.txt").read_text(), re.M)
-    return found and found[1]
-
-
 def tool(*command, status=0, **variables):
-    result = subprocess.run([*map(str, command)], capture_output=True, text=True, timeout=TIME_LIMIT,
-                            env=dict(os.environ, **variables))
+    result = run(*command, environment=variables)
     if result.returncode != status:
         raise AssertionError(f"{command}: {result.returncode}, {result.stdout}{result.stderr}")
     return result.stdout
@@ -59,30 +44,21 @@ class Installed(unittest.TestCase):
         tool(cache("CMAKE_COMMAND"), "--install", BUILD, "--prefix", cls.root)
         cls.program = [*RUN, cls.root / "bin/sonetrix-engine"]
         cls.check = cls.root / "bin/sonetrix-check-engine"
-        cls.compiler = cache("CMAKE_C_COMPILER")
 
-    def minimal_engine(self, name, *options, flags=None, sources=("minimal_engine.c", "lists.c")):
-        """Compiles the example with what pkg-config says."""
-        if self.compiler is None:
-            self.skipTest("built by a compiler for another machine, with options of its own")
+    def pkg_config(self, *question):
+        return tool("pkg-config", *question, "sonetrix-engine-api", PKG_CONFIG_PATH=str(self.root / "share/pkgconfig"))
 
-        def ask(*question):
-            return tool("pkg-config", *question, "sonetrix-engine-api",
-                        PKG_CONFIG_PATH=str(self.root / "share/pkgconfig"))
-
-        sanitizer = [f"-fsanitize={SANITIZER}"] if SANITIZER else []
-        flags = ask("--cflags", "--libs").split() if flags is None else flags
-        module = ask("--variable=module").strip()
-        tool(self.compiler, "-Wall", "-Werror", *sanitizer, *(EXAMPLE / source for source in sources), *flags, *options,
-             f'-DSONETRIX_MODULE="{module}"', "-o", self.folder / name)
-        return self.folder / name
+    def minimal_engine(self, *options, flags=None):
+        """Compiled with what pkg-config says."""
+        flags = self.pkg_config("--cflags", "--libs").split() if flags is None else flags
+        module = self.pkg_config("--variable=module").strip()
+        return compile_engine(self.folder / "minimal", f'-DSONETRIX_MODULE="{module}"', *flags, *options)
 
     def test_console_and_script(self):
-        with console.Console(*self.program[1:], program=self.program[0]) as terminal:
+        with Console(*self.program[1:], program=self.program[0]) as terminal:
             self.assertEqual(terminal.ask("engine.isRunning()"), "True")
-            self.assertEqual(terminal.ask("import _ctypes, _json"), "")  # extension modules find the interpreter
             self.assertEqual(terminal.end("exit(3)"), 3)
-        result = programs.run(*self.program, "-c", "import pathlib; print(pathlib.Path('/proc/self/maps').read_text())")
+        result = run(*self.program, "-c", "import pathlib; print(pathlib.Path('/proc/self/maps').read_text())")
         self.assertEqual((result.returncode, result.stderr), (0, ""))
         loaded = set(re.findall(r"/\S*sonetrix\S*", result.stdout))
         self.assertGreaterEqual(loaded, {str(self.root / "lib/sonetrix" / name)
@@ -100,7 +76,7 @@ class Installed(unittest.TestCase):
         self.assertRegex(said, r'Revealed type is "(builtins\.)?int"')
         installed = {path.name for path in (self.root / "share").rglob("*.py")}
         self.assertEqual(installed, {path.name for path in (SOURCE / "examples").glob("*.py")})
-        said = programs.run(*self.program, SOURCE / "tools/reference.py")
+        said = run(*self.program, SOURCE / "tools/reference.py")
         self.assertEqual(said.stderr, "")
         self.assertTrue(said.stdout == (SOURCE / "docs/reference.md").read_text(), "run `make docs-reference`")
 
@@ -113,39 +89,36 @@ class Installed(unittest.TestCase):
         tool(cache("CMAKE_COMMAND"), "--build", build)
         self.assertIn("sonetrix_engineGet", tool("nm", "-D", "--defined-only", build / "minimal_engine"))
         if not SANITIZER:
-            result = programs.run(*RUN, build / "minimal_engine",
+            result = run(*RUN, build / "minimal_engine",
                                   text_input="print(engine.getParam('system.gain').toDict())")
             self.assertEqual((result.returncode, result.stdout), (0, "{b'system.gain': 1.0}\n"), result.stderr)
 
     def test_minimal_engine_with_pkg_config_passes_the_check_and_runs_the_console(self):
-        engine = self.minimal_engine("minimal")
+        engine = self.minimal_engine()
         self.assertIn(", 0 findings", tool(self.check, "--parameter", "system.gain", engine))
         packages = str(self.root / "lib/python3/dist-packages")
-        with console.Console(program=engine, environment={"PYTHONPATH": packages}) as terminal:
+        with Console(program=engine, environment={"PYTHONPATH": packages}) as terminal:
             self.assertEqual(terminal.ask("'sonetrix_console' in __import__('sys').modules"), "True")
             self.assertEqual(terminal.ask("engine.setParams(listKeyValue().append('system.gain', .5)).toDict()"),
                              "{b'system.gain': 0.5}")
             self.assertEqual(terminal.end("exit(3)"), 3)
 
     def test_an_engine_that_does_not_fit_is_told_why(self):
-        cases = {
-            "is it linked with -rdynamic?": dict(flags=[f"-I{self.root}/include"]),
-            "lacks 2 of 83 functions: sonetrix_engine_addTimer, sonetrix_log_syslog":
-                dict(options=["-Dsonetrix_log_syslog=renamed", "-Dsonetrix_engine_addTimer=another"]),
-            "built with version 9 of its interface": dict(flags=[f"-I{self.folder}/include", "-rdynamic"]),
-        }
         header = self.folder / "include/sonetrix/engine_api.h"
         header.parent.mkdir(parents=True)
         own = (self.root / "include/sonetrix/engine_api.h").read_text()
         header.write_text(re.sub(r"(API_VERSION_MAJOR) \d+", r"\1 9", own))
-        for text, how in cases.items():
+        for text, options, flags in (
+                ("is it linked with -rdynamic?", [], [f"-I{self.root}/include"]),
+                ("built with version 9 of its interface", [], [f"-I{self.folder}/include", "-rdynamic"]),
+                ("lacks 2 of 83 functions: sonetrix_engine_addTimer, sonetrix_log_syslog",
+                 ["-Dsonetrix_log_syslog=renamed", "-Dsonetrix_engine_addTimer=another"], None)):
             with self.subTest(text):
-                engine = self.minimal_engine("unfit", *how.pop("options", []), **how)
-                result = programs.run(*RUN, engine)
+                engine = self.minimal_engine(*options, flags=flags)
+                result = run(*RUN, engine)
                 self.assertIn(text, result.stderr)
                 self.assertEqual(result.returncode, 69)
-        named = "\n".join(["2 of 83 functions are missing:", "  sonetrix_engine_addTimer", "  sonetrix_log_syslog"])
-        engine = self.minimal_engine("lacking", "-Dsonetrix_log_syslog=renamed", "-Dsonetrix_engine_addTimer=another")
+        named = "2 of 83 functions are missing:\n  sonetrix_engine_addTimer\n  sonetrix_log_syslog"
         self.assertIn(named, tool(self.check, engine, status=1))
 
 

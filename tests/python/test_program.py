@@ -14,7 +14,7 @@ import unittest
 
 from support import BUSY, ENGINE, SANITIZER, SLOWNESS, TIME_LIMIT
 from support.console import Console
-from support.programs import OUTLIVED, run_engine, run_script
+from support.programs import OUTLIVED, run, run_engine, run_script
 
 
 @contextlib.contextmanager
@@ -39,10 +39,9 @@ class Options(unittest.TestCase):
         for arguments, status, words in [
             (["--no-such"], 64, "--no-such"), (["--rate"], 64, "--rate"), (["--log-level", "loud"], 64, "--log-level"),
             (["--offline", "-1"], 64, "--offline"), (["--set", "=1"], 64, "KEY=VALUE"),
-            (["--set", "a:bool=1"], 64, "bool"), (["--set", "a:int32=2147483648"], 64, "a:int32=2147483648"), 
+            (["--set", "a:bool=1"], 64, "bool"), (["--set", "a:int32=2147483648"], 64, "a:int32=2147483648"),
             (["--set", "a:uint32=-1"], 64, "a:uint32=-1"), (["no/such/script.py"], 66, "no/such/script.py"),
-            (["/"], 66, "/"), (["--module", "no/such.so"], 69, "no/such.so"), (["--rate", "1"], 70, "rate"),
-            (["--block", "15"], 70, "block"),
+            (["--module", "no/such.so"], 69, "no/such.so"), (["--rate", "1"], 70, "rate"),
             (["--input", "no/such.wav"], 70, "no/such.wav"), (["--record", "no/such.wav"], 70, "no/such.wav"),
         ]:
             with self.subTest(arguments):
@@ -56,7 +55,7 @@ class Options(unittest.TestCase):
         for setting, expected in {
             "a=1": (1, "int32"), "a=4294967295": (4294967295, "uint32"), "a=4294967296": (b"4294967296", "string"),
             "a=-.5e2": (-50.0, "float"), "a=nan": (b"nan", "string"), "a=b=c": (b"b=c", "string"),
-            "a:uint32=5": (5, "uint32"), "a:double=0.1": (0.1, "double"), "a:string=5": (b"5", "string"),
+            "a:double=0.1": (0.1, "double"), "a:string=5": (b"5", "string"),
         }.items():
             with self.subTest(setting):
                 result = run_script("print(engine.param().toDictType()[b'a'], b'b' in engine.param().toDict())",
@@ -66,14 +65,14 @@ class Options(unittest.TestCase):
 
 class Scripts(unittest.TestCase):
     def test_status(self):
-        cases = [("pass", 0), ("exit(7)", 7), ("1/0", 1), ("exit(0)\n1/0", 1), ("import sys; sys.exit(5)", 5),
-                 ("raise SystemExit", 0), ("x = (", 1), ("raise KeyboardInterrupt", 130),
-                 ("exit(3)\ntime.sleep(.2)\nprint('on')", 3)]
-        ways = run_script, lambda text: run_engine("-c", text), lambda text: run_engine(text_input=text)
-        for index, (source, status) in enumerate(cases):
-            for way, run in enumerate(ways[:3 if index < 3 else 2]):
-                with self.subTest(source, way=way):
-                    self.assertEqual(run(source).returncode, status)
+        for source, status in [("exit(0)\n1/0", 1), ("import sys; sys.exit(5)", 5), ("raise KeyboardInterrupt", 130),
+                               ("exit(3)\ntime.sleep(.2)\nprint('on')", 3)]:
+            for run_it in run_script, lambda text: run_engine("-c", text):
+                with self.subTest(source, way=run_it):
+                    self.assertEqual(run_it(source).returncode, status)
+        self.assertEqual(run_engine(text_input="exit(7)").returncode, 7)
+        with running("--set", "python.start=print(1, flush=True); exit(3)", stdin=subprocess.PIPE) as process:
+            self.assertEqual(process.wait(TIME_LIMIT), 3)  # standard input is left unread
 
     def test_what_a_script_finds_and_its_tracebacks(self):
         folder = self.enterContext(tempfile.TemporaryDirectory())
@@ -91,9 +90,13 @@ class Scripts(unittest.TestCase):
                 ours = run_engine("script.py", cwd=folder)
                 self.assertEqual((ours.stderr, ours.returncode), (python.stderr, python.returncode))
 
-    def test_an_exit_in_the_start_code_leaves_standard_input_unread(self):
-        with running("--set", "python.start=print(1, flush=True); exit(3)", stdin=subprocess.PIPE) as process:
-            self.assertEqual(process.wait(TIME_LIMIT), 3)
+    def test_closed_streams(self):
+        for closed, source, status in (("<&-", "pass", 0), (">&-", "print(1)", 0),
+                                       ("2>&-", "import sys; print(2, file=sys.stderr)", 0),
+                                       ("<&- >&- 2>&-", "input()", 1)):
+            with self.subTest(closed):
+                result = run("/bin/sh", "-c", f'exec "$0" -c "$1" {closed}', ENGINE, source)
+                self.assertEqual((result.returncode, result.stdout, result.stderr), (status, "", ""))
 
     def test_a_callable_that_does_not_return_is_left_behind(self):
         source = ("import threading\nt = engine.addTimer(1, threading.Event().wait)\ntime.sleep(.2)\n"
@@ -113,14 +116,13 @@ class Scripts(unittest.TestCase):
         result = run_engine("-c", """
 import os, signal, sys, time, warnings
 warnings.simplefilter("ignore")  # of threads that the child does not have
-for leave, signals in (lambda: sys.exit(7), ()), (lambda: time.sleep(60), [signal.SIGTERM]):
+for leave, number in (lambda: sys.exit(7), 0), (lambda: time.sleep(60), signal.SIGTERM):
     child = os.fork()
     if child == 0:
         print("child")
         leave()
-    for number in signals:
-        time.sleep(0.2)
-        os.kill(child, number)
+    time.sleep(0.2)
+    os.kill(child, number)
     print(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]), engine.isRunning(), flush=True)
 os.kill(os.getpid(), signal.SIGTERM)
 engine.waitUntilEnd()
@@ -142,10 +144,9 @@ class Signals(unittest.TestCase):
     def test_a_signal_that_the_script_has_made_deadly_ends_it_in_order(self):
         source = ("import signal\nsignal.signal(signal.SIGINT, signal.SIG_DFL)\n"
                   "print(flush=True)\nengine.waitUntilEnd()\nexit(4)\n")
-        for number in signal.SIGTERM, signal.SIGHUP:
-            with self.subTest(number), running("-c", source) as process:
-                process.send_signal(number)
-                self.assertEqual(outcome(process)[0], 4)
+        with running("-c", source) as process:
+            process.send_signal(signal.SIGTERM)
+            self.assertEqual(outcome(process)[0], 4)
 
     def test_a_start_script_before_the_console_is_interrupted_and_one_that_fails_is_not_the_end(self):
         with Console("-i", "-c", "print('begun')\nwhile True: time.sleep(60)") as console:
@@ -156,9 +157,6 @@ class Signals(unittest.TestCase):
         with Console("-i", "-c", "a = 5\n1/0") as console:
             console.expect("ZeroDivisionError")
             self.assertEqual(console.ask("a"), "5")
-            console.prompt()
-            console.signal(signal.SIGTERM)
-            self.assertEqual(console.end(), 0)
 
     def test_a_signal_ends_the_engine_and_the_second_the_process(self):
         source = "print(flush=True)\nwhile engine.isRunning(): time.sleep(.01)\nprint('stopped', flush=True)\n"

@@ -1,19 +1,24 @@
 """A program on a pseudo-terminal, driven like a user at the keyboard."""
 
-import fcntl
+import contextlib
+import functools
+import math
 import os
 import pty
 import re
 import select
 import signal
-import struct
 import subprocess
+import sys
 import termios
 import time
 
-from . import ENGINE, TIME_LIMIT
+from . import ENGINE, SLOWNESS, TIME_LIMIT
 
-PRIMARY, SECONDARY = "engine> ", "... "
+sys.path.append("/usr/lib/python3/dist-packages")  # pyte is pure Python: the distribution's is good for any interpreter
+import pyte
+
+PROMPT = "engine> "
 
 
 class ConsoleTimeout(AssertionError):
@@ -28,33 +33,27 @@ class Console:
             assert console.end() == 0
     """
 
-    def __init__(self, *arguments, program=ENGINE, columns=80, rows=0, environment=None, time_limit=TIME_LIMIT,
-                 **options):
-        self.transcript = ""
-        self._position = 0
-        self._deadline = time.monotonic() + time_limit
-        self._terminal, terminal_end = pty.openpty()
-        rows and fcntl.ioctl(terminal_end, termios.TIOCSWINSZ, struct.pack("4H", rows, columns, 0, 0))
+    def __init__(self, *arguments, program=ENGINE, columns=80, rows=24, environment=None, **options):
+        self.transcript, self._position = "", 0
+        self._deadline = time.monotonic() + TIME_LIMIT
+        self._terminal, its_end = pty.openpty()
+        termios.tcsetwinsize(self._terminal, (rows, columns))
         self.first_settings = self.settings()
-        # TERM=dumb keeps line editing from painting with control sequences. COLUMNS would stand before what is resized.
-        width = {} if rows else {"COLUMNS": str(columns)}
-        variables = {**os.environ, "TERM": "dumb", **width, **(environment or {})}
-        self.process = subprocess.Popen([str(program), *map(str, arguments)], stdin=terminal_end, stdout=terminal_end,
-                                        stderr=terminal_end, env=variables, close_fds=True,
-                                        preexec_fn=self._lead_session,
-                                        **options)
-        os.close(terminal_end)
+        # TERM=dumb keeps line editing from painting with control sequences.
+        variables = {**os.environ, "TERM": "dumb", **(environment or {})}
+        self.process = subprocess.Popen([str(program), *map(str, arguments)], env=variables,
+                                        preexec_fn=functools.partial(self._begin, its_end), **options)
+        os.close(its_end)
 
-    @staticmethod
-    def _lead_session():
-        os.setsid()
-        fcntl.ioctl(0, termios.TIOCSCTTY, 0)
+    def _begin(self, terminal):
+        """In the process that becomes the program."""
+        os.login_tty(terminal)
 
     def __enter__(self):
         return self
 
     def __exit__(self, *_):
-        self.process.poll() is None and self.process.kill()
+        self.process.kill()
         self.process.wait()
         os.close(self._terminal)
 
@@ -64,10 +63,10 @@ class Console:
     def _fail(self, what):
         raise ConsoleTimeout(f"{what}; status {self.process.poll()}; transcript:\n{self.transcript}")
 
-    def _read(self):
+    def _read(self, until=math.inf):
         """More output into the transcript; False at its end."""
-        remaining = self._deadline - time.monotonic()
-        if remaining <= 0 or not select.select([self._terminal], [], [], remaining)[0]:
+        remaining = min(until, self._deadline) - time.monotonic()
+        if not select.select([self._terminal], [], [], max(0, remaining))[0]:
             self._fail("time is up")
         try:
             data = os.read(self._terminal, 65536)
@@ -79,17 +78,18 @@ class Console:
     def _received(self, data):
         self.transcript += data.decode(errors="replace").replace("\r\n", "\n")
 
-    def expect(self, pattern):
+    def expect(self, pattern, seconds=math.inf):
         """Waits for a regular expression in the output not yet taken; takes and returns what comes before it."""
+        until = time.monotonic() + seconds
         while not (match := re.compile(pattern).search(self.transcript, self._position)):
-            if not self._read():
+            if not self._read(until):
                 self._fail(f"output ended before {pattern!r}")
         taken = self.transcript[self._position:match.start()]
         self._position = match.end()
         return taken
 
     def prompt(self):
-        return self.expect(re.escape(PRIMARY))
+        return self.expect(PROMPT)
 
     def write(self, text):
         os.write(self._terminal, text.encode())
@@ -101,27 +101,22 @@ class Console:
         """Waits for the prompt, types a line, and returns its output when the next prompt is there."""
         self.prompt()
         self.send(line)
-        self.expect(r"\n")  # the echo
+        self.expect("\n")  # the echo
         answer = self.prompt()
-        self._position -= len(PRIMARY)
+        self._position -= len(PROMPT)
         return answer.strip()
 
     def control(self, letter):
-        self.write(chr(ord(letter.upper()) - 64))
+        self.write(chr(ord(letter) - 64))
 
     def interrupt(self):
         """Ctrl-C, and what comes before the console says so. One that lands between the prompt and its read is
         noticed at the next key, as at any Python prompt: then it is pressed again."""
-        while True:
+        for _ in range(9):
             self.control("C")
-            again = time.monotonic() + 3 * TIME_LIMIT / 30
-            while time.monotonic() < again:
-                if match := re.compile("KeyboardInterrupt\n").search(self.transcript, self._position):
-                    return self.expect(re.escape(match.group()))
-                if select.select([self._terminal], [], [], 0.1)[0]:
-                    self._read()
-            if self._deadline < again:
-                self._fail("Ctrl-C is not noticed")
+            with contextlib.suppress(ConsoleTimeout):
+                return self.expect("KeyboardInterrupt\n", 3 * SLOWNESS)
+        self._fail("Ctrl-C is not noticed")
 
     def signal(self, number=signal.SIGINT):
         self.process.send_signal(number)
@@ -132,7 +127,56 @@ class Console:
             self.send(line)
         while self._read():
             pass
-        try:
-            return self.process.wait(max(0.1, self._deadline - time.monotonic()))
-        except subprocess.TimeoutExpired:
-            self._fail("the program does not end")
+        return self.process.wait(max(0.1, self._deadline - time.monotonic()))
+
+
+class Screen(Console):
+    """What a terminal emulator draws for a person.
+
+        with Screen() as screen:
+            screen.type("1 + 1\\r")
+            screen.wait_for("^2$")
+    """
+
+    def __init__(self, *arguments, terminal="xterm", columns=80, rows=24, environment=None, **options):
+        self._screen = pyte.HistoryScreen(columns, rows, history=100_000, ratio=0.5)
+        self._painter = pyte.ByteStream(self._screen)
+        environment = {"TERM": terminal, **(environment or {})}
+        super().__init__(*arguments, columns=columns, rows=rows, environment=environment, **options)
+
+    def _received(self, data):
+        super()._received(data)
+        self._painter.feed(data)
+
+    def shown(self):
+        """The lines on the screen, without blanks at their ends."""
+        return [line.rstrip() for line in self._screen.display]
+
+    def lines(self, at_most=100_000):
+        """Those that have left the screen first, and no empty ones at the end."""
+        columns, scrolled = range(self._screen.columns), [*self._screen.history.top]
+        scrolled = scrolled[max(0, len(scrolled) - at_most):]
+        lines = ["".join(row[column].data for column in columns).rstrip() for row in scrolled] + self.shown()
+        while lines and not lines[-1]:
+            lines.pop()
+        return lines
+
+    def resize(self, columns):
+        self._screen.resize(columns=columns)
+        termios.tcsetwinsize(self._terminal, (self._screen.lines, columns))
+
+    def wait_for(self, pattern, shown=False):
+        """Until the pattern is found in the last lines, or in those on the screen."""
+        while not (match := re.search(pattern, "\n".join(self.lines(0 if shown else 200)), re.M)):
+            if not self._read():
+                self._fail(f"output ended before {pattern!r}")
+        return match
+
+    def type(self, text, key_every=0.0):
+        """Types, key by key if so said, and reads the output meanwhile."""
+        for key in text if key_every else [text]:
+            self.write(key)
+            until = time.monotonic() + key_every
+            with contextlib.suppress(ConsoleTimeout):
+                while self._read(until):
+                    pass

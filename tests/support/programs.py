@@ -6,6 +6,7 @@ import pathlib
 import re
 import subprocess
 import tempfile
+import unittest
 
 from . import BUILD, ENGINE, MODULE, SANITIZER, SOURCE, TIME_LIMIT
 
@@ -16,9 +17,9 @@ OUTLIVED = {"ASAN_OPTIONS": "detect_leaks=0",
             "TSAN_OPTIONS": os.environ.get("TSAN_OPTIONS", "") + " report_thread_leaks=0"}
 
 
-def run(program, *arguments, text_input="", time_limit=TIME_LIMIT, environment=None, **options):
+def run(*command, text_input="", time_limit=TIME_LIMIT, environment=None, **options):
     """Runs a program to its end; standard input is a pipe with this text. A hanging one fails the test."""
-    return subprocess.run([str(program), *map(str, arguments)], input=text_input, capture_output=True, text=True,
+    return subprocess.run([*map(str, command)], input=text_input, capture_output=True, text=True,
                           timeout=time_limit, env=dict(os.environ, **(environment or {})), **options)
 
 
@@ -34,15 +35,24 @@ def run_script(source, *arguments, **options):
         return run_engine(*arguments, file.name, **options)
 
 
+def cache(name):
+    """A setting of the build under test, or None."""
+    found = re.search(rf"^{name}:\w+=(.*)$", (BUILD / "CMakeCache.txt").read_text(), re.M)
+    return found and found[1]
+
+
+def compile_engine(program, *options):
+    """The example of an engine that is not ours, compiled."""
+    if (compiler := cache("CMAKE_C_COMPILER")) is None:
+        raise unittest.SkipTest("built by a compiler for another machine, with options of its own")
+    sanitizer = [f"-fsanitize={SANITIZER}"] if SANITIZER else []
+    subprocess.run([compiler, "-Wall", "-Werror", *sanitizer, *(SOURCE / "examples/minimal_engine").glob("*.c"),
+                    *options, "-o", program], check=True)
+    return program
+
+
 @functools.cache
 def minimal_engine():
-    """The example of an engine that is not ours, compiled."""
-    folder = tempfile.TemporaryDirectory()
-    compiler = re.search(r"^CMAKE_C_COMPILER:\w+=(.*)$", (BUILD / "CMakeCache.txt").read_text(), re.M)[1]
-    sanitizer = [f"-fsanitize={SANITIZER}"] if SANITIZER else []
-    program = pathlib.Path(folder.name, "minimal_engine")
-    subprocess.run([compiler, *sanitizer, "-rdynamic", f"-I{SOURCE}/include", f'-DSONETRIX_MODULE="{MODULE}"', "-o",
-                    program,
-                    *(SOURCE / "examples/minimal_engine").glob("*.c"), "-ldl", "-lpthread"], check=True)
-    minimal_engine.folder = folder  # which goes with the process
-    return program
+    minimal_engine.folder = tempfile.TemporaryDirectory()  # which goes with the process
+    return compile_engine(pathlib.Path(minimal_engine.folder.name, "minimal_engine"), "-rdynamic",
+                          f"-I{SOURCE}/include", f'-DSONETRIX_MODULE="{MODULE}"', "-ldl", "-lpthread")
