@@ -5,9 +5,12 @@
 #include "python/interpreter_guard.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
+#include <cstdio>
+#include <iterator>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -69,30 +72,24 @@ struct Registry {
     std::thread worker;
     bool workerRuns = false;
     bool workerEnds = false;
+    std::shared_ptr<Registration> atWork; // what the worker removes at present
+    bool workerIsOverdue = false;         // somebody has waited for that to the limit
 };
 
 // Never destroyed: when the process ends without the interpreter's end, the worker is still at it.
 Registry &registry = *std::make_unique<Registry>().release();
 
-bool mustNotWait() noexcept {
-    return innermostCall != nullptr || isDisposing() || collector == std::this_thread::get_id() || isWorker;
-}
-
 // Names the callable without running code of a script's.
 void warnOfCallable(PyObject *callable) noexcept {
-    const Ref raised = Ref::steal(PyErr_GetRaisedException());
+    const RaisedException raised;
     PyObject *function = PyMethod_Check(callable) ? PyMethod_GET_FUNCTION(callable) : callable;
-    const Ref name = PyFunction_Check(function)
-                         ? Ref::borrow(reinterpret_cast<PyFunctionObject *>(function)->func_qualname)
-                         : Ref::steal(PyUnicode_FromString(Py_TYPE(callable)->tp_name));
-    if (name) {
-        const Ref text = Ref::steal(PyUnicode_FromFormat(
-            "the callable '%U' does not return: its registration is removed when it has", name.get()));
-        if (const char *message = text ? PyUnicode_AsUTF8(text.get()) : nullptr) {
-            logString(SONETRIX_LOG_WARN, message);
-        }
-    }
-    PyErr_SetRaisedException(Py_XNewRef(raised.get()));
+    const char *name = PyFunction_Check(function)
+                           ? PyUnicode_AsUTF8(reinterpret_cast<PyFunctionObject *>(function)->func_qualname)
+                           : Py_TYPE(callable)->tp_name;
+    std::array<char, 256> text{};
+    std::snprintf(text.data(), text.size(),
+        "the callable '%.150s' does not return: its registration is removed when it has", name == nullptr ? "" : name);
+    logString(SONETRIX_LOG_WARN, text.data());
 }
 
 // ------------------------------------------------------------------------------------- changes, with the mutex held
@@ -129,14 +126,19 @@ std::shared_ptr<Registration> oldestLive() noexcept {
 
 // ------------------------------------------------------------------------------------------ with the interpreter lock
 
-void waitUntilGone(const Registration &registration) noexcept {
-    const bool isGone = unlocked([&] {
+void waitUntilGone(const std::shared_ptr<Registration> &registration) noexcept {
+    std::shared_ptr<Registration> culprit;
+    unlocked([&] {
         std::unique_lock lock(registry.mutex);
-        return registry.changed.wait_for(
-            lock, waitLimit, [&] { return registration.state == Registration::State::gone; });
+        const bool inTime = registry.changed.wait_for(lock, waitLimit,
+            [&] { return registration->state == Registration::State::gone || registry.workerIsOverdue; });
+        if (!inTime) {
+            culprit = registry.atWork ? registry.atWork : registration;
+            registry.workerIsOverdue = registry.atWork != nullptr;
+        }
     });
-    if (!isGone && registration.callable) {
-        warnOfCallable(Ref(registration.callable).get());
+    if (culprit && culprit->callable) {
+        warnOfCallable(Ref(culprit->callable).get());
     }
 }
 
@@ -149,38 +151,48 @@ void settle(Registration &registration) noexcept {
 
 // ----------------------------------------------------------------------------------------------- the removal worker
 
+bool isReady(const std::shared_ptr<Registration> &registration) noexcept {
+    return !registration->isBeingRemoved && (registration->use->calls == 0 || registration->use->live > 0);
+}
+
+void removeByWorker(Registration &registration) noexcept {
+    registration.remove(registration.engine, registration.handle);
+    if (const EngineThreadEntry entry(EngineThreadEntry::LockOrder::ignore); entry) {
+        settle(registration);
+    } else {
+        static_cast<void>(registration.callable.release()); // the interpreter's by now
+        const std::lock_guard guard(registry.mutex);
+        settleLocked(registration);
+    }
+}
+
 void work() noexcept {
     pthread_setname_np(pthread_self(), "sonetrix-remove"); // else it bears the name of the thread that made it
     isWorker = true;
+    keepNoThreadState();
     std::unique_lock lock(registry.mutex);
     while (registry.workerRuns && !registry.workerEnds) { // in a child that a finalizer has forked, there is none
-        const auto ready =
-            std::find_if(registry.removing.begin(), registry.removing.end(), [](const auto &registration) {
-                const CallableUse &use = *registration->use;
-                return !registration->isBeingRemoved && (use.calls == 0 || use.live > 0);
-            });
-        if (ready == registry.removing.end()) {
+        const auto ready = std::find_if(registry.removing.begin(), registry.removing.end(), isReady);
+        if (ready == registry.removing.end() && !threadsHaveEnded()) {
             registry.changed.wait(lock);
             continue;
         }
-        const std::shared_ptr<Registration> registration = *ready;
-        registration->isBeingRemoved = true;
-        lock.unlock();
-        registration->remove(registration->engine, registration->handle);
-        if (const EngineThreadEntry entry(EngineThreadEntry::LockOrder::ignore); entry) {
-            settle(*registration);
-            lock.lock();
-        } else {
-            lock.lock();
-            static_cast<void>(registration->callable.release()); // the interpreter's by now
-            settleLocked(*registration);
+        if (ready != registry.removing.end()) {
+            registry.atWork = *ready;
+            registry.atWork->isBeingRemoved = true;
         }
+        lock.unlock();
+        registry.atWork ? removeByWorker(*registry.atWork) : disposeOfEndedThreads();
+        lock.lock();
+        registry.atWork = nullptr;
+        registry.workerIsOverdue = false;
     }
     registry.workerRuns = false;
     registry.changed.notify_all();
 }
 
-void startWorker() noexcept {
+void wakeWorker() noexcept {
+    registry.changed.notify_all();
     if (registry.workerRuns || registry.workerEnds) {
         return;
     }
@@ -215,7 +227,8 @@ void warnOfRemaining() noexcept {
     RegistrationList remaining;
     try {
         const std::lock_guard guard(registry.mutex);
-        remaining = registry.removing;
+        std::copy_if(registry.removing.begin(), registry.removing.end(), std::back_inserter(remaining),
+            [](const auto &registration) { return !isReady(registration); }); // a ready one waits for another
     } catch (const std::bad_alloc &) {
         return;
     }
@@ -275,6 +288,9 @@ CallScope::CallScope(void *user) noexcept {
         }
         use_ = &found->second;
         ++use_->calls;
+        if (threadsHaveEnded()) [[unlikely]] {
+            wakeWorker();
+        }
     }
     callable_ = Ref::borrow(static_cast<PyObject *>(user));
     outer_ = std::exchange(innermostCall, this);
@@ -337,23 +353,22 @@ void dropRegistration(Registration &registration) noexcept {
         taken->engine = engineHandle();
         callsEngine = taken->handle != nullptr && taken->engine != nullptr && taken->generation == registry.generation;
         const bool nobodyInside = use.live == 0 && use.removing == 1 && use.calls == callsOfThisThread(use);
-        removesHere = !callsEngine || (nobodyInside && putDisposalOff());
+        removesHere = !callsEngine || nobodyInside;
         taken->isBeingRemoved = removesHere;
         use.isBeingRemoved = callsEngine && removesHere;
         if (!removesHere) {
-            startWorker();
+            wakeWorker();
         }
     }
     if (!removesHere) {
-        registry.changed.notify_all();
-        if (!mustNotWait()) {
-            waitUntilGone(*taken);
+        const bool isCollecting = collector == std::this_thread::get_id();
+        if (innermostCall == nullptr && !isCollecting && !isWorker) {
+            waitUntilGone(taken);
         }
         return;
     }
     if (callsEngine) {
-        unlocked([&taken] { taken->remove(taken->engine, taken->handle); });
-        allowDisposal();
+        unlocked(taken->remove, taken->engine, taken->handle);
     }
     settle(*taken);
 }
@@ -395,6 +410,7 @@ void watchForksOfRegistrations() noexcept {
         new (&registry.changed) std::condition_variable; // those who waited are the parent's
         new (&registry.worker) std::thread;
         registry.workerRuns = false;
+        collector = collector == std::this_thread::get_id() ? collector : std::thread::id();
         ++registry.generation;
         registry.abandoned.splice(registry.abandoned.end(), registry.removing);
         for (auto next = registry.live.begin(); next != registry.live.end();) {

@@ -17,13 +17,15 @@
 //               being removed no call begins, and one that is on its way cannot hold the removal up.
 //   removal     is the engine's function, which waits for a call in progress on another thread. Where L = 0, R is this
 //               one alone and nobody else is in the callable, there is nothing to wait for but calls that end at once:
-//               the dropping thread makes it itself. (A new registration of the callable waits until that is done, and
-//               ended threads' states, whose finalizers would run ahead of a call, are not disposed of meanwhile.)
+//               the dropping thread makes it itself. (A new registration of the callable waits until that is done.)
 //               Else a thread of ours, the removal worker, makes it as soon as C = 0 or L > 0.
-//   a drop      that goes to the worker waits for it, with the lock released, five seconds at most, and then names the
-//               callable in the log. It does not wait inside a callable or in finalizers that run ahead of it (ended
-//               threads' states), nor in a collection by the garbage collector, where nobody knows what the thread
-//               holds that the callable may want; nor on the worker.
+//   a drop      that goes to the worker waits for it, with the lock released, five seconds at most, and then names in
+//               the log the callable that the worker is at; until that is through, later drops do not wait. Nor does a
+//               drop wait inside a callable, in a collection by the garbage collector, where nobody knows what the
+//               thread holds that the callable may want, or on the worker.
+//
+// The worker also disposes of the states of engine threads that have ended (interpreter_guard.h): no call is held up by
+// the finalizers that this runs.
 //
 // Hence nobody waits without limit, whatever locks are held: an engine thread waits for the interpreter lock only, and
 // nobody keeps that while waiting for an engine thread; the worker waits for callables, and nobody waits for the worker

@@ -112,7 +112,7 @@ with lock:
     timed(gc.collect)
 inside.join()
 """, "at once"),
-            # What an ended engine thread leaves behind waits for it, on the next thread's way to its call.
+            # What an ended engine thread leaves behind waits for it when the next thread calls.
             ("""
 class Left: __del__ = wait
 made = sonetrix.timeout(1, lambda: setattr(local, "left", Left()))
@@ -129,8 +129,20 @@ class Left:
 left, made = [], sonetrix.timeout(1, lambda: setattr(local, "left", Left()))
 for act in record.fire_on, lambda thread, _: record.join(thread):
     for thread in range(3): act(thread, record.TIMER)
-record.fire(record.TIMER), print(len(left))
-""", "3")])
+record.fire(record.TIMER)
+while len(left) < 3: time.sleep(0.001)
+""",),
+            # It holds the removals up that come after; nobody waits for those, or is named in its place.
+            ("""
+class Stuck(Callable):
+    def __call__(self): entered.set(), leave.wait(60)
+stuck, innocent = ([sonetrix.timeout(1, call) for call in [callable] * 2] for callable in (Stuck(), Callable()))
+inside = fire()
+del stuck[0]
+timed(lambda: innocent.pop(0))
+leave.set(), inside.join()
+print(*record.log_lines())
+""", "at once", "(3, \"the callable 'Stuck' does not return: its registration is removed when it has\")")])
 
     def test_interpreter_end_in_the_midst_of_calls(self):
         self.run_all([

@@ -29,10 +29,10 @@ private:
     PyThreadState *state_;
 };
 
-// Calls the engine with the interpreter lock released.
-template <class Call> decltype(auto) unlocked(Call &&call) {
+// call(arguments...), of the engine, with the interpreter lock released.
+template <class Call, class... Arguments> decltype(auto) unlocked(Call &&call, Arguments &&...arguments) {
     const GilReleased released;
-    return std::forward<Call>(call)();
+    return std::forward<Call>(call)(std::forward<Arguments>(arguments)...);
 }
 
 // Takes or gives up the lock without a scope: for the console thread, at the interpreter's end.

@@ -14,11 +14,7 @@ namespace {
 
 thread_local std::uint32_t entriesOfThread = 0;
 
-// Under the interpreter lock: how many put disposing off, and how many threads are at it.
-int puttingOff = 0;
-int disposing = 0;
-thread_local bool disposes = false; // this one
-bool forkedInDisposal = false;      // in the child: the interpreter deletes the states itself
+thread_local bool forked = false; // in the child, since this thread began to dispose of ended threads' states
 
 // The state that an engine thread keeps.
 struct KeptState {
@@ -28,36 +24,6 @@ struct KeptState {
 
 // Of threads that have ended. Taken as a whole, so pushing needs no more than a compare-and-swap.
 constinit std::atomic<KeptState *> endedThreads = nullptr;
-
-// For a thread without a state of its own; it has none afterwards, either. Clearing a state may run Python code, hence
-// the one that is made for it, and hence all are cleared before the first deletion takes the binding to that away.
-void disposeOfEndedThreads() noexcept {
-// Debug builds from 3.12 on assert that no thread disposes of another's state: there they stay until finalisation.
-#if !defined(Py_DEBUG) || PY_VERSION_HEX < 0x030C0000
-    if (endedThreads.load(std::memory_order_relaxed) == nullptr) {
-        return;
-    }
-    hangingAtFinalisation(PyGILState_Ensure);
-    KeptState *ended = puttingOff == 0 ? endedThreads.exchange(nullptr, std::memory_order_acquire) : nullptr;
-    ++disposing;
-    disposes = true;
-    const auto clear = [](PyThreadState *state) { hangingAtFinalisation([state] { PyThreadState_Clear(state); }); };
-    for (const KeptState *cleared = ended; cleared != nullptr && !forkedInDisposal; cleared = cleared->next) {
-        clear(cleared->state);
-    }
-    clear(PyThreadState_Get());
-    disposes = false;
-    --disposing;
-    if (std::exchange(forkedInDisposal, false)) {
-        ended = nullptr;
-    }
-    while (ended != nullptr) {
-        const std::unique_ptr<KeptState> disposed(std::exchange(ended, ended->next));
-        PyThreadState_Delete(disposed->state);
-    }
-    PyThreadState_DeleteCurrent();
-#endif
-}
 
 // From a destructor, not from a pthread key's: those run when the interpreter's own key is being cleared.
 class StateKeeper : NonCopyable {
@@ -75,7 +41,6 @@ public:
         if (std::exchange(entered_, true) || PyGILState_GetThisThreadState() != nullptr) {
             return; // once is enough; and a thread of Python's own looks after its state itself
         }
-        disposeOfEndedThreads();
         kept_ = new (std::nothrow) KeptState{nullptr};
         if (kept_ == nullptr) {
             return; // it works without, at a price
@@ -83,6 +48,8 @@ public:
         hangingAtFinalisation(PyGILState_Ensure);
         kept_->state = PyEval_SaveThread();
     }
+
+    void refrain() noexcept { entered_ = true; }
 
 private:
     bool entered_ = false;
@@ -115,9 +82,7 @@ bool InterpreterGuard::close(std::chrono::milliseconds limit) noexcept {
 void InterpreterGuard::resetAfterFork(std::uint32_t entries) noexcept {
     state_ = (state_ & closedBit) | entries;
     endedThreads = nullptr; // the interpreter itself deletes the other threads' states
-    puttingOff = 0;
-    disposing = disposes ? 1 : 0;
-    forkedInDisposal = disposes;
+    forked = true;
 }
 
 EngineThreadEntry::EngineThreadEntry(LockOrder order) noexcept {
@@ -143,17 +108,40 @@ EngineThreadEntry::~EngineThreadEntry() {
     }
 }
 
-bool putDisposalOff() noexcept {
-    if (disposing > (disposes ? 1 : 0)) {
-        return false;
-    }
-    ++puttingOff;
-    return true;
+void keepNoThreadState() noexcept { keeper.refrain(); }
+
+bool threadsHaveEnded() noexcept {
+// Debug builds from 3.12 on assert that no thread disposes of another's state: there they stay until finalisation.
+#if !defined(Py_DEBUG) || PY_VERSION_HEX < 0x030C0000
+    return endedThreads.load(std::memory_order_relaxed) != nullptr;
+#else
+    return false;
+#endif
 }
 
-void allowDisposal() noexcept { --puttingOff; }
-
-bool isDisposing() noexcept { return disposes; }
+// Clearing a state may run Python code, hence the one that is made for it, and hence all are cleared before the first
+// deletion takes the binding to that away.
+void disposeOfEndedThreads() noexcept {
+    if (!interpreterGuard.tryEnter()) {
+        return;
+    }
+    ++entriesOfThread;
+    hangingAtFinalisation(PyGILState_Ensure);
+    KeptState *ended = endedThreads.exchange(nullptr, std::memory_order_acquire);
+    forked = false;
+    const auto clear = [](PyThreadState *state) { hangingAtFinalisation([state] { PyThreadState_Clear(state); }); };
+    for (const KeptState *cleared = ended; cleared != nullptr && !forked; cleared = cleared->next) {
+        clear(cleared->state);
+    }
+    clear(PyThreadState_Get());
+    while (ended != nullptr && !forked) {
+        const std::unique_ptr<KeptState> disposed(std::exchange(ended, ended->next));
+        PyThreadState_Delete(disposed->state);
+    }
+    PyThreadState_DeleteCurrent();
+    --entriesOfThread;
+    interpreterGuard.leave();
+}
 
 void watchForks() noexcept {
     pthread_atfork(nullptr, nullptr, [] { interpreterGuard.resetAfterFork(entriesOfThread); });

@@ -7,10 +7,9 @@
 //                      is refused without having touched Python. One atomic holds both, so no entry slips between.
 //   thread states      Making one costs ten times a callable's call, so an engine thread keeps its own from its first
 //                      entry on. The end of the thread takes no lock, whatever the host is waiting for: the state goes
-//                      to a list, and the next thread that enters for the first time disposes of those on it. A thread
+//                      to a list, and a thread of ours disposes of those on it (registration.h has one). Disposing may
+//                      run finalizers, of what is local to a thread, so it is no engine thread's business. A thread
 //                      with a state of its own could not: deleting a state takes the caller's binding to its own along.
-//                      Disposing may run finalizers, of what is local to a thread, and these may wait for a lock. So it
-//                      is put off while somebody waits for engine threads with no more than their calls in mind.
 //   a forked child     has the forking thread only: the count there is of its own entries.
 #pragma once
 
@@ -70,12 +69,12 @@ private:
     PyGILState_STATE state_ = PyGILState_UNLOCKED;
 };
 
-// Puts disposing of ended threads' states off until allowDisposal(). False, and nothing is put off, when another thread
-// is at it. Both need the interpreter lock.
-bool putDisposalOff() noexcept;
-void allowDisposal() noexcept;
-// Whether the calling thread is at it, ahead of its call.
-bool isDisposing() noexcept;
+// Whether engine threads have ended whose states are still there.
+bool threadsHaveEnded() noexcept;
+// Disposes of them, on a thread that keeps no state. Runs finalizers.
+void disposeOfEndedThreads() noexcept;
+// From now on, the calling thread keeps no state between its entries.
+void keepNoThreadState() noexcept;
 
 // To be called once, before there are entries: forked children start with the guard as said above.
 void watchForks() noexcept;

@@ -79,15 +79,15 @@ File readStandardInput() noexcept {
     const SignalMask blocked(SIG_BLOCK, {SIGINT}); // but in the wait: none is lost between a look and that
     ssize_t count = 1;
     while (count != 0) {
+        if (PyErr_CheckSignals() != 0) {
+            PyErr_Print();
+            return nullptr;
+        }
         count = waitForInput(blocked.previous()) ? read(fileno(stdin), part.data(), part.size()) : -1;
         if (count > 0) {
             std::fwrite(part.data(), 1, static_cast<std::size_t>(count), script.get());
         } else if (count < 0 && errno != EINTR && errno != EAGAIN) {
             break;
-        }
-        if (PyErr_CheckSignals() != 0) {
-            PyErr_Print();
-            return nullptr;
         }
     }
     const bool complete = std::fflush(script.get()) == 0 && std::ferror(script.get()) == 0;
