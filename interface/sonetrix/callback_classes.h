@@ -49,7 +49,7 @@ Ref newCallback(PyTypeObject *type,
     Ref object = allocateCallback(type);
     if (auto registration = beginRegistration(remove, callback)) {
         CallbackObject::of(object.get()).registration = registration;
-        completeRegistration(*registration, unlocked([&] { return registerCallback(engine); }));
+        completeRegistration(*registration, unlocked(registerCallback, engine));
     }
     return object;
 }

@@ -23,10 +23,7 @@ inline sonetrix_module_meters_type toMetersType(PyObject *argument) {
 }
 
 // What a function of the engine answers that takes nothing but the engine.
-template <class Question> auto ask(Question question) {
-    sonetrix_engine_t *engine = requireEngine();
-    return unlocked([&] { return question(engine); });
-}
+template <class Question> auto ask(Question question) { return unlocked(question, requireEngine()); }
 
 // Calls of `engine`'s own functions as Python code would make them, looked up on the class each time.
 template <class... Args> Ref callEngine(const InternedString &name, Args *...args) {

@@ -81,7 +81,7 @@ Ref addDebugMeter(Arguments arguments) {
     sonetrix_engine_t *engine = requireEngine();
     const EngineText key = toKey(arguments[0], keyRefused);
     const MeterValue value(arguments[1], arguments.get(2, ""_id.get()));
-    unlocked([&] { sonetrix_engine_addDebugMeter(engine, metersType, key.get(), value.get()); });
+    unlocked(sonetrix_engine_addDebugMeter, engine, metersType, key.get(), value.get());
     return none();
 }
 
@@ -89,7 +89,7 @@ Ref delDebugMeter(Arguments arguments) {
     const sonetrix_module_meters_type metersType = toMetersType(arguments[1]);
     sonetrix_engine_t *engine = requireEngine();
     const EngineText key = toKey(arguments[0], keyRefused);
-    unlocked([&] { sonetrix_engine_delDebugMeter(engine, metersType, key.get()); });
+    unlocked(sonetrix_engine_delDebugMeter, engine, metersType, key.get());
     return none();
 }
 
@@ -118,8 +118,7 @@ Ref getLastMeter(Arguments arguments) {
     const std::string_view key(text.get(), static_cast<std::size_t>(text.size()));
     const std::size_t stop = key.find('.');
     const std::string module(key.substr(0, stop));
-    Ref meters = ListKeyValue::initOrEmpty(
-        unlocked([&] { return sonetrix_engine_GetLastMeters(engine, module.c_str(), metersType); }));
+    Ref meters = ListKeyValue::initOrEmpty(unlocked(sonetrix_engine_GetLastMeters, engine, module.c_str(), metersType));
     return stop == std::string_view::npos ? meters : filteredByPrefix(meters, key);
 }
 
@@ -162,14 +161,14 @@ Ref getMeters(Arguments arguments) {
     const sonetrix_readMeters_t read = becomeMeterManager(engine);
     const EngineText module = toKey(arguments.get(0, ""_id.get()), inputRefused);
     const sonetrix_module_meters_type metersType = requireMetersType(number);
-    return ListKeyValue::initOrEmpty(unlocked([&] { return read(engine, module.get(), metersType); }));
+    return ListKeyValue::initOrEmpty(unlocked(read, engine, module.get(), metersType));
 }
 
 Ref getMeterInfo(Arguments arguments) {
     const std::int32_t number = toMetersNumber(arguments[0]);
     sonetrix_engine_t *engine = requireEngine();
     const sonetrix_module_meters_type metersType = requireMetersType(number);
-    return ListKeyValue::init(unlocked([&] { return sonetrix_engine_meterInfoList(engine, metersType); }));
+    return ListKeyValue::init(unlocked(sonetrix_engine_meterInfoList, engine, metersType));
 }
 
 Ref unregisterMetersManager() {

@@ -6,7 +6,6 @@
 #include "log.h"
 #include "python/interpreter_guard.h"
 
-#include <cstring>
 #include <string>
 
 namespace sonetrix {
@@ -103,9 +102,8 @@ Ref takeToDict(sonetrix_cListKeyValue_t *list) {
 void setStartParameters(const Ref &record, const sonetrix_module_t &module) {
     char *library = nullptr;
     sonetrix_cListKeyValue_t *configuration = nullptr;
-    const std::int32_t status = unlocked([&] {
-        return sonetrix_engine_ModuleGetStartParameter(sonetrix_engineGet(), &module, &library, &configuration);
-    });
+    const std::int32_t status = unlocked(
+        sonetrix_engine_ModuleGetStartParameter, unlocked(sonetrix_engineGet), &module, &library, &configuration);
     if (status != 0) {
         return;
     }
@@ -121,14 +119,14 @@ void setStartParameters(const Ref &record, const sonetrix_module_t &module) {
 Ref currentParameters(const sonetrix_module_t &module) {
     const std::string request = std::string(module.name) + ".";
     const auto keys = newKeyList(request.c_str());
-    return takeToDict(unlocked([&] { return sonetrix_engine_GetParams(sonetrix_engineGet(), keys.get()); }));
+    return takeToDict(unlocked(sonetrix_engine_GetParams, unlocked(sonetrix_engineGet), keys.get()));
 }
 
 Ref moduleRecord(const sonetrix_module_t &module) {
     Ref record = checked(PyDict_New());
     set(record, "name"_id, checked(PyBytes_FromString(module.name)));
     set(record, "type"_id, checked(PyLong_FromUnsignedLong(module.type)));
-    if (unlocked([&] { return sonetrix_engine_DriverIsLoaded(module.reference); }) == 0) {
+    if (unlocked(sonetrix_engine_DriverIsLoaded, module.reference) == 0) {
         set(record, "src"_id, portRecords({module.sources, module.sourceCount}, false));
         set(record, "sink"_id, portRecords({module.sinks, module.sinkCount}, true));
     }
@@ -151,7 +149,7 @@ std::int32_t addRecord(const sonetrix_module_t *module, void *user) {
 
 Ref collectModules(sonetrix_engine_t *engine, sonetrix_moduleCallback_t callback) {
     Ref list = checked(PyList_New(0));
-    unlocked([&] { sonetrix_engine_ForEachModuleSafe(engine, callback, list.get()); });
+    unlocked(sonetrix_engine_ForEachModuleSafe, engine, callback, list.get());
     return list;
 }
 
@@ -166,7 +164,7 @@ Ref newModule(Arguments arguments) {
     const EngineText name = EngineText::fromNameOrBuffer(arguments[0]);
     const EngineText identifier = EngineText::fromNameOrBuffer(arguments[1]);
     const auto create = [&](const sonetrix_cListKeyValue_t *info) {
-        return status(unlocked([&] { return sonetrix_engine_ModuleNew(engine, name.get(), identifier.get(), info); }));
+        return status(unlocked(sonetrix_engine_ModuleNew, engine, name.get(), identifier.get(), info));
     };
     if (arguments[2] == Py_None) {
         return create(nullptr);
@@ -178,7 +176,7 @@ Ref newModule(Arguments arguments) {
 Ref delModule(Arguments arguments) {
     sonetrix_engine_t *engine = requireEngine();
     const EngineText name = EngineText::fromNameOrBuffer(arguments[0]);
-    return status(unlocked([&] { return sonetrix_engine_ModuleDelete(engine, name.get()); }));
+    return status(unlocked(sonetrix_engine_ModuleDelete, engine, name.get()));
 }
 
 Ref getModuleNames() { return collectModules(requireEngine(), addName); }
@@ -196,7 +194,7 @@ Ref getUsageInfo() {
         float relative = 0;
         std::uint32_t processId = 0;
         const std::int32_t failed =
-            unlocked([&] { return sonetrix_engine_ModuleUsage(engine, text.get(), &absolute, &relative, &processId); });
+            unlocked(sonetrix_engine_ModuleUsage, engine, text.get(), &absolute, &relative, &processId);
         if (failed != 0) {
             continue;
         }
@@ -212,7 +210,7 @@ Ref getUsageInfo() {
 Ref getLink(Arguments arguments) {
     sonetrix_engine_t *engine = requireEngine();
     const EngineText port = EngineText::fromNameOrBuffer(arguments[0]);
-    return takeToList(unlocked([&] { return sonetrix_engine_GetLinkPort(engine, port.get()); }));
+    return takeToList(unlocked(sonetrix_engine_GetLinkPort, engine, port.get()));
 }
 
 // link() is stricter than the other functions: of the buffers it takes only bytearray.
@@ -234,7 +232,7 @@ Ref link(Arguments arguments) {
     PyObject *second = arguments.get(1, Py_None);
     const EngineText p1 = toPortName(arguments[0], "p1 has to be string or bytes");
     const EngineText p2 = second == Py_None ? EngineText() : toPortName(second, "p2 has to be string or bytes or None");
-    return status(unlocked([&] { return sonetrix_engine_LinkPort(engine, p1.get(), p2.get()); }));
+    return status(unlocked(sonetrix_engine_LinkPort, engine, p1.get(), p2.get()));
 }
 
 constexpr Method functions[] = {

@@ -58,7 +58,7 @@ Ref getParams(Arguments arguments) {
     if (keys == nullptr) {
         return ListKeyValue::newEmpty();
     }
-    return ListKeyValue::initOrEmpty(unlocked([&] { return sonetrix_engine_GetParams(engine, keys.get()); }));
+    return ListKeyValue::initOrEmpty(unlocked(sonetrix_engine_GetParams, engine, keys.get()));
 }
 
 Ref getParam(Arguments arguments) {
@@ -69,7 +69,7 @@ Ref getParam(Arguments arguments) {
     }
     // The same, as long as no script has changed the classes.
     const auto keys = newKeyList(key.get());
-    return ListKeyValue::initOrEmpty(unlocked([&] { return sonetrix_engine_GetParams(engine, keys.get()); }));
+    return ListKeyValue::initOrEmpty(unlocked(sonetrix_engine_GetParams, engine, keys.get()));
 }
 
 template <auto setParameters> Ref setParams(Arguments arguments) {
@@ -78,7 +78,7 @@ template <auto setParameters> Ref setParams(Arguments arguments) {
     Ref written = ListKeyValue::newEmpty();
     if (parameters != nullptr) {
         sonetrix_cListKeyValue_t *list = ListKeyValue::of(written).writable();
-        unlocked([&] { setParameters(engine, parameters.get(), list); });
+        unlocked(setParameters, engine, parameters.get(), list);
     }
     return written;
 }

@@ -67,7 +67,7 @@ Ref hasDriver() { return boolean(ask(sonetrix_engine_DriverIsLoaded) != 0); }
 Ref getDriverName() {
     sonetrix_engine_t *engine = requireEngine();
     char *name = nullptr;
-    const std::int32_t status = unlocked([&] { return sonetrix_engine_DriverGetName(engine, &name); });
+    const std::int32_t status = unlocked(sonetrix_engine_DriverGetName, engine, &name);
     if (status != 0 || name == nullptr) {
         raisePlain("could not get driver name"); // what a failed call leaves behind is not the caller's
     }

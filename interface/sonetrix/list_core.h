@@ -3,6 +3,7 @@
 // A kind of list is described by its traits:
 //   List                              the engine's list
 //   create, destroy, copy, merge      the engine's functions for it
+//   forEach, newContainer             its reading, and the Python container for that with room for so many elements
 //   name, nullMessage                 of the Python class; what the factory raises on null
 //   pythonClass                       where the Python class is held
 #pragma once
@@ -17,6 +18,9 @@
 #include <optional>
 
 namespace sonetrix {
+
+// There may be far fewer elements than expected, when keys recur or are removed again.
+constexpr Py_ssize_t mostRoom = 1 << 17;
 
 // The Python object. It shares its engine list, copy on write, with whoever reads that and does not expect it to
 // change: the engine, called with the interpreter lock released, or a for-each, during which a finalizer may run. They
@@ -68,6 +72,15 @@ template <class Traits> struct ListObject {
             raiseArgumentType(argument, className().c_str(), given);
         }
         return of(given);
+    }
+
+    // What `callback` stores when the engine goes through the list.
+    template <class Callback> static Ref read(List *list, Py_ssize_t expected, Callback callback) {
+        Ref container = Traits::newContainer(std::min(expected, mostRoom));
+        if (list != nullptr) {
+            Traits::forEach(list, callback, container.get());
+        }
+        return container;
     }
 
     // ------------------------------------------------------------------------------------------- the Python class
@@ -158,15 +171,6 @@ private:
 
     static inline OriginalClass original_;
 };
-
-// Empty, with room for `expected` elements; but there may be far fewer of them, when keys recur or are removed again.
-constexpr Py_ssize_t mostRoom = 1 << 17;
-inline Ref newDict(Py_ssize_t expected) { return checked(_PyDict_NewPresized(std::min(expected, mostRoom))); }
-inline Ref newList(Py_ssize_t expected) {
-    Ref list = checked(PyList_New(std::min(expected, mostRoom)));
-    Py_SET_SIZE(reinterpret_cast<PyVarObject *>(list.get()), 0);
-    return list;
-}
 
 // The body of a read callback: stores one record in the Python container that the engine was given as user data, by
 // `store(record, container)`. The engine may call on any thread, with the interpreter lock held and without.

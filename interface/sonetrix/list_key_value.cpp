@@ -2,13 +2,19 @@
 
 #include "list_key_value.h"
 
-#include "key_cache.h"
+#include <cstring>
+#include <functional>
+#include <string_view>
 
 namespace sonetrix {
 
 namespace {
 
 constexpr Py_ssize_t usualNotification = 10; // entries
+constexpr Py_ssize_t cachedKeysOfDict = 64;
+
+// Raw and owned: the interpreter is gone when static objects are destroyed. dropKeyCache() lets them go in time.
+std::array<PyObject *, 512> keyCache{};
 
 // ------------------------------------------------------------------------------------------------------- writing
 
@@ -114,6 +120,20 @@ Ref appendFromDictType(ListKeyValue &list, Arguments arguments) {
 
 // ------------------------------------------------------------------------------------------------------- reading
 
+// The key as bytes. The first keys of a dict come from a small cache: notifications and meters bring the same few again
+// and again, while a long list would only wash the cache out.
+Ref keyBytes(const char *key, PyObject *dict) {
+    const auto newBytes = [key] { return checked(PyBytes_FromString(key)); };
+    if (!PyDict_Check(dict) || PyDict_GET_SIZE(dict) >= cachedKeysOfDict) {
+        return newBytes();
+    }
+    PyObject *&cached = keyCache[std::hash<std::string_view>()(key) % keyCache.size()];
+    if (cached == nullptr || std::strcmp(key, PyBytes_AS_STRING(cached)) != 0) {
+        Ref::steal(std::exchange(cached, newBytes().release()));
+    }
+    return Ref::borrow(cached);
+}
+
 std::int32_t readPlain(const sonetrix_keyValue_t *entry, void *user) {
     return readRecord(entry, user, [](const sonetrix_keyValue_t &record, PyObject *container) {
         const Ref value = toPython(record.value);
@@ -129,14 +149,6 @@ std::int32_t readTyped(const sonetrix_keyValue_t *entry, void *user) {
         const Ref value = toTypedPair(record.value);
         checked(PyDict_SetItem(container, keyBytes(record.key, container).get(), value.get()));
     });
-}
-
-Ref read(sonetrix_cListKeyValue_t *list, Py_ssize_t expected, sonetrix_keyValueCallback_t callback) {
-    Ref container = newDict(expected);
-    if (list != nullptr) {
-        sonetrix_keyValueListForEach(list, callback, container.get());
-    }
-    return container;
 }
 
 // Calls a method of a temporary object that has the engine's list, which stays the engine's.
@@ -162,7 +174,7 @@ template <auto callback> Ref readObject(ListKeyValue &object, Arguments argument
     Ref dict;
     {
         const auto list = object.list; // shared until it is read, not while the callable runs
-        dict = read(list.get(), object.expected, callback);
+        dict = ListKeyValue::read(list.get(), object.expected, callback);
     }
     object.expected = PyDict_GET_SIZE(dict.get());
     return filtered(std::move(dict), arguments.get(0, Py_None));
@@ -208,9 +220,11 @@ constexpr Method methods[] = {
 
 } // namespace
 
-Ref toDict(sonetrix_cListKeyValue_t *list, Py_ssize_t expected) { return read(list, expected, readPlain); }
+Ref toDict(sonetrix_cListKeyValue_t *list, Py_ssize_t expected) {
+    return ListKeyValue::read(list, expected, readPlain);
+}
 
-Ref toDictType(sonetrix_cListKeyValue_t *list) { return read(list, 0, readTyped); }
+Ref toDictType(sonetrix_cListKeyValue_t *list) { return ListKeyValue::read(list, 0, readTyped); }
 
 Ref borrowedToDict(sonetrix_cListKeyValue_t *list) {
     return ListKeyValue::isOriginalClass() ? toDict(list, usualNotification) : callOnBorrowed(list, "toDict"_id);
@@ -235,6 +249,12 @@ void appendTyped(ListKeyValue &list, PyObject *key, PyObject *pair) {
         }
     }
     callAppend(list, key, value.get(), type.get());
+}
+
+void dropKeyCache() noexcept {
+    for (PyObject *&key : keyCache) {
+        Ref::steal(std::exchange(key, nullptr));
+    }
 }
 
 void addListKeyValue(PyObject *module) {

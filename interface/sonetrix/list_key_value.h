@@ -10,6 +10,8 @@ struct KeyValueListTraits {
     static void destroy(List *list) { sonetrix_keyValueListDestroy(list); }
     static List *copy(const List *list) { return sonetrix_keyValueListDeepCopy(list); }
     static void merge(List *list, List *other) { sonetrix_keyValueListMerge(list, other); }
+    static constexpr auto forEach = sonetrix_keyValueListForEach;
+    static Ref newContainer(Py_ssize_t room) { return checked(_PyDict_NewPresized(room)); }
     static constexpr const char *name = "listKeyValue";
     static constexpr const char *nullMessage = "listkey cannot be NULL on init";
     static constexpr Held pythonClass = Held::listKeyValueClass;
@@ -27,5 +29,8 @@ Ref borrowedDup(sonetrix_cListKeyValue_t *list);
 
 // Appends an entry of a dict of (value, type name) pairs.
 void appendTyped(ListKeyValue &list, PyObject *key, PyObject *pair);
+
+// Lets the keys go that are kept for the dicts to come.
+void dropKeyCache() noexcept;
 
 } // namespace sonetrix

@@ -56,17 +56,9 @@ std::int32_t readTyped(const sonetrix_value_t *value, void *user) {
     });
 }
 
-Ref read(sonetrix_cListValue_t *list, Py_ssize_t expected, sonetrix_valueCallback_t callback) {
-    Ref container = newList(expected);
-    if (list != nullptr) {
-        sonetrix_valueListForEach(list, callback, container.get());
-    }
-    return container;
-}
-
 template <auto callback> Ref readObject(ListValue &object) {
     const auto list = object.list;
-    Ref result = read(list.get(), object.expected, callback);
+    Ref result = ListValue::read(list.get(), object.expected, callback);
     object.expected = PyList_GET_SIZE(result.get());
     return result;
 }
@@ -111,7 +103,7 @@ void appendElement(ListValue &list, PyObject *value, PyObject *selector) {
 
 bool hasOnlyStrings(ListValue &list) {
     const auto shared = list.list;
-    const Ref others = read(shared.get(), 0, [](const sonetrix_value_t *value, void *user) {
+    const Ref others = ListValue::read(shared.get(), 0, [](const sonetrix_value_t *value, void *user) {
         return value->type == SONETRIX_VALUE_STRING ? 0 : readTyped(value, user);
     });
     return PyList_GET_SIZE(others.get()) == 0;
@@ -119,7 +111,7 @@ bool hasOnlyStrings(ListValue &list) {
 
 Ref takeToList(sonetrix_cListValue_t *list) {
     const Ref owner = ListValue::initOrEmpty(list);
-    return read(list, 0, readPlain);
+    return ListValue::read(list, 0, readPlain);
 }
 
 void addListValue(PyObject *module) {

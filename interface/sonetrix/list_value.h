@@ -10,6 +10,12 @@ struct ValueListTraits {
     static void destroy(List *list) { sonetrix_valueListDestroy(list); }
     static List *copy(const List *list) { return sonetrix_valueListDeepCopy(list); }
     static void merge(List *list, List *other) { sonetrix_valueListMerge(list, other); }
+    static constexpr auto forEach = sonetrix_valueListForEach;
+    static Ref newContainer(Py_ssize_t room) {
+        Ref container = checked(PyList_New(room));
+        Py_SET_SIZE(reinterpret_cast<PyVarObject *>(container.get()), 0);
+        return container;
+    }
     static constexpr const char *name = "listValue";
     static constexpr const char *nullMessage = "listvalue cannot be NULL on init";
     static constexpr Held pythonClass = Held::listValueClass;

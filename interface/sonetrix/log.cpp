@@ -30,18 +30,14 @@ Ref logb(Arguments arguments) {
     return none();
 }
 
-Ref encoded(PyObject *message) {
-    if (message == Py_None) {
-        raise(PyExc_AttributeError, "'NoneType' object has no attribute 'encode'");
-    }
-    return checked(PyUnicode_AsUTF8String(message));
-}
-
 Ref log(Arguments arguments) {
     const sonetrix_log_level_t level = toUInt32(arguments[0], levelType);
     requireMessage(arguments[1], &PyUnicode_Type);
     Ref write = attribute(moduleGlobal("log"_id).get(), "logb"_id);
-    Ref text = encoded(arguments[1]);
+    if (arguments[1] == Py_None) {
+        raise(PyExc_AttributeError, "'NoneType' object has no attribute 'encode'");
+    }
+    Ref text = checked(PyUnicode_AsUTF8String(arguments[1]));
     Ref number = checked(PyLong_FromUnsignedLong(level));
     call(write.get(), number.get(), text.get());
     return none();
@@ -51,18 +47,17 @@ Ref log(Arguments arguments) {
 // As long as nobody has changed the class, which its version shows, they write to the engine's log at once: what the
 // look-ups would find is known.
 struct Level {
-    const char *function;
     const InternedString &constant;
     sonetrix_log_level_t value;
 };
 
 const Level levels[] = {
-    {"trace", "TRACE"_id, SONETRIX_LOG_TRACE},
-    {"debug", "DEBUG"_id, SONETRIX_LOG_DEBUG},
-    {"info", "INFO"_id, SONETRIX_LOG_INFO},
-    {"warn", "WARN"_id, SONETRIX_LOG_WARN},
-    {"error", "ERROR"_id, SONETRIX_LOG_ERROR},
-    {"fatal", "FATAL"_id, SONETRIX_LOG_FATAL},
+    {"TRACE"_id, SONETRIX_LOG_TRACE},
+    {"DEBUG"_id, SONETRIX_LOG_DEBUG},
+    {"INFO"_id, SONETRIX_LOG_INFO},
+    {"WARN"_id, SONETRIX_LOG_WARN},
+    {"ERROR"_id, SONETRIX_LOG_ERROR},
+    {"FATAL"_id, SONETRIX_LOG_FATAL},
 };
 
 OriginalClass originalClass;
@@ -93,13 +88,13 @@ template <auto get> Ref getLevel() { return checked(PyLong_FromUnsignedLong(unlo
 
 template <auto set> Ref setLevel(Arguments arguments) {
     const sonetrix_log_level_t level = toUInt32(arguments[0], levelType);
-    unlocked([&] { set(level); });
+    unlocked(set, level);
     return none();
 }
 
 template <auto set> Ref setTarget(Arguments arguments) {
     const std::int32_t on = checked(PyObject_IsTrue, arguments.get(0, Py_True));
-    unlocked([&] { set(on); });
+    unlocked(set, on);
     return none();
 }
 
@@ -180,7 +175,7 @@ constexpr Method functions[] = {
 } // namespace
 
 void logString(sonetrix_log_level_t level, const char *message) {
-    unlocked([&] { sonetrix_log_LogString(level, "python", 0, 1, message); });
+    unlocked(sonetrix_log_LogString, level, "python", 0, 1, message);
 }
 
 void warnWithTraceback(const char *prefix) {

@@ -23,9 +23,9 @@ Ref exitEngine(Arguments arguments) {
     PyObject *exitCode = arguments.get(0, Py_None);
     if (checked(PyObject_RichCompareBool, exitCode, Py_None, Py_NE) != 0) {
         const std::int32_t code = PyLong_Check(exitCode) ? toInt32(exitCode) : 1;
-        unlocked([&] { sonetrix_engine_SetExitCode(engine, code); });
+        unlocked(sonetrix_engine_SetExitCode, engine, code);
     }
-    unlocked([&] { sonetrix_engine_RequestStop(engine); });
+    unlocked(sonetrix_engine_RequestStop, engine);
     return none();
 }
 
@@ -62,18 +62,14 @@ void runClearCallback(PyObject *callback) {
     callMethod(moduleGlobal("log"_id).get(), "error"_id, message.get());
 }
 
-void importAs(PyObject *module, const char *name) { bindInModule(module, name, checked(PyImport_ImportModule, name)); }
-
 // The standard modules that the library uses itself; they become names of the module.
 void importStandardModules(PyObject *module) {
-    for (const char *name : {"time", "math", "ctypes", "traceback"}) {
-        importAs(module, name);
-    }
-    hold(Held::ctypes, moduleGlobal("ctypes"_id));
     Ref inspect = checked(PyImport_ImportModule, "inspect");
     bindInModule(module, "signature", checked(PyObject_GetAttrString, inspect.get(), "signature"));
-    importAs(module, "typing");
-    importAs(module, "os");
+    for (const char *name : {"time", "math", "ctypes", "traceback", "typing", "os"}) {
+        bindInModule(module, name, checked(PyImport_ImportModule, name));
+    }
+    hold(Held::ctypes, moduleGlobal("ctypes"_id));
 }
 
 // For an interpreter that embeds no console of ours; the console ends the library before its exit handlers have run.

@@ -21,8 +21,6 @@ void printSequence(const char *sequence, const char *end) {
     }
 }
 
-Ref rawTerminalSize() { return callMethod(moduleGlobal("os"_id).get(), "get_terminal_size"_id); }
-
 Py_ssize_t dimension(const Ref &size, const InternedString &name) {
     return checked(PyNumber_AsSsize_t, attribute(size.get(), name).get(), PyExc_OverflowError);
 }
@@ -49,13 +47,14 @@ void HiddenCursor::show() {
     hidden_ = false;
 }
 
-bool engineIsRunning() { return checked(PyObject_IsTrue, callEngine("isRunning"_id).get()) != 0; }
-
-void sleepATenth() {
-    Ref seconds = checked(PyFloat_FromDouble(0.1));
-    callMethod(moduleGlobal("time"_id).get(), "sleep"_id, seconds.get());
-    // The sleep looks for signals only when one has cut it short, not when one came just before.
-    checked(PyErr_CheckSignals);
+void whileRunning(const std::function<void()> &redraw) {
+    const Ref tenth = checked(PyFloat_FromDouble(0.1));
+    while (checked(PyObject_IsTrue, callEngine("isRunning"_id).get()) != 0) {
+        redraw();
+        callMethod(moduleGlobal("time"_id).get(), "sleep"_id, tenth.get());
+        // The sleep looks for signals only when one has cut it short, not when one came just before.
+        checked(PyErr_CheckSignals);
+    }
 }
 
 void print(PyObject *text, const char *end) {
@@ -67,11 +66,9 @@ void print(PyObject *text, const char *end) {
 }
 
 TerminalSize terminalSize() {
-    const Ref size = rawTerminalSize();
+    const Ref size = callMethod(moduleGlobal("os"_id).get(), "get_terminal_size"_id);
     return {dimension(size, "columns"_id), dimension(size, "lines"_id)};
 }
-
-Py_ssize_t terminalColumns() { return dimension(rawTerminalSize(), "columns"_id); }
 
 Ref cut(const Ref &text, Py_ssize_t columns) {
     return columns > 0 ? checked(PyUnicode_Substring(text.get(), 0, columns)) : text;

@@ -4,7 +4,7 @@
 
 #include "engine.h"
 
-#include <string>
+#include <functional>
 
 namespace sonetrix {
 
@@ -21,16 +21,8 @@ private:
     bool hidden_ = true;
 };
 
-bool engineIsRunning();
-void sleepATenth();
-
 // Calls `redraw` at once and then every tenth of a second while engine.isRunning(); a signal's exception ends it.
-template <class Redraw> void whileRunning(Redraw &&redraw) {
-    while (engineIsRunning()) {
-        redraw();
-        sleepATenth();
-    }
-}
+void whileRunning(const std::function<void()> &redraw);
 
 // print(text, end=end, flush=True); without `end` where it is null
 void print(PyObject *text, const char *end);
@@ -40,7 +32,6 @@ struct TerminalSize {
     Py_ssize_t lines;
 };
 TerminalSize terminalSize();
-Py_ssize_t terminalColumns();
 // The first `columns` characters; all of them when there are no columns.
 Ref cut(const Ref &text, Py_ssize_t columns);
 // format(number, formatSpec)

@@ -1,6 +1,6 @@
 #include "shutdown.h"
 
-#include "key_cache.h"
+#include "list_key_value.h"
 #include "python/function.h"
 #include "python/interpreter_guard.h"
 #include "registration.h"
@@ -33,8 +33,7 @@ bool shutDown(const ConsoleEnd *console) noexcept {
     if (console != nullptr) {
         console->clearNamespace();
         console->runExitHandlers();
-    }
-    if (console == nullptr) {
+    } else {
         closeFunctions();
     }
     // A callable that has had its time already gets no more.

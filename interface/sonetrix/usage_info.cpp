@@ -9,9 +9,6 @@ namespace sonetrix {
 
 namespace {
 
-// A quotient that is 0 where there is nothing to divide by.
-double safediv(double dividend, double divisor) noexcept { return divisor == 0 ? 0 : dividend / divisor; }
-
 struct Row {
     Ref name;
     long processId;
@@ -79,7 +76,7 @@ Ref usageInfo() {
             Ref pid = formatted(checked(PyLong_FromLong(row.processId)).get(), "7d");
             const bool drawn = table.add(checked(PyUnicode_FromFormat, "%U  %U%%  %U%%  %U%%  %S", pid.get(),
                 formatted(row.relative, "7.2f").get(), formatted(row.absolute, "7.2f").get(),
-                formatted(safediv(row.absolute, total) * 100, "4.0f").get(), row.name.get()));
+                formatted(total == 0 ? 0 : row.absolute / total * 100, "4.0f").get(), row.name.get()));
             if (!drawn) {
                 break;
             }

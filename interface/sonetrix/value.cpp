@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <new>
 #include <type_traits>
 
 namespace sonetrix {
@@ -43,14 +42,6 @@ template <class Element> Ref toTuple(const sonetrix_value_t &value, bool ofPairs
 
 // ------------------------------------------------------------------------------------------------ Python -> engine
 
-template <class Element> NativeArray<Element> newArray(std::size_t count) {
-    auto *memory = static_cast<Element *>(std::calloc(count, sizeof(Element)));
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return NativeArray<Element>(memory);
-}
-
 template <class Element> bool isElement(PyObject *object) {
     if constexpr (std::is_floating_point_v<Element>) {
         return PyFloat_Check(object);
@@ -85,7 +76,7 @@ template <class Element> NativeArray<Element> convertTuple(PyObject *tuple, cons
         if (count == 0 || (looksFirst && !std::all_of(elements, elements + count, isElement<Element>))) {
             return nullptr;
         }
-        auto array = newArray<Element>(count);
+        auto array = std::make_unique_for_overwrite<Element[]>(count);
         for (std::size_t index = 0; index < count; ++index) {
             if (!looksFirst && !isElement<Element>(elements[index])) {
                 return nullptr;

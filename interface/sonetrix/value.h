@@ -68,7 +68,7 @@ private:
 struct Free {
     void operator()(void *memory) const noexcept { std::free(memory); }
 };
-template <class Element> using NativeArray = std::unique_ptr<Element[], Free>;
+template <class Element> using NativeArray = std::unique_ptr<Element[]>;
 
 // A tuple's elements in a new native array, or null: silently when the tuple is empty or an element is of another kind,
 // with an unraisable report when a conversion fails.

@@ -111,17 +111,17 @@ class SurfaceTest(record.TestCase):
             self.assertEqual(names[-1:], ["sonetrix." + name])
 
     def test_argument_binding(self):
-        engine, log, plain = self.sonetrix.engine, self.sonetrix.log, self.sonetrix.listValue
-        for text, call, arguments, keywords in (
-                ("isRunning() takes no arguments (1 given)", engine.isRunning, (1,), {}),
-                ("isRunning() got an unexpected keyword argument 'a'", engine.isRunning, (), {"a": 1}),
-                ("link() takes at least 1 argument (0 given)", engine.link, (), {}),
-                ("newModule() takes exactly 3 arguments (2 given)", engine.newModule, (1, 2), {}),
-                ("link() missing required argument 'p1' (pos 1)", engine.link, (), {"p2": "a"}),
-                ("log() got multiple values for argument 'level'", log.log, (1,), {"level": 1}),
-                ("timeout() takes exactly 2 arguments (1 given)", self.sonetrix.timeout, (1,), {}),
-                ("sonetrix.listValue() takes no arguments (1 given)", plain, (3,), {})):
-            self.assertRefused(TypeError, text, call, *arguments, **keywords)
+        engine, plain = self.sonetrix.engine, self.sonetrix.listValue
+        for text, call, arguments, keywords in (  # the interpreter's own words, which vary with its version
+                ("isRunning.* 0 arguments", engine.isRunning, (1,), {}),
+                ("isRunning.*(0 keyword|'a')", engine.isRunning, (), {"a": 1}),
+                ("link.*'p1'", engine.link, (), {}),
+                ("newModule.*'info'", engine.newModule, (1, 2), {}),
+                ("link.*'p1'", engine.link, (), {"p2": "a"}),
+                ("link.*'p1'", engine.link, ("a",), {"p1": "b"}),
+                ("timeout.*'callback'", self.sonetrix.timeout, (1,), {}),
+                ("listValue.* no arguments", plain, (3,), {})):
+            self.assertRaisesRegex(TypeError, text, call, *arguments, **keywords)
         self.assertEqual(record.calls(), [])
         record.result("sonetrix_engine_LinkPort", 0)
         self.assertEqual((engine.link(p2="b", p1="a"), engine.link(*("a",), **{"p2": b"b"})), (0, 0))

@@ -1,6 +1,6 @@
 #include "convert.h"
 
-#include <limits>
+#include <type_traits>
 #include <utility>
 
 namespace sonetrix {
@@ -34,7 +34,7 @@ template <class Integer> Integer detail::convertToInteger(PyObject *object, cons
     const Ref integer = asInteger(object);
     int overflow = 0;
     const long long value = PyLong_AsLongLongAndOverflow(integer.get(), &overflow);
-    if (std::numeric_limits<Integer>::min() == 0 && (overflow < 0 || (overflow == 0 && value < 0))) {
+    if (std::is_unsigned_v<Integer> && (overflow < 0 || (overflow == 0 && value < 0))) {
         raiseFormat(PyExc_OverflowError, "can't convert negative value to %s", typeName);
     }
     if (overflow != 0 || !std::in_range<Integer>(value)) {

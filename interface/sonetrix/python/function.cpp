@@ -43,55 +43,32 @@ std::string_view shortName(PyTypeObject *type) noexcept {
     return name.substr(name.rfind('.') + 1);
 }
 
-[[noreturn]] void raiseCount(const Method &method, std::size_t given) {
-    const Signature &signature = method.signature;
-    if (signature.size() == 0) {
-        raiseFormat(PyExc_TypeError, "%s() takes no arguments (%zu given)", method.name, given);
-    }
-    const bool exact = signature.required() == signature.size();
-    const std::size_t limit = given < signature.required() ? signature.required() : signature.size();
-    raiseFormat(PyExc_TypeError, "%s() takes %s %zu argument%s (%zu given)", method.name,
-        exact ? "exactly" : (given < limit ? "at least" : "at most"), limit, limit == 1 ? "" : "s", given);
+// Of the parameter with this name; past the end where there is none.
+std::size_t indexOf(const Signature &signature, PyObject *name) noexcept {
+    const std::string_view text = PyUnicode_IS_ASCII(name) ? static_cast<const char *>(PyUnicode_DATA(name)) : "";
+    const auto found = std::ranges::find(signature.parameters(), text, &Parameter::name);
+    return static_cast<std::size_t>(found - signature.parameters().begin());
 }
 
-void bindKeyword(const Method &method, PyObject *name, PyObject *value, std::span<PyObject *> slots) {
-    Py_ssize_t size = 0;
-    const char *utf8 = PyUnicode_Check(name) ? PyUnicode_AsUTF8AndSize(name, &size) : nullptr;
-    if (utf8 == nullptr) {
-        PyErr_Clear();
-        raiseFormat(PyExc_TypeError, "%s() keywords must be strings", method.name);
+// False where something is wrong with the call, or may be.
+bool bindQuickly(const Signature &signature,
+    PyObject *const *positional,
+    std::size_t positionalCount,
+    PyObject *keywordNames,
+    std::span<PyObject *> slots) noexcept {
+    if (positionalCount > slots.size()) {
+        return false;
     }
-    const std::string_view key(utf8, static_cast<std::size_t>(size));
-    for (std::size_t index = 0; index < slots.size(); ++index) {
-        if (method.signature.parameters()[index].name == key) {
-            if (slots[index] != nullptr) {
-                raiseFormat(PyExc_TypeError, "%s() got multiple values for argument '%U'", method.name, name);
-            }
-            slots[index] = value;
-            return;
+    std::copy_n(positional, positionalCount, slots.begin());
+    const Py_ssize_t keywordCount = keywordNames == nullptr ? 0 : PyTuple_GET_SIZE(keywordNames);
+    for (Py_ssize_t index = 0; index < keywordCount; ++index) {
+        const std::size_t place = indexOf(signature, PyTuple_GET_ITEM(keywordNames, index));
+        if (place == slots.size() || slots[place] != nullptr) {
+            return false;
         }
+        slots[place] = positional[positionalCount + static_cast<std::size_t>(index)];
     }
-    raiseFormat(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'", method.name, name);
-}
-
-void bindPositional(const Method &method, PyObject *const *values, std::size_t count, std::span<PyObject *> slots) {
-    if (count > slots.size()) {
-        raiseCount(method, count);
-    }
-    std::copy_n(values, count, slots.begin());
-}
-
-void requireComplete(const Method &method, std::size_t given, std::span<PyObject *> slots) {
-    for (std::size_t index = 0; index < method.signature.required(); ++index) {
-        if (slots[index] == nullptr) {
-            if (given <= index) {
-                raiseCount(method, given);
-            }
-            const std::string name(method.signature.parameters()[index].name);
-            raiseFormat(
-                PyExc_TypeError, "%s() missing required argument '%s' (pos %zu)", method.name, name.c_str(), index + 1);
-        }
-    }
+    return std::ranges::count(slots.first(signature.required()), nullptr) == 0;
 }
 
 // A Python function of the same signature, with its annotations, that calls the builtin one.
@@ -151,29 +128,38 @@ void bindArguments(const Method &method,
     std::size_t positionalCount,
     PyObject *keywordNames,
     std::span<PyObject *> slots) {
-    bindPositional(method, positional, positionalCount, slots);
-    const Py_ssize_t keywordCount = keywordNames == nullptr ? 0 : PyTuple_GET_SIZE(keywordNames);
-    for (Py_ssize_t index = 0; index < keywordCount; ++index) {
-        bindKeyword(method, PyTuple_GET_ITEM(keywordNames, index),
-            positional[positionalCount + static_cast<std::size_t>(index)], slots);
+    if (bindQuickly(method.signature, positional, positionalCount, keywordNames, slots)) {
+        return;
     }
-    requireComplete(method, positionalCount + static_cast<std::size_t>(keywordCount), slots);
+    Ref tuple = checked(PyTuple_New(static_cast<Py_ssize_t>(positionalCount)));
+    for (std::size_t index = 0; index < positionalCount; ++index) {
+        PyTuple_SET_ITEM(tuple.get(), static_cast<Py_ssize_t>(index), Py_NewRef(positional[index]));
+    }
+    Ref dict = checked(PyDict_New());
+    for (Py_ssize_t index = 0; keywordNames != nullptr && index < PyTuple_GET_SIZE(keywordNames); ++index) {
+        PyObject *value = positional[positionalCount + static_cast<std::size_t>(index)];
+        checked(PyDict_SetItem(dict.get(), PyTuple_GET_ITEM(keywordNames, index), value));
+    }
+    bindArguments(method, tuple.get(), dict.get(), slots);
 }
 
 void bindArguments(const Method &method, PyObject *positional, PyObject *keywords, std::span<PyObject *> slots) {
-    const auto positionalCount = static_cast<std::size_t>(PyTuple_GET_SIZE(positional));
-    bindPositional(method, &PyTuple_GET_ITEM(positional, 0), positionalCount, slots);
-    std::size_t given = positionalCount;
-    if (keywords != nullptr) {
-        Py_ssize_t position = 0;
-        PyObject *name = nullptr;
-        PyObject *value = nullptr;
-        while (PyDict_Next(keywords, &position, &name, &value) != 0) {
-            bindKeyword(method, name, value, slots);
-            ++given;
-        }
+    std::array<std::string, Signature::maximumParameters> names;
+    std::array<char *, Signature::maximumParameters + 1> nameList{};
+    std::string format;
+    for (std::size_t index = 0; index < method.signature.size(); ++index) {
+        names[index] = method.signature.parameters()[index].name;
+        nameList[index] = names[index].data();
+        format += index == method.signature.required() ? "|O" : "O";
     }
-    requireComplete(method, given, slots);
+    format.append(":").append(method.name);
+    std::array<PyObject *, Signature::maximumParameters> values{};
+    auto &[first, second, third, fourth] = values;
+    if (PyArg_ParseTupleAndKeywords(
+            positional, keywords, format.c_str(), nameList.data(), &first, &second, &third, &fourth) == 0) {
+        throw PythonError();
+    }
+    std::copy_n(values.begin(), slots.size(), slots.begin());
 }
 
 namespace {

@@ -124,7 +124,7 @@ Ref newFunction(const Method &method, PyObject *owner);
 // Adds the table's methods to the class.
 void addMethods(PyTypeObject *type, std::span<const Method> methods);
 
-// Matches a call's arguments to the parameters; `slots` has a place for each. Raises the usual TypeErrors.
+// Matches a call's arguments to the parameters; `slots` has a place for each. Raises the interpreter's own TypeErrors.
 void bindArguments(const Method &method,
     PyObject *const *positional,
     std::size_t positionalCount,

@@ -3,7 +3,5 @@
 
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
-// Before 3.12 the member types (T_OBJECT and its kin) live apart.
-#include <structmember.h>
 // Until 3.13, frames have a header of their own.
 #include <frameobject.h>

@@ -8,8 +8,7 @@
 
 namespace sonetrix {
 
-// An owned reference, or none. A raw `PyObject *` in this library is a borrowed one unless it is said to be
-// owned.
+// An owned reference, or none. A raw `PyObject *` in this library is a borrowed one unless it is said to be owned.
 // Making, copying and dropping a Ref needs the interpreter lock.
 class Ref {
 public:

@@ -9,7 +9,6 @@
 #include "statement.h"
 #include "stop_request.h"
 
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
