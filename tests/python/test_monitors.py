@@ -2,6 +2,7 @@
 
 import contextlib
 import io
+import itertools
 import os
 import re
 import unittest
@@ -11,86 +12,69 @@ from support import console, record
 
 HIDE, SHOW = "\x1b[?25l\r", "\x1b[?25h\n"
 LINE = "  2.5% (   0.1234ms)   3.1% (   0.2000ms) [err:  6.8% maxtime:    2.5000ms]    "
-REDRAWN = {
-    "cpu": r"(\r *\d+\.\d% \( *\d+\.\d{4}ms\) .{19})+",
-    # Modules of which the engine knows no load yet are not in the first tables.
-    "usageInfo": r"((\x1b\[[2-5]A)?\r    pid  relative  absolute  share  modu\x1b\[K\n"
-                 r"( *\d+ +\d+\.\d\d% +\d+\.\d\d% +\d+%  .{4}\x1b\[K\n){1,4}\x1b\[J)+",
-}
-FULL = {"cpu": "(?s)(?=\x1b.*%.*%.*%.*%)", "usageInfo": r"(?s)(?=\x1b.*\x1b\[5A)"}
 FIGURES = 2.5, 3.1, 0.0001234, 0.0002, 0.0025, 0.5
 
 
 class MonitorTest(record.TestCase):
-    def shown(self, monitor, *arguments, rounds=(), columns=200, lines=50, **stand_ins):
-        """What the monitor prints while engine functions give these values; each round sleeps a tenth of a second."""
-        output = io.StringIO()
+    def shown(self, monitor, *arguments, columns=200, lines=50, **results):
+        """What the monitor prints while a function of the engine gives these results; it sleeps after each."""
+        rounds = sum(map(len, results.values()))
+        size = os.terminal_size((columns, lines)) if columns is not None else OSError
         with contextlib.ExitStack() as stack:
-            stack.enter_context(contextlib.redirect_stdout(output))
-            for name, values in {"isRunning": [*rounds, 0], **stand_ins}.items():
+            output = stack.enter_context(contextlib.redirect_stdout(io.StringIO()))
+            for name, values in {"isRunning": [1] * rounds + [0], **results}.items():
                 stack.enter_context(mock.patch.object(self.sonetrix.engine, name, side_effect=values))
-            size = os.terminal_size((columns, lines)) if columns is not None else OSError
-            stack.enter_context(mock.patch("os.get_terminal_size", side_effect=size if columns is None
-                                           else lambda: size))
+            stack.enter_context(mock.patch("os.get_terminal_size", side_effect=itertools.repeat(size)))
             sleep = stack.enter_context(mock.patch("time.sleep"))
-            try:
-                self.assertIsNone(monitor(*arguments))
-                self.assertEqual(sleep.mock_calls, [mock.call(0.1)] * len(rounds))
-            finally:
-                self.output = output.getvalue()
-        return self.output
+            self.assertIsNone(monitor(*arguments))
+        self.assertEqual(sleep.mock_calls, [mock.call(0.1)] * rounds)
+        return output.getvalue()
 
     def test_cpu(self):
         cpu = self.sonetrix.cpu
         self.assertEqual(self.shown(cpu), HIDE + SHOW)
-        self.assertEqual(self.shown(cpu, rounds=[1], cpuInfo=[FIGURES]), f"{HIDE}\r{LINE}{SHOW}")
-        self.assertEqual(self.shown(cpu, False, rounds=[1], columns=40, cpuInfo=[list(FIGURES)]),
-                         f"{HIDE}\r{LINE[:40]}{SHOW}")
-        self.assertEqual(self.shown(cpu, rounds=[1], columns=0, cpuInfo=[FIGURES]), f"{HIDE}\r{LINE}{SHOW}")
-        self.assertIn("[err:  0.0% maxtime:    0.0000ms]", self.shown(cpu, rounds=[1], cpuInfo=[(1, 2, 3, 4, 0, 0)]))
+        for columns, shown in (200, LINE), (40, LINE[:40]), (0, LINE):
+            self.assertEqual(self.shown(cpu, cpuInfo=[list(FIGURES)], columns=columns), f"{HIDE}\r{shown}{SHOW}")
+        self.assertIn("[err:  0.0% maxtime:    0.0000ms]", self.shown(cpu, cpuInfo=[(1, 2, 3, 4, 0, 0)]))
         falling = [FIGURES, (1.0, 5.0, 0.0001234, 0.0003, 0.0025, 0), (0, 0, 1e-3, 2e-3, 0.0025, 0)]
-        shown = self.shown(cpu, [1], rounds=[1] * 3, cpuInfo=falling).split("\r")[2:]
+        shown = self.shown(cpu, [1], cpuInfo=falling).split("\r")[2:]
         self.assertEqual([(line[:5], line[8:17], line[21:26], line[29:38]) for line in shown], [
             ("  2.5", "   0.1234", "  3.1", "   0.2000"), ("  2.5", "   0.1234", "  5.0", "   0.3000"),
             ("  2.5", "   1.0000", "  5.0", "   2.0000")])
 
-    def test_cpu_failures(self):
-        for figures, text in ((range(7), "too many values to unpack (expected 6)"),
-                              (range(5), "need more than 5 values to unpack"),
-                              ((1,), "need more than 1 value to unpack")):
-            self.assertRefused(ValueError, text, self.shown, self.sonetrix.cpu, rounds=[1], cpuInfo=[figures])
-        self.assertRaises(OSError, self.shown, self.sonetrix.cpu, rounds=[1], columns=None, cpuInfo=[FIGURES])
-        self.assertRaises(ZeroDivisionError, self.shown, self.sonetrix.cpu, rounds=[ZeroDivisionError])
-        self.assertTrue(self.output.startswith(HIDE))
-        with mock.patch("builtins.print", side_effect=UnicodeEncodeError("ascii", "", 0, 0, "")) as print_:
-            self.assertEqual(self.shown(self.sonetrix.cpu), "")
-            self.assertEqual(len(print_.mock_calls), 2)
+    def test_failures(self):
+        cpu, usage = self.sonetrix.cpu, self.sonetrix.usageInfo
+        for count, text in ((7, "too many values to unpack (expected 6)"), (5, "need more than 5 values to unpack"),
+                            (1, "need more than 1 value to unpack")):
+            self.assertRefused(ValueError, text, self.shown, cpu, cpuInfo=[range(count)])
+        self.assertRaises(OSError, self.shown, cpu, columns=None, cpuInfo=[FIGURES])
+        for odd in {"a": 5}, 5, {5: {}}, {b"a": {}}:
+            self.assertRaises((TypeError, KeyError, AttributeError), self.shown, usage, getUsageInfo=[odd])
+        with mock.patch("builtins.print", side_effect=UnicodeEncodeError("ascii", "", 0, 0, "")):
+            self.assertEqual(self.shown(cpu), "")
 
     def test_the_cursor_comes_back_though_another_interrupt_strikes(self):
         printed = []
         def interrupted(text, **_):
             printed.append(text)
-            if printed.count(SHOW.strip()) == 1 and text == SHOW.strip():
+            if printed == [HIDE[:-1], SHOW[:-1]]:
                 raise KeyboardInterrupt
         with mock.patch.object(self.sonetrix, "print", interrupted, create=True):
-            self.assertRaises(KeyboardInterrupt, self.shown, self.sonetrix.cpu, rounds=[KeyboardInterrupt])
-        self.assertEqual(printed.count(SHOW.strip()), 2)
+            self.assertRaises(KeyboardInterrupt, self.shown, self.sonetrix.cpu, cpuInfo=[KeyboardInterrupt])
+        self.assertEqual(printed, [HIDE[:-1], *[SHOW[:-1]] * 2])
 
     def test_usage(self):
         usage = {b"idle": {"absolute": 0.0, "relative": 0.0, "processId": 1},
                  "b\xe4".encode(): {"absolute": 30.0, "relative": 60.0, "processId": 2**32 - 1},
                  b"\xff": {"absolute": 10.0, "relative": 40.0, "processId": 7}}
-        shown = self.shown(self.sonetrix.usageInfo, rounds=[1, 1], getUsageInfo=[usage, {}])
+        shown = self.shown(self.sonetrix.usageInfo, getUsageInfo=[usage, {}])
         first, second = shown.removeprefix(HIDE).removesuffix(SHOW).split("\x1b[J")[:2]
         self.assertEqual([line.split() for line in first.replace("\x1b[K", "").split("\n")[1:4]], [
             ["4294967295", "60.00%", "30.00%", "75%", "b\xe4"], ["7", "40.00%", "10.00%", "25%", "\ufffd"],
             ["1", "0.00%", "0.00%", "0%", "idle"]])
         self.assertTrue(second.startswith("\x1b[4A\r"))  # over the first table
-        small = self.shown(self.sonetrix.usageInfo, rounds=[1], columns=9, lines=3, getUsageInfo=[usage])
+        small = self.shown(self.sonetrix.usageInfo, columns=9, lines=3, getUsageInfo=[usage])
         self.assertEqual([len(line.lstrip("\r")) for line in small.removeprefix(HIDE).split("\x1b[K\n")[:-1]], [9, 9])
-        for odd in ({"a": 5}, 5, {5: usage[b"idle"]}, {b"a": {}}):
-            self.assertRaises((TypeError, KeyError, AttributeError), self.shown, self.sonetrix.usageInfo, rounds=[1],
-                              getUsageInfo=[odd])
 
     def test_memory(self):
         with contextlib.redirect_stdout(io.StringIO()) as output:
@@ -101,22 +85,23 @@ class MonitorTest(record.TestCase):
 
 class OnATerminal(unittest.TestCase):
     def test_monitors(self):
-        """Ended by an interrupt, and by the engine's stop."""
-        for monitor in REDRAWN:
+        """Cut to the terminal, which has no line for the fifth module."""
+        for monitor, full in ("cpu", r"(\r[^\r]{40}){3}"), ("usageInfo", r"\x1b\[5A\r"):
             with self.subTest(monitor), console.Console(columns=40, rows=6) as terminal:
-                for index in range(5):  # more than there are lines for
+                for index in range(5):
                     terminal.ask(f"engine.newModule('module_{index}', 'amp_mono', None)")
-                for call in f"{monitor}()", f"stop = engine.addTimer(500, exit); {monitor}()":
-                    terminal.prompt()
-                    terminal.send(call)
-                    terminal.expect(r"(?=\x1b)")
-                    if call[0] != "s":
-                        terminal.expect(FULL[monitor])
-                        terminal.signal()
-                    shown = terminal.expect(re.escape(SHOW[:-1]))
-                    self.assertRegex(shown, r"^\x1b\[\?25l\r" + REDRAWN[monitor] + "$")
-                    if call[0] != "s":
-                        terminal.expect("KeyboardInterrupt\n")
+                terminal.prompt()
+                terminal.send(f"{monitor}()")
+                terminal.expect(re.escape(HIDE[:-1]))
+                terminal.expect(f"(?={full})")
+                terminal.signal()
+                shown = terminal.expect(re.escape(SHOW[:-1]))
+                self.assertRegex(shown, r"[^\r\n\x1b]{40}")
+                self.assertNotRegex(shown, r"[^\r\n\x1b]{41}")
+                terminal.expect("KeyboardInterrupt\n")
+                terminal.prompt()
+                terminal.send(f"stop = engine.addTimer(500, exit); {monitor}()")
+                terminal.expect(re.escape(SHOW[:-1]))
                 self.assertEqual(terminal.end(), 0)
 
 
