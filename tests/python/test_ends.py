@@ -2,11 +2,9 @@
 """Registrations, engine threads, forked children and interpreters that end in the midst of something."""
 
 import concurrent.futures
-import subprocess
-import sys
 import unittest
 
-from support import TIME_LIMIT, interpreter_environment
+from support import programs
 
 PRELUDE = """
 import atexit, ctypes, gc, logging, os, sys, threading, time
@@ -49,12 +47,10 @@ LATE_END = "sys.late = Late()\n"
 class Ends(unittest.TestCase):
     def run_all(self, scripts):
         """Runs the scripts, each with the lines that it is to print, side by side: some wait."""
-        def run(source):
-            return subprocess.run([sys.executable, "-X", "faulthandler", "-W", "ignore", "-c", PRELUDE + source],
-                                  capture_output=True, text=True, timeout=TIME_LIMIT,
-                                  env=interpreter_environment(ASAN_OPTIONS="detect_leaks=0"))
         with concurrent.futures.ThreadPoolExecutor(4) as pool:
-            for (source, *lines), result in zip(scripts, pool.map(run, [source for source, *_ in scripts])):
+            def run(script):
+                return programs.run_python(PRELUDE + script[0], **programs.OUTLIVED)
+            for (source, *lines), result in zip(scripts, pool.map(run, scripts)):
                 with self.subTest(source):
                     self.assertEqual((result.returncode, result.stderr), (0, ""))
                     self.assertEqual(result.stdout.splitlines(), lines)
@@ -149,6 +145,19 @@ print(*record.log_lines())
             (f"made = sonetrix.timeout(1, lambda: (entered.set(), time.sleep({seconds})))\n"
              "fire()\n" + LATE_END,) for seconds in (1, 60)
         ] + [
+            # Registrations end in their order, and no new ones are made.
+            ("""
+def end():
+    late = sonetrix.timeout(1, print)
+    print([call.name.split("_")[-1] for call in record.calls("*_rm*", "*Timer")], *map(record.registrations, range(4)))
+older.append(end)
+kept = [sonetrix.notifyChanges(len), sonetrix.timeout(1, lambda: None), sonetrix.notifyMeters(lambda meters: kept)]
+def fire():
+    while True:
+        for kind in range(4):
+            record.fire(kind, {"a": 1}, threads=2)
+background(fire), background(fire)
+""" + LATE_END, "['addTimer', 'rmCallback', 'delTimer', 'rmCallbackMeterManager'] 0 0 0 0"),
             ("""
 def use():
     try:

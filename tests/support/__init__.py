@@ -40,11 +40,3 @@ os.environ["PYTHONDONTWRITEBYTECODE"] = "1"
 
 # The sanitizer's run-time library was brought in for this interpreter only; children that need it say so.
 PRELOAD = os.environ.pop("LD_PRELOAD", None)
-
-
-def interpreter_environment(**variables):
-    """Environment for a child interpreter that loads the module itself."""
-    environment = dict(os.environ, **variables)
-    if PRELOAD:
-        environment["LD_PRELOAD"] = PRELOAD
-    return environment

@@ -5,10 +5,11 @@ import os
 import pathlib
 import re
 import subprocess
+import sys
 import tempfile
 import unittest
 
-from . import BUILD, ENGINE, MODULE, SANITIZER, SOURCE, TIME_LIMIT
+from . import BUILD, ENGINE, MODULE, PRELOAD, SANITIZER, SOURCE, TIME_LIMIT
 
 PACKAGES = BUILD / "lib/python3/dist-packages"
 
@@ -21,6 +22,13 @@ def run(*command, text_input="", time_limit=TIME_LIMIT, environment=None, **opti
     """Runs a program to its end; standard input is a pipe with this text. A hanging one fails the test."""
     return subprocess.run([*map(str, command)], input=text_input, capture_output=True, text=True,
                           timeout=time_limit, env=dict(os.environ, **(environment or {})), **options)
+
+
+def run_python(source, program=None, **variables):
+    """Runs Python text in an interpreter of its own, which can load the module."""
+    if PRELOAD:
+        variables["LD_PRELOAD"] = PRELOAD
+    return run(program or sys.executable, "-X", "faulthandler", "-W", "ignore", "-c", source, environment=variables)
 
 
 def run_engine(*arguments, **options):
