@@ -20,14 +20,21 @@
 #include "control.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
+#include <dlfcn.h>
 #include <fstream>
+#include <functional>
 #include <iostream>
+#include <map>
+#include <mutex>
 #include <sstream>
+#include <string>
 #include <thread>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace {
 

@@ -1,18 +1,21 @@
-#include "control.h"
+#include "record.h"
 
 #include "engine.h"
 #include "lists/lists.h"
+#include "thread.h"
 
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
-#include <cstdlib>
-#include <functional>
-#include <future>
 #include <iterator>
+#include <malloc.h>
+#include <map>
 #include <memory>
+#include <mutex>
+#include <semaphore>
 #include <thread>
+#include <utility>
+#include <vector>
 
 namespace sonetrix::record {
 
@@ -29,7 +32,7 @@ struct Registration {
 std::mutex mutex;
 std::condition_variable callEnded;
 auto &registrations = *new std::vector<std::shared_ptr<Registration>>; // outlives all threads
-std::atomic<int64_t> callsInside = 0;
+std::atomic<int32_t> callsInside = 0;
 
 std::vector<std::shared_ptr<Registration>> ofKind(Kind kind) {
     std::vector<std::shared_ptr<Registration>> found;
@@ -38,51 +41,49 @@ std::vector<std::shared_ptr<Registration>> ofKind(Kind kind) {
     return found;
 }
 
-// Shows each a copy of the list.
-void callBack(const std::vector<std::shared_ptr<Registration>> &some, const sonetrix_cListKeyValue_t *source) {
-    sonetrix_cListKeyValue list = source ? *source : sonetrix_cListKeyValue();
-    Recorder::instance().began(&list, true);
-    for (const auto &registration : some) {
-        std::unique_lock lock(mutex);
-        if (registration->removed)
-            continue;
-        registration->callers.push_back(std::this_thread::get_id());
-        lock.unlock();
-        registration->callback(&list, registration->user);
-        lock.lock();
-        registration->callers.erase(std::ranges::find(registration->callers, std::this_thread::get_id()));
-        callEnded.notify_all();
-    }
-    Recorder::instance().forget(&list);
+void call(Registration &registration, sonetrix_cListKeyValue_t *list) {
+    const auto self = std::this_thread::get_id();
+    std::unique_lock lock(mutex);
+    if (registration.removed)
+        return;
+    registration.callers.push_back(self);
+    lock.unlock();
+    registration.callback(list, registration.user);
+    lock.lock();
+    registration.callers.erase(std::ranges::find(registration.callers, self));
+    callEnded.notify_all();
 }
 
+// Shows each registration a copy of the list.
+void callBack(int32_t kind, const sonetrix_cListKeyValue_t *source, int32_t times) {
+    const bool outer = std::exchange(comesInHolding, lockHeld() == 1);
+    for (; times > 0; --times) {
+        sonetrix_cListKeyValue_t list = source ? *source : sonetrix_cListKeyValue_t();
+        began(&list, true);
+        for (const auto &registration : ofKind(static_cast<Kind>(kind)))
+            call(*registration, &list);
+        ended(&list, [] {});
+    }
+    comesInHolding = outer;
+}
+
+// Stays when its work is through, until it is destroyed.
 struct EngineThread {
-    std::promise<void> joined;
+    std::binary_semaphore through{0};
+    std::binary_semaphore ending{0};
     std::jthread thread;
+
+    explicit EngineThread(std::function<void()> work)
+        : thread([this, work = std::move(work)] {
+              dev::blockTerminationSignals();
+              work();
+              through.release();
+              ending.acquire();
+          }) {}
+    ~EngineThread() { ending.release(); }
 };
 std::mutex threadsMutex;
-auto &engineThreads = *new std::map<int32_t, EngineThread>;
-
-// Waits for the work to be done, for `longest` milliseconds.
-void beginEngineThread(int32_t number, std::function<void()> work, int32_t longest) {
-    std::packaged_task<void()> task(std::move(work));
-    auto through = task.get_future();
-    std::promise<void> joined;
-    auto end = joined.get_future();
-    std::jthread thread([task = std::move(task), end = std::move(end)]() mutable {
-        sigset_t all; // as in an engine: signals are the main thread's or the console's
-        sigfillset(&all);
-        pthread_sigmask(SIG_BLOCK, &all, nullptr);
-        task();
-        end.wait();
-    });
-    {
-        const std::lock_guard lock(threadsMutex);
-        engineThreads.insert_or_assign(number, EngineThread{std::move(joined), std::move(thread)});
-    }
-    if (longest)
-        through.wait_for(std::chrono::milliseconds(longest));
-}
+auto &engineThreads = *new std::map<int32_t, std::unique_ptr<EngineThread>>;
 
 } // namespace
 
@@ -92,13 +93,11 @@ void *addRegistration(Kind kind, Callback callback, void *user) {
         const std::lock_guard lock(mutex);
         registrations.push_back(registration);
     }
-    const int64_t times = callsInside.exchange(0);
-    const auto calls = std::vector(static_cast<size_t>(std::abs(times)), registration);
-    if (times < 0)
-        callBack(calls, nullptr);
+    const auto number = static_cast<int32_t>(kind);
+    const int32_t times = callsInside.exchange(0);
+    callBack(number, nullptr, -times);
     if (times > 0)
-        beginEngineThread(
-            -1, [calls] { callBack(calls, nullptr); }, 100); // it may have to wait for us
+        record_fireOn(-1, number, nullptr, times, 100); // it may have to wait for us
     return registration.get();
 }
 
@@ -111,9 +110,9 @@ void removeRegistration(void *handle) {
     const std::shared_ptr<Registration> registration = *found;
     registrations.erase(found);
     registration->removed = true;
-    const auto self = std::this_thread::get_id();
-    callEnded.wait(
-        lock, [&] { return std::ranges::all_of(registration->callers, [&](auto id) { return id == self; }); });
+    callEnded.wait(lock, [&, self = std::this_thread::get_id()] {
+        return std::ranges::all_of(registration->callers, [&](auto caller) { return caller == self; });
+    });
 }
 
 } // namespace sonetrix::record
@@ -127,62 +126,39 @@ void record_begin() {
     static_cast<void>(engine);
 }
 
-void record_reset() { Recorder::instance().reset(); }
-void record_noting(int32_t on) { Recorder::instance().noting = on != 0; }
-// The text stays valid until the same thread asks again; also the next.
-const char *record_calls(int32_t clear) {
-    thread_local std::string text;
-    text = Recorder::instance().calls(clear != 0);
-    return text.c_str(); // NOLINT(clang-analyzer-cplusplus.InnerPointer): as said above
-}
-const char *record_violations() {
-    thread_local std::string text;
-    text = Recorder::instance().violations();
-    return text.c_str(); // NOLINT(clang-analyzer-cplusplus.InnerPointer)
-}
-int64_t record_lists() { return Recorder::instance().listCount(); }
-void record_hook(const char *name, Hook hook) { Recorder::instance().hook(name) = hook; }
-
 // As odd as the value may be; without a key, to a list of values.
 void record_add(void *list, const char *key, const sonetrix_value_t *value) {
-    if (key) {
+    if (key)
         static_cast<sonetrix_cListKeyValue_t *>(list)->add(key, *value);
-    } else {
+    else
         static_cast<sonetrix_cListValue_t *>(list)->addRecord(*value);
-    }
+}
+
+// What is allocated with malloc.
+int64_t record_nativeBytes() {
+    const auto now = mallinfo2();
+    return static_cast<int64_t>(now.uordblks + now.hblkhd);
 }
 
 int64_t record_registrations(int32_t kind) { return std::ssize(ofKind(static_cast<Kind>(kind))); }
-void record_callInside(int64_t times) { callsInside = times; }
+void record_callInside(int32_t times) { callsInside = times; }
 void record_fire(int32_t kind, const sonetrix_cListKeyValue_t *list, int32_t threads, int32_t times) {
-    const auto work = [=] {
-        for (int32_t i = 0; i < times; ++i)
-            callBack(ofKind(static_cast<Kind>(kind)), list);
-    };
-    if (threads == 0) {
-        comesInHolding = lockHeld() == 1;
-        work();
-        comesInHolding = false;
-        return;
-    }
-    std::vector<std::jthread> workers;
-    workers.reserve(static_cast<size_t>(threads));
-    for (int32_t i = 0; i < threads; ++i)
-        workers.emplace_back(work);
+    if (threads == 0)
+        callBack(kind, list, times);
+    std::vector<std::jthread> workers(static_cast<size_t>(threads));
+    for (std::jthread &worker : workers)
+        worker = std::jthread(callBack, kind, list, times);
 }
 void record_fireOn(int32_t thread, int32_t kind, const sonetrix_cListKeyValue_t *list, int32_t times, int32_t wait) {
-    beginEngineThread(
-        thread, [=] { record_fire(kind, list, 0, times); }, wait ? 60'000 : 0);
+    auto made = std::make_unique<EngineThread>([=] { callBack(kind, list, times); });
+    EngineThread &one = *made;
+    std::unique_lock lock(threadsMutex);
+    engineThreads[thread].swap(made);
+    lock.unlock();
+    static_cast<void>(one.through.try_acquire_for(std::chrono::milliseconds(wait)));
 }
 void record_join(int32_t thread) {
     std::unique_lock lock(threadsMutex);
-    auto ending = engineThreads.extract(thread);
+    const auto ending = engineThreads.extract(thread);
     lock.unlock();
-    if (ending)
-        ending.mapped().joined.set_value();
-}
-int32_t record_elsewhere(int32_t (*function)(const void *, void *), const void *first, void *second) {
-    int32_t result = 0;
-    std::thread([&] { result = function(first, second); }).join();
-    return result;
 }

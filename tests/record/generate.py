@@ -10,19 +10,44 @@ import pathlib
 import re
 import sys
 
-FUNCTION = re.compile(r"^(?!typedef)([\w ]+[ *]+?)(sonetrix_\w+|readMeters)\(([^;{}]*?)\)\s*;", re.MULTILINE)
+FUNCTION = re.compile(r"^(?!typedef)([\w ]+[ *]+?)((?:sonetrix|record)_\w+|readMeters)\(([^;{}]*?)\)\s*;", re.MULTILINE)
 FILLED_IN = re.compile(r"(?<!const )\b(float|uint32_t|struct timespec|sonetrix_value_t|sonetrix_readMeters_t) \*|\*\*")
 BY_HAND = "sonetrix_log"  # takes any number of arguments
 READ_METERS = """
 sonetrix_cListKeyValue_t *readMeters(sonetrix_engine_t *engine, const char *module, sonetrix_module_meters_type type);
 """
+# The interpreter lock is held in these, and may be so in those: what the module initialises for itself, and what the
+# console's host does on its own account. In all others it is released.
+HELD = re.compile("sonetrix_(valueList|keyValueList|clock_)")
+EITHER = re.compile("sonetrix_(valueInit|valueDeinit|malloc|free)")
+# What is done where it is not the engine's own function: nothing happens by itself, the engine says that it runs and
+# every driver that it is loaded, and what would go to the console or to the system's log goes nowhere.
+DONE = {
+    **dict.fromkeys(("sonetrix_log_" + name for name in ("LogString", "time", "file_time", "filename", "syslog",
+                                                         "journald")), "void()"),
+    "sonetrix_memory_rt_inspect": "void()",
+    "sonetrix_engine_IsRunning": "1",
+    "sonetrix_engine_DriverIsLoaded": "reference != nullptr",
+    **dict.fromkeys(("sonetrix_engine_SetParamsFull", "sonetrix_engine_SetParamsFullCli"), "0"),
+    "sonetrix_engine_registerMeterManager": "(*read = readMeters, 0)",
+    "readMeters": "nullptr",
+    "sonetrix_engine_notify_changes_addCallback": "addRegistration(Kind::Changes, callback, user)",
+    "sonetrix_engine_addCallbackMeterManager":
+        "addRegistration(type == SONETRIX_METERS_SLOW ? Kind::SlowMeters : Kind::FastMeters, callback, user)",
+    "sonetrix_engine_addTimer":
+        "addRegistration(Kind::Timer, [callback](auto *, void *its) { callback(its); }, user)",
+    **dict.fromkeys(("sonetrix_engine_" + name for name in ("notify_changes_rmCallback", "rmCallbackMeterManager",
+                                                            "delTimer")), "removeRegistration(handle)"),
+    **dict.fromkeys(("sonetrix_valueListDestroy", "sonetrix_keyValueListDestroy"),
+                    "ended(list, [list] { next(list); })"),
+}
 
 
 def functions(header):
     """(result type, name, [(parameter's type, its name)]) of each."""
-    text = re.sub(r"/\*.*?\*/|^#.*?$|__attribute__\(\(.*?\)\)\)?", "", header, flags=re.DOTALL | re.MULTILINE)
-    for result, name, parameters in FUNCTION.findall(text + READ_METERS):
-        words = [" ".join(word.split()) for word in parameters.split(",") if word not in ("void", " ...")]
+    text = re.sub(r"/\*.*?\*/|//.*?$|^#.*?$|__attribute__\(\(.*?\)\)\)?", "", header, flags=re.DOTALL | re.MULTILINE)
+    for result, name, parameters in FUNCTION.findall(text):
+        words = [" ".join(word.split()) for word in parameters.split(",") if word not in ("", "void", " ...")]
         if name not in (BY_HAND, "sonetrix_engineCliCostructor"):
             yield result.strip(), name, [re.fullmatch(r"(.*?)(\w+)", word).groups() for word in words]
 
@@ -30,7 +55,7 @@ def functions(header):
 def literals(parameters):
     for kind, name in parameters:
         if name == "elements":
-            yield "arrayLiteral(elements, count)"
+            yield "literal(elements, count)"
         elif name in ("list", "other"):
             yield f"literal(static_cast<const void *>({name}))"
         elif not (name in ("user", "written", "count") or "Callback_t" in kind or FILLED_IN.search(kind)):
@@ -40,19 +65,30 @@ def literals(parameters):
 def wrapper(result, function, parameters):
     declared = ", ".join(kind + name for kind, name in parameters)
     passed = ", ".join(name for _, name in parameters)
+    lists = [name for kind, name in parameters if re.fullmatch(r"(const )?sonetrix_cList\w+ \*", kind)]
+    lock = "Held" if HELD.match(function) else "Either" if EITHER.match(function) else "Released"
     note = " + ".join(text + ' + ","' for text in literals(parameters)) or "std::string()"
+    read = f"literal({lists[0]})" if function.endswith("ListForEach") else note
+    done = DONE.get(function, f"next({passed})")
+    answer = f"{done}; return int64_t()" if result == "void" else f"return word<{result}>({done})"
+    taken = [f"*{name}" for kind, name in parameters if kind.endswith("**") and "List" in kind]
+    if "List" in result:
+        taken.append(f"as<const void *>(given), {str(function.endswith('getStartParameter')).lower()}")
     return f"""
 {result} {function}({declared}) {{
-    return recorded<{function}>([&] {{ return {note}; }}{passed and ", " + passed});
+    [[maybe_unused]] static auto *const next = found<decltype({function})>("{function}", RTLD_NEXT);
+    const int64_t words[] = {{{"".join(f"word({name}), " for _, name in parameters)}0}};
+    const int64_t given = recorded("{function}", Lock::{lock}, {{{", ".join(lists)}}}, words,
+        [&] {{ return {note}; }}, [&] {{ return {read}; }}, [&] {{ {answer}; }});
+    {" ".join(f"began({list});" for list in taken)}
+    return as<{result}>(given);
 }}"""
 
 
 def main(header, output):
-    every = list(functions(pathlib.Path(header).read_text()))
-    names = [f'template <> inline constexpr const char *nameOf<{name}> = "{name}";' for _, name, _ in every]
+    every = functions(pathlib.Path(header).read_text() + READ_METERS)
     pathlib.Path(output).write_text("\n".join((
-        '#include "record.h"\n', "namespace sonetrix::record {", *names, "}\n", '#include "quiet_engine.h"\n',
-        "using namespace sonetrix::record;", *(wrapper(*function) for function in every), "")))
+        '#include "record.h"\n', "using namespace sonetrix::record;", *(wrapper(*function) for function in every), "")))
 
 
 if __name__ == "__main__":

@@ -2,8 +2,7 @@
 
     for name, call in calls.every(sonetrix).items(): call()
 
-What a parameter gets goes by its name; a new one has to be told here. With the engine scripted by `prepare`, every call
-returns.
+What a parameter gets goes by its name; a new one has to be told here. After `prepare` every call returns.
 """
 
 import functools
@@ -14,11 +13,7 @@ import types
 from unittest import mock
 
 from . import record
-from .record import Module, Value
 
-LISTS = "GetModulesList", "GetAllPortNames", "GetLinkPort"
-TABLES = "GetParams", "GetLastMeters", "meterInfoList", "getStartParameter", "ModuleGetStartParameter", "SetParamsFull"
-ENTRIES = {"k.a": 5, "k.b": Value(99), "k.c": ((1.5,), "afloat"), "k.d": "text"}
 # Nothing sleeps, no file is written, and what the standard library does on the way is left out.
 STAND_INS = {"time": types.SimpleNamespace(sleep=lambda seconds: None), "open": lambda *arguments: io.StringIO(),
              "os": types.SimpleNamespace(path=os.path, get_terminal_size=lambda: os.terminal_size((80, 9))),
@@ -27,16 +22,12 @@ STAND_INS = {"time": types.SimpleNamespace(sleep=lambda seconds: None), "open": 
 
 
 def prepare(case):
-    """Scripts the engine for the test."""
-    for name in LISTS:
-        record.gives("sonetrix_engine_" + name, ["x", 5, Value(99)])
-    for name in TABLES:
-        record.gives("sonetrix_engine_" + name, ENTRIES)
-    record.text("sonetrix_engine_DriverGetName", b"driver")
-    record.modules(Module.of(b"a", 0, sources=[(b"a:1", 1)]), Module.of(b"b", 1, sinks=[(b"b:1", 1, b"a:1")]))
+    """Gives the engine something to tell of, for the test."""
+    engine = case.sonetrix.engine
+    case.sonetrix.log.setLevel(5)  # the engine says what it thinks of such arguments
+    engine.newModule("a", "amp_mono", None), engine.newModule("b", "amp_mono", None), engine.link("a:output", "b:input")
+    record.gives("sonetrix_engine_getStartParameter", {"a": 5, "b": "text"})
     record.result("sonetrix_engine_IsRunning", 0)
-    for name in "ModuleNew", "ModuleDelete", "LinkPort":
-        record.result("sonetrix_engine_" + name, 0)
     for name, stand_in in STAND_INS.items():
         case.enterContext(mock.patch.object(case.sonetrix, name, stand_in, create=True))
 
@@ -59,7 +50,8 @@ class Call:
 
     def __call__(self, **others):
         arguments = [value() if isinstance(value, Fresh) else value for value in {**self.arguments, **others}.values()]
-        return self.function(*([self.target()] if self.target else []), *arguments)
+        function = self.function.__get__(self.target()) if self.target else self.function
+        return function(*arguments)
 
 
 class Fresh(functools.partial):
@@ -69,13 +61,14 @@ class Fresh(functools.partial):
 def every(sonetrix):
     plain, keyed = sonetrix.listValue, sonetrix.listKeyValue
     # Made once, as objects that a script keeps.
-    names, table = plain().append("a.").append("b"), keyed().append("k", 1).append("f", (1.0, 2.0)).append("s", "x")
+    names, table = plain().append("a.").append("b"), keyed().append("a.gain", 1.5).append("f", (1.0, 2.0))
     values = {
         "callback": len, "cb": bool, "d": {"a": 1, "b": (1.0,)}, "exitcode": 3, "f": types.SimpleNamespace(write=len),
-        "filename": "file", "hold": True, "identifier": b"id", "info": table, "k": "a.x", "level": 3,
+        "filename": "file", "hold": True, "identifier": b"id", "info": table, "k": "system.p", "level": 5,
         "lineHeaderCount": 2, "lines": "a\nb", "message": "\u00fc", "meters_type": 1, "module": b"m",
-        "name": bytearray(b"a"), "on": True, "p": "a:out", "p1": "a:out", "p2": bytearray(b"b:in"), "timeOn": 1,
-        "timeout_ms": 5, "type": None, "v": "x", "timeout.callback": print, "engine.addTimer.callback": print,
+        "name": bytearray(b"c"), "on": True, "p": "a:output", "p1": "a:output", "p2": bytearray(b"b:input"),
+        "timeOn": 1, "timeout_ms": 5, "type": None, "v": "x", "timeout.callback": print,
+        "engine.addTimer.callback": print,
         "engine.getParams.k": names, "engine.getParam.k": ["a.", b"b"], "engine.setParams.k": table,
         "engine.setParamsCli.k": table, "engine.addDebugMeter.type": "", "log.logb.message": b"x",
         "listKeyValue.appendFromDictType.d": {"a": (1, "int32"), "b": [2.0, None], "c": ((1.0,), "afloat")},
