@@ -125,7 +125,8 @@ def lists():
         assert names["values"].toList() == floor.newestToList(count)
         reading = f"`toList()` of {count:,}, per element"
         yield row(reading, "values.toList()", "floor.newestToList(count)", 1.10, names, **options)
-        yield row(reading + "; floor that asks for the lock", "values.toList()", "floor.newestToListAsking(count)", None,
+        asking = reading + "; floor that asks for the lock"
+        yield row(asking, "values.toList()", "floor.newestToListAsking(count)", None,
                   names, **options)
 
 

@@ -12,7 +12,7 @@ from typing import Any, Callable, ClassVar, Mapping, NotRequired, Protocol, Type
 
 __version__: str
 
-# In the engine a value is one of: uint32, int32, float (32 bits), double, string, or an array of uint32, int32 or float.
+# In the engine a value is one of: uint32, int32, float (32 bits), double, string, an array of uint32, int32 or float.
 # From the engine, strings are bytes and arrays are tuples; towards it, str is encoded as UTF-8.
 _Scalar: TypeAlias = int | float | bytes
 _Read: TypeAlias = _Scalar | tuple[int, ...] | tuple[float, ...]
@@ -128,7 +128,7 @@ class engine:
         """Frames per second."""
     @staticmethod
     def cpuInfo() -> tuple[float, float, float, float, float, float]:
-        """(cpuUsageMean, cpuUsagePeakMean, timeUsage, timeUsagePeak, maxCpuTime, maxCpuTimeErr), percent and seconds."""
+        """(cpuUsageMean, cpuUsagePeakMean, timeUsage, timeUsagePeak, maxCpuTime, maxCpuTimeErr); percent, seconds."""
     @staticmethod
     def hasDriver() -> bool: ...
     @staticmethod

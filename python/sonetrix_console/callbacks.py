@@ -129,8 +129,8 @@ def _timer(milliseconds: int) -> Callable[[Callable[..., None]], timeout]:
 
 
 def ramp(key: str, to: float, seconds: float) -> Callback:
-    """Moves a parameter from where it is to a value, in that time of the engine's timers, by which an engine that does not
-    play in real time goes, too. Another ramp of the same parameter takes its place.
+    """Moves a parameter from where it is to a value, in that time of the engine's timers, by which an engine that does
+    not play in real time goes, too. Another ramp of the same parameter takes its place.
 
     >>> ramp('gain.gain', 0.0, 2.5)
     """

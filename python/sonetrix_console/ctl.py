@@ -279,7 +279,7 @@ def repl(connection: Connection) -> int:
             lines.clear()
 
 
-# Each command: what it does, its arguments, and what it runs in the names of the package: shown there, or given as data.
+# Each command: what it does, its arguments, what it runs in the names of the package: shown there, or given as data.
 COMMANDS = {
     "repl": ("a console in the engine", "", "", ""),
     "eval": ("runs Python text and shows the values of its expressions", "TEXT", "", "{TEXT}"),
@@ -291,7 +291,8 @@ COMMANDS = {
     "unlink": ("removes links, all or those to another one", "FROM [TO]", "", "disconnect({FROM!r}, {TO!r} or None)"),
     "graph": ("modules, their values and links", "", "graph()", "state()"),
     "top": ("the load, live on a terminal; q ends it", "", "top()", "views.engine_load()"),
-    "meters": ("levels, live on a terminal; q ends it", "[PATTERN]", "meters({PATTERN!r})", "views.levels({PATTERN!r})"),
+    "meters": ("levels, live on a terminal; q ends it", "[PATTERN]", "meters({PATTERN!r})",
+               "views.levels({PATTERN!r})"),
     "save": ("writes a script that rebuilds the graph", "[FILE]", "", "session.script()"),
     "load": ("makes the graph what a saved script says", "FILE", "", ""),
 }

@@ -135,7 +135,7 @@ class _Console:
 
     def _wake(self) -> None:
         """Has the console's thread look into the pipe, again and again until it has: a signal may come a moment before
-        that thread waits for a key, which then would come first. So it is with Ctrl-C, for which something is put there."""
+        that thread waits for a key, which then would come first. So with Ctrl-C, for which something is put there."""
         signal.pthread_sigmask(signal.SIG_BLOCK, signal.valid_signals())  # Ctrl-C is for the console's thread
         while not self._ended:
             ready, _, _ = select.select([self._pipe, self._signals], [], [])

@@ -82,7 +82,7 @@ def install() -> None:
 
     def show_trimmed(kind: type[BaseException], error: BaseException, traceback: TracebackType | None) -> None:
         trim(error, traceback)
-        if traceback and traceback.tb_frame.f_code.co_filename == output.__file__:  # where Ctrl-C has struck at the prompt
+        if traceback and traceback.tb_frame.f_code.co_filename == output.__file__:  # Ctrl-C at the prompt
             error, traceback = error.with_traceback(None), None
         show_error(kind, error, traceback)
 

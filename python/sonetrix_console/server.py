@@ -313,7 +313,7 @@ class _Server(socketserver.ThreadingMixIn, socketserver.UnixStreamServer):
         with contextlib.suppress(OSError):
             if os.path.samestat(self._path.stat(), self._file):
                 self._path.unlink()
-        for seconds, act in ((0.1, Client.interrupt), (1.0, Client.hang_up)):  # a text that has just said exit() ends so
+        for seconds, act in ((0.1, Client.interrupt), (1.0, Client.hang_up)):  # one that said exit() ends so
             end = time.monotonic() + seconds
             while time.monotonic() < end and any(client.busy for client in list(self.clients)):
                 time.sleep(0.002)
