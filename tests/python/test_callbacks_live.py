@@ -189,9 +189,9 @@ ctypes.CDLL(None).exit(3)
                                                      environment=programs.OUTLIVED) as terminal:
                 terminal.prompt()
                 if line.startswith("cpu"):
-                    terminal.send("quitter = timeout(300, lambda: exit(7))")
+                    terminal.sendline("quitter = timeout(300, lambda: exit(7))")
                     terminal.prompt()
-                terminal.send(line)
+                terminal.sendline(line)
                 self.assertEqual(terminal.end(), status)
                 ended = terminal.transcript.split(line, 1)[-1]
                 self.assertNotRegex(ended, "Error|Exception|WARN|Fatal")

@@ -1,6 +1,7 @@
 """The console on a terminal, as somebody at the keyboard finds it in the development engine."""
 
 import re
+import signal
 import tempfile
 import time
 import unittest
@@ -36,9 +37,9 @@ class ConsoleTest(unittest.TestCase):
                 with self.subTest(line):
                     self.assertTrue(console.ask(line).endswith(answer), console.transcript)
             console.prompt()
-            console.send("def later():")
+            console.sendline("def later():")
             console.expect(r"\.\.\. ")
-            console.control("D")  # ends the statement, not the console
+            console.send("\x04")  # ends the statement, not the console
             console.expect("IndentationError")
             self.assertGreater(console.ask("help(engine)").count("\n"), 100)  # and no key is pressed
             self.assertEnds(console)
@@ -65,7 +66,7 @@ class ConsoleTest(unittest.TestCase):
             with self.subTest(typed), self.console() as console:
                 for _ in range(2):  # the first leaves the console as it was
                     console.prompt()
-                    console.write(typed)
+                    console.send(typed)
                     console.expect(under_way)
                     before = console.interrupt()
                     self.assertEqual("Traceback" in before, traceback, console.transcript)
@@ -77,10 +78,10 @@ class ConsoleTest(unittest.TestCase):
         for _ in range(5):
             with self.console(environment=OUTLIVED) as console:
                 console.prompt()
-                console.send("add_clear_callback(lambda: print('clea' + 'ring', flush=True)); exit(5)")
+                console.sendline("add_clear_callback(lambda: print('clea' + 'ring', flush=True)); exit(5)")
                 console.expect("clearing\r?\n")  # before that, Ctrl-C may strike the line
                 while console.process.poll() is None:
-                    console.signal()
+                    console.process.send_signal(signal.SIGINT)
                     time.sleep(0.001)
                 self.assertEqual(console.end(), 5, console.transcript)
 
@@ -98,9 +99,9 @@ class ConsoleTest(unittest.TestCase):
         with tempfile.NamedTemporaryFile("r") as output, self.console(
                 "-c", 'exec "$0" > "$1"', ENGINE, output.name, program="/bin/sh") as console:
             console.prompt()
-            console.send("print('out' + 'put')")
+            console.sendline("print('out' + 'put')")
             console.prompt()
-            console.write("half")
+            console.send("half")
             console.interrupt()
             self.assertEnds(console, "exit(3)", 3)
             self.assertEqual(output.read(), "output\n")

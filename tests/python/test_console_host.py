@@ -6,6 +6,7 @@ import os
 import pathlib
 import random
 import re
+import signal
 import tempfile
 import time
 import unittest
@@ -109,10 +110,10 @@ import _ctypes, _json, _decimal, zlib, _socket  # although the library is bound 
     def test_ctrl_c_while_it_is_constructed(self):
         with host.Terminal(start("import time; time.sleep(1)")) as console:
             for _ in range(500 * SLOWNESS):
-                console.signal()
+                console.process.send_signal(signal.SIGINT)
                 time.sleep(0.001)
             time.sleep(0.5 * SLOWNESS)
-            console.command("stop")
+            console.tell("stop")
             self.assertEqual(console.finish().facts["run"], ENDED)
 
 
@@ -191,9 +192,9 @@ class Stop(unittest.TestCase):
             text, under_way = STATES[state]
             if text:
                 console.prompt()
-                console.send(text)
+                console.sendline(text)
             console.expect(under_way)
-            console.command("stop\nstop")
+            console.tell("stop\nstop")
             facts, log, _ = console.finish()
             handles = NO_SIGINT not in operations
             self.assertIn((INFO, "interactive console" + " (KeyboardInterrupt default python handler)" * handles), log)
@@ -225,11 +226,11 @@ class Stop(unittest.TestCase):
     def test_what_the_engine_keeps_from_being_interrupted(self):
         with host.Terminal(NO_SIGINT) as console:
             console.prompt()
-            console.send("import time; print('go' + 'ing'); time.sleep(1); print('re' + 'sted'); input('no prompt')")
+            console.sendline("import time; print('go' + 'ing'); time.sleep(1); print('re' + 'sted'); input('no prompt')")
             console.expect("going")
-            console.command("stop")
+            console.tell("stop")
             console.expect("rested")
-            console.send("")  # running code is not interrupted, nor what it reads
+            console.sendline("")  # running code is not interrupted, nor what it reads
             console.finish()
             self.assertNotIn("KeyboardInterrupt", console.transcript)
 
@@ -255,7 +256,7 @@ class Stop(unittest.TestCase):
         facts, log, _ = host.run("construct", "stop", "stop", "destroy")
         self.assertEqual((log[1:], facts["stopRequested"]), (twice, 1))
         with host.Terminal(*STOPPED_BEFORE) as console:
-            console.send("print('in' + 'put')")
+            console.sendline("print('in' + 'put')")
             facts, log, _ = console.finish()
             self.assertEqual((facts["run"], log[-3:]), (ENDED, twice))
             self.assertNotRegex(console.transcript, "(?m)^input")
@@ -277,9 +278,9 @@ class Stop(unittest.TestCase):
             code = start(CLEARED + pick.choice(["", "import readline\n"]))
             with host.Terminal(*where, code, *[NO_SIGINT] * keep, *stopped_after(delay)) as console:
                 for _ in range(pick.randrange(8)):
-                    console.send(pick.choice(["1 + 1", "if True: pass\n", "", "input()", "def f(): pass\n"]))
+                    console.sendline(pick.choice(["1 + 1", "if True: pass\n", "", "input()", "def f(): pass\n"]))
                 # What the engine keeps from being interrupted ends by itself.
-                console.send("\n" * 20 if keep else pick.choice(["", f"exec({loop!r})"]))
+                console.sendline("\n" * 20 if keep else pick.choice(["", f"exec({loop!r})"]))
                 facts, log, _ = console.finish()
                 return facts, log, console.transcript
 

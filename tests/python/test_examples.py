@@ -1,14 +1,15 @@
-"""Every example does what it says, run as a newcomer would run it."""
+"""Every example, and the README's session, does what it says, run as a newcomer would run it."""
 
 import pathlib
-import subprocess
+import re
 import tempfile
 import unittest
 
-import support
-from support import console, in_real_time, programs, sound
+from support import SOURCE, in_real_time, sound
+from support.console import Console
+from support.programs import run, run_engine
 
-EXAMPLES = support.SOURCE / "examples"
+EXAMPLES = SOURCE / "examples"
 
 
 class Examples(unittest.TestCase):
@@ -16,7 +17,7 @@ class Examples(unittest.TestCase):
         self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
 
     def run_example(self, name, *arguments, options=(), status=0, errors=""):
-        result = programs.run_engine(*options, EXAMPLES / name, *arguments)
+        result = run_engine(*options, EXAMPLES / name, *arguments)
         self.assertEqual((result.returncode, result.stderr), (status, errors), result.stdout)
         return result.stdout
 
@@ -48,27 +49,25 @@ class Examples(unittest.TestCase):
         file = self.folder / "graph.dot"
         self.run_example("graph_dot.py", status=1, errors=f"usage: {EXAMPLES / 'graph_dot.py'} FILE\n")
         self.run_example("graph_dot.py", file)
-        plain = subprocess.run(["dot", "-Tplain", file], capture_output=True, text=True, check=True).stdout
-        words = [line.split() for line in plain.splitlines()]
-        self.assertEqual(sum(line[0] == "node" for line in words), 5)
-        self.assertEqual(sum(line[0] == "edge" and "invis" not in line for line in words), 4)
+        words = [line.split() for line in run("dot", "-Tplain", file).stdout.splitlines()]
+        self.assertEqual([sum(line[0] == kind and "invis" not in line for line in words)
+                          for kind in ("node", "edge")], [5, 4])
         # The picture of the documentation is made from this example.
-        self.assertEqual((support.SOURCE / "docs" / "graph.svg").read_text().count('class="node"'), 5)
+        self.assertEqual((SOURCE / "docs" / "graph.svg").read_text().count('class="node"'), 5)
 
     def test_watch_parameter(self):
         changes = "gain.gain is now 0.4\ngain.gain is now 0.3\ngain.gain is now 0.2\n"
         self.assertEqual(self.run_example("watch_parameter.py"), changes)
-        with console.Console("-i", EXAMPLES / "watch_parameter.py") as terminal:
+        with Console("-i", EXAMPLES / "watch_parameter.py") as terminal:
             terminal.prompt()
-            terminal.send('chain.set_parameter("gain.gain", 0.75)')
+            terminal.sendline('chain.set_parameter("gain.gain", 0.75)')
             terminal.expect(r"gain\.gain is now 0\.75\n")
-            self.assertEqual(terminal.end("exit(3)"), 3)
 
     def test_level_meter(self):
         # The tone's peak of 0.25 is 12 dB below full scale, which is a fifth of the bar's 60.
-        with console.Console(EXAMPLES / "level_meter.py") as terminal:
+        with Console(EXAMPLES / "level_meter.py") as terminal:
             terminal.expect(r"#{32}-{8}  -12\.0 dB")
-            terminal.control("C")
+            terminal.send("\x03")
             self.assertEqual(terminal.end(), 0)
             self.assertNotIn("Traceback", terminal.transcript)
 
@@ -84,6 +83,17 @@ class Examples(unittest.TestCase):
         sound.write_tone(tune, 1000, 0.5, 3.0)  # longer than it takes to start
         printed, heard = self.record("wait_for_event.py", "--input", tune)
         self.assertEqual((printed, *(round(max(channel), 2) for channel in heard.channels)), ("silence\n", 0.5, 0))
+
+    def test_readme(self):
+        blocks = re.findall(r"^```\n(engine> .*?)^```$", (SOURCE / "README.md").read_text(), re.M | re.S)
+        *entries, last = re.split("^engine> ", "".join(blocks), flags=re.M)[1:]
+        with Console(cwd=self.folder) as terminal:
+            for line, shown in (entry.rstrip("\n").partition("\n")[::2] for entry in entries):
+                with self.subTest(line):
+                    answer = re.sub(r'"__engine__-\d+"', '"__engine__"', terminal.ask(line))  # from 3.14 on numbered
+                    self.assertEqual(answer, shown)
+            terminal.prompt()
+            self.assertEqual((last, terminal.end("exit(3)")), ("exit(3)\n", 3))
 
 
 if __name__ == "__main__":

@@ -152,7 +152,7 @@ class Signals(unittest.TestCase):
         with Console("-i", "-c", "print('begun')\nwhile True: time.sleep(60)") as console:
             console.expect("begun")
             time.sleep(0.1 * SLOWNESS)
-            console.signal(signal.SIGTERM)
+            console.process.send_signal(signal.SIGTERM)
             self.assertEqual(console.end(), 0)
         with Console("-i", "-c", "a = 5\n1/0") as console:
             console.expect("ZeroDivisionError")

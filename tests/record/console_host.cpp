@@ -74,13 +74,18 @@ void blockConsoleSignals() { blockSignals({SIGINT, SIGURG}); }
 std::mutex threadsMutex;
 std::vector<std::jthread> threads;
 
-void startThread(auto work) {
-    const std::lock_guard lock(threadsMutex);
-    sigset_t before; // signals are blocked from its first instruction on
+// What starts threads: they never see the signals, from their first instruction on.
+void withSignalsBlocked(auto work) {
+    sigset_t before;
     pthread_sigmask(SIG_SETMASK, nullptr, &before);
     blockSignals({SIGINT, SIGTERM, SIGHUP});
-    threads.emplace_back(std::move(work));
+    work();
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+void startThread(auto work) {
+    const std::lock_guard lock(threadsMutex);
+    withSignalsBlocked([&] { threads.emplace_back(std::move(work)); });
 }
 
 void joinThreads() {
@@ -202,7 +207,7 @@ void perform(const std::string &line) {
 } // namespace
 
 int main(int argc, char **argv) {
-    record_begin();
+    withSignalsBlocked(record_begin);
     record_hook("sonetrix_engine_RequestStop", [](auto *, auto *) {
         startThread(stop);
         return false;

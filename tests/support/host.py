@@ -86,7 +86,7 @@ class Terminal(Console):
         super().__exit__(*arguments)
         self.folder.cleanup()
 
-    def command(self, line):
+    def tell(self, line):
         print(line, file=self.commands, flush=True)
 
     def finish(self):

@@ -52,20 +52,8 @@ static const LADSPA_PortDescriptor kinds[PORTS] = {LADSPA_PORT_INPUT | LADSPA_PO
     LADSPA_PORT_OUTPUT | LADSPA_PORT_AUDIO};
 static const char *const names[PORTS] = {"Control (ms)", "Activated", "Overlaps", "Output"};
 static const LADSPA_PortRangeHint hints[PORTS] = {{LADSPA_HINT_BOUNDED_ABOVE | LADSPA_HINT_DEFAULT_1, 0, 10}};
-static const LADSPA_Descriptor probe = {.UniqueID = 1,
-    .Label = "probe",
-    .Name = "A probe",
-    .Maker = "",
-    .Copyright = "",
-    .PortCount = PORTS,
-    .PortDescriptors = kinds,
-    .PortNames = names,
-    .PortRangeHints = hints,
-    .instantiate = instantiate,
-    .connect_port = connect,
-    .activate = activate,
-    .run = run,
-    .cleanup = cleanup};
+static const LADSPA_Descriptor probe = {1, "probe", 0, "A probe", "", "", PORTS, kinds, names, hints, NULL, instantiate,
+    connect, activate, run, NULL, NULL, NULL, cleanup};
 static const LADSPA_Descriptor unlabelled = {.UniqueID = 2};
 
 const LADSPA_Descriptor *ladspa_descriptor(unsigned long index) {
