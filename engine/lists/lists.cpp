@@ -16,44 +16,34 @@ bool isArray(uint32_t type) noexcept {
     return type == SONETRIX_VALUE_AUINT32 || type == SONETRIX_VALUE_AINT32 || type == SONETRIX_VALUE_AFLOAT;
 }
 
-/// In memory of malloc, as the interface's own value functions keep theirs.
-void *copied(const void *data, size_t size) {
-    void *copy = std::malloc(std::max<size_t>(size, 1));
-    if (copy == nullptr)
+/// Of the value's string or array: none where it says it has elements and shows none.
+size_t contentSize(const sonetrix_value_t &value) {
+    const bool isString = value.type == SONETRIX_VALUE_STRING;
+    if ((!isString && !isArray(value.type)) || value.as.array == nullptr)
+        return 0;
+    if (!isString && value.count > PTRDIFF_MAX / elementSize)
         throw std::bad_alloc();
-    if (size != 0)
-        std::memcpy(copy, data, size);
-    return copy;
+    return isString ? std::strlen(value.as.string) + 1 : value.count * elementSize;
 }
 
-const char *copied(const char *text) { return static_cast<const char *>(copied(text, std::strlen(text) + 1)); }
+std::shared_ptr<const void> separate(sonetrix_value_t &value, const char **key) {
+    const size_t size = contentSize(value);
+    const size_t keySize = key != nullptr ? std::strlen(*key) + 1 : 0;
+    if (size + keySize == 0)
+        return nullptr;
+    auto copies = std::make_shared_for_overwrite<uint32_t[]>((size + keySize) / elementSize + 1); // aligned for arrays
+    auto *const bytes = reinterpret_cast<char *>(copies.get());
+    if (size != 0)
+        value.as.array = std::memcpy(bytes, value.as.array, size);
+    if (keySize != 0)
+        *key = static_cast<const char *>(std::memcpy(bytes + size, *key, keySize));
+    return copies;
+}
 
 } // namespace
 
-// An array that says it has elements and shows none stays so.
-sonetrix_value_t deepCopy(const sonetrix_value_t &record) {
-    sonetrix_value_t copy = record;
-    if (record.type == SONETRIX_VALUE_STRING && record.as.string != nullptr) {
-        copy.as.string = copied(record.as.string);
-    } else if (isArray(record.type) && record.as.array != nullptr) {
-        if (record.count > PTRDIFF_MAX / elementSize)
-            throw std::bad_alloc();
-        copy.as.array = copied(record.as.array, record.count * elementSize);
-    }
-    return copy;
-}
-
-sonetrix_keyValue_t deepCopy(const sonetrix_keyValue_t &record) {
-    Value value(record.value);
-    return {copied(record.key), 0, value.release()};
-}
-
-void free(sonetrix_value_t &record) noexcept { sonetrix_valueDeinit(&record); }
-
-void free(sonetrix_keyValue_t &record) noexcept {
-    std::free(const_cast<char *>(record.key));
-    free(record.value);
-}
+std::shared_ptr<const void> separate(sonetrix_value_t &record) { return separate(record, nullptr); }
+std::shared_ptr<const void> separate(sonetrix_keyValue_t &record) { return separate(record.value, &record.key); }
 
 } // namespace sonetrix::dev
 

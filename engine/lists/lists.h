@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 #include <iterator>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -49,33 +50,24 @@ template <class T> sonetrix_value_t valueRecord(T value) noexcept {
 }
 inline sonetrix_value_t valueRecord(const std::string &text) noexcept { return valueRecord(text.c_str()); }
 
-// Of both records: a copy with strings and arrays of its own, which throws std::bad_alloc; and what frees those.
-sonetrix_value_t deepCopy(const sonetrix_value_t &record);
-sonetrix_keyValue_t deepCopy(const sonetrix_keyValue_t &record);
-void free(sonetrix_value_t &record) noexcept;
-void free(sonetrix_keyValue_t &record) noexcept;
+// Of both records: makes one point to copies of its strings and arrays. Their owner.
+std::shared_ptr<const void> separate(sonetrix_value_t &record);
+std::shared_ptr<const void> separate(sonetrix_keyValue_t &record);
 
-/// A record that owns its strings and arrays.
+/// A record that owns its strings and arrays. Copies share them, since nobody changes them.
 template <class Owned> class RecordOwner {
 public:
     using Record = Owned;
 
-    explicit RecordOwner(const Record &record) : record_(deepCopy(record)) {}
-    RecordOwner(const RecordOwner &other) : RecordOwner(other.record_) {}
-    RecordOwner(RecordOwner &&other) noexcept : record_(other.release()) {}
-    RecordOwner &operator=(RecordOwner other) noexcept {
-        std::swap(record_, other.record_);
-        return *this;
-    }
-    ~RecordOwner() { free(record_); }
+    /// A deep copy. Throws std::bad_alloc.
+    explicit RecordOwner(const Record &shown) : record_(shown), content_(separate(record_)) {}
 
     [[nodiscard]] const Record &record() const noexcept { return record_; }
-    /// The caller has it.
-    Record release() noexcept { return std::exchange(record_, {}); }
     operator const Record &() const noexcept { return record_; } // NOLINT(google-explicit-constructor)
 
 private:
     Record record_;
+    std::shared_ptr<const void> content_;
 };
 
 using Value = RecordOwner<sonetrix_value_t>;       // a typed value
