@@ -71,12 +71,12 @@ Engine::Engine(const Options &options, ListKeyValue startParameters)
       startParameters_(std::move(startParameters)),
       catalogue_(options.format.rate, finishBeforeExitHandlers),
       system_(makeSystem(options)),
-      graph_(std::make_unique<Graph>(system_, options.format, catalogue_, parameters_)),
-      meters_(std::make_unique<Meters>(*graph_, *system_, options.format)),
-      notifier_(std::make_unique<Notifier>(parameters_, options.format.blockTime())),
+      graph_(system_, options.format, catalogue_, parameters_),
+      meters_(graph_, *system_, options.format),
+      notifier_(parameters_, options.format.blockTime()),
       timers_(options.offlineSeconds > 0),
       driver_(makeDriver()) {
-    parameters_.setListener([this](const char *key) { notifier_->parameterWritten(key); });
+    parameters_.setListener([this](const char *key) { notifier_.parameterWritten(key); });
     parameters_.add("engine", ownParameters());
     parameters_.addReader("plugins", [this](auto name, ListKeyValue &result) { catalogue_.describe(name, result); });
 }
@@ -89,7 +89,7 @@ std::unique_ptr<Driver> Engine::makeDriver() {
         return std::make_unique<ClockDriver>(options_.format, process);
     const auto before = [this](std::chrono::nanoseconds rendered) {
         if (timers_.advanceTo(rendered))
-            graph_->flush();
+            graph_.flush();
     };
     auto driver = std::make_unique<OfflineDriver>(options_.format, process, before, options_.offlineSeconds);
     offline_ = driver.get();
@@ -107,13 +107,13 @@ std::vector<Parameter> Engine::ownParameters() {
         {"rate", reader([this] { return options_.format.rate; })},
         {"block", reader([this] { return options_.format.block; })},
         {"xruns", reader([this] { return driver_->xruns(); })},
-        {"meters.dropped", reader([this] { return meters_->dropped(); })},
+        {"meters.dropped", reader([this] { return meters_.dropped(); })},
         {"log.level", reader([] { return static_cast<int32_t>(sonetrix_log_GetLogLevel()); }),
             {SONETRIX_VALUE_INT32, SONETRIX_LOG_TRACE, SONETRIX_LOG_FATAL},
             [](auto level) { sonetrix_log_SetLogLevel(static_cast<sonetrix_log_level_t>(level.as.int32)); }},
-        {"smoothing", reader([this] { return graph_->smoothing().load(); }),
+        {"smoothing", reader([this] { return graph_.smoothing().load(); }),
             {SONETRIX_VALUE_FLOAT, 0, longestSmoothing, "s"},
-            [this](auto seconds) { graph_->smoothing() = seconds.as.float32; }},
+            [this](auto seconds) { graph_.smoothing() = seconds.as.float32; }},
         {"play.file", reader([this] { return system_->player().file(); }), fileName,
             [this](auto path) { system_->play(path.as.string); }},
         {"play.missed", reader([this] { return system_->player().framesLost(); })},
@@ -134,7 +134,7 @@ std::vector<Parameter> Engine::ownParameters() {
 void Engine::render(float seconds) {
     if (timers_.isCalling())
         throw Refusal(statusBusy, "rendering waits for this timer");
-    graph_->flush();
+    graph_.flush();
     if (!offline_->render(static_cast<double>(seconds)))
         throw Refusal(statusRange, fmt::format("{:g} s are left to render", offline_->secondsLeft()));
     rendered_ = seconds;
@@ -158,8 +158,8 @@ void Engine::start() {
 // Runs the newest plan and leaves the levels of the driver's ports for the meters.
 int64_t Engine::processBlock(uint32_t wanted, int64_t time) noexcept {
     system_->setWanted(wanted);
-    meanBlockTime_.store(static_cast<float>(graph_->plan().run(time)), std::memory_order_relaxed);
-    meters_->add(system_->levels());
+    meanBlockTime_.store(static_cast<float>(graph_.plan().run(time)), std::memory_order_relaxed);
+    meters_.add(system_->levels());
     if (options_.afterBlock)
         options_.afterBlock();
     return time;
@@ -168,7 +168,7 @@ int64_t Engine::processBlock(uint32_t wanted, int64_t time) noexcept {
 void Engine::noteWaiting() noexcept {
     constexpr uint32_t often = 4; // asks engine.waitUntilEnd ten times a second
     if (offline_ != nullptr && askedRunning_.fetch_add(1, std::memory_order_relaxed) + 1 == often) {
-        graph_->flush();
+        graph_.flush();
         offline_->renderRest([this] { requestStop(); });
     }
 }
@@ -193,7 +193,7 @@ void Engine::carryOutStop() {
 void Engine::finishAudio() noexcept {
     timers_.thread().requestEnd(); // rendering waits for them
     const std::lock_guard lock(finishMutex_);
-    graph_->flush();
+    graph_.flush();
     driver_->stop();
     system_->record({});
 }
@@ -207,7 +207,7 @@ bool Engine::join(std::chrono::milliseconds callbacks) {
         if (!thread->joinUntil(limit))
             return false;
     finishAudio();
-    graph_->join();
+    graph_.join();
     return true;
 }
 
@@ -217,7 +217,7 @@ void Engine::finishBeforeExitHandlers() {
     const auto finish = [] {
         if (Engine *engine = current(); engine != nullptr && !isForkedChild()) {
             engine->finishAudio();
-            engine->graph_->join();
+            engine->graph_.join();
         }
     };
     if (std::atexit(finish) != 0)

@@ -78,10 +78,10 @@ public:
     Parameters &parameters() noexcept { return parameters_; }
     Driver &driver() noexcept { return *driver_; }
     LadspaCatalogue &catalogue() noexcept { return catalogue_; }
-    Graph &graph() noexcept { return *graph_; }
-    Notifier &notifier() noexcept { return *notifier_; }
+    Graph &graph() noexcept { return graph_; }
+    Notifier &notifier() noexcept { return notifier_; }
     Timers &timers() noexcept { return timers_; }
-    Meters &meters() noexcept { return *meters_; }
+    Meters &meters() noexcept { return meters_; }
     /// Mean time that all modules together take per block, in seconds.
     [[nodiscard]] float meanBlockTime() const noexcept { return meanBlockTime_.load(std::memory_order_relaxed); }
 
@@ -93,7 +93,7 @@ private:
     std::vector<Parameter> ownParameters();
     void render(float seconds);
     int64_t processBlock(uint32_t wanted, int64_t time) noexcept;
-    std::array<Thread *, 3> eventThreads() { return {&meters_->thread(), &notifier_->thread(), &timers_.thread()}; }
+    std::array<Thread *, 3> eventThreads() { return {&meters_.thread(), &notifier_.thread(), &timers_.thread()}; }
     void carryOutStop();
     void finishAudio() noexcept;
 
@@ -102,9 +102,9 @@ private:
     Parameters parameters_;
     LadspaCatalogue catalogue_;
     std::shared_ptr<SystemModule> system_;
-    std::unique_ptr<Graph> graph_;
-    std::unique_ptr<Meters> meters_;
-    std::unique_ptr<Notifier> notifier_;
+    Graph graph_;
+    Meters meters_;
+    Notifier notifier_;
     Timers timers_;
     std::atomic<float> meanBlockTime_{0};
     OfflineDriver *offline_ = nullptr; // the driver, if it is one

@@ -1,17 +1,11 @@
 #include "sonetrix/engine_api.h"
 
 #include <atomic>
-#include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <malloc.h>
 
 namespace {
-
-/// In front of every block: its size, padded so that the block keeps malloc's alignment.
-struct alignas(std::max_align_t) Header {
-    size_t size;
-};
 
 std::atomic<size_t> liveBlocks;
 std::atomic<size_t> liveBytes;
@@ -28,26 +22,23 @@ void raisePeak(size_t bytes) noexcept {
 } // namespace
 
 void *sonetrix_malloc(size_t size) {
-    if (size > PTRDIFF_MAX - sizeof(Header))
-        return nullptr;
-    void *memory = std::malloc(sizeof(Header) + size);
+    void *memory = std::malloc(size);
     if (memory == nullptr)
         return nullptr;
-    auto *header = ::new (memory) Header{size};
+    const size_t bytes = malloc_usable_size(memory);
     ++liveBlocks;
-    raisePeak(liveBytes += size);
+    raisePeak(liveBytes += bytes);
     ++totalBlocks;
-    totalBytes += size;
-    return header + 1;
+    totalBytes += bytes;
+    return memory;
 }
 
 void sonetrix_free(void *memory) {
     if (memory == nullptr)
         return;
-    Header *header = static_cast<Header *>(memory) - 1;
     --liveBlocks;
-    liveBytes -= header->size;
-    std::free(header);
+    liveBytes -= malloc_usable_size(memory);
+    std::free(memory);
 }
 
 void sonetrix_memory_rt_inspect() {

@@ -29,15 +29,15 @@ public:
           blocksPerSpan_(std::max(1U, format.rate / format.block / 10)) {}
 
     void add(double processing, double lateness) noexcept {
-        current_.sum += processing;
-        current_.peak = std::max(current_.peak, processing);
-        current_.lateness = std::max(current_.lateness, lateness);
-        if (++current_.blocks < blocksPerSpan_)
+        Span &span = spans_[current_];
+        span.sum += processing;
+        span.peak = std::max(span.peak, processing);
+        span.lateness = std::max(span.lateness, lateness);
+        if (++span.blocks < blocksPerSpan_)
             return;
-        finished_[next_] = current_;
-        next_ = (next_ + 1) % finished_.size();
-        current_ = Span{};
         publish();
+        current_ = (current_ + 1) % spans_.size();
+        spans_[current_] = {};
     }
     /// Each is the newest, though one may be a tenth of a second newer than another.
     [[nodiscard]] CpuFigures figures() const noexcept {
@@ -57,7 +57,7 @@ private:
         Span all;
         double peaks = 0;
         double spans = 0;
-        for (const Span &span : finished_) {
+        for (const Span &span : spans_) {
             all.blocks += span.blocks;
             all.sum += span.sum;
             all.peak = std::max(all.peak, span.peak);
@@ -73,9 +73,8 @@ private:
 
     const double budget_;
     const uint32_t blocksPerSpan_;
-    Span current_;
-    std::array<Span, 10> finished_;
-    size_t next_ = 0;
+    std::array<Span, 10> spans_;
+    size_t current_ = 0;
     std::array<std::atomic<float>, 5> published_{};
 };
 

@@ -100,7 +100,7 @@ std::string Player::file() const {
 }
 
 void Player::pump() noexcept {
-    if (ended_.load(std::memory_order_acquire))
+    if (!isBusy())
         return;
     const std::lock_guard lock(mutex_);
     readAhead();
@@ -155,7 +155,7 @@ std::string Recorder::file() const {
 }
 
 void Recorder::pump() noexcept {
-    if (!active_.load(std::memory_order_acquire))
+    if (!isBusy())
         return;
     const std::lock_guard lock(mutex_);
     writeOut();
@@ -199,7 +199,7 @@ void Recorder::fail(const std::string &reason) noexcept {
 }
 
 void Recorder::write(const float *const *inputs, uint32_t frames) noexcept {
-    if (!active_.load(std::memory_order_acquire))
+    if (!isBusy())
         return;
     const size_t count = std::min<size_t>(frames, ring_.room());
     for (size_t channel = 0; channel < channelCount; ++channel)

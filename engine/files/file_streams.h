@@ -24,7 +24,7 @@ struct SoundFileClose {
 using SoundFile = std::unique_ptr<SNDFILE, SoundFileClose>;
 
 /// Frames on their way between a sound file and the audio thread, which reads or writes a ring. Somebody calls `pump`
-/// of what derives from this every few milliseconds.
+/// of what derives from this every few milliseconds, as long as it is busy.
 class FileStream {
 public:
     explicit FileStream(const AudioFormat &format) : rate_(format.rate), block_(format.block) {}
@@ -70,6 +70,7 @@ public:
     void open(const std::filesystem::path &path);
     /// The file that plays; empty when there is none any more.
     [[nodiscard]] std::string file() const;
+    [[nodiscard]] bool isBusy() const noexcept { return !ended_.load(std::memory_order_acquire); }
     /// Reads ahead.
     void pump() noexcept;
     /// Audio thread: the next frames, channel by channel. False when nothing is played.
@@ -97,6 +98,7 @@ public:
     void open(const std::filesystem::path &path);
     /// The file that is being recorded; empty when there is none.
     [[nodiscard]] std::string file() const;
+    [[nodiscard]] bool isBusy() const noexcept { return active_.load(std::memory_order_acquire); }
     /// Writes what has come in.
     void pump() noexcept;
     /// Audio thread: the next frames, channel by channel.

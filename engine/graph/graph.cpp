@@ -75,16 +75,12 @@ Graph::Graph(
 void Graph::createModule(const char *name, const char *identifier, const ListKeyValue *configuration) {
     checkModuleName(name);
     const LadspaPlugin &plugin = catalogue_.plugin(identifier);
-    const auto requireFree = [](bool isFree) {
-        if (!isFree)
-            throw Refusal(statusExists, "there is a module of that name");
-    };
-    requireFree(module(name) == nullptr);
-    const auto created = makeLadspaModule(name, plugin, format_, smoothing_, configuration);
+    const auto created = std::make_shared<LadspaModule>(name, plugin, format_, smoothing_, configuration);
     auto parameters = created->parameters();
 
     const std::lock_guard lock(mutex_);
-    requireFree(find(modules_, name) == modules_.end());
+    if (find(modules_, name) != modules_.end())
+        throw Refusal(statusExists, "there is a module of that name");
     modules_.emplace_back(created);
     try {
         parameters_.add(name, std::move(parameters));
@@ -182,25 +178,18 @@ std::shared_ptr<const Module> Graph::module(std::string_view name) const {
     return found == modules_.end() ? nullptr : found->module;
 }
 
-std::optional<Graph::Port> Graph::findPort(std::string_view name) {
-    const auto owner = find(modules_, name.substr(0, name.find(':')));
-    if (owner == modules_.end())
-        return std::nullopt;
-    const Module &module = *owner->module;
-    if (const auto source = std::ranges::find(module.sources(), name); source != module.sources().end())
-        return Port{{&module, static_cast<size_t>(source - module.sources().begin())}};
-    const auto sink = std::ranges::find(module.sinks(), name);
-    if (sink == module.sinks().end())
-        return std::nullopt;
-    const auto index = static_cast<size_t>(sink - module.sinks().begin());
-    return Port{{&module, index}, &owner->inputs[index]};
-}
-
 Graph::Port Graph::port(std::string_view name) {
-    const auto found = findPort(name);
-    if (!found)
-        throw Refusal(statusNotFound, "there is no port " + inQuotes(name) + suggestion(name, allPortNames()));
-    return *found;
+    if (const auto owner = find(modules_, name.substr(0, name.find(':'))); owner != modules_.end()) {
+        const Module &module = *owner->module;
+        const auto indexIn = [name](const auto &ports) {
+            return static_cast<size_t>(std::ranges::find(ports, name) - ports.begin());
+        };
+        if (const size_t source = indexIn(module.sources()); source < module.sources().size())
+            return {{&module, source}};
+        if (const size_t sink = indexIn(module.sinks()); sink < module.sinks().size())
+            return {{&module, sink}, &owner->inputs[sink]};
+    }
+    throw Refusal(statusNotFound, "there is no port " + inQuotes(name) + suggestion(name, allPortNames()));
 }
 
 void Graph::edited() noexcept {

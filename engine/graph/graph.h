@@ -71,7 +71,6 @@ private:
 
     // The functions below are called with the mutex held.
     [[nodiscard]] std::vector<std::string> allPortNames() const;
-    [[nodiscard]] std::optional<Port> findPort(std::string_view name);
     /// Throws Refusal when there is none.
     [[nodiscard]] Port port(std::string_view name);
     void edited() noexcept;

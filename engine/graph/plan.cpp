@@ -14,28 +14,24 @@ constexpr double meanSeconds = 0.5; // time constant of the running means
 
 /// Indices into `modules`, the first excepted, so that sources come before what they feed wherever there is no circle.
 std::vector<size_t> dependencyOrder(std::span<const WiredModule> modules) {
-    struct Visit {
-        size_t module;
-        size_t nextInput = 0;
-    };
     std::unordered_map<const Module *, size_t> unseen;
     for (size_t i = 1; i < modules.size(); ++i) // the first one's sources are ready when the block begins
         unseen.emplace(modules[i].module.get(), i);
     std::vector<size_t> order;
-    std::vector<Visit> path;
+    std::vector<std::pair<size_t, size_t>> path; // modules, with how many of their inputs have been looked at
     const auto enter = [&](const Module *module) {
         if (const auto entered = unseen.extract(module))
-            path.push_back({entered.mapped()});
+            path.emplace_back(entered.mapped(), 0);
     };
     for (const WiredModule &root : modules) {
         enter(root.module.get());
         while (!path.empty()) {
-            Visit &visit = path.back();
-            const auto &inputs = modules[visit.module].inputs;
-            if (visit.nextInput == inputs.size()) {
-                order.push_back(visit.module);
+            auto &[module, looked] = path.back();
+            const auto &inputs = modules[module].inputs;
+            if (looked == inputs.size()) {
+                order.push_back(module);
                 path.pop_back();
-            } else if (const auto &source = inputs[visit.nextInput++]) {
+            } else if (const auto &source = inputs[looked++]) {
                 enter(source->module);
             }
         }

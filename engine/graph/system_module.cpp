@@ -45,11 +45,13 @@ SystemModule::SystemModule(const AudioFormat &format, bool offline)
 void SystemModule::play(const std::filesystem::path &path) {
     checkDistinct(path, recorder_.file());
     player_.open(path);
+    wakeFileThread();
 }
 
 void SystemModule::record(const std::filesystem::path &path) {
     checkDistinct(player_.file(), path);
     recorder_.open(path);
+    wakeFileThread();
 }
 
 void SystemModule::checkDistinct(const std::filesystem::path &played, const std::filesystem::path &recorded) const {
@@ -58,7 +60,15 @@ void SystemModule::checkDistinct(const std::filesystem::path &played, const std:
         throw std::runtime_error(recorded.string() + " cannot be played and recorded at once");
 }
 
+void SystemModule::wakeFileThread() {
+    const std::lock_guard lock(fileMutex_);
+    fileOpened_.notify_all();
+}
+
 void SystemModule::fileRound(const std::stop_token &stop) {
+    std::unique_lock lock(fileMutex_);
+    fileOpened_.wait(lock, stop, [this] { return player_.isBusy() || recorder_.isBusy(); });
+    lock.unlock();
     player_.pump();
     recorder_.pump();
     thread_.pause(stop, Thread::Clock::now() + std::chrono::milliseconds(10));

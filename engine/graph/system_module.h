@@ -54,6 +54,7 @@ public:
 
 private:
     void checkDistinct(const std::filesystem::path &played, const std::filesystem::path &recorded) const;
+    void wakeFileThread();
     void fileRound(const std::stop_token &stop);
 
     const bool offline_;
@@ -63,7 +64,9 @@ private:
     bool isSilent_ = true; // what the capture ports carry
     Player player_;
     Recorder recorder_;
-    // Reads and writes the files: the audio thread must not even wake somebody.
+    std::mutex fileMutex_; // of nothing but the file thread's rest
+    std::condition_variable_any fileOpened_;
+    // Reads and writes the files, while there are any: the audio thread must not even wake somebody.
     Thread thread_{"sonetrix-file", [this](const std::stop_token &stop) { fileRound(stop); }};
 };
 

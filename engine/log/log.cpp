@@ -12,6 +12,7 @@
 #include <exception>
 #include <filesystem>
 #include <fmt/format.h>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <pthread.h>
@@ -35,8 +36,8 @@ constexpr std::array targetNames{"console", "log file", "syslog", "journal"};
 constexpr const char *identity = "sonetrix";
 
 /// The process's log. A message goes to the session's targets (console, file, syslog) and to the journal, each group
-/// with its own threshold; one that no target wants costs one comparison. A target that fails is reported once on the
-/// others. Safe from any thread but the audio thread, which must not wait, and in a forked child.
+/// with its own threshold; one that neither group wants costs next to nothing. A target that fails is reported once on
+/// the others. Safe from any thread but the audio thread, which must not wait, and in a forked child.
 class Log {
 public:
     enum Target : size_t { console, file, syslog, journal };
@@ -49,18 +50,17 @@ public:
     }
 
     [[nodiscard]] bool wants(sonetrix_log_level_t level) const noexcept {
-        return effective(level) >= lowest_.load(std::memory_order_relaxed);
+        return effective(level) >= std::min(sessionThreshold_.load(), journalThreshold_.load());
     }
     /// `line` 0: `tag` is no source file.
     void write(sonetrix_log_level_t level, const char *tag, int32_t line, std::string_view text) noexcept {
         if (!wants(level))
             return;
         const int kept = errno; // belongs to the code that logs
-        try {
+        guarded([&] {
             const std::lock_guard lock(mutex_);
             distribute(effective(level), tag != nullptr ? tag : "?", line, text);
-        } catch (...) { // NOLINT(bugprone-empty-catch): no memory left, not even for a report
-        }
+        });
         errno = kept;
     }
 
@@ -69,45 +69,30 @@ public:
         return target == journal ? journalThreshold_ : sessionThreshold_;
     }
     void setThreshold(Target target, sonetrix_log_level_t level) noexcept {
-        const std::lock_guard lock(mutex_);
         (target == journal ? journalThreshold_ : sessionThreshold_) = level;
-        updateLowest();
     }
 
-    // The targets' settings may throw std::bad_alloc, nothing else.
-    void setTimeStamps(Target target, bool on) {
-        const std::lock_guard lock(mutex_);
-        targets_[target].timeStamps = on;
-        format(targets_[target]);
+    void setTimeStamps(Target target, bool on) noexcept {
+        guarded([&] {
+            const std::lock_guard lock(mutex_);
+            targets_[target].timeStamps = on;
+            format(targets_[target]);
+        });
     }
-    /// Does nothing while a file is open; null closes it.
-    void setFile(const char *path) {
-        const std::lock_guard lock(mutex_);
+    /// Opens the target with that function, which may throw, or closes it; nothing if it is so already.
+    void turn(Target target, bool on, const std::function<Sink()> &open) noexcept {
         const int kept = errno;
-        const auto folder = std::filesystem::path(path != nullptr ? path : "").parent_path();
-        std::error_code unreadable;
-        if (path == nullptr)
-            install(file, nullptr);
-        else if (!folder.empty() && !std::filesystem::is_directory(folder, unreadable)) // the sink would make it
-            report(file, "there is no folder " + folder.string());
-        else if (targets_[file].sink == nullptr)
+        guarded([&] {
+            const std::lock_guard lock(mutex_);
+            if (on == (targets_[target].sink != nullptr))
+                return;
             try {
-                install(file, std::make_shared<spdlog::sinks::basic_file_sink_st>(path));
-            } catch (const spdlog::spdlog_ex &error) {
-                report(file, error.what());
+                install(target, on ? open() : nullptr);
+            } catch (const std::exception &error) {
+                report(target, error.what());
             }
+        });
         errno = kept;
-    }
-    void setDaemon(Target target, bool on) {
-        const std::lock_guard lock(mutex_);
-        if (on == (targets_[target].sink != nullptr))
-            return;
-        Sink sink;
-        if (on && target == syslog)
-            sink = std::make_shared<spdlog::sinks::syslog_sink_st>(identity, LOG_PID, LOG_USER, false);
-        else if (on)
-            sink = std::make_shared<spdlog::sinks::systemd_sink_st>(identity);
-        install(target, std::move(sink));
     }
 
 private:
@@ -139,11 +124,6 @@ private:
         targets_[target].sink = std::move(sink);
         targets_[target].failing = false;
         format(targets_[target]);
-        updateLowest();
-    }
-    void updateLowest() noexcept {
-        lowest_ = targets_[journal].sink != nullptr ? std::min(sessionThreshold_.load(), journalThreshold_.load())
-                                                    : sessionThreshold_.load();
     }
     // "WARN  python: text" or "WARN  file.cpp:12: text"; the journal has fields for level, file and line.
     void distribute(sonetrix_log_level_t level, const char *tag, int32_t line, std::string_view text) {
@@ -151,46 +131,39 @@ private:
         const std::string_view name = path.substr(line == 0 ? 0 : path.rfind('/') + 1);
         const std::string place = line == 0 ? fmt::format("{}: ", name) : fmt::format("{}:{}: ", name, line);
         const std::string whole = fmt::format("{:<5} {}{}", levelNames.at(level), place, text);
-        const size_t entry = whole.size() - text.size() - (line == 0 ? place.size() : 0);
+        const auto entry = std::string_view(whole).substr(whole.size() - text.size() - (line == 0 ? place.size() : 0));
         spdlog::details::log_msg message(
             spdlog::source_loc(tag, line, ""), identity, static_cast<spdlog::level::level_enum>(level), "");
-        std::vector<std::pair<Target, std::string>> failures;
         for (const Target target : {console, file, syslog, journal}) {
             State &state = targets_[target];
-            if (state.sink == nullptr || level < threshold(target) || (reporting_ && state.failing))
+            if (state.sink == nullptr || level < threshold(target))
                 continue;
-            message.payload = {
-                whole.data() + (target == journal ? entry : 0), whole.size() - (target == journal ? entry : 0)};
+            message.payload = target == journal ? entry : whole;
             try {
                 state.sink->log(message);
                 state.sink->flush();
                 state.failing = false;
             } catch (const std::exception &error) {
                 if (!std::exchange(state.failing, true))
-                    failures.emplace_back(target, error.what());
+                    report(target, error.what());
             }
         }
-        for (const auto &[target, reason] : failures)
-            report(target, reason);
     }
     void report(Target failed, const std::string &reason) {
-        reporting_ = true;
         distribute(SONETRIX_LOG_WARN, "log", 0, fmt::format("{}: {}", targetNames.at(failed), reason));
-        reporting_ = false;
     }
 
     std::mutex mutex_;
     std::array<State, targetNames.size()> targets_;
-    bool reporting_ = false; // to those that work
     std::atomic<sonetrix_log_level_t> sessionThreshold_ = SONETRIX_LOG_WARN;
     std::atomic<sonetrix_log_level_t> journalThreshold_ = SONETRIX_LOG_WARN;
-    std::atomic<sonetrix_log_level_t> lowest_ = SONETRIX_LOG_WARN;
 };
 
-/// These settings have no result to report a failure with.
-template <class... Parameters, class... Arguments>
-void apply(void (Log::*change)(Parameters...), Arguments... arguments) noexcept {
-    guarded([&] { (Log::instance().*change)(arguments...); });
+Log::Sink openFile(const std::filesystem::path &path) {
+    std::error_code unreadable;
+    if (const auto folder = path.parent_path(); !folder.empty() && !std::filesystem::is_directory(folder, unreadable))
+        throw std::runtime_error("there is no folder " + folder.string()); // which the sink would make
+    return std::make_shared<spdlog::sinks::basic_file_sink_st>(path);
 }
 
 } // namespace
@@ -225,8 +198,16 @@ void sonetrix_log_SetLogLevel(sonetrix_log_level_t level) { Log::instance().setT
 sonetrix_log_level_t sonetrix_log_GetLogLevelJournal() { return Log::instance().threshold(Log::journal); }
 void sonetrix_log_SetLogLevelJournal(sonetrix_log_level_t level) { Log::instance().setThreshold(Log::journal, level); }
 
-void sonetrix_log_time(int32_t on) { apply(&Log::setTimeStamps, Log::console, on != 0); }
-void sonetrix_log_file_time(int32_t on) { apply(&Log::setTimeStamps, Log::file, on != 0); }
-void sonetrix_log_filename(const char *path) { apply(&Log::setFile, path); }
-void sonetrix_log_syslog(int32_t on) { apply(&Log::setDaemon, Log::syslog, on != 0); }
-void sonetrix_log_journald(int32_t on) { apply(&Log::setDaemon, Log::journal, on != 0); }
+void sonetrix_log_time(int32_t on) { Log::instance().setTimeStamps(Log::console, on != 0); }
+void sonetrix_log_file_time(int32_t on) { Log::instance().setTimeStamps(Log::file, on != 0); }
+void sonetrix_log_filename(const char *path) {
+    Log::instance().turn(Log::file, path != nullptr, [path] { return openFile(path); });
+}
+void sonetrix_log_syslog(int32_t on) {
+    Log::instance().turn(Log::syslog, on != 0,
+        [] { return std::make_shared<spdlog::sinks::syslog_sink_st>(identity, LOG_PID, LOG_USER, false); });
+}
+void sonetrix_log_journald(int32_t on) {
+    Log::instance().turn(
+        Log::journal, on != 0, [] { return std::make_shared<spdlog::sinks::systemd_sink_st>(identity); });
+}

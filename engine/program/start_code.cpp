@@ -1,19 +1,15 @@
 #include "program/options.h"
 
-#include <fmt/format.h>
+#include <fmt/ranges.h>
 
 namespace sonetrix::dev {
 
 namespace {
 
-/// The text as a Python bytes literal.
-std::string literal(const std::string &text) {
-    std::string result = "b'";
-    for (const char c : text) {
-        const bool plain = c >= ' ' && c <= '~' && c != '\'' && c != '\\';
-        result += plain ? std::string(1, c) : fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
-    }
-    return result + "'";
+/// The text as Python bytes, whatever it holds.
+std::string literal(std::string_view text) {
+    const std::vector<unsigned char> bytes(text.begin(), text.end());
+    return fmt::format("bytes.fromhex('{:02x}')", fmt::join(bytes, ""));
 }
 
 std::string scriptRunCode(const ProgramOptions &options) {
