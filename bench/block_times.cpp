@@ -57,16 +57,16 @@ void measure(const char *library, const char *script) {
     parameters.add("python.file", std::string(script));
     BlockTimes times;
     const auto afterBlock = [&times] { times.add(Engine::current()->driver()); };
-    const auto engine = Engine::create({.format = {.block = 64}, .afterBlock = afterBlock}, std::move(parameters));
-    engine->setStopHook([&] { module.stop(); });
-    engine->start();
-    if (!module.construct(engine->startParameters()))
+    Engine engine({.format = {.block = 64}, .afterBlock = afterBlock}, std::move(parameters));
+    engine.setStopHook([&] { module.stop(); });
+    engine.start();
+    if (!module.construct(engine.startParameters()))
         throw std::runtime_error("no module");
     module.start();
-    engine->requestStop();
+    engine.requestStop();
     module.destroy();
-    engine->join();
-    times.print(engine->driver().xruns());
+    engine.join();
+    times.print(engine.driver().xruns());
 }
 
 } // namespace

@@ -7,12 +7,9 @@
 #include <cstdlib>
 #include <fmt/format.h>
 #include <linux/capability.h>
-#include <stdexcept>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
-#include <unistd.h>
-#include <utility>
 
 namespace sonetrix::dev {
 
@@ -24,7 +21,7 @@ constexpr double longestSmoothing = 10; // seconds
 
 std::atomic<Engine *> currentEngine{nullptr};
 
-void check(const Engine::Options &options) {
+const Engine::Options &checked(const Engine::Options &options) {
     const auto require = [](bool met, const char *otherwise) {
         if (!met)
             throw std::runtime_error(otherwise);
@@ -35,13 +32,7 @@ void check(const Engine::Options &options) {
         "an offline run must be from 0 to 10000000 seconds long");
     require(!options.device || options.offlineSeconds <= 0, "an offline run has no sound device");
     require(Engine::current() == nullptr, "the process has an engine already");
-}
-
-std::shared_ptr<SystemModule> makeSystem(const Engine::Options &options) {
-    auto system = std::make_shared<SystemModule>(options.format, options.offlineSeconds > 0);
-    system->play(options.input);
-    system->record(options.record);
-    return system;
+    return options;
 }
 
 /// So that the audio thread never waits for a page that it has had. Only where there is no limit to run into later.
@@ -58,19 +49,11 @@ void lockMemory() noexcept {
 
 Engine *Engine::current() noexcept { return currentEngine.load(std::memory_order_acquire); }
 
-std::unique_ptr<Engine> Engine::create(const Options &options, ListKeyValue startParameters) {
-    check(options);
-    std::unique_ptr<Engine> engine(new Engine(options, std::move(startParameters)));
-    finishBeforeExitHandlers();
-    currentEngine = engine.get();
-    return engine;
-}
-
 Engine::Engine(const Options &options, ListKeyValue startParameters)
-    : options_(options),
+    : options_(checked(options)),
       startParameters_(std::move(startParameters)),
       catalogue_(options.format.rate, finishBeforeExitHandlers),
-      system_(makeSystem(options)),
+      system_(std::make_shared<SystemModule>(options.format, options.offlineSeconds > 0)),
       graph_(system_, options.format, catalogue_, parameters_),
       meters_(graph_, *system_, options.format),
       notifier_(parameters_, options.format.blockTime()),
@@ -78,7 +61,11 @@ Engine::Engine(const Options &options, ListKeyValue startParameters)
       driver_(makeDriver()) {
     parameters_.setListener([this](const char *key) { notifier_.parameterWritten(key); });
     parameters_.add("engine", ownParameters());
-    parameters_.addReader("plugins", [this](auto name, ListKeyValue &result) { catalogue_.describe(name, result); });
+    parameters_.add("plugins", {}, [this](auto name, ListKeyValue &result) { catalogue_.describe(name, result); });
+    system_->play(options.input);
+    system_->record(options.record);
+    finishBeforeExitHandlers();
+    currentEngine = this;
 }
 
 std::unique_ptr<Driver> Engine::makeDriver() {
@@ -195,6 +182,7 @@ void Engine::finishAudio() noexcept {
     const std::lock_guard lock(finishMutex_);
     graph_.flush();
     driver_->stop();
+    graph_.join();
     system_->record({});
 }
 
@@ -207,7 +195,6 @@ bool Engine::join(std::chrono::milliseconds callbacks) {
         if (!thread->joinUntil(limit))
             return false;
     finishAudio();
-    graph_.join();
     return true;
 }
 
@@ -215,10 +202,8 @@ bool Engine::join(std::chrono::milliseconds callbacks) {
 // library has registered for the exit, when it was loaded, comes after that.
 void Engine::finishBeforeExitHandlers() {
     const auto finish = [] {
-        if (Engine *engine = current(); engine != nullptr && !isForkedChild()) {
+        if (Engine *engine = current(); engine != nullptr && !isForkedChild())
             engine->finishAudio();
-            engine->graph_.join();
-        }
     };
     if (std::atexit(finish) != 0)
         throw std::runtime_error("no room for an exit handler");

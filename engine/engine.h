@@ -12,25 +12,13 @@
 #include "lists/lists.h"
 #include "thread.h"
 
-#include <array>
-#include <atomic>
-#include <chrono>
-#include <cstdint>
-#include <filesystem>
-#include <functional>
-#include <memory>
-#include <mutex>
-#include <optional>
-#include <string>
-#include <vector>
-
 namespace sonetrix::dev {
 
 class OfflineDriver;
 
 /// The process's engine: at most one at a time, found by the C interface through `current`.
 ///
-/// Life: `create`, `start`, `requestStop` by anybody, `join`, end. A thread of the engine's own carries the stop out:
+/// Life: `start`, `requestStop` by anybody, `join`, end. A thread of the engine's own carries the stop out:
 /// the engine counts as not running, the stop hook is called, the driver ends and the recording is completed. The owner
 /// of a module that the hook calls keeps that module until it has told it to end, and joins only then. When the process
 /// exits while the engine runs, the driver ends and the recording is completed all the same.
@@ -45,12 +33,10 @@ public:
         std::function<void()> afterBlock{};  ///< called on the audio thread: for measurements
     };
 
-    /// Throws std::runtime_error when the options cannot be met or the process has an engine.
-    static std::unique_ptr<Engine> create(const Options &options, ListKeyValue startParameters);
     static Engine *current() noexcept;
 
-    Engine(const Engine &) = delete;
-    Engine &operator=(const Engine &) = delete;
+    /// Throws std::runtime_error when the options cannot be met or the process has an engine.
+    Engine(const Options &options, ListKeyValue startParameters);
     ~Engine();
 
     /// Before `start`.
@@ -73,7 +59,7 @@ public:
     [[nodiscard]] bool hasRecordingFailed() const noexcept { return system_->recorder().hasFailed(); }
     [[nodiscard]] std::optional<int32_t> exitCode() const noexcept { return exitCode_; }
 
-    /// Not changed after `create`.
+    /// Not changed any more.
     ListKeyValue &startParameters() noexcept { return startParameters_; }
     Parameters &parameters() noexcept { return parameters_; }
     Driver &driver() noexcept { return *driver_; }
@@ -86,8 +72,6 @@ public:
     [[nodiscard]] float meanBlockTime() const noexcept { return meanBlockTime_.load(std::memory_order_relaxed); }
 
 private:
-    Engine(const Options &options, ListKeyValue startParameters);
-
     static void finishBeforeExitHandlers();
     std::unique_ptr<Driver> makeDriver();
     std::vector<Parameter> ownParameters();

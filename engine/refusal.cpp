@@ -42,8 +42,6 @@ int32_t refused(const std::function<std::string()> &what) noexcept try {
         return refuse(refusal.status(), refusal.what());
     } catch (const std::bad_alloc &) {
         return refuse(statusNoMemory, "out of memory");
-    } catch (const std::length_error &) {
-        return refuse(statusNoMemory, "out of memory");
     } catch (const std::exception &failure) {
         return refuse(statusFailed, failure.what());
     }

@@ -3,12 +3,6 @@
 #include "refusal.h"
 #include "thread.h"
 
-#include <cstring>
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
-
 using namespace sonetrix::dev;
 
 namespace {
@@ -26,13 +20,9 @@ Engine *engineHere(sonetrix_engine_t *handle) noexcept { return isForkedChild() 
 template <class Body, class... What>
 auto withEngine(sonetrix_engine_t *handle, bool valid, Body &&body, const What &...what) noexcept {
     Engine *engine = engineHere(handle);
-    using Result = decltype(guarded([&] { return body(*engine); }));
-    if (engine == nullptr || !valid) {
-        if constexpr (std::is_pointer_v<Result>)
-            return Result(nullptr);
-        else
-            return Result(statusInvalid);
-    }
+    if (engine == nullptr || !valid)
+        return guarded(
+            [&]() -> decltype(body(*engine)) { throw Refusal(statusInvalid, "no engine, or an invalid argument"); });
     engine->noteOtherwise();
     return guarded([&] { return body(*engine); }, what...);
 }

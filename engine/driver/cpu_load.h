@@ -6,7 +6,6 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
-#include <cstdint>
 
 namespace sonetrix::dev {
 

@@ -2,18 +2,12 @@
 
 #include "sonetrix/engine_api.h"
 
-#include <algorithm>
-#include <atomic>
 #include <fmt/format.h>
 #include <fstream>
 #include <future>
-#include <optional>
 #include <portaudio.h>
 #include <stdexcept>
 #include <sys/mman.h>
-#include <thread>
-#include <unistd.h>
-#include <utility>
 
 namespace sonetrix::dev {
 

@@ -3,10 +3,6 @@
 #include "driver/driver.h"
 #include "graph/system_module.h"
 
-#include <memory>
-#include <string>
-#include <vector>
-
 namespace sonetrix::dev {
 
 /// The sound devices that there are, a line for each: its name and what it has.

@@ -1,13 +1,9 @@
 #include "driver/driver.h"
 
-#include <algorithm>
 #include <cerrno>
 #if defined(__x86_64__)
 #include <immintrin.h>
 #endif
-#include <pthread.h>
-#include <unistd.h>
-#include <utility>
 
 namespace sonetrix::dev {
 
@@ -34,11 +30,6 @@ void sleepUntil(int64_t monotonic) noexcept {
 }
 
 } // namespace
-
-Driver::Driver(const AudioFormat &format, Process process)
-    : format_(format), process_(std::move(process)), load_(format) {}
-
-Driver::~Driver() = default;
 
 void Driver::start() {
     const std::lock_guard lock(threadMutex_);

@@ -5,15 +5,6 @@
 #include "graph/parameters.h"
 #include "thread.h"
 
-#include <atomic>
-#include <chrono>
-#include <cstdint>
-#include <functional>
-#include <limits>
-#include <mutex>
-#include <stop_token>
-#include <vector>
-
 namespace sonetrix::dev {
 
 /// Owns the audio thread and decides when it processes a block. A derived class stops the thread in its destructor.
@@ -24,10 +15,8 @@ public:
     /// read it takes as long as a small plugin.
     using Process = std::function<int64_t(uint32_t wanted, int64_t time)>;
 
-    Driver(const AudioFormat &format, Process process);
-    Driver(const Driver &) = delete;
-    Driver &operator=(const Driver &) = delete;
-    virtual ~Driver();
+    Driver(const AudioFormat &format, Process process) : format_(format), process_(std::move(process)), load_(format) {}
+    virtual ~Driver() = default;
 
     [[nodiscard]] virtual const char *name() const noexcept = 0;
     /// The engine's parameters that it has because of this driver.

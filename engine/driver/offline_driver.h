@@ -2,13 +2,7 @@
 
 #include "driver/driver.h"
 
-#include <algorithm>
-#include <chrono>
 #include <cmath>
-#include <condition_variable>
-#include <functional>
-#include <mutex>
-#include <utility>
 
 namespace sonetrix::dev {
 

@@ -2,13 +2,8 @@
 
 #include "thread.h"
 
-#include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <map>
-#include <mutex>
-#include <thread>
-#include <utility>
 #include <vector>
 
 namespace sonetrix::dev {

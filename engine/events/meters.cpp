@@ -2,7 +2,6 @@
 
 #include "graph/graph.h"
 
-#include <algorithm>
 #include <cmath>
 
 namespace sonetrix::dev {
@@ -12,23 +11,17 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::chrono::nanoseconds shortestPeriod = 10ms;
-constexpr std::chrono::nanoseconds slowPeriod = 100ms;
 constexpr size_t ringBlocks = 1024;
 
 bool belongsTo(std::string_view key, std::string_view module) noexcept {
     return module.empty() || (key.starts_with(module) && (key.size() == module.size() || key[module.size()] == '.'));
 }
 
-/// The next due time from now on; those that were missed are left out.
-void advance(Thread::Clock::time_point &due, std::chrono::nanoseconds period) {
-    due = std::max(due + period, Thread::Clock::now());
-}
-
 } // namespace
 
-Meters::Meters(const Graph &graph, const SystemModule &system, const AudioFormat &format)
-    : graph_(graph), fastPeriod_(std::max(shortestPeriod, format.blockTime())), levels_(ringBlocks) {
-    next_.fill(Thread::Clock::now());
+Meters::Meters(const Graph &graph, const SystemModule &system, const AudioFormat &format) : graph_(graph) {
+    levels_.allocate(ringBlocks);
+    kinds_[SONETRIX_METERS_FAST].period = std::max(shortestPeriod, format.blockTime());
     auto key = portKeys_.begin();
     for (const auto *names : {&system.sources(), &system.sinks()})
         for (const std::string &name : *names)
@@ -43,15 +36,15 @@ void Meters::add(const Levels &levels) noexcept {
 }
 
 void Meters::round(const std::stop_token &stop) {
-    thread_.pause(stop, next_[SONETRIX_METERS_FAST]);
-    if (stop.stop_requested())
-        return;
-    advance(next_[SONETRIX_METERS_FAST], fastPeriod_);
+    thread_.pause(stop, kinds_[SONETRIX_METERS_FAST].due);
     gather();
-    emit(SONETRIX_METERS_FAST);
-    if (Thread::Clock::now() >= next_[SONETRIX_METERS_SLOW]) {
-        advance(next_[SONETRIX_METERS_SLOW], slowPeriod);
-        emit(SONETRIX_METERS_SLOW);
+    for (const auto type : {SONETRIX_METERS_FAST, SONETRIX_METERS_SLOW}) {
+        auto &due = kinds_[type].due;
+        const auto now = Thread::Clock::now();
+        if (now < due || stop.stop_requested())
+            continue;
+        due = std::max(due + kinds_[type].period, now); // what was missed is left out
+        emit(type);
     }
 }
 
@@ -70,62 +63,54 @@ void Meters::gather() {
 
 void Meters::emit(sonetrix_module_meters_type type) {
     Kind &kind = kinds_[type];
-    {
-        const std::lock_guard lock(mutex_);
-        if (kind.blocks != 0) {
-            for (PortLevel &level : kind.gathered) {
-                level.meanSquare /= static_cast<float>(kind.blocks);
-                if (std::isnan(level.meanSquare))
-                    level.peak = level.meanSquare;
-            }
-            kind.emitted = std::exchange(kind.gathered, {});
-            kind.blocks = 0;
+    std::unique_lock lock(mutex_);
+    if (kind.blocks != 0) {
+        for (PortLevel &level : kind.gathered) {
+            level.meanSquare /= static_cast<float>(kind.blocks);
+            if (std::isnan(level.meanSquare))
+                level.peak = level.meanSquare;
         }
+        kind.emitted = std::exchange(kind.gathered, {});
+        kind.blocks = 0;
     }
+    lock.unlock();
     if (kind.callbacks.empty())
         return;
     ListKeyValue meters = read(type, "");
     kind.callbacks.callAll(&meters);
 }
 
-template <class Visit>
-void Meters::forEachMeter(sonetrix_module_meters_type type, std::string_view module, Visit visit) const {
+template <class Shown>
+ListKeyValue Meters::collect(sonetrix_module_meters_type type, std::string_view module, Shown shown) const {
+    ListKeyValue list;
+    const auto add = [&](const std::string &key, const sonetrix_value_t &value, const char *description) {
+        list.add(key, shown(value, description));
+    };
     std::unique_lock lock(mutex_);
     const Levels levels = kinds_[type].emitted;
     lock.unlock();
     for (size_t port = 0; belongsTo(SystemModule::moduleName, module) && port < levels.size(); ++port) {
-        visit(portKeys_[port] + ".peak", valueRecord(levels[port].peak), "highest magnitude; full scale is 1");
-        visit(portKeys_[port] + ".mean", valueRecord(std::sqrt(levels[port].meanSquare)),
-            "root mean square; full scale is 1");
+        const float mean = std::sqrt(levels[port].meanSquare);
+        add(portKeys_[port] + ".peak", valueRecord(levels[port].peak), "highest magnitude; full scale is 1");
+        add(portKeys_[port] + ".mean", valueRecord(mean), "root mean square; full scale is 1");
     }
-    const auto visitModule = [&](const Module &one) {
-        const auto &names = one.controlOutputNames();
-        for (size_t i = 0; i < names.size(); ++i)
-            visit(one.name() + '.' + names[i], valueRecord(one.controlOutput(i)), "control output of the plugin");
-    };
-    if (module.empty())
-        for (const auto &one : graph_.modules())
-            visitModule(*one.module);
-    else if (const auto one = graph_.module(module))
-        visitModule(*one);
+    for (const auto &[one, inputs] : graph_.modules())
+        if (belongsTo(one->name(), module))
+            for (const auto &[name, value] : one->controlOutputs())
+                add(one->name() + '.' + name, valueRecord(value), "control output of the plugin");
     lock.lock();
     for (const auto &[key, value] : kinds_[type].debugMeters)
         if (belongsTo(key, module))
-            visit(key, value, "debug meter");
+            add(key, value, "debug meter");
+    return list;
 }
 
 ListKeyValue Meters::read(sonetrix_module_meters_type type, std::string_view module) const {
-    ListKeyValue meters;
-    forEachMeter(type, module,
-        [&](const std::string &key, const sonetrix_value_t &value, const char *) { meters.add(key, value); });
-    return meters;
+    return collect(type, module, [](const sonetrix_value_t &value, const char *) { return value; });
 }
 
 ListKeyValue Meters::descriptions(sonetrix_module_meters_type type) const {
-    ListKeyValue texts;
-    forEachMeter(
-        type, "", [&](const std::string &key, const sonetrix_value_t &, const char *text) { texts.add(key, text); });
-    return texts;
+    return collect(type, "", [](const sonetrix_value_t &, const char *description) { return description; });
 }
 
 void Meters::setDebugMeter(sonetrix_module_meters_type type, const char *key, const sonetrix_value_t &value) {

@@ -7,15 +7,6 @@
 #include "lists/lists.h"
 #include "thread.h"
 
-#include <array>
-#include <atomic>
-#include <chrono>
-#include <cstdint>
-#include <map>
-#include <mutex>
-#include <string>
-#include <string_view>
-
 namespace sonetrix::dev {
 
 class Graph;
@@ -60,6 +51,8 @@ public:
 private:
     using Levels = SystemModule::Levels;
     struct Kind {
+        std::chrono::nanoseconds period = std::chrono::milliseconds(100);
+        Thread::Clock::time_point due = Thread::Clock::now();
         Levels gathered{};   // mean squares added up
         uint32_t blocks = 0; // in `gathered`
         Levels emitted{};
@@ -70,11 +63,10 @@ private:
     void round(const std::stop_token &stop);
     void gather();
     void emit(sonetrix_module_meters_type type);
-    template <class Visit>
-    void forEachMeter(sonetrix_module_meters_type type, std::string_view module, Visit visit) const;
+    template <class Shown>
+    ListKeyValue collect(sonetrix_module_meters_type type, std::string_view module, Shown shown) const;
 
     const Graph &graph_;
-    const std::chrono::nanoseconds fastPeriod_;
     std::array<std::string, std::tuple_size_v<Levels>> portKeys_;
 
     Ring<Levels> levels_; // audio thread to meters thread
@@ -83,7 +75,6 @@ private:
     mutable std::mutex mutex_; // guards the kinds' levels and debug meters
     std::array<Kind, 2> kinds_;
     std::atomic<bool> hasManager_{false};
-    std::array<Thread::Clock::time_point, 2> next_; // of the kinds
     Thread thread_{"sonetrix-meters", [this](const std::stop_token &stop) { round(stop); }};
 };
 

@@ -4,11 +4,7 @@
 #include "graph/parameters.h"
 #include "thread.h"
 
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <set>
-#include <string>
 
 namespace sonetrix::dev {
 

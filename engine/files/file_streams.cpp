@@ -2,7 +2,6 @@
 
 #include "sonetrix/engine_api.h"
 
-#include <algorithm>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -41,26 +40,15 @@ void checkRegular(const std::filesystem::path &path) {
         throw std::runtime_error(path.string() + ": is not a regular file");
 }
 
-SoundFile openSoundFile(const std::filesystem::path &path, int mode, SF_INFO &info) {
-    checkRegular(path);
-    SoundFile file(sf_open(path.c_str(), mode, &info));
-    if (!file)
-        throw std::runtime_error(path.string() + ": " + sf_strerror(nullptr));
-    return file;
-}
+using SoundFile = std::unique_ptr<SndfileHandle>;
 
-/// Makes the file `path`, or replaces it. The format is that of `name`'s ending.
-SoundFile createSoundFile(const std::filesystem::path &path, const std::filesystem::path &name, uint32_t rate) {
-    checkRegular(name);
-    SF_INFO info{};
-    info.samplerate = static_cast<int>(rate);
-    info.channels = static_cast<int>(channelCount);
-    info.format = formatOf(name);
-    SoundFile file = openSoundFile(path, SFM_WRITE, info);
-    sf_command(file.get(), SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
-    sf_command(file.get(), SFC_SET_CLIPPING, nullptr, SF_TRUE);            // for the formats of integers
-    if ((info.format & SF_FORMAT_TYPEMASK) != SF_FORMAT_RF64)              // which has no such chunk, but would get one
-        sf_command(file.get(), SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE); // with the time of day in it
+/// To be read; with a format, one that is made or replaced.
+SoundFile openSoundFile(const std::filesystem::path &path, uint32_t rate, int format = 0) {
+    checkRegular(path);
+    auto file = std::make_unique<SndfileHandle>(path.string(), format == 0 ? SFM_READ : SFM_WRITE, format,
+        static_cast<int>(channelCount), static_cast<int>(rate));
+    if (file->rawHandle() == nullptr)
+        throw std::runtime_error(path.string() + ": " + sf_strerror(nullptr));
     return file;
 }
 
@@ -75,19 +63,18 @@ void FileStream::prepare() {
 }
 
 void Player::open(const std::filesystem::path &path) {
-    SF_INFO info{};
     SoundFile file;
     if (!path.empty()) {
-        file = openSoundFile(path, SFM_READ, info);
-        if (info.samplerate != static_cast<int>(rate_))
-            throw std::runtime_error(path.string() + ": has " + std::to_string(info.samplerate) +
+        file = openSoundFile(path, rate_);
+        if (file->samplerate() != static_cast<int>(rate_))
+            throw std::runtime_error(path.string() + ": has " + std::to_string(file->samplerate()) +
                                      " frames per second, the engine " + std::to_string(rate_));
     }
     const std::lock_guard lock(mutex_);
     prepare();
     path_ = path;
     file_ = std::move(file);
-    fileChannels_ = static_cast<size_t>(info.channels);
+    fileChannels_ = file_ ? static_cast<size_t>(file_->channels()) : 0;
     fromFile_.resize(chunkFrames * fileChannels_);
     ended_.store(!file_, std::memory_order_release);
     readAhead();
@@ -108,7 +95,7 @@ void Player::pump() noexcept {
 
 void Player::readAhead() noexcept {
     while (!ended_ && ring_.available() < rate_ && ring_.room() >= chunkFrames) {
-        const sf_count_t read = sf_readf_float(file_.get(), fromFile_.data(), chunkFrames);
+        const sf_count_t read = file_->readf(fromFile_.data(), chunkFrames);
         const auto frames = static_cast<size_t>(std::max<sf_count_t>(0, read));
         for (size_t frame = 0; frame < frames; ++frame) {
             chunk_[frame] = {};
@@ -140,7 +127,12 @@ void Recorder::open(const std::filesystem::path &path) {
     if (path.empty())
         return;
     const auto written = std::filesystem::exists(path) ? std::filesystem::path(path.string() + ".partial") : path;
-    file_ = createSoundFile(written, path, rate_);
+    checkRegular(path);
+    file_ = openSoundFile(written, rate_, formatOf(path));
+    file_->command(SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
+    file_->command(SFC_SET_CLIPPING, nullptr, SF_TRUE);            // for the formats of integers
+    if ((file_->format() & SF_FORMAT_TYPEMASK) != SF_FORMAT_RF64)  // which has no such chunk, but would get one
+        file_->command(SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE); // with the time of day in it
     path_ = path;
     writtenPath_ = written;
     cutShort_ = false;
@@ -164,13 +156,13 @@ void Recorder::pump() noexcept {
 void Recorder::writeOut() noexcept {
     while (const size_t frames = file_ ? ring_.read(chunk_) : 0) {
         const auto count = static_cast<sf_count_t>(frames);
-        if (!cutShort_ && sf_writef_float(file_.get(), chunk_.front().data(), count) != count)
-            fail(sf_strerror(file_.get()));
+        if (!cutShort_ && file_->writef(chunk_.front().data(), count) != count)
+            fail(file_->strError());
         if (cutShort_)
             lose(frames);
         sinceHeader_ += frames;
         if (sinceHeader_ >= rate_) {
-            sf_command(file_.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
+            file_->command(SFC_UPDATE_HEADER_NOW, nullptr, 0);
             sinceHeader_ = 0;
         }
     }
@@ -181,8 +173,9 @@ void Recorder::complete() noexcept {
     if (!file_)
         return;
     writeOut();
-    if (const int error = sf_close(file_.release()); error != 0 && !cutShort_)
+    if (const int error = sf_close(file_->takeOwnership()); error != 0 && !cutShort_)
         fail(sf_error_number(error));
+    file_.reset();
     std::error_code error;
     if (!cutShort_ && writtenPath_ != path_)
         std::filesystem::rename(writtenPath_, path_, error);

@@ -4,32 +4,22 @@
 #include "files/ring.h"
 
 #include <array>
-#include <atomic>
-#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <mutex>
-#include <sndfile.h>
+#include <sndfile.hh>
 #include <string>
-#include <vector>
 
 namespace sonetrix::dev {
 
 constexpr size_t channelCount = 2; // of the sound files that are played and recorded, and of a sound device
 using Frame = std::array<float, channelCount>;
 
-struct SoundFileClose {
-    void operator()(SNDFILE *file) const noexcept { sf_close(file); }
-};
-using SoundFile = std::unique_ptr<SNDFILE, SoundFileClose>;
-
 /// Frames on their way between a sound file and the audio thread, which reads or writes a ring. Somebody calls `pump`
 /// of what derives from this every few milliseconds, as long as it is busy.
 class FileStream {
 public:
     explicit FileStream(const AudioFormat &format) : rate_(format.rate), block_(format.block) {}
-    FileStream(const FileStream &) = delete;
-    FileStream &operator=(const FileStream &) = delete;
 
     /// Frames that are missing because the file was too slow, or failed.
     [[nodiscard]] uint32_t framesLost() const noexcept { return lost_.load(std::memory_order_relaxed); }
@@ -49,7 +39,7 @@ protected:
     const uint32_t rate_;
     mutable std::mutex mutex_; // of those who open, close and pump
     std::filesystem::path path_;
-    SoundFile file_;
+    std::unique_ptr<SndfileHandle> file_;
     std::vector<Frame> chunk_; // between file and ring
     Ring<Frame> ring_;
     std::vector<Frame> block_; // the audio thread's

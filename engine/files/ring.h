@@ -12,9 +12,6 @@ namespace sonetrix::dev {
 /// Elements on their way from one thread to one other; neither ever waits.
 template <class T> class Ring {
 public:
-    Ring() = default;
-    explicit Ring(size_t capacity) { allocate(capacity); }
-
     /// Before producer and consumer begin.
     void allocate(size_t capacity) { elements_.resize(std::bit_ceil(capacity)); }
 

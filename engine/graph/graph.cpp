@@ -3,11 +3,7 @@
 #include "ladspa/ladspa_module.h"
 #include "refusal.h"
 
-#include <algorithm>
-#include <chrono>
 #include <fmt/format.h>
-#include <iterator>
-#include <utility>
 
 namespace sonetrix::dev {
 
@@ -32,6 +28,14 @@ const std::string &nameOf(const Source &source) noexcept { return source.module-
 
 template <class Modules> auto find(Modules &modules, std::string_view name) {
     return std::ranges::find_if(modules, [name](const WiredModule &one) { return nameOfModule(one) == name; });
+}
+
+std::vector<std::string> portNamesOf(const std::vector<WiredModule> &modules) {
+    std::vector<std::string> names;
+    for (const auto &[module, inputs] : modules)
+        for (const auto *ports : {&module->sources(), &module->sinks()})
+            names.insert(names.end(), ports->begin(), ports->end());
+    return names;
 }
 
 /// The names are checked where modules are made; the field is all zero before.
@@ -136,18 +140,7 @@ void Graph::unlink(std::string_view name) {
     edited();
 }
 
-std::vector<std::string> Graph::portNames() const {
-    const std::lock_guard lock(mutex_);
-    return allPortNames();
-}
-
-std::vector<std::string> Graph::allPortNames() const {
-    std::vector<std::string> names;
-    for (const auto &[module, inputs] : modules_)
-        for (const auto *ports : {&module->sources(), &module->sinks()})
-            names.insert(names.end(), ports->begin(), ports->end());
-    return names;
-}
+std::vector<std::string> Graph::portNames() const { return portNamesOf(modules()); }
 
 std::vector<std::string> Graph::links(std::string_view port) const {
     std::vector<std::string> names;
@@ -189,7 +182,7 @@ Graph::Port Graph::port(std::string_view name) {
         if (const size_t sink = indexIn(module.sinks()); sink < module.sinks().size())
             return {{&module, sink}, &owner->inputs[sink]};
     }
-    throw Refusal(statusNotFound, "there is no port " + inQuotes(name) + suggestion(name, allPortNames()));
+    throw Refusal(statusNotFound, "there is no port " + inQuotes(name) + suggestion(name, portNamesOf(modules_)));
 }
 
 void Graph::edited() noexcept {

@@ -6,17 +6,6 @@
 #include "lists/lists.h"
 #include "thread.h"
 
-#include <atomic>
-#include <condition_variable>
-#include <cstdint>
-#include <functional>
-#include <memory>
-#include <mutex>
-#include <optional>
-#include <string>
-#include <string_view>
-#include <vector>
-
 namespace sonetrix::dev {
 
 /// The modules and their links. Safe for concurrent use; none of its functions makes the audio thread wait.
@@ -30,8 +19,6 @@ public:
         const AudioFormat &format,
         LadspaCatalogue &catalogue,
         Parameters &parameters);
-    Graph(const Graph &) = delete;
-    Graph &operator=(const Graph &) = delete;
 
     // These throw Refusal.
     void createModule(const char *name, const char *identifier, const ListKeyValue *configuration);
@@ -70,7 +57,6 @@ private:
     };
 
     // The functions below are called with the mutex held.
-    [[nodiscard]] std::vector<std::string> allPortNames() const;
     /// Throws Refusal when there is none.
     [[nodiscard]] Port port(std::string_view name);
     void edited() noexcept;

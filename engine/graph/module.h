@@ -2,14 +2,8 @@
 
 #include "graph/parameters.h"
 
-#include <algorithm>
 #include <atomic>
-#include <cstdint>
-#include <memory>
 #include <new>
-#include <string>
-#include <utility>
-#include <vector>
 
 namespace sonetrix::dev {
 
@@ -47,8 +41,6 @@ public:
         for (size_t i = 0; i < sources_.size(); ++i)
             outputs_.emplace_back(block);
     }
-    Module(const Module &) = delete;
-    Module &operator=(const Module &) = delete;
     virtual ~Module() = default;
 
     [[nodiscard]] const std::string &name() const noexcept { return name_; }
@@ -72,8 +64,7 @@ public:
     [[nodiscard]] virtual const Origin *origin() const noexcept { return nullptr; }
 
     /// What a plugin tells besides audio: names without the module's, and values after the last block.
-    [[nodiscard]] virtual const Names &controlOutputNames() const noexcept { return noNames; }
-    [[nodiscard]] virtual float controlOutput(size_t /*index*/) const noexcept { return 0; }
+    [[nodiscard]] virtual std::vector<std::pair<std::string, float>> controlOutputs() const { return {}; }
 
     /// Audio thread: enters the time that a block took into the running mean, and returns the mean.
     double addTime(double seconds, double weight) noexcept {
@@ -90,8 +81,6 @@ private:
             port.insert(0, name_ + ':');
         return ports;
     }
-
-    static inline const Names noNames;
 
     const std::string name_;
     const Names sources_;

@@ -2,7 +2,6 @@
 
 #include "refusal.h"
 
-#include <algorithm>
 #include <array>
 #include <cmath>
 #include <fmt/format.h>
@@ -67,10 +66,10 @@ std::string valueText(const sonetrix_value_t &value) {
     return fmt::format("{} elements ({})", value.count, type);
 }
 
-void Parameters::put(const std::string &name, Module module) {
-    auto added = std::make_shared<const Module>(std::move(module));
+void Parameters::add(const std::string &module, std::vector<Parameter> parameters, Reader reader) {
+    auto added = std::make_shared<const Module>(std::move(parameters), std::move(reader));
     const std::lock_guard lock(mutex_);
-    modules_[name].swap(added); // what was there ends after the lock
+    modules_[module].swap(added); // what was there ends after the lock
 }
 
 void Parameters::removeModule(const std::string &module) {

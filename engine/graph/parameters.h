@@ -4,14 +4,9 @@
 
 #include <functional>
 #include <limits>
-#include <memory>
 #include <mutex>
 #include <optional>
-#include <string>
-#include <string_view>
 #include <unordered_map>
-#include <utility>
-#include <vector>
 
 namespace sonetrix::dev {
 
@@ -54,9 +49,8 @@ public:
     using Reader = std::function<void(std::string_view name, ListKeyValue &result)>;
 
     /// A module that is there gets these in place of its own.
-    void add(const std::string &module, std::vector<Parameter> parameters) { put(module, {std::move(parameters), {}}); }
-    /// The module's parameters are read by this function and cannot be written.
-    void addReader(const std::string &module, Reader reader) { put(module, {{}, std::move(reader)}); }
+    /// What it has besides is read by that function and cannot be written.
+    void add(const std::string &module, std::vector<Parameter> parameters, Reader reader = {});
     void removeModule(const std::string &module);
 
     /// The parameters that the string values of `keys` name, in that order; a key "module." means all of that module.
@@ -82,7 +76,6 @@ private:
         const Parameter *parameter = nullptr;
     };
 
-    void put(const std::string &name, Module module);
     [[nodiscard]] Place find(std::string_view key) const;
     [[nodiscard]] std::vector<std::string> keys() const;
     void writeOne(const sonetrix_keyValue_t &entry, ListKeyValue &written);

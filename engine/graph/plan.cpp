@@ -2,9 +2,7 @@
 
 #include "clock.h"
 
-#include <algorithm>
 #include <cmath>
-#include <unordered_map>
 
 namespace sonetrix::dev {
 

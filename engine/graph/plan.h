@@ -2,14 +2,6 @@
 
 #include "graph/system_module.h"
 
-#include <atomic>
-#include <cstddef>
-#include <cstdint>
-#include <memory>
-#include <optional>
-#include <span>
-#include <vector>
-
 namespace sonetrix::dev {
 
 /// A source port of a module.
@@ -74,9 +66,6 @@ private:
 /// thread has not taken up yet is simply replaced.
 class PlanExchange {
 public:
-    PlanExchange() = default;
-    PlanExchange(const PlanExchange &) = delete;
-    PlanExchange &operator=(const PlanExchange &) = delete;
     /// Once there is no audio thread.
     ~PlanExchange() {
         collect();

@@ -1,33 +1,23 @@
 #include "graph/system_module.h"
 
-#include <algorithm>
 #include <cmath>
-#include <numeric>
-#include <span>
 #include <stdexcept>
 #include <system_error>
-#include <utility>
 
 namespace sonetrix::dev {
 
 namespace {
 
 PortLevel levelOf(std::span<const float> samples) noexcept {
-    constexpr size_t lanes = 8; // added up beside each other: in one sum, each addition would wait for the one before
-    std::array<float, lanes> peaks{};
-    std::array<float, lanes> squares{};
-    const auto add = [&](size_t lane, float sample) {
-        peaks[lane] = std::max(peaks[lane], std::abs(sample)); // passes over what is no number
-        squares[lane] += sample * sample;
-    };
-    const size_t rest = samples.size() % lanes;
-    for (size_t i = 0; i < samples.size() - rest; i += lanes)
-        for (size_t lane = 0; lane < lanes; ++lane)
-            add(lane, samples[i + lane]);
-    for (size_t lane = 0; lane < rest; ++lane)
-        add(lane, samples[samples.size() - rest + lane]);
-    const float sum = std::accumulate(squares.begin(), squares.end(), 0.0F);
-    return {*std::ranges::max_element(peaks), sum / static_cast<float>(samples.size())};
+    float peak = 0;
+    float squares = 0;
+    // Several samples at a time: otherwise each addition would wait for the one before.
+#pragma omp simd reduction(max : peak) reduction(+ : squares)
+    for (size_t i = 0; i < samples.size(); ++i) {
+        peak = std::max(peak, std::abs(samples[i])); // passes over what is no number
+        squares += samples[i] * samples[i];
+    }
+    return {peak, squares / static_cast<float>(samples.size())};
 }
 
 } // namespace

@@ -5,9 +5,6 @@
 #include "graph/module.h"
 #include "thread.h"
 
-#include <array>
-#include <filesystem>
-
 namespace sonetrix::dev {
 
 /// What a sound device brings and takes in a block, channel by channel; null where it has no such channel.

@@ -3,16 +3,13 @@
 #include "refusal.h"
 #include "sonetrix/engine_api.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <dlfcn.h>
 #include <elf.h>
 #include <fmt/ranges.h>
 #include <fstream>
-#include <limits>
 #include <set>
 #include <sstream>
-#include <stdexcept>
 #include <system_error>
 
 namespace sonetrix::dev {
@@ -125,7 +122,7 @@ LadspaCatalogue::Plugins LadspaCatalogue::scan() const {
 }
 
 void LadspaCatalogue::addLibrary(const std::filesystem::path &path, Plugins &plugins) const {
-    const std::lock_guard lock(pluginMutex());
+    const std::lock_guard lock(pluginMutex);
     const LADSPA_Descriptor_Function descriptors = openLibrary(path);
     for (unsigned long index = 0; const LADSPA_Descriptor *descriptor = descriptors(index); ++index) {
         if (descriptor->Label == nullptr)

@@ -3,13 +3,7 @@
 #include "ladspa_plugin.h"
 #include "lists/lists.h"
 
-#include <filesystem>
-#include <functional>
 #include <map>
-#include <mutex>
-#include <string>
-#include <string_view>
-#include <vector>
 
 namespace sonetrix::dev {
 

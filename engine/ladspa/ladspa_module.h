@@ -5,13 +5,7 @@
 #include "ladspa_plugin.h"
 #include "refusal.h"
 
-#include <algorithm>
-#include <atomic>
 #include <fmt/ranges.h>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <vector>
 
 namespace sonetrix::dev {
 
@@ -44,7 +38,7 @@ public:
         for (const sonetrix_keyValue_t &entry : origin_.configuration)
             configure(entry);
 
-        const std::lock_guard lock(pluginMutex());
+        const std::lock_guard lock(pluginMutex);
         handle_ = descriptor_.instantiate(&descriptor_, format.rate);
         if (handle_ == nullptr)
             throw Refusal(statusFailed, "the plugin gives no instance");
@@ -58,7 +52,7 @@ public:
             descriptor_.activate(handle_);
     }
     ~LadspaModule() override {
-        const std::lock_guard lock(pluginMutex());
+        const std::lock_guard lock(pluginMutex);
         if (descriptor_.deactivate != nullptr)
             descriptor_.deactivate(handle_);
         descriptor_.cleanup(handle_);
@@ -97,9 +91,11 @@ public:
     }
 
     [[nodiscard]] const Origin *origin() const noexcept override { return &origin_; }
-    [[nodiscard]] const Names &controlOutputNames() const noexcept override { return plugin_.outputNames; }
-    [[nodiscard]] float controlOutput(size_t index) const noexcept override {
-        return controlOutputs_[index].value.load(std::memory_order_relaxed);
+    [[nodiscard]] std::vector<std::pair<std::string, float>> controlOutputs() const override {
+        std::vector<std::pair<std::string, float>> outputs;
+        for (size_t i = 0; i < controlOutputs_.size(); ++i)
+            outputs.emplace_back(plugin_.outputNames[i], controlOutputs_[i].value.load(std::memory_order_relaxed));
+        return outputs;
     }
 
 private:

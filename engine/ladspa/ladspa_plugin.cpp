@@ -2,12 +2,10 @@
 
 #include "graph/module.h"
 
-#include <algorithm>
 #include <array>
 #include <cctype>
 #include <cmath>
 #include <set>
-#include <utility>
 
 namespace sonetrix::dev {
 
@@ -106,11 +104,6 @@ float initialOf(const LADSPA_PortRangeHint &hint, const Domain &domain) noexcept
 }
 
 } // namespace
-
-std::mutex &pluginMutex() {
-    static std::mutex mutex;
-    return mutex;
-}
 
 LadspaPlugin::LadspaPlugin(std::filesystem::path file, const LADSPA_Descriptor &plugin, uint32_t rate)
     : library(std::move(file)), descriptor(&plugin) {

@@ -2,17 +2,13 @@
 
 #include "graph/parameters.h"
 
-#include <cstdint>
 #include <filesystem>
 #include <ladspa.h>
-#include <mutex>
-#include <string>
-#include <vector>
 
 namespace sonetrix::dev {
 
 /// Held wherever plugin code runs that begins or ends something: plugins need not expect two of those at once.
-std::mutex &pluginMutex();
+inline std::mutex pluginMutex;
 
 /// A plugin as its descriptor tells it: its ports by their roles, with names for scripts. Its library stays loaded to
 /// the end of the process: what plugins keep for all their instances would leak each time it is unloaded.

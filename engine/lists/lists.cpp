@@ -3,7 +3,6 @@
 #include "refusal.h"
 
 #include <cstdlib>
-#include <memory>
 #include <new>
 
 namespace sonetrix::dev {

@@ -83,7 +83,6 @@ public:
     [[nodiscard]] auto end() const noexcept { return elements_.end(); }
     [[nodiscard]] size_t size() const noexcept { return elements_.size(); }
     [[nodiscard]] bool empty() const noexcept { return elements_.empty(); }
-    const Record &operator[](size_t index) const noexcept { return elements_[index]; }
 
     /// Adds a deep copy.
     void addRecord(const Record &record) { elements_.emplace_back(record); }
@@ -129,11 +128,9 @@ struct sonetrix_cListKeyValue : sonetrix::dev::RecordList<sonetrix::dev::KeyValu
 
     /// The newest entry of that key, or null; valid until the list is changed.
     [[nodiscard]] const sonetrix_value_t *find(std::string_view key) const noexcept {
-        // NOLINTNEXTLINE(modernize-loop-convert): from the newest on
-        for (auto element = elements_.rbegin(); element != elements_.rend(); ++element)
-            if (const Record &record = *element; key == record.key)
-                return &record.value;
-        return nullptr;
+        const auto newest = std::find_if(
+            elements_.rbegin(), elements_.rend(), [key](const Record &record) { return key == record.key; });
+        return newest == elements_.rend() ? nullptr : &newest->record().value;
     }
     /// Removes every entry of that key; the number of them.
     size_t remove(std::string_view key) {

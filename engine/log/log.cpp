@@ -4,15 +4,12 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <cstdarg>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <fmt/format.h>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <pthread.h>
@@ -22,10 +19,7 @@
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/sinks/syslog_sink.h>
 #include <spdlog/sinks/systemd_sink.h>
-#include <string>
-#include <string_view>
 #include <utility>
-#include <vector>
 
 namespace sonetrix::dev {
 

@@ -2,12 +2,10 @@
 
 #include "lists/lists.h"
 
-#include <cstdint>
 #include <dlfcn.h>
 #include <filesystem>
 #include <mutex>
 #include <stdexcept>
-#include <utility>
 
 namespace sonetrix::dev {
 
@@ -24,8 +22,6 @@ public:
         if (constructor_ == nullptr)
             throw std::runtime_error(::dlerror());
     }
-    CliModule(const CliModule &) = delete;
-    CliModule &operator=(const CliModule &) = delete;
     ~CliModule() { destroy(); }
 
     /// Whether there is a module now.

@@ -3,13 +3,8 @@
 #include "program/termination_signals.h"
 #include "thread.h"
 
-#include <atomic>
-#include <chrono>
-#include <csignal>
 #include <fcntl.h>
 #include <iostream>
-#include <pthread.h>
-#include <unistd.h>
 
 using namespace sonetrix::dev;
 
@@ -86,7 +81,7 @@ int runEngine(ProgramOptions options) {
         throw Exit(exitUnavailable, "there is no sonetrix_console in " + packages.string());
     addStartCode(options, packages);
     // Never destroyed: a Python thread that a script has left behind may be inside it to the program's very end.
-    Engine &engine = *Engine::create(options.engine, std::move(options.startParameters)).release();
+    Engine &engine = *std::make_unique<Engine>(options.engine, std::move(options.startParameters)).release();
 
     // Scripts are interrupted by Python's own SIGINT handler, which the interpreter installs over the default
     // disposition only; unless the parameter says that SIGINT is the engine's.

@@ -10,7 +10,6 @@
 #include <CLI/Formatter.hpp>
 #include <charconv>
 #include <iostream>
-#include <map>
 
 namespace sonetrix::dev {
 

@@ -3,11 +3,7 @@
 #include "engine.h"
 #include "lists/lists.h"
 
-#include <filesystem>
-#include <optional>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 namespace sonetrix::dev {
 

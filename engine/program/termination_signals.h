@@ -2,14 +2,8 @@
 
 #include "thread.h"
 
-#include <atomic>
 #include <cerrno>
-#include <csignal>
-#include <functional>
-#include <pthread.h>
 #include <semaphore.h>
-#include <unistd.h>
-#include <utility>
 
 namespace sonetrix::dev {
 
@@ -36,8 +30,6 @@ public:
         if (withInterrupt)
             handle(SIGINT);
     }
-    TerminationSignals(const TerminationSignals &) = delete;
-    TerminationSignals &operator=(const TerminationSignals &) = delete;
     ~TerminationSignals() {
         thread_.requestEnd();
         ::sem_post(&arrived);

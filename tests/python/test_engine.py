@@ -259,7 +259,7 @@ assert 1 <= engine.getXrunCounter() - before < 20 * SLOWNESS
 others, calls = [engine.addTimer(10, lambda: None) for _ in range(3)], []
 slow = engine.addTimer(100, lambda: (calls.append(1), time.sleep(.7)))
 wait_for(lambda: len(calls) == 2)
-""", log=re.compile(r"WARN  timers.cpp:\d+: the callback of a timer of 0.1 s has taken [01].\d s; "
+""", log=re.compile(r"WARN  timers.h:\d+: the callback of a timer of 0.1 s has taken [01].\d s; "
                     r"other timers that waited for it: 3\n"))
 
     @unittest.skipIf(live.SANITIZED or support.RUN, "a sanitizer has its own allocator; an emulator is preloaded, too")

@@ -121,8 +121,9 @@ using namespace sonetrix::record;
 
 // An engine that is never started.
 void record_begin() {
+    using sonetrix::dev::Engine;
     static const auto *const engine =
-        sonetrix::dev::Engine::create({.offlineSeconds = 1}, sonetrix_cListKeyValue()).release();
+        std::make_unique<Engine>(Engine::Options{.offlineSeconds = 1}, sonetrix_cListKeyValue()).release();
     static_cast<void>(engine);
 }
 
