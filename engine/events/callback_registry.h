@@ -55,11 +55,10 @@ public:
     /// Calls those that are registered now, in the order of registration.
     template <class... Arguments> void callAll(Arguments... arguments) {
         std::vector<const void *> handles;
-        {
-            const std::lock_guard lock(mutex_);
-            for (const auto &[handle, registration] : registrations_)
-                handles.push_back(handle);
-        }
+        std::unique_lock lock(mutex_);
+        for (const auto &[handle, registration] : registrations_)
+            handles.push_back(handle);
+        lock.unlock();
         for (const void *handle : handles)
             call(handle, arguments...);
     }

@@ -31,10 +31,9 @@ public:
     }
     /// Returns when no call is in progress on another thread.
     void remove(const void *handle) {
-        {
-            const std::lock_guard lock(mutex_);
-            std::erase_if(timers_, [handle](const Timer &timer) { return timer.handle == handle; });
-        }
+        std::unique_lock lock(mutex_);
+        std::erase_if(timers_, [handle](const Timer &timer) { return timer.handle == handle; });
+        lock.unlock();
         callbacks_.remove(handle);
     }
 

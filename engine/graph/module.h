@@ -10,7 +10,8 @@ namespace sonetrix::dev {
 /// Samples in the engine's accounted memory, silent at first. Keeps its address for life.
 class AudioBuffer {
 public:
-    explicit AudioBuffer(size_t frames) : data_(static_cast<float *>(sonetrix_malloc(frames * sizeof(float)))) {
+    explicit AudioBuffer(size_t frames)
+        : data_(static_cast<float *>(sonetrix_malloc(frames * sizeof(float))), sonetrix_free) {
         if (!data_)
             throw std::bad_alloc();
         std::fill_n(data_.get(), frames, 0.0F);
@@ -19,10 +20,7 @@ public:
     [[nodiscard]] float *data() const noexcept { return data_.get(); }
 
 private:
-    struct Free {
-        void operator()(float *samples) const noexcept { sonetrix_free(samples); }
-    };
-    std::unique_ptr<float[], Free> data_;
+    std::unique_ptr<float[], void (*)(void *)> data_;
 };
 
 /// A module as the graph and the audio thread see it. What it consists of is fixed at its creation; an audio source is

@@ -83,11 +83,10 @@ Parameters::Place Parameters::find(std::string_view key) const {
     if (dot == std::string_view::npos)
         return {};
     Place place{nullptr, key.substr(dot + 1)};
-    {
-        const std::lock_guard lock(mutex_);
-        if (const auto module = modules_.find(std::string(key.substr(0, dot))); module != modules_.end())
-            place.module = module->second;
-    }
+    std::unique_lock lock(mutex_);
+    if (const auto module = modules_.find(std::string(key.substr(0, dot))); module != modules_.end())
+        place.module = module->second;
+    lock.unlock();
     if (place.module)
         for (const Parameter &parameter : place.module->parameters)
             if (parameter.name == place.name)
