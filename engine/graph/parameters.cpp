@@ -67,7 +67,7 @@ std::string valueText(const sonetrix_value_t &value) {
 }
 
 void Parameters::add(const std::string &module, std::vector<Parameter> parameters, Reader reader) {
-    auto added = std::make_shared<const Module>(std::move(parameters), std::move(reader));
+    auto added = std::make_shared<const Module>(Module{std::move(parameters), std::move(reader)});
     const std::lock_guard lock(mutex_);
     modules_[module].swap(added); // what was there ends after the lock
 }

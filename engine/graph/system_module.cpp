@@ -8,16 +8,16 @@ namespace sonetrix::dev {
 
 namespace {
 
-PortLevel levelOf(std::span<const float> samples) noexcept {
+PortLevel levelOf(const float *samples, uint32_t count) noexcept {
     float peak = 0;
     float squares = 0;
     // Several samples at a time: otherwise each addition would wait for the one before.
 #pragma omp simd reduction(max : peak) reduction(+ : squares)
-    for (size_t i = 0; i < samples.size(); ++i) {
+    for (uint32_t i = 0; i < count; ++i) {
         peak = std::max(peak, std::abs(samples[i])); // passes over what is no number
         squares += samples[i] * samples[i];
     }
-    return {peak, squares / static_cast<float>(samples.size())};
+    return {peak, squares / static_cast<float>(count)};
 }
 
 } // namespace
@@ -75,13 +75,13 @@ void SystemModule::capture(uint32_t frames) noexcept {
             std::copy_n(captured, frames, out);
         else if (!plays)
             std::fill_n(out, frames, 0.0F);
-        levels_[channel] = levelOf({out, frames});
+        levels_[channel] = levelOf(out, frames);
     }
 }
 
 void SystemModule::process(const float *const *inputs, uint32_t frames) noexcept {
     for (size_t channel = 0; channel < channelCount; ++channel) {
-        levels_[channelCount + channel] = levelOf({inputs[channel], frames});
+        levels_[channelCount + channel] = levelOf(inputs[channel], frames);
         if (float *played = deviceBuffers_.played[channel])
             std::copy_n(inputs[channel], frames, played);
     }
