@@ -7,7 +7,7 @@ import unittest
 from support import programs
 
 PRELUDE = """
-import atexit, ctypes, gc, logging, os, sys, threading, time
+import atexit, ctypes, gc, logging, os, pathlib, re, signal, sys, threading, time
 from support import record
 older = []  # exit handlers that run after the library's
 atexit.register(lambda: [call() for call in older])
@@ -84,7 +84,7 @@ kept.me, kept.last = kept, Last()
 
     def test_locks_that_the_callable_waits_for(self):
         self.run_all([
-            # It is named without asking it: to answer, it would want the lock.
+            # It is named without asking it: to answer, it would want the lock. Signals are the console's.
             ("""
 class Locked:
     __call__ = wait
@@ -93,10 +93,14 @@ class Locked:
 made = sonetrix.timeout(1, Locked())
 with lock:
     inside = fire()
-    del made
+    timed(lambda: globals().pop("made"))
     print(*record.log_lines()[-1])
+    for thread in pathlib.Path("/proc/self/task").iterdir():
+        if (thread / "comm").read_text() == "sonetrix-remove\\n":
+            blocked = int(re.search(r"SigBlk:\\s+(\\w+)", (thread / "status").read_text())[1], 16)
+            print(blocked >> signal.SIGINT - 1 & 1)
 inside.join()
-""", "3 the callable 'Locked' does not return: its registration is removed when it has"),
+""", "late", "3 the callable 'Locked' does not return: its registration is removed when it has", "1"),
             # A collection in the midst of logging finds the object.
             ("""
 lock, cycle = logging.StreamHandler().lock, Callable()
@@ -130,15 +134,14 @@ while len(left) < 3: time.sleep(0.001)
 """,),
             # It holds the removals up that come after; nobody waits for those, or is named in its place.
             ("""
-class Stuck(Callable):
-    def __call__(self): entered.set(), leave.wait(60)
-stuck, innocent = ([sonetrix.timeout(1, call) for call in [callable] * 2] for callable in (Stuck(), Callable()))
+def stick(): entered.set(), leave.wait(60)
+stuck, innocent = ([sonetrix.timeout(1, call) for call in [callable] * 2] for callable in (stick, Callable()))
 inside = fire()
 del stuck[0]
 timed(lambda: innocent.pop(0))
 leave.set(), inside.join()
 print(*record.log_lines())
-""", "at once", "(3, \"the callable 'Stuck' does not return: its registration is removed when it has\")")])
+""", "at once", "(3, \"the callable 'stick' does not return: its registration is removed when it has\")")])
 
     def test_interpreter_end_in_the_midst_of_calls(self):
         self.run_all([
