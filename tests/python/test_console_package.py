@@ -166,17 +166,6 @@ assert plain["tone"]["sources"] == {"tone:output": ["gain:input"]} and plain["ga
 graph(); plugins("plate"); info("sc4m")
 """, "gain  amp_mono\n", "input   <- tone:output\n", "plate  Plate reverb\n", "1.5 to 400  ms")
 
-    def test_help_names_every_word_and_each_has_an_example(self):
-        self.run_words("""
-import contextlib, inspect, io, re, sonetrix_console
-with contextlib.redirect_stdout(io.StringIO()) as page:
-    help()
-for name in sonetrix_console.__all__:
-    word = getattr(sonetrix_console, name)
-    assert inspect.isclass(word) or re.search(">>> |\\n    ", inspect.getdoc(word)), name
-    assert inspect.isclass(word) or name in ("help", "install") or f"\\n  {name}(" in page.getvalue(), name
-""")
-
     def test_sessions(self):
         with tempfile.TemporaryDirectory() as folder:
             self.run_words(f"""

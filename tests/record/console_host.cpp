@@ -99,13 +99,12 @@ sonetrix_cListKeyValue_t *parameters = nullptr;
 sonetrix_cliModule_t *module = nullptr;
 std::mutex moduleMutex; // keeps stop apart from destroy, as is the engine's duty
 std::string signalsBefore;
-int context = 0;
 
 sonetrix_cListKeyValue_t *nextParameters() { return parameters ? parameters : parameters = sonetrix_keyValueListNew(); }
 
 void construct() {
     signalsBefore = signalState();
-    sonetrix_cliModule_t *made = constructor(parameters, &context);
+    sonetrix_cliModule_t *made = constructor(parameters, nullptr);
     if (parameters)
         sonetrix_keyValueListDestroy(std::exchange(parameters, nullptr)); // what was read from it is the record's own
     note("constructed", made != nullptr);
@@ -113,7 +112,6 @@ void construct() {
     sigaction(SIGINT, nullptr, &action);
     note("handlesSigint", action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN);
     if (made) {
-        note("contextKept", made->context == &context);
         note("interactive", made->interactive);
         note("sigintMode", made->sigintMode);
     }
@@ -175,7 +173,7 @@ const std::map<std::string, void (*)(Words &)> operations{
             sonetrix_keyValueListAddSU32(nextParameters(), key.c_str(), next<uint32_t>(words));
         }},
     {"construct", [](Words &) { construct(); }},
-    {"second", [](Words &) { note("second", constructor(parameters, &context) != nullptr); }},
+    {"second", [](Words &) { note("second", constructor(parameters, nullptr) != nullptr); }},
     {"start", [](Words &) { start(); }},
     {"run", [](Words &) { note("run", module->run(module)); }},
     {"destroy", [](Words &) { destroy(); }},
