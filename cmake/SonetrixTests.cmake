@@ -60,8 +60,8 @@ if(CMAKE_CROSSCOMPILING)
     math(EXPR SONETRIX_TEST_TIMEOUT "${SONETRIX_TEST_TIMEOUT} * 10")
 endif()
 if(SONETRIX_PYTHON_LIBRARY MATCHES "d\\.so")
-    # A debug build of the interpreter keeps count.
-    set(_pythonCommand ${SONETRIX_PYTHON_EXECUTABLE} -X faulthandler -m support.leaks)
+    # A debug build of the interpreter keeps count: its own test runner repeats each file and compares.
+    set(_countReferences -m test -R 3:3 --testdir)
     math(EXPR SONETRIX_TEST_TIMEOUT "${SONETRIX_TEST_TIMEOUT} * 10")
 endif()
 
@@ -92,9 +92,13 @@ function(sonetrix_python_test file)
             message(FATAL_ERROR "${file}: unknown directive '${directive}'")
         endif()
     endforeach()
+    set(command ${_pythonCommand} ${file})
+    if(_countReferences)
+        set(command ${SONETRIX_PYTHON_EXECUTABLE} -X faulthandler ${_countReferences} ${directory} ${name})
+    endif()
     string(REGEX REPLACE "^test_" "" name ${name})
     add_test(NAME ${folder}.${name}
-        COMMAND ${_pythonCommand} ${file}
+        COMMAND ${command}
         WORKING_DIRECTORY ${CMAKE_SOURCE_DIR})
     set_tests_properties(${folder}.${name} PROPERTIES
         TIMEOUT ${timeout} RUN_SERIAL ${runSerial} PROCESSORS ${processors} LABELS "${labels}"

@@ -262,19 +262,6 @@ wait_for(lambda: len(calls) == 2)
 """, log=re.compile(r"WARN  timers.h:\d+: the callback of a timer of 0.1 s has taken [01].\d s; "
                     r"other timers that waited for it: 3\n"))
 
-    @unittest.skipIf(live.SANITIZED or support.RUN, "a sanitizer has its own allocator; an emulator is preloaded, too")
-    def test_an_engine_thread_bears_a_lack_of_memory(self):
-        self.set_environment(LD_PRELOAD=str(support.BUILD / "tests" / "libsonetrix_starvation.so"))
-        for thread in "notify", "meters", "graph":
-            self.run_live(CHAIN + f"""
-seen, library = [], ctypes.CDLL(None)
-watch = notifyChanges(seen.append), notifyMeters(lambda levels: None, engine.METER_FAST)
-library.starve(b"sonetrix-{thread}", 1)
-wait_for(lambda: (write("gain.gain", 0.25), new("other"), engine.delModule("other"), library.starve_left() == 0)[-1])
-write("gain.gain", 2.0)
-wait_for(lambda: 0.98 < meter("system.playback_1.peak") <= 1 and seen)
-""", log=re.compile(rf"ERROR thread.h:\d+: sonetrix-{thread}: std::bad_alloc\n"))
-
     @unittest.skipIf(support.SANITIZER == "thread", "it knows no threads that a forked process starts")
     def test_a_forked_child_meets_no_lock_and_writes_nothing_of_the_parents(self):
         self.set_environment(**programs.OUTLIVED)

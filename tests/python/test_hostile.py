@@ -157,13 +157,13 @@ class Anything(unittest.TestCase):
         self.enterContext(mock.patch("sys.unraisablehook", lambda report: None))
         self.enterContext(mock.patch("sys.stderr", None))
         self.addCleanup(record.reset)
-        gc.freeze()
-        generated.run(generated.settings(120)(hypothesis.given(
-            strategies.integers(0, 2**32), strategies.lists(generated.values, min_size=9, max_size=9),
-            strategies.integers(1, 100))(self.perform)))
+        gc.freeze(), self.addCleanup(gc.unfreeze)
+        generated.run(self.perform)
 
-    @staticmethod
-    def perform(seed, values, steps):
+    @generated.settings(120)
+    @hypothesis.given(strategies.integers(0, 2**32), strategies.lists(generated.values, min_size=9, max_size=9),
+                      strategies.integers(1, 100))
+    def perform(self, seed, values, steps):
         gc.collect()
         before = remains()
         record.reset()

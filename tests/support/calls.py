@@ -12,8 +12,6 @@ import os
 import types
 from unittest import mock
 
-from . import record
-
 # Nothing sleeps, no file is written, and what the standard library does on the way is left out.
 STAND_INS = {"time": types.SimpleNamespace(sleep=lambda seconds: None), "open": lambda *arguments: io.StringIO(),
              "os": types.SimpleNamespace(path=os.path, get_terminal_size=lambda: os.terminal_size((80, 9))),
@@ -22,21 +20,19 @@ STAND_INS = {"time": types.SimpleNamespace(sleep=lambda seconds: None), "open": 
 
 
 def prepare(case):
-    """Gives the engine something to tell of, for the test."""
+    """Gives the engine something to tell of, for the test, and lets it seem to have ended."""
     engine = case.sonetrix.engine
     case.sonetrix.log.setLevel(5)  # the engine says what it thinks of such arguments
     engine.newModule("a", "amp_mono", None), engine.newModule("b", "amp_mono", None), engine.link("a:output", "b:input")
-    record.gives("sonetrix_engine_getStartParameter", {"a": 5, "b": "text"})
-    record.result("sonetrix_engine_IsRunning", 0)
-    for name, stand_in in STAND_INS.items():
-        case.enterContext(mock.patch.object(case.sonetrix, name, stand_in, create=True))
+    for owner, name, stand_in in (engine, "isRunning", bool), *((case.sonetrix, *item) for item in STAND_INS.items()):
+        case.enterContext(mock.patch.object(owner, name, stand_in, create=True))
 
 
 def functions(sonetrix):
     """(qualified name, owner, function) of all that is public, with the constructors that take arguments."""
     for owner in [sonetrix, *(member for member in vars(sonetrix).values() if isinstance(member, type))]:
         for name, function in vars(owner).items():
-            if inspect.isroutine(function) and not name.startswith("__"):
+            if inspect.isroutine(function) and not name.startswith("__") and function is not inspect.signature:
                 yield f"{owner.__name__}.{name}".removeprefix("sonetrix."), owner, function
     for kind in sonetrix.notifyChanges, sonetrix.notifyMeters, sonetrix.timeout:
         yield kind.__name__, kind, kind
@@ -48,10 +44,14 @@ class Call:
     def __init__(self, function, target=None, /, **arguments):
         self.function, self.target, self.arguments = function, target, arguments
 
-    def __call__(self, **others):
+    def ready(self, **others):
+        """The call itself, with all that Python code has to do for it done."""
         arguments = [value() if isinstance(value, Fresh) else value for value in {**self.arguments, **others}.values()]
         function = self.function.__get__(self.target()) if self.target else self.function
-        return function(*arguments)
+        return functools.partial(function, *arguments)
+
+    def __call__(self, **others):
+        return self.ready(**others)()
 
 
 class Fresh(functools.partial):
