@@ -134,14 +134,15 @@ while len(left) < 3: time.sleep(0.001)
 """,),
             # It holds the removals up that come after; nobody waits for those, or is named in its place.
             ("""
-def stick(): entered.set(), leave.wait(60)
-stuck, innocent = ([sonetrix.timeout(1, call) for call in [callable] * 2] for callable in (stick, Callable()))
+class Stuck:
+    def call(self): entered.set(), leave.wait(60)
+stuck, innocent = ([sonetrix.timeout(1, call) for call in [callable] * 2] for callable in (Stuck().call, Callable()))
 inside = fire()
 del stuck[0]
 timed(lambda: innocent.pop(0))
 leave.set(), inside.join()
 print(*record.log_lines())
-""", "at once", "(3, \"the callable 'stick' does not return: its registration is removed when it has\")")])
+""", "at once", "(3, \"the callable 'Stuck.call' does not return: its registration is removed when it has\")")])
 
     def test_interpreter_end_in_the_midst_of_calls(self):
         self.run_all([

@@ -173,12 +173,15 @@ class ListTestCase(record.TestCase):
 class ValueTest(ListTestCase):
     def test_against_the_model(self):
         self.enterContext(record.unraisables())
-        for kind, model, steps in zip(self.kinds, (Model, KeyedModel), (PLAIN, KEYED)):
-            given = hypothesis.given(strategies.lists(steps, min_size=10, max_size=30))
-            generated.run(generated.settings(150)(given(lambda made: self.compare(kind, model, made))))
+        generated.run(self.compare)
 
-    def compare(self, kind, model, steps):
+    @generated.settings(250)
+    @hypothesis.given(strategies.tuples(strategies.just(Model), strategies.lists(PLAIN, min_size=10, max_size=30))
+                      | strategies.tuples(strategies.just(KeyedModel), strategies.lists(KEYED, min_size=10, max_size=30)))
+    def compare(self, given):
         """Two lists and what they have to hold. Values are compared by their text: NaN and -0.0 count, too."""
+        model, steps = given
+        kind = self.kinds[model is KeyedModel]
         record.recording(False)
         pairs = [(kind(), model()), (kind(), model())]
         for method, index, *arguments in steps:
