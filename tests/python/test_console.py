@@ -36,9 +36,7 @@ class ConsoleTest(unittest.TestCase):
             ):
                 with self.subTest(line):
                     self.assertTrue(console.ask(line).endswith(answer), console.transcript)
-            console.prompt()
-            console.sendline("def later():")
-            console.expect(r"\.\.\. ")
+            console.enter("def later():", r"\.\.\. ")
             console.send("\x04")  # ends the statement, not the console
             console.expect("IndentationError")
             self.assertGreater(console.ask("help(engine)").count("\n"), 100)  # and no key is pressed
@@ -69,9 +67,8 @@ class ConsoleTest(unittest.TestCase):
         # Twice, once the console has given SIGINT back: the engine's own hurried end.
         for _ in range(5):
             with self.console(environment=OUTLIVED) as console:
-                console.prompt()
-                console.sendline("add_clear_callback(lambda: print('clea' + 'ring', flush=True)); exit(5)")
-                console.expect("clearing\r?\n")  # before that, Ctrl-C may strike the line
+                console.enter("add_clear_callback(lambda: print('clea' + 'ring', flush=True)); exit(5)",
+                              "clearing\r?\n")  # before that, Ctrl-C may strike the line
                 while console.process.poll() is None:
                     console.process.send_signal(signal.SIGINT)
                     time.sleep(0.001)

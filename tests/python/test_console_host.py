@@ -7,6 +7,7 @@ import pathlib
 import random
 import re
 import signal
+import subprocess
 import tempfile
 import time
 import unittest
@@ -139,15 +140,9 @@ class Script(unittest.TestCase):
 
     def test_what_the_engine_has_read_ahead_is_part_of_it_and_a_pipe_need_not_wait(self):
         ahead = start("import ctypes, os; os.set_blocking(0, False); ctypes.CDLL(None).getchar()")
-        with concurrent.futures.ThreadPoolExecutor() as pool:
-            read_end, write_end = os.pipe()
-            running = pool.submit(host.run, ahead, text_input=None, stdin=read_end)
-            for piece in "#print(1)\nprint('", "a" * 10_000 + "')":
-                os.write(write_end, piece.encode())
-                time.sleep(0.3 * SLOWNESS)
-            os.close(write_end)
-            self.assertEqual(running.result().result.stdout, "1\n" + "a" * 10_000 + "\n")
-            os.close(read_end)
+        command = ["sh", "-c", "echo '#print(1)'; sleep 0.3; echo 'print('; sleep 0.3; echo '2)'"]
+        with subprocess.Popen(command, stdout=subprocess.PIPE) as pieces:
+            self.assertEqual(host.run(ahead, text_input=None, stdin=pieces.stdout).result.stdout, "1\n2\n")
 
     def test_system_exit_never_ends_the_process(self):
         for text in (
@@ -172,7 +167,7 @@ python = signal.signal(signal.SIGINT, signal.SIG_DFL); exit(3); time.sleep(0.5);
 
 # What is typed, and what is printed when it is under way.
 STATES = {
-    "prompt": ("", "engine> "),
+    "prompt": ("1", "engine> "),
     "continuation": ("if True:", r"\.\.\. "),
     "sleep": ("import time; print('go' + 'ing'); time.sleep(1000)", "going"),
     "lock": ("import threading; print('go' + 'ing'); threading.Event().wait()", "going"),
@@ -188,13 +183,10 @@ class Stop(unittest.TestCase):
               host.Terminal(*operations, start(CLEARED + code)) as console):
             handles = NO_SIGINT not in operations
             for interrupted in [True, False] if handles and state != "help" else [False]:
-                text, under_way = STATES[state]
-                if text:
-                    console.prompt()
-                    console.sendline(text)
-                console.expect(under_way)
+                console.enter(*STATES[state])
                 if interrupted:  # which leaves the console as it was
-                    self.assertEqual("Traceback" in console.interrupt(), under_way == "going", console.transcript)
+                    going = STATES[state][1] == "going"
+                    self.assertEqual("Traceback" in console.interrupt(), going, console.transcript)
             console.tell("stop\nstop")
             facts, log, _ = console.finish()
             self.assertIn((INFO, "interactive console" + " (KeyboardInterrupt default python handler)" * handles), log)
@@ -225,9 +217,8 @@ class Stop(unittest.TestCase):
 
     def test_what_the_engine_keeps_from_being_interrupted(self):
         with host.Terminal(NO_SIGINT) as console:
-            console.prompt()
-            console.sendline("import time; print('go' + 'ing'); time.sleep(1); print('re' + 'sted'); input('no prompt')")
-            console.expect("going")
+            console.enter("import time; print('go' + 'ing'); time.sleep(1); print('re' + 'sted'); input('no prompt')",
+                          "going")
             console.tell("stop")
             console.expect("rested")
             console.sendline("")  # running code is not interrupted, nor what it reads

@@ -9,7 +9,7 @@ import tempfile
 import time
 import unittest
 
-from support import ENGINE, RUN, SLOWNESS, SOURCE
+from support import ENGINE, RUN, SOURCE
 from support.console import Screen
 from support.programs import PACKAGES, minimal_engine, run, run_script
 
@@ -46,25 +46,20 @@ class OnATerminal(unittest.TestCase):
                     "exit": r"^exit\(\) stops the engine",
                     "get('system.gin')": "^sonetrix_console.Unknown: there is no parameter 'system.gin'",
                 }.items():
-                    screen.type(typed + "\r")
-                    screen.wait_for(shown)
+                    screen.type(typed + "\r", shows=shown)
                 self.assertNotIn("words.py", "\n".join(screen.lines()))
                 screen.type("import os, signal; os.kill(os.getpid(), signal.SIGKILL)\r")
                 self.assertEqual(screen.end(), -signal.SIGKILL)
                 self.assertEqual(self.history.stat().st_mode & 0o777, 0o600)
                 screen = self.screen(program)  # the line that ended the engine is there
-                screen.type("\x1b[A")
-                screen.wait_for("^engine> import os, signal; os.kill")
+                screen.type("\x1b[A", shows="^engine> import os, signal; os.kill")
 
     def test_without_line_editing(self):
         (self.home / "readline.py").write_text("raise ImportError\n")
         screen = self.screen(terminal="vt100")
-        screen.type("x = after(1, lambda: print('later'))\r")
-        screen.wait_for("^later\nengine>$")
-        screen.type("paste()\r")
-        screen.wait_for("single dot$")
-        screen.type(BLOCK.replace("\n", "\r") + ".\r")
-        screen.wait_for(r"^8\n42$")
+        screen.type("x = after(1, lambda: print('later'))\r", shows="^later\nengine>$")
+        screen.type("paste()\r", shows="single dot$")
+        screen.type(BLOCK.replace("\n", "\r") + ".\r", shows=r"^8\n42$")
 
     def test_completion(self):
         (self.home / "folder").mkdir()
@@ -81,8 +76,7 @@ class OnATerminal(unittest.TestCase):
             "open('fol": "open('folder/file.txt'", "open('folder/f": "open('folder/file.txt'", "'to": "'to",
         }.items():
             with self.subTest(typed):
-                screen.type(f"\x05\x15{typed}\t")
-                screen.wait_for(f"^engine> {re.escape(shown)}$")
+                screen.type(f"\x05\x15{typed}\t", shows=f"^engine> {re.escape(shown)}$")
         screen.type("\x05\x15get('gain\t")  # several: they are shown
         screen.wait_for(r"^gain\.gain +gain\.plugin +gain2\.gain +gain2\.plugin\nengine> get\('gain$")
 
@@ -90,18 +84,14 @@ class OnATerminal(unittest.TestCase):
         for program in ENGINE, minimal_engine():
             with self.subTest(program.name):
                 screen = self.screen(program)
-                screen.type(f"\x1b[200~{BLOCK}1 / 0\n\x1b[201~")
-                screen.wait_for("^1 / 0$")
+                screen.type(f"\x1b[200~{BLOCK}1 / 0\n\x1b[201~", shows="^1 / 0$")
                 screen.type("\r")
                 screen.wait_for('^8\n42\nTraceback .*\n  File "<pasted 1>", line 8, in <module>\n(    .*\n)*Zero.*\nengine>$')
                 screen.type("\x1b[A")  # one entry of the history
                 screen.wait_for(r"^engine> def twice\(x\):\n    y = 2 \* x\n\n    return y\n(.*\n)+1 / 0\Z")
-                screen.type("\x03")
-                screen.wait_for(r"^KeyboardInterrupt\nengine>\Z")
-                screen.type("for i in range(2):\r")
-                screen.wait_for(r"^\.\.\.\Z")
-                screen.type("\x1b[200~    x = i\n\n    print('i', x)\n\x1b[201~\r\r")
-                screen.wait_for(r"^i 0\ni 1\nengine>$")
+                screen.type("\x03", shows=r"^KeyboardInterrupt\nengine>\Z")
+                screen.type("for i in range(2):\r", shows=r"^\.\.\.\Z")
+                screen.type("\x1b[200~    x = i\n\n    print('i', x)\n\x1b[201~\r\r", shows=r"^i 0\ni 1\nengine>$")
 
     def test_output_while_typing(self):
         """A timer, the log, a thread and a person, all at the same time."""
@@ -114,16 +104,14 @@ class OnATerminal(unittest.TestCase):
                 (ENGINE, "xterm", 80), (ENGINE, "vt100", 40), (minimal_engine(), "xterm", 80), (ENGINE, "dumb", 80)):
             with self.subTest(program.name, terminal=terminal):
                 screen = self.screen(program, terminal=terminal, columns=columns)
-                screen.type(setup + ticks * (program == ENGINE))
-                screen.wait_for("^thread 9$")
+                screen.type(setup + ticks * (program == ENGINE), shows="^thread 9$")
                 for number, line in enumerate(typed):
                     if number == 6:
                         time.sleep(1.5)  # the terminal takes nothing any more
                     screen.wait_for(r"^engine>\Z")  # what is typed before, the terminal itself echoes
                     screen.type(line + "\r", key_every=0.004)
                 screen.type("go = False; callbacks(); [each.stop() for each in [globals().get('x')] if each]\r")
-                screen.type("sum(typed), 'end'\r")
-                screen.wait_for(r"^\(66, 'end'\)$")
+                screen.type("sum(typed), 'end'\r", shows=r"^\(66, 'end'\)$")
                 lines = screen.lines()
                 lines = lines[lines.index("thread 9"):]
                 self.assertEqual([line for line in lines if line.count("engine>") > 1], [])

@@ -59,9 +59,7 @@ class Examples(unittest.TestCase):
         changes = "gain.gain is now 0.4\ngain.gain is now 0.3\ngain.gain is now 0.2\n"
         self.assertEqual(self.run_example("watch_parameter.py"), changes)
         with Console("-i", EXAMPLES / "watch_parameter.py") as terminal:
-            terminal.prompt()
-            terminal.sendline('chain.set_parameter("gain.gain", 0.75)')
-            terminal.expect(r"gain\.gain is now 0\.75\n")
+            terminal.enter('chain.set_parameter("gain.gain", 0.75)', r"gain\.gain is now 0\.75\n")
 
     def test_level_meter(self):
         # The tone's peak of 0.25 is 12 dB below full scale, which is a fifth of the bar's 60.

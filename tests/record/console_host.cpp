@@ -40,13 +40,9 @@ namespace {
 
 constexpr int timers = 3; // the layer's number of this kind of callbacks
 
-std::mutex reportMutex;
-std::ostringstream report;
+std::ostringstream report; // by the thread that carries the operations out
 
-template <typename Value> void note(const char *key, const Value &value) {
-    const std::lock_guard lock(reportMutex);
-    report << "'" << key << "': " << value << ",\n";
-}
+void note(const char *key, const auto &value) { report << "'" << key << "': " << value << ",\n"; }
 
 // The dispositions, and the calling thread's mask.
 std::string signalState() {

@@ -69,6 +69,12 @@ class Console(pexpect.fdpexpect.fdspawn):
         self._prompted = True
         return self.before.strip()
 
+    def enter(self, line, pattern):
+        """Waits for the prompt, types a line, and waits for what is printed then."""
+        self.prompt()
+        self.sendline(line)
+        self.expect(pattern)
+
     def interrupt(self):
         """Ctrl-C, and what comes before the console says so. One that lands between the prompt and its read is
         noticed at the next key, as at any Python prompt: then it is pressed again."""
@@ -90,8 +96,7 @@ class Screen(Console):
     """What a terminal emulator draws for a person.
 
         with Screen() as screen:
-            screen.type("1 + 1\\r")
-            screen.wait_for("^2$")
+            screen.type("1 + 1\\r", shows="^2$")
     """
 
     def __init__(self, *arguments, terminal="xterm", columns=80, rows=24, environment=None, **options):
@@ -122,11 +127,12 @@ class Screen(Console):
         while not re.search(pattern, "\n".join(self.lines(0 if shown else 200)), re.M):
             self.read_nonblocking(65536)
 
-    def type(self, text, key_every=0):
-        """Types, key by key if so said, and reads the output meanwhile."""
+    def type(self, text, shows=None, key_every=0):
+        """Types, key by key if so said, and waits for what that shows, or reads what there is."""
         for key in text if key_every else [text]:
             self.send(key)
             until = time.monotonic() + key_every
             with contextlib.suppress(pexpect.TIMEOUT):
                 while time.monotonic() <= until:
                     self.read_nonblocking(65536, max(0, until - time.monotonic()))
+        shows and self.wait_for(shows)
