@@ -4,7 +4,6 @@ log, rendering, and that it bears many threads, little memory, processes that fo
 # ctest: timeout=240
 
 import cmath
-import errno
 import math
 import os
 import re
@@ -12,11 +11,7 @@ import unittest
 
 import support
 from support import live, programs, sound
-
-CHAIN = """\
-assert new("tone", "sine_fcac", frequency=440.0, amplitude=0.5) == new("gain", gain=0.5) == 0
-assert engine.link("tone:output", "gain:input") == engine.link("gain:output", "system:playback_1") == 0
-"""
+from support.live import CHAIN
 
 # What is fed back around a circle comes a block of 256 frames later.
 BLOCK_AT_100_HZ = cmath.exp(-2j * math.pi * 100 * 256 / 48000)
@@ -24,8 +19,8 @@ BLOCK_AT_100_HZ = cmath.exp(-2j * math.pi * 100 * 256 / 48000)
 EDITS = [
     ("pass", (440, 0.25), None),
     ("write('gain.gain', 0.125)", (440, 0.0625), None),
-    ("write('tone.frequency', 1000.0)", (1000, 0.0625), None),
-    ("engine.link(b'gain:output', bytearray(b'system:playback_2'))", (1000, 0.0625), (1000, 0.0625)),
+    ("engine.link('gain:output', 'system:playback_2'); write('tone.frequency', 1000.0)",
+     (1000, 0.0625), (1000, 0.0625)),
     ("engine.link('gain:output', '')", None, None),
     ("engine.link('tone:output', 'system:playback_2')", None, (1000, 0.5)),
     ("engine.link('gain:output', 'system:playback_2')", None, (1000, 0.5)),  # refused: it has a source
@@ -33,7 +28,6 @@ EDITS = [
     ("engine.delModule('gain')", None, None),
     ("new('gain', 'amp_mono', gain=2.0)", None, None),  # a new module has none of the old one's links
     ("engine.link('gain:output', 'system:playback_1'); engine.link('tone:output', 'gain:input')", (1000, 1), None),
-    ("assert not write('tone.frequency', 1e6) | write('tone.amplitude', '1') | write('no.such', 1.0)", (1000, 1), None),
     ("new('low', 'sine_fcac', frequency=100.0, amplitude=0.25); engine.link('gain:input')", None, None),
     ("engine.link('low:output', 'gain:input')", (100, 0.5), None),
     ("engine.delModule('tone'), engine.delModule('system'), engine.delModule('nobody')", (100, 0.5), None),
@@ -45,7 +39,7 @@ EDITS = [
 ]
 
 
-class Audio(live.EngineTest):
+class Audio(live.LiveTest):
     def test_each_edit(self):
         seconds = 0.25
         _, heard = self.record(CHAIN + "".join(f"{edit}\nrun({seconds})\n" for edit, *_ in EDITS),
@@ -55,28 +49,22 @@ class Audio(live.EngineTest):
             part = heard.part(index * seconds + 0.02, (index + 1) * seconds)
             for channel, tone in enumerate(expected):
                 with self.subTest(edit, channel=channel):
-                    frequency, amplitude = tone or (0, 0)
-                    self.assertAlmostEqual(part.frequency(channel), frequency, delta=0.3)
-                    self.assertAlmostEqual(part.levels()[channel], amplitude / math.sqrt(2), delta=0.002)
+                    self.assert_tone(part, *(tone or (0, 0)), channel)
 
-    def test_edits_in_real_time_take_effect_at_once_and_without_a_gap(self):
-        printed, heard = self.record(CHAIN + """
-for gain in (1.0, 0.25, 0.5):
-    time.sleep(0.2)
-    write("gain.gain", gain)
-for _ in range(50):  # replans the graph without changing what is heard
+    def test_edits_in_real_time_leave_no_gap_and_a_recording_can_be_read_after_a_kill(self):
+        _, heard = self.record(CHAIN + """
+for _ in range(250):  # replans the graph without changing what is heard
     assert new("other") == engine.link("tone:output", "other:input") == 0
     time.sleep(0.01)
     assert engine.delModule("other") == 0
-print(engine.getXrunCounter())
-""")
+os.kill(os.getpid(), 9)
+""", status=-9)
+        self.assertGreater(heard.seconds, 1)
+        self.assert_tone(heard.part(-0.5), 440, 0.25)
         left = heard.channels[0]
-        left = left[next(i for i, sample in enumerate(left) if sample):]
-        # Of 440 Hz no sample differs much from the next, but for the three steps of the gain and after xruns.
-        jumps = sum(abs(b - a) > 0.5 * 2 * math.pi * 440 / heard.rate * 1.5 for a, b in zip(left, left[1:]))
-        self.assertLessEqual(jumps, 3 + int(printed))
-        self.assertAlmostEqual(max(left), 0.5, delta=0.001)
-        self.assertAlmostEqual(max(left[-2400:]), 0.25, delta=0.001)
+        begins = next(index for index, sample in enumerate(left) if sample)
+        steepest = max(abs(b - a) for a, b in zip(left[begins:], left[begins + 1:]))
+        self.assertLess(steepest, 1.1 * 0.25 * 2 * math.pi * 440 / heard.rate)
 
     def test_timers_go_by_rendered_time_and_waiting_renders_to_the_end(self):
         printed, heard = self.record(CHAIN + """
@@ -91,67 +79,61 @@ print(len(calls), any(calls), read("engine.offline.left"))
 """, "--offline", 1)
         self.assertEqual(printed, "99 False {b'engine.offline.left': (0.0, 'double')}\n")
         for second in 0.25, 0.5, 0.9:
-            level = heard.part(second, second + 0.01).levels()[0] * math.sqrt(2)
-            self.assertAlmostEqual(level, 0.5 * second, delta=0.01)
+            self.assertAlmostEqual(heard.part(second, second + 0.01).amplitudes()[0], 0.5 * second, delta=0.01)
 
     def test_a_process_that_leaves_by_exit_has_a_whole_recording(self):
         self.set_environment(**programs.OUTLIVED, MALLOC_PERTURB_="85")  # what has been freed cannot be used by chance
         for options in ("--offline", 1), ():
             _, heard = self.record(CHAIN + "time.sleep(.5); ctypes.CDLL(None).exit(7)", *options, status=7)
-            part = heard.part(heard.seconds - 0.2, heard.seconds - 0.1)
-            self.assertAlmostEqual(part.levels()[0], 0.25 / math.sqrt(2), delta=0.002)
+            self.assert_tone(heard.part(-0.2), 440, 0.25)
 
 
-class Clock(live.EngineTest):
+class Clock(live.LiveTest):
     @unittest.skipIf(live.SANITIZED, "looks at pauses of microseconds, and at memory that a sanitizer does not lock")
     def test_threads_leave_the_processor_and_signals_to_others_and_memory_is_locked(self):
         print(self.run_live("""
 import resource
 def facts(thread):
     with open(f"/proc/self/task/{thread}/status") as file:
-        return {key: text.strip() for key, _, text in (line.partition(":") for line in file)}
-names = set()
-for thread in map(facts, os.listdir("/proc/self/task")):
-    if thread["Name"].startswith("sonetrix-") and thread["Pid"] != thread["Tgid"]:
-        names.add(thread["Name"])
-        for number in signal.SIGINT, signal.SIGTERM, signal.SIGHUP:
-            assert int(thread["SigBlk"], 16) >> number - 1 & 1, (thread["Name"], number)
-assert sorted(name[9:] for name in names) == "audio file graph meters notify signal stop timer".split(), names
-status = facts(os.getpid())
-if int(status["CapEff"], 16) >> 14 & 1 or resource.getrlimit(resource.RLIMIT_MEMLOCK) == (-1, -1):
-    assert int(status["VmLck"].split()[0]) > 10_000, status["VmLck"]
+        return dict(line.rstrip().split(":", 1) for line in file)
+waits = lambda thread: int(facts(thread)["voluntary_ctxt_switches"])
+program = facts(os.getpid())
+threads = {status["Name"].strip()[9:]: status for status in map(facts, os.listdir("/proc/self/task"))
+           if status["Name"].startswith("\tsonetrix-") and status["Pid"] != program["Pid"]}
+assert sorted(threads) == "audio file graph meters notify signal stop timer".split(), threads
+ending = sum(1 << number - 1 for number in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM))
+assert all(int(status["SigBlk"], 16) & ending == ending for status in threads.values()), threads
+if int(program["CapEff"], 16) >> 14 & 1 or resource.getrlimit(resource.RLIMIT_MEMLOCK) == (-1, -1):
+    assert int(program["VmLck"].split()[0]) > 10_000, program["VmLck"]
 else:
     print("that memory is locked is NOT tested: it is not permitted here")
 assert all(new(f"m{index}") == 0 for index in range(2000))  # always too slow
-audio = engine.getUsageInfo()[b"system"]["processId"]
-counters = lambda: (engine.getXrunCounter(), int(facts(audio)["voluntary_ctxt_switches"]))
+audio, files = (int(threads[name]["Pid"]) for name in ("audio", "file"))
+counters = lambda: (engine.getXrunCounter(), waits(audio), waits(files))
 time.sleep(.2)
 before = counters()
 time.sleep(.3)
-
-late, pauses = (now - then for now, then in zip(counters(), before))
-assert late > 100 and pauses > late / 20, (late, pauses)
+late, pauses, looks = (now - then for now, then in zip(counters(), before))
+assert late > 100 and pauses > late / 20 and looks == 0, (late, pauses, looks)
 """, "--rate", 768000, "--block", 16), end="", flush=True)
 
 
-class ManyThreads(live.EngineTest):
+class ManyThreads(live.LiveTest):
     def test_random_edits_while_it_runs(self):
-        self.run_live(f"""
-PLUGINS = ["amp_mono", "amp_stereo", "delay_5s", "sine_fcac", "no_such_plugin"]
-REFUSALS = {{0, *{[-number for number in (errno.EINVAL, errno.ENOENT, errno.EEXIST, errno.EBUSY)]}}}
-edits, looks, end = [0, 0], [0], time.monotonic() + {float(os.environ.get("SONETRIX_CHURN_SECONDS", 8)) / 4}
-""" + """
+        self.run_live("""
+REFUSALS = {0, *(-number for number in (errno.EINVAL, errno.ENOENT, errno.EEXIST, errno.EBUSY))}
+edits, looks, end = [0, 0], [0], time.monotonic() + SECONDS
+
 def edit(thread):
     pick = random.Random(thread)
-    names = [f"m{index}" for index in range(12)]  # both threads use the same ones
-    def port():
-        return pick.choice([f"{pick.choice(names)}:{pick.choice(['input', 'output'])}", *engine.getPortNames()])
+    name = lambda: f"m{pick.randrange(12)}"  # both threads use the same ones
+    port = lambda: pick.choice([name() + ":input", name() + ":output", *engine.getPortNames()])
     while time.monotonic() < end:
         status = pick.choice([
-            lambda: new(pick.choice(names), pick.choice(PLUGINS)), lambda: engine.delModule(pick.choice(names)),
-            *[lambda: engine.link(port(), port())] * 2, lambda: engine.link(port())])()
+            lambda: new(name(), pick.choice(["amp_mono", "amp_stereo", "delay_5s", "no_such_plugin"])),
+            lambda: engine.delModule(name()), lambda: engine.link(port(), port()), lambda: engine.link(port())])()
         assert status in REFUSALS, status
-        write(pick.choice(names) + ".gain", pick.random())
+        write(name() + ".gain", pick.random())
         edits[thread] += 1
 
 def look():
@@ -168,28 +150,25 @@ for name in engine.getModuleNames():
     engine.delModule(name)
 assert engine.getModuleNames() == [b"system"] and len(engine.getPortNames()) == 4
 assert min(edits) > 1000 / SLOWNESS ** 2 and looks[0] > 20, (edits, looks)
-engine.link("system:playback_1")
 assert new("tone", "sine_fcac", amplitude=0.5) == engine.link("tone:output", "system:playback_1") == 0
 wait_for(lambda: 0.49 < meter("system.playback_1.peak") <= 0.5)
-""", "--log-level", "fatal")
+""".replace("SECONDS", str(float(os.environ.get("SONETRIX_CHURN_SECONDS", 8)) / 4)), "--log-level", "fatal")
 
     def test_two_removals_of_one_timer_both_wait_for_its_call(self):
         self.run_live("""
 library = ctypes.CDLL(None)
 library.sonetrix_engineGet.restype = library.sonetrix_engine_addTimer.restype = ctypes.c_void_p
 handle = ctypes.c_void_p(library.sonetrix_engineGet())
-entered, leave, order = threading.Event(), threading.Event(), []
-called = ctypes.CFUNCTYPE(None, ctypes.c_void_p)(lambda user: (entered.set(), leave.wait(), order.append("left")))
+entered, order = threading.Event(), []
+called = ctypes.CFUNCTYPE(None, ctypes.c_void_p)(lambda user: (entered.set(), time.sleep(.2), order.append("left")))
 timer = ctypes.c_void_p(library.sonetrix_engine_addTimer(handle, 1, called, None))
 entered.wait()
-opener = threading.Timer(.2, leave.set)
-opener.start()
 in_threads(*[lambda: (library.sonetrix_engine_delTimer(handle, timer), order.append("removed"))] * 2)
 assert order == ["left", "removed", "removed"], order
 """)
 
 
-class Parameters(live.EngineTest):
+class Parameters(live.LiveTest):
     def test_what_is_read_written_and_left_as_it_is(self):
         self.run_live("""
 assert new("amp", gain=0.5) == new("echo", "delay_5s") == 0
@@ -197,32 +176,29 @@ own = {b"engine.rate": (44100, "uint32"), b"engine.block": (64, "uint32"), b"eng
 amp = {b"amp.gain": (0.5, "float")}
 for keys, expected in [
     ((b"amp.gain", "amp.gain"), amp), ("amp.", amp | {b"amp.plugin": (b"amp_mono", "string")}), (list(own), own),
-    ([], {}), *((key, {}) for key in ("system.", "", ".", "amp", "amp.gain.", "amp..", "AMP.GAIN", "nobody.")),
+    *((key, {}) for key in ("system.", "", ".", "amp", "amp..", "AMP.GAIN", "nobody.")),
 ]:
     assert read(keys) == expected, (keys, read(keys))
-assert own.keys() <= read("engine.").keys()
 for given, type, kept in [
-    (0.1, "float", 0.1), (-0.0, None, -0.0), (2.0 ** -149, None, 2.0 ** -149), (3.4e38, None, 3.4e38),
-    (0.5, "double", 0.5), (1, None, 1.0), (1, "uint32", 1.0), ("1.0", None, None), (1e39, "double", None),
-    *((refused, None, None) for refused in ((1.0,), -1.0, float("nan"), float("inf"), -2.0 ** -149)),
+    (0.1, "float", 0.1), (2.0 ** -149, None, 2.0 ** -149), (0.5, "double", 0.5), (1, None, 1.0), (1, "uint32", 1.0),
+    ("1.0", None, None), (1e39, "double", None), ((1.0,), None, None), (float("nan"), None, None), (-1.0, None, None),
 ]:
     write("amp.gain", 0.25)
     written = engine.setParamsCli(listKeyValue().append(b"amp.gain", given, type)).toDictType()
     now, kind = read("amp.gain")[b"amp.gain"]
     assert (struct.pack("f", now), kind) == (struct.pack("f", 0.25 if kept is None else kept), "float"), (given, now)
     assert written == ({} if kept is None else {b"amp.gain": (now, "float")}), (given, type, written)
-for key, bad in ("engine.rate", 1), ("amp.", 0.5), ("", 0.5), ("engine.log.level", 6), ("engine.log.level", -1):
+for key, bad in ("engine.rate", 1), ("amp.", 0.5), ("", 0.5), ("engine.log.level", 6):
     assert write(key, bad) == {}, key
 # One list: what can be written is, in order, and the request stays as it was.
 request = listKeyValue().append("no.such", 1.0).append("amp.gain", 9.0).append("amp.gain", 2.0)
-request.append("echo.delay_seconds", 6.0)
 before = request.toDictType()
 assert engine.setParams(request).toDict() == {b"amp.gain": 2.0} and request.toDictType() == before
 assert engine.delModule("amp") == 0 and read(["amp.", "amp.gain"]) == {} == write("amp.gain", 0.25)
 """, "--rate", 44100, "--block", 64, "--log-level", "error")
 
 
-class Events(live.EngineTest):
+class Events(live.LiveTest):
     def test_timers_meters_notifications_and_xruns(self):
         self.run_live(CHAIN + """
 import subprocess
@@ -232,7 +208,7 @@ holder = [engine.addTimer(50, lambda: (alone.append(1), holder.clear()))]
 watch = notifyChanges(lambda change: changes.append(change.copy()))
 emitted = notifyMeters(fast.append, engine.METER_FAST), notifyMeters(slow.append, engine.METER_SLOW)
 for index in range(2000):
-    write("gain.gain", index / 1000)
+    write("gain.gain", 0.5 + index % 2)
 write("gain.gain", 0.5)
 many = [engine.addTimer(3_600_000 if index % 2 else 1, lambda: None) for index in range(5000)]
 wait_for(lambda: len(ticks) >= 10 and len(slow) >= 4)
@@ -241,12 +217,10 @@ assert 0 < len(changes) < 1000 and {key for change in changes for key in change}
 assert changes[-1][b"gain.gain"] == 0.5 and len(fast) >= len(slow) and b"system.capture_1.peak" in slow[0]
 for name, level in ("peak", 0.25), ("mean", 0.1768):
     wait_for(lambda: abs(meter("system.playback_1." + name) - level) < 0.01)
-mine = lambda: engine.getLastMeter("mine", engine.METER_FAST).toDict()
-for key, number in (b"mine.a", 7), (b"mine.a", 8), (b"mine", 1), (b"mined.b", 2):
+for key, number in (b"mine.a", 7), (b"mine.a", 8), (b"mine", 1), (b"mined.b", 2), (b"mine.c", 3):
     engine.addDebugMeter(key, number)
-assert mine() == {b"mine": 1, b"mine.a": 8}
-engine.delDebugMeter(b"mine.a")
-assert mine() == {b"mine": 1}
+engine.delDebugMeter(b"mine.c")
+assert engine.getLastMeter("mine", engine.METER_FAST).toDict() == {b"mine": 1, b"mine.a": 8}
 before = engine.getXrunCounter()
 subprocess.Popen(["sh", "-c", "sleep .3; kill -CONT $PPID"])
 os.kill(os.getpid(), signal.SIGSTOP)  # 60 blocks: a few xruns, not one for each
@@ -265,32 +239,27 @@ wait_for(lambda: len(calls) == 2)
     @unittest.skipIf(support.SANITIZER == "thread", "it knows no threads that a forked process starts")
     def test_a_forked_child_meets_no_lock_and_writes_nothing_of_the_parents(self):
         self.set_environment(**programs.OUTLIVED)
-        printed, heard = self.record(CHAIN + """
+        _, heard = self.record(CHAIN + """
 import warnings
 warnings.simplefilter("ignore")  # of threads that the child does not have
 watch, timers = notifyChanges(lambda changes: None), [engine.addTimer(1, lambda: None) for _ in range(8)]
-ends, results = time.monotonic() + 2, set()
+ends = time.monotonic() + 2
 def busy():
     while time.monotonic() < ends:
         write("gain.gain", 0.5), log.debug("x"), new("n"), engine.delModule("n")
 def fork():
     while time.monotonic() < ends:
-        child = os.fork()
-        if child == 0:
+        if (child := os.fork()) == 0:
             signal.alarm(5 * SLOWNESS)
             log.debug("child"), write("gain.gain", 0.1), engine.delModule("gain"), timers.clear()
-            assert not engine.isRunning()
-            ctypes.CDLL(None).exit(5)
-        results.add(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]))
+            ctypes.CDLL(None).exit(6 if engine.isRunning() else 5)
+        assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 5
 in_threads(busy, busy, fork)
-print(results)
 """, "--log-level", "debug", log=re.compile(".*", re.S))
-        self.assertEqual(printed, "{5}\n")
-        part = heard.part(heard.seconds - 1, heard.seconds - 0.5)
-        self.assertAlmostEqual(part.levels()[0], 0.25 / math.sqrt(2), delta=0.01)
+        self.assert_tone(heard.part(-1), 440, 0.25)
 
 
-class LogAndMemory(live.EngineTest):
+class LogAndMemory(live.LiveTest):
     def test_log(self):
         self.run_live("""
 log.logOnFile("no/log")
@@ -305,10 +274,8 @@ log.logOnFile("/dev/full"), log.warn("full"), log.warn("full")
                     r"WARN  python: level 3\nERROR python: level 4\nFATAL python: level 5\nFATAL python: level 6\n"
                     r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} WARN  python: stamped\nWARN  python: to all\n"
                     r"WARN  python: full\nWARN  log: log file: .*No space.*\nWARN  python: full\n"))
-        self.assertFalse((self.folder / "no").exists())
-        self.assertEqual(re.findall(r"^\d{4}-\d\d-\d\d \S* (.*)$", (self.folder / "log").read_text(), re.M),
-                         ["WARN  python: level 3", "ERROR python: level 4", "FATAL python: level 5",
-                          "FATAL python: level 6", "WARN  python: stamped"])
+        self.assertRegex((self.folder / "log").read_text(),
+                         r"^(\d{4}-\d\d-\d\d \S* (WARN |ERROR|FATAL) python: (level [3-6]|stamped)\n){5}$")
 
     def test_memory_of_modules_is_counted_and_given_back(self):
         printed = self.run_live("""

@@ -2,12 +2,10 @@
 # ctest: timeout=180
 
 import array
-import math
 import os
 import pathlib
 import re
 import shutil
-import signal
 import subprocess
 import unittest
 import wave
@@ -21,12 +19,12 @@ assert new("tone", "sine_fcac", frequency=440.0, amplitude=0.5) == engine.link("
 PLUGINS = pathlib.Path("/usr/lib/ladspa")
 
 
-class Plugins(live.EngineTest):
+class Plugins(live.LiveTest):
     def setUp(self):
         super().setUp()
         self.set_environment(LADSPA_PATH=f"{PLUGINS}:{self.folder}:{support.BUILD / 'tests' / 'plugins'}")
 
-    def test_a_library_that_cannot_serve_is_skipped_and_one_that_serves_stays_loaded(self):
+    def test_libraries_that_cannot_serve_are_skipped_and_others_stay_loaded_and_in_one_function_at_a_time(self):
         (self.folder / "cut.so").write_bytes((PLUGINS / "amp.so").read_bytes()[:3000])
         (self.folder / "garbage.so").write_text("no library")
         (self.folder / "dangling.so").symlink_to("nothing")
@@ -36,41 +34,32 @@ class Plugins(live.EngineTest):
 first = engine.listAvailableModules()
 assert engine.listAvailableModules() == first and len(set(first)) == len(first)
 assert {b"amp_mono", b"other_amp.amp_mono", b"probe"} <= {*first} and b"amp.amp_mono" not in first
-assert new("m", "other_amp.amp_mono") == 0 and value("m.plugin") == b"other_amp.amp_mono"
-assert engine.delModule("m") == 0
-time.sleep(0.2)
-assert "/other_amp.so" in open("/proc/self/maps").read()
-""", log=re.compile(r"(WARN  .*: plugin library skipped: .*(cut|garbage|dangling|probe)\.so.*\n){4}"))
-
-    def test_a_library_is_in_one_function_at_a_time_with_its_start_values_and_what_is_not_a_number_shows(self):
-        self.run_live("""
 churn = lambda name: [new(name, "probe") | engine.delModule(name) for _ in range(20)] == [0] * 20 or 1 / 0
 in_threads(*(lambda name=name: churn(name) for name in "abcd"))
 assert new("m", "probe", control_ms=7) == engine.link("m:output", "system:playback_2") == 0
 wait_for(lambda: abs(meter("system.playback_2.peak") - 7) < 1e-6)
 assert (meter("m.activated"), meter("m.overlaps")) == (7, 0)
-write("m.control_ms", -1.0)
+write("m.control_ms", -1.0)  # what is not a number shows
 wait_for(lambda: str(meter("system.playback_2.peak")) == "nan")
-""")
+assert new("other", "other_amp.amp_mono") == 0 and value("other.plugin") == b"other_amp.amp_mono"
+assert engine.delModule("other") == 0
+time.sleep(0.2)
+assert "/other_amp.so" in open("/proc/self/maps").read()
+""", log=re.compile(r"(WARN  .*: plugin library skipped: .*(cut|garbage|dangling|probe)\.so.*\n){4}"))
 
     def test_plugins_are_described_without_being_created(self):
         self.run_live("""
 titles = engine.getParam("plugins.").toDict()
 assert [key[8:-6] for key in titles] == engine.listAvailableModules() and titles[b"plugins.probe.title"] == b"A probe"
-for label in (b"probe", b"sc4m", b"sine_fcac", b"delay_n", b"amp_stereo"):
-    assert new("m", label.decode()) == 0
-    facts = {key[len(label) + 9:]: value for key, value in engine.getParam(b"plugins." + label + b".").toDict().items()}
-    [info] = [info for info in engine.getModuleInfos() if info["name"] == b"m"]
-    for key, ports in (b"sinks", info["sink"]), (b"sources", info["src"]):
-        assert facts[key].split() == [port["name"][2:] for port in ports], facts
-    controls = {key[2:] for key in info["param"]} - {b"plugin"}
-    assert {key.rpartition(b".")[0] for key in facts if b"." in key} == controls
-    for control in controls:
-        low, high, initial = (facts[control + b"." + key] for key in (b"minimum", b"maximum", b"default"))
-        assert low <= initial <= high and write(b"m." + control, low) and write(b"m." + control, high), control
-    engine.delModule("m")
-assert value("plugins.probe.control_ms.unit") == b"ms" and value("plugins.sine_fcac.frequency.unit") == b"Hz"
-assert read("plugins.no.title") == {}
+def described(name):
+    return {key[9 + len(name):]: value for key, value in engine.getParam(f"plugins.{name}.").toDict().items()}
+assert described("probe") == {
+    b"title": b"A probe", b"sinks": b"", b"sources": b"output", b"control_ms.minimum": -3.4028234663852886e+38,
+    b"control_ms.maximum": 10, b"control_ms.default": 1, b"control_ms.unit": b"ms"}, described("probe")
+assert described("amp_stereo")[b"sinks"] == b"input_left input_right"
+attack = described("sc4m")
+assert [attack[b"attack_time_ms." + key] for key in (b"minimum", b"default", b"maximum")] == [1.5, 101.125, 400], attack
+assert value("plugins.sine_fcac.frequency.unit") == b"Hz" and read("plugins.no.title") == {}
 """)
 
     def test_refusals_say_what_was_wrong_and_what_would_be_right(self):
@@ -80,9 +69,14 @@ assert read("plugins.no.title") == {}
             "set('tone.freq', 1.5)": '1.5 (float): there is no parameter "tone.freq"; did you mean "tone.frequency"?',
             "set('tone.plugin', 'x')": "it can only be read",
             "set('engine.offline.run', 2.0)": "1 s are left to render",
+            "set('engine.play.file', 'slow.wav')": "slow.wav: has 44100 frames per second, the engine 48000",
+            "set('engine.play.file', 'pipe')": "pipe: is not a regular file",
+            "set('engine.record.file', 'pipe')": "pipe: is not a regular file",
+            "set('engine.record.file', './in.wav')": "./in.wav cannot be played and recorded at once",
+            "set('engine.record.file', 'a.mp3')":
+                "a.mp3: a recording's name ends in one of .wav .w64 .aiff .au .caf .flac .ogg",
             "engine.link('tone.output', 'x')": 'there is no port "tone.output"; did you mean "tone:output"?',
             "engine.link('system:capture_1', 'system:playback_1')": 'the sink is linked already, to "tone:output"',
-            "engine.link('xyz')": 'there is no port "xyz"',
             "engine.delModule('tnoe')": 'there is no such module; did you mean "tone"?',
             "new('t', 'sine_fcca')": 'there is no such plugin; did you mean "sine_fcaa"?',
             "new('t.', 'amp_mono')": 'a module\'s name has 1 to 39 letters, digits, "_" and "-"',
@@ -90,16 +84,19 @@ assert read("plugins.no.title") == {}
             "new('t', 'amp_mono', gian=1.0)": 'there is no control input "gian", only gain',
             "new('t', 'amp_mono', gain='1')": '"gain" takes a float of at least 0, not "1" (string)',
         }
+        os.mkfifo("pipe")
+        sound.write_tone("slow.wav", 440, 0.5, 0.1, rate=44100)
+        sound.write_tone("in.wav", 440, 0.5, 0.1)
         self.run_live(TONE + """
 set = lambda key, value: -1 if write(key, value) == {} else 0
 assert engine.link("tone:output", "system:playback_1") == 0  # as it is
 assert all(write("tone.frequency", *given) for given in ((0.1, "double"), (220, "uint32"), (220,)))
 """ + "".join(f"assert {call} < 0\n" for call in refusals) + "assert engine.getModuleNames() == [b'system', b'tone']\n",
-            "--offline", 1,
+            "--input", "in.wav", "--offline", 1,
             log=re.compile("".join(f"WARN  engine: cannot .*{re.escape(why)}\n" for why in refusals.values())))
 
 
-class Controls(live.EngineTest):
+class Controls(live.LiveTest):
     def test_smoothing(self):
         def sharpest(samples):
             return max(abs(a - 2 * b + c) for a, b, c in zip(samples, samples[1:], samples[2:]))
@@ -115,7 +112,7 @@ class Controls(live.EngineTest):
             self.assertAlmostEqual(max(samples[-2000:]), 0.25, delta=0.001)
 
 
-class Files(live.EngineTest):
+class Files(live.LiveTest):
     def test_recording_and_playing_begin_and_end_at_will(self):
         sound.write_tone("mono.wav", 1000, 0.5, 0.1)
         for name in "take.flac", "take.ogg", "take.wav":
@@ -142,25 +139,10 @@ assert write("engine.play.file", "mono.wav")  # on the left; nothing of the file
 run(0.1)
 """, "--offline", 3)
                 for channel in 0, 1:
-                    self.assertAlmostEqual(heard.part(0.27, 0.75).levels()[channel], 0.5 / math.sqrt(2), delta=0.005)
-                    self.assertAlmostEqual(heard.part(0.27, 0.75).frequency(channel), 440, delta=0.1)
+                    self.assert_tone(heard.part(0.27, 0.75), 440, 0.5, channel)
                 self.assertEqual(max(heard.part(0.78, 1).channels[0]), 0)
-                self.assertAlmostEqual(heard.part(1.03, 1.12).levels()[0], 0.5 / math.sqrt(2), delta=0.005)
+                self.assert_tone(heard.part(1.03, 1.12), 1000, 0.5)
                 self.assertEqual(max(heard.part(1.03, 1.12).channels[1]), 0)
-
-    def test_refused(self):
-        sound.write_tone("in.wav", 440, 0.5, 0.1, rate=44100)
-        os.mkfifo("pipe")
-        before = (self.folder / "in.wav").read_bytes()
-        for options, reason in [
-            (("--input", "in.wav"), "has 44100 frames per second"), (("--record", "a.mp3"), r"ends in one of"),
-            (("--rate", 44100, "--input", "in.wav", "--record", "./in.wav"), "at once"),
-            (("--input", "pipe"), "regular"), (("--record", "pipe"), "regular"),
-        ]:
-            result = programs.run_engine(*options, "-c", "pass")
-            self.assertEqual(result.returncode, 70, options)
-            self.assertRegex(result.stderr, f"^sonetrix-engine: .*{reason}.*\n$")
-        self.assertEqual((self.folder / "in.wav").read_bytes(), before)
 
     def test_every_sample_is_played_and_recorded_and_the_same_run_makes_the_same_file(self):
         sound.write_tone("in.wav", 1000, 0.5, 0.5)
@@ -181,13 +163,11 @@ assert not write("engine.offline.run", 0.1) and abs(value("engine.offline.left")
         self.assertEqual(*takes)
         self.assertEqual(heard.channels[1], played + array.array("f", [0] * (48005 - len(played))))
         _, heard = self.record(chain + """
+time.sleep(0.2)  # by then the links are
 assert write("engine.play.file", "in.wav")
 wait_for(lambda: value("engine.play.file") == b"")
 """)
-        heard = heard.channels[1]
-        start = next(index for index, sample in enumerate(heard) if sample)
-        offset = next(index for index in range(len(played)) if played[index:index + 50] == heard[start:start + 50])
-        self.assertEqual(heard[start:start + len(played) - offset], played[offset:])
+        self.assertTrue(played.tobytes() in heard.channels[1].tobytes())
 
     def test_a_recording_outgrows_wav(self):
         self.run_live(TONE + """
@@ -208,12 +188,7 @@ run(1.024)
 assert 24000 < value("engine.record.dropped") <= 27000
 """, "--record", "cut.wav", "--offline", 2, status=74,
             log="ERROR engine: the recording cut.wav is cut short: System error : File too large.\n")
-        self.assertAlmostEqual(sound.read("cut.wav").levels()[0], 0.5 / math.sqrt(2), delta=0.01)
-
-    def test_a_recording_can_be_read_after_a_kill(self):
-        _, heard = self.record(TONE + "time.sleep(2.5)\nos.kill(os.getpid(), 9)\n", status=-9)
-        self.assertGreater(heard.seconds, 1)
-        self.assertAlmostEqual(heard.part(heard.seconds - 0.5, heard.seconds).frequency(0), 440, delta=0.1)
+        self.assert_tone(sound.read("cut.wav"), 440, 0.5)
 
 
 ALSA = """\
@@ -222,15 +197,13 @@ pcm.!default {{ type null }}
 pcm.dummy {{ type jack playback_ports {{ 0 system:playback_1 1 system:playback_2 }} }}
 pcm.tofile {{ type file slave.pcm dummy file "{}/device.raw" format raw }}
 """
-SESSION = """\
+SESSION = live.CHAIN + """
 import subprocess
-assert new("tone", "sine_fcac", frequency=440.0) == new("gain", gain=0.25) == 0
-assert engine.link("tone:output", "gain:input") == engine.link("gain:output", "system:playback_1") == 0
 assert engine.getDriverName() == "device" and engine.hasDriver()
 """
 
 
-class Devices(live.EngineTest):
+class Devices(live.LiveTest):
     def setUp(self):
         super().setUp()
         (self.folder / "alsa.conf").write_text(ALSA.format(self.folder))
@@ -238,25 +211,20 @@ class Devices(live.EngineTest):
         self.set_environment(**programs.OUTLIVED, ALSA_CONFIG_PATH=str(self.folder / "alsa.conf"),
                              JACK_NO_START_SERVER="1", JACK_DEFAULT_SERVER=f"sonetrix-{os.getpid()}")
 
-    def start_server(self):
-        missing = "no jackd" if shutil.which("jackd") is None else ""
-        missing = "its library cancels a thread, which the sanitizer dies of" if support.SANITIZER == "thread" else missing
-        if missing:
-            print(f"\nthe sound device is NOT tested against JACK's dummy driver here: {missing}", flush=True)
-            self.skipTest(missing)
-        server = subprocess.Popen(["jackd", "--no-realtime", "-S", "-n", os.environ["JACK_DEFAULT_SERVER"],
-                                   *"-d dummy -r 48000 -p 256".split()],
-                                  stdout=subprocess.DEVNULL, stderr=subprocess.STDOUT)
-        self.addCleanup(server.wait)
+    def test_a_device_without_a_server(self):
+        self.run_live(SESSION + "wait_for(lambda: meter('system.playback_1.peak') > 0.2)\n",
+                      "--driver", "device", "--log-level", "error")
+        for driver, reason in ("device:nothing", 'no sound device "nothing"'), ("sound", "neither clock nor device"):
+            self.assertIn(reason, programs.run_engine("--driver", driver, "-c", "pass").stderr)
+
+    @unittest.skipIf(shutil.which("jackd") is None, "without jackd no sound device is tested against its dummy driver")
+    @unittest.skipIf(support.SANITIZER == "thread", "JACK's library cancels a thread, which the sanitizer dies of")
+    def test_the_tone_is_what_the_server_plays_and_the_clock_goes_on_without_it(self):
+        server = self.enterContext(subprocess.Popen(
+            ["jackd", "--no-realtime", "-S", "-n", os.environ["JACK_DEFAULT_SERVER"],
+             *"-d dummy -r 48000 -p 256".split()], stdout=subprocess.DEVNULL, stderr=subprocess.STDOUT))
         self.addCleanup(server.terminate)  # a server that is killed keeps one of JACK's eight places
         subprocess.run(["jack_wait", "-w", "-t", "20"], capture_output=True, check=True)
-        return server
-
-    def assert_tone(self, samples):
-        self.assertAlmostEqual(sound.Sound(48000, [samples]).frequency(0), 440, delta=0.5)
-
-    def test_the_tone_is_what_the_server_plays_and_the_clock_goes_on_without_it(self):
-        server = self.start_server()
         listed = programs.run_engine("--list-devices").stdout
         for device in "JACK Audio Connection Kit: system", "ALSA: tofile":
             self.assertIn(device, listed)
@@ -268,10 +236,10 @@ subprocess.run(["jack_rec", "-f", "heard.wav", "-d", "1", source], check=True, s
 assert 0 < value("engine.device.latency.playback") < 0.2
 """, "--driver", f"device:{device}")
             with wave.open("heard.wav") as file:
-                self.assert_tone(array.array("h", file.readframes(file.getnframes())))
+                samples = array.array("h", file.readframes(file.getnframes()))
+            self.assertAlmostEqual(sound.Sound(48000, [samples]).frequency(0), 440, delta=0.5)
         played = array.array("f", (self.folder / "device.raw").read_bytes())[::2]
-        self.assert_tone(played[-48000:])
-        self.assertAlmostEqual(max(played), 0.25, delta=0.001)
+        self.assert_tone(sound.Sound(48000, [played[-48000:]]), 440, 0.25)
 
         _, heard = self.record(SESSION + f"""
 time.sleep(0.3)
@@ -280,14 +248,7 @@ wait_for(lambda: engine.getDriverName() == "clock")
 time.sleep(0.3)
 """, "--driver", "device:system", log=re.compile('.*ERROR engine: the sound device "JACK Audio Connection Kit: system" '
                                                  'is gone: the engine goes on by the clock\n', re.S))
-        self.assertGreater(heard.seconds, 0.5)
-        self.assert_tone(heard.channels[0][-12000:])
-
-    def test_a_device_without_a_server(self):
-        self.run_live(SESSION + "wait_for(lambda: meter('system.playback_1.peak') > 0.2)\n",
-                      "--driver", "device", "--log-level", "error")
-        for driver, reason in ("device:nothing", 'no sound device "nothing"'), ("sound", "neither clock nor device"):
-            self.assertIn(reason, programs.run_engine("--driver", driver, "-c", "pass").stderr)
+        self.assert_tone(heard.part(-0.25), 440, 0.25)
 
 
 if __name__ == "__main__":

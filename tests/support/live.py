@@ -12,7 +12,7 @@ from . import SANITIZER, SLOWNESS, programs, sound
 SANITIZED = bool(SANITIZER)
 
 PRELUDE = f"""\
-import ctypes, gc, os, random, signal, struct, sys, threading
+import concurrent.futures, ctypes, errno, gc, os, random, signal, struct, sys, threading
 SLOWNESS = {SLOWNESS}
 
 def wait_for(condition):
@@ -40,25 +40,27 @@ def new(name, plugin="amp_mono", **configuration):
     return engine.newModule(name, plugin, listKeyValue().appendFromDict(configuration))
 
 def in_threads(*functions):
-    errors = []
-    def run(function):
-        try:
-            function()
-        except BaseException as error:
-            errors.append(error)
-    threads = [threading.Thread(target=run, args=[function]) for function in functions]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join()
-    if errors:
-        raise errors[0]
+    with concurrent.futures.ThreadPoolExecutor(len(functions)) as pool:
+        list(pool.map(lambda function: function(), functions))
 
+"""
+CHAIN = """\
+assert new("tone", "sine_fcac", frequency=440.0, amplitude=0.5) == new("gain", gain=0.5) == 0
+assert engine.link("tone:output", "gain:input") == engine.link("gain:output", "system:playback_1") == 0
 """
 
 
 class LiveTest(unittest.TestCase):
+    """In a folder of its own, where the engine's output can be recorded."""
+
     maxDiff = None
+
+    def setUp(self):
+        self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        self.enterContext(contextlib.chdir(self.folder))
+
+    def set_environment(self, **variables):
+        self.enterContext(mock.patch.dict(os.environ, variables))
 
     def run_live(self, source, *options, status=0, log="", **how):
         """Runs the script after the prelude; what it does not expect, it asserts. Gives what it printed.
@@ -73,18 +75,11 @@ class LiveTest(unittest.TestCase):
             self.assertIsNotNone(log.fullmatch(result.stderr), result.stderr)
         return result.stdout
 
-
-class EngineTest(LiveTest):
-    """In a folder of its own, where the engine's output can be recorded."""
-
-    def setUp(self):
-        self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
-        self.enterContext(contextlib.chdir(self.folder))
-
-    def set_environment(self, **variables):
-        self.enterContext(mock.patch.dict(os.environ, variables))
-
     def record(self, source, *options, **expected):
         """What the script prints and what is heard."""
         printed = self.run_live(source, "--record", "recording.wav", "--log-level", "error", *options, **expected)
         return printed, sound.read("recording.wav")
+
+    def assert_tone(self, heard, frequency, amplitude, channel=0):
+        self.assertAlmostEqual(heard.frequency(channel), frequency, delta=0.3)
+        self.assertAlmostEqual(heard.amplitudes()[channel], amplitude, delta=0.005)

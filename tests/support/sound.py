@@ -15,13 +15,14 @@ class Sound(NamedTuple):
     def seconds(self):
         return len(self.channels[0]) / self.rate
 
-    def part(self, start, end):
-        """From second to second."""
-        return Sound(self.rate, [channel[round(start * self.rate):round(end * self.rate)] for channel in self.channels])
+    def part(self, start, end=None):
+        """From second to second; the last seconds where `start` is negative."""
+        frames = slice(round(start * self.rate), end and round(end * self.rate))
+        return Sound(self.rate, [channel[frames] for channel in self.channels])
 
-    def levels(self):
-        """Each channel's root mean square."""
-        return [math.sqrt(sum(sample * sample for sample in channel) / len(channel)) for channel in self.channels]
+    def amplitudes(self):
+        """Each channel's, if it carries a sine."""
+        return [math.sqrt(2 * sum(sample * sample for sample in channel) / len(channel)) for channel in self.channels]
 
     def frequency(self, channel):
         """Upward zero crossings, interpolated, from the first to the last; 0 where there are none."""
