@@ -149,11 +149,12 @@ print(*record.log_lines())
             (f"made = sonetrix.timeout(1, lambda: (entered.set(), time.sleep({seconds})))\n"
              "fire()\n" + LATE_END,) for seconds in (1, 60)
         ] + [
-            # Registrations end in their order, and no new ones are made.
+            # Registrations end in their order, and no new ones are made; a refused call is no hindrance.
             ("""
 def end():
     late = sonetrix.timeout(1, print)
     print([call.name.split("_")[-1] for call in record.calls("*_rm*", "*Timer")], *map(record.registrations, range(4)))
+    print(time.monotonic() - began < 2.5)
 older.append(end)
 kept = [sonetrix.notifyChanges(len), sonetrix.timeout(1, lambda: None), sonetrix.notifyMeters(lambda meters: kept)]
 def fire():
@@ -161,7 +162,9 @@ def fire():
         for kind in range(4):
             record.fire(kind, {"a": 1}, threads=2)
 background(fire), background(fire)
-""" + LATE_END, "['addTimer', 'rmCallback', 'delTimer', 'rmCallbackMeterManager'] 0 0 0 0"),
+record.fire(record.CHANGES, {"a": 1}, threads=0, lock_held=True)
+began = time.monotonic()
+""" + LATE_END, "['addTimer', 'rmCallback', 'delTimer', 'rmCallbackMeterManager'] 0 0 0 0", "True"),
             ("""
 def use():
     try:
