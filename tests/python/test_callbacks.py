@@ -24,11 +24,6 @@ class CallbackTest(record.TestCase):
                 SLOW_METERS: lambda one: module.notifyMeters(meters_type=0, callback=one),
                 TIMER: lambda one: module.engine.addTimer(-5, one)}[kind](callback)
 
-    def await_none(self, *kinds):
-        end = time.monotonic() + 10 * SLOWNESS
-        while any(map(registrations, kinds)):
-            self.assertLess(time.monotonic(), end)
-
     def tearDown(self):
         super().tearDown()
         self.assertEqual([registrations(kind) for kind in ENGINE], [0] * 4)
@@ -80,21 +75,20 @@ class CallbackTest(record.TestCase):
 
     def test_removal_by_collection(self):
         """Before anything of the cycle is cleared; a subclass's finalizer takes the place of one of the class."""
-        module, ctypes.pythonapi.PyCapsule_New.restype = self.sonetrix, ctypes.py_object
-        for kind, base, *arguments in ((CHANGES, module.notifyChanges), (FAST_METERS, module.notifyMeters),
-                                       (TIMER, module.timeout, 1)):
-            seen, finalized = [], type("Finalized", (base,), {
-                "__init__": lambda self, *given: base.__init__(self, *given),
-                "__del__": lambda self: seen.append("finalized")})
-            clearing = ctypes.PYFUNCTYPE(None, ctypes.c_void_p)(lambda capsule: fire(kind))
+        ctypes.pythonapi.PyCapsule_New.restype = ctypes.py_object
+        clearing = ctypes.PYFUNCTYPE(None, ctypes.c_void_p)(lambda capsule: fire(TIMER))
+        seen, base = [], self.sonetrix.timeout
+        finalized = type("Finalized", (base,), {"__init__": lambda self, *given: base.__init__(self, *given),
+                                                "__del__": lambda self: seen.append("finalized")})
 
-            def make():
-                cycle = [ctypes.pythonapi.PyCapsule_New(1, None, clearing)]  # which has no finalizer for the collector
-                cycle.append(finalized(*arguments, lambda one=None: seen.append("called") or cycle))
-            make()
-            fire(kind)
-            gc.collect()
-            self.assertEqual((seen, registrations(kind)), (["called", "finalized"], 0))
+        def make():
+            cycle = []  # it is cleared first, and from its end
+            cycle += (finalized(1, lambda: seen.append("called") or cycle),
+                      ctypes.pythonapi.PyCapsule_New(1, None, clearing))
+        make()
+        fire(TIMER)
+        gc.collect()
+        self.assertEqual((seen, registrations(TIMER)), (["called", "finalized"], 0))
 
     def test_removal(self):
         """By the callable itself; by another thread while it runs."""
@@ -137,22 +131,8 @@ class CallbackTest(record.TestCase):
             self.assertLess(time.monotonic() - began, 4)
             leave.set(), inside.join()
             del dropping
-            self.await_none(kind)
-
-    def test_calls_of_one_callable_drop_each_others_registrations(self):
-        both, kinds = threading.Barrier(2), (SLOW_METERS, FAST_METERS)
-        def drop(entries):
-            both.wait(10)
-            pool.pop(entries[b"victim"])
-        pool = {kind: self.make(kind, drop) for kind in kinds}
-        threads = [threading.Thread(target=fire, args=(kind, {"victim": other}), daemon=True)
-                   for kind, other in zip(kinds, reversed(kinds))]
-        for thread in threads:
-            thread.start()
-        for thread in threads:
-            thread.join(10)
-        self.assertEqual(([thread.is_alive() for thread in threads], pool), ([False, False], {}))
-        self.await_none(*kinds)  # each is ended when the other's call is over
+            while registrations(kind):  # until the worker is through
+                self.assertLess(time.monotonic() - began, 10 * SLOWNESS)
 
     def test_a_call_before_the_registration_has_returned(self):
         for kind in ENGINE:

@@ -41,13 +41,6 @@ class LogTest(record.TestCase):
         record.result("sonetrix_log_GetLogLevel", 2**32 - 1)
         self.assertEqual(log.getLevel(), 2**32 - 1)
 
-    def test_what_is_looked_at_first(self):
-        log, text = self.sonetrix.log, type("text", (str,), {})()
-        for kind, call, *arguments in ((OverflowError, log.log, -10**30, b""), (OverflowError, log.logb, -1, ""),
-                                       (OverflowError, log.logOnFile, 3, 2**31), (TypeError, log.info, text)):
-            self.assertRaises(kind, call, *arguments)
-        self.assertEqual(record.calls("sonetrix_log*"), [])
-
     def test_replacements_are_honoured(self):
         log = self.sonetrix.log
         with mock.patch.object(log, "INFO", 9):

@@ -74,7 +74,6 @@ class SurfaceTest(record.TestCase):
         module = self.sonetrix
         for name, call, argument in (("exit", module.exit, 2**40), ("engine.getParam", module.engine.getParam, 5),
                                      ("listValue.append", module.listValue().append, []),
-                                     ("listKeyValue.__eq__", module.listKeyValue().__eq__, 5),
                                      ("timeout.__new__", lambda callback: module.timeout(1, callback), 5)):
             entered = [""]
             try:
@@ -89,7 +88,6 @@ class SurfaceTest(record.TestCase):
                 ("isRunning.* 0 arguments", engine.isRunning, (1,), {}),
                 ("isRunning.*(0 keyword|'a')", engine.isRunning, (), {"a": 1}),
                 ("link.*'p1'", engine.link, (), {}),
-                ("newModule.*'info'", engine.newModule, (1, 2), {}),
                 ("link.*'p1'", engine.link, (), {"p2": "a"}),
                 ("link.*'p1'", engine.link, ("a",), {"p1": "b"}),
                 ("timeout.*'callback'", self.sonetrix.timeout, (1,), {}),
