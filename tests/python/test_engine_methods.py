@@ -1,10 +1,9 @@
-"""The class engine against the recording engine: which engine function is called with what, what comes of its answer,
-and what is refused first where more than one argument is wrong."""
+"""The class engine in front of the development engine: which engine function is called with what, what comes of its
+answer, and what is refused first where more than one argument is wrong."""
 
 import concurrent.futures
 import ctypes
 import io
-import pathlib
 import re
 import signal
 import subprocess
@@ -18,21 +17,17 @@ from support import record
 M = 2**32 - 1
 NAMES, TABLE = [b"x", 5], {b"k": 1.5}
 
-# What is asked of engine, what it gives, and the engine function that it calls with what beside the engine's handle.
+# What is asked of engine, what it gives, and the engine's function that it calls with what beside the handle.
 CALLS = [
     ("isRunning()", True, "IsRunning"), ("hasDriver()", True, "DriverIsLoaded"), ("exit()", None, "RequestStop"),
     ("getXrunCounter()", 7, "DriverGetXRun"), ("getFrameRate()", M, "DriverGetFrameRate"),
-    ("cpuInfo()", (1.5, -2.0, 0.25, 0.0, 7.0, 1.0), "DriverGetCpuUsage"),
-    ("getDriverName()", "dummy", "DriverGetName"),
-    ("getLastAudioTimeStamp()", 1700000000.25, "sonetrix_clock_sample_timestamp"),
-    ("now()", 1700000000.25, "sonetrix_clock_gettime"),
+    ("cpuInfo()", (1.5, -2.0, 0.25, 0.0, 7.0, 1.0), "DriverGetCpuUsage"), ("getDriverName()", "dummy", "DriverGetName"),
     ("newModule('n', b'i\\xff', None)", 7, "ModuleNew", b"n", b"i\xff", None),
-    ("newModule(info=K().append('a', 1), name=bytearray(b'n'), identifier=memoryview(b'i'))", 7,
+    ("newModule(info=K().append('a', 1), name=bytearray(b'n'), identifier=memoryview(b'i'))", -2**31,
      "ModuleNew", b"n", b"i", [(b"a", ("int32", 1))]),
-    ("newModule('', 'i', K())", 7, "ModuleNew", b"", b"i", None),
-    ("delModule(b'a\\0b')", 7, "ModuleDelete", b"a"),
-    ("link('a')", -2**31, "LinkPort", b"a", None), ("link(b'a', '')", -2**31, "LinkPort", b"a", b""),
-    ("link(bytearray(b'a'), p2=bytearray(b'b'))", -2**31, "LinkPort", b"a", b"b"),
+    ("newModule('', 'i', K())", 7, "ModuleNew", b"", b"i", None), ("delModule(b'a\\0b')", 7, "ModuleDelete", b"a"),
+    ("link('a')", 7, "LinkPort", b"a", None), ("link(b'a', '')", 7, "LinkPort", b"a", b""),
+    ("link(bytearray(b'a'), p2=bytearray(b'b'))", 7, "LinkPort", b"a", b"b"),
     ("listAvailableModules()", NAMES, "GetModulesList"), ("getPortNames()", NAMES, "GetAllPortNames"),
     ("getLink([112])", NAMES, "GetLinkPort", b"p"),
     *((f"getParam({key!r}).toDict()", TABLE, "GetParams", [("string", b"a.b")]) for key in ("a.b", [b"a.b"], ("a.b",))),
@@ -43,22 +38,21 @@ CALLS = [
         ("5", 1, ("int32", 5)), ("True, meters_type=0", 0, ("int32", 1)), (f"1.5, '', {M}", M, ("float", 1.5)),
         ("'ä'", 1, ("string", b"\xc3\xa4")), (r"b'\xff'", 1, ("string", b"\xff")),
         (f"{M}, 'uint'", 1, ("uint32", M)), ("5, 'uint32', 7", 7, ("uint32", 5)),
-        ("-5, 'int'", 1, ("int32", -5)), ("-5, type='int32'", 1, ("int32", -5)),
-        ("0.5, 'float'", 1, ("float", 0.5)))),
+        ("-5, 'int'", 1, ("int32", -5)), ("-5, type='int32'", 1, ("int32", -5)), ("0.5, 'float'", 1, ("float", 0.5)))),
     ("delDebugMeter(b'k')", None, "delDebugMeter", 1, b"k"),
     ("delDebugMeter('k', 0.9)", None, "delDebugMeter", 0, b"k"),
     ("getLastMeter().toDict()", TABLE, "GetLastMeters", b"", 1),
     ("getLastMeter(b'm', 0).toDict()", TABLE, "GetLastMeters", b"m", 0),
     ("getMeterInfo(1).toDict()", TABLE, "meterInfoList", 1),
 ]
-STATUS = {"DriverGetName": 0, "DriverGetFrameRate": M, "LinkPort": -2**31}  # of the others 7
-NULL_IS_EMPTY = {"GetModulesList", "GetAllPortNames", "GetLinkPort", "GetParams", "GetLastMeters"}
+NULL_IS_EMPTY = "GetModulesList", "GetAllPortNames", "GetLinkPort", "GetParams", "GetLastMeters"
 
 REFUSALS = [  # where two arguments are wrong, which is looked at first; where they are only so together
     *((OverflowError, "can't convert negative value to enum sonetrix_module_meters_type", call + ", -1)")
       for call in ("addDebugMeter(5, [], 'x'", "delDebugMeter(5", "getLastMeter(5")),
     (ValueError, "p1 has to be string or bytes (<class 'int'>)", "link(1, 'é')"),
-    *((UnicodeEncodeError, None, f"{call})") for call in ("link('é', 1", "newModule('a', 'é', 5", "addDebugMeter('é', []")),
+    *((UnicodeEncodeError, None, f"{call})") for call in (
+        "link('é', 1", "newModule('a', 'é', 5", "addDebugMeter('é', []")),
     (Exception, "key type not supported", "addDebugMeter(5, [])"),
     (OverflowError, "can't convert negative value to uint32_t", "addDebugMeter('k', -1, 'uint')"),
     *((Exception, f"value type {kind} incompatible with provided value 1", f"addDebugMeter('k', {value}, '{kind}')")
@@ -66,10 +60,6 @@ REFUSALS = [  # where two arguments are wrong, which is looked at first; where t
     (Exception, "only string is accepted", "getParams(L().append('a').append(1.5))"),
     (IndexError, "tuple index out of range", "getParams(L().append((1,)))"),
 ]
-
-
-def whole_name(name):
-    return name if name.startswith("sonetrix") else "sonetrix_engine_" + name
 
 
 class EngineTestCase(record.TestCase):
@@ -83,33 +73,28 @@ class EngineTestCase(record.TestCase):
 
     def made(self):
         """The engine calls so far, without the handle and the list that a function fills in."""
-        calls = record.calls("sonetrix_engine_*", "sonetrix_clock_*", "readMeters")
-        return [(call.name.removeprefix("sonetrix_engine_"),
-                 *call.args[call.args[:1] == ("engine",):2 if "SetParams" in call.name else None]) for call in calls]
+        return [(call.name.removeprefix("sonetrix_engine_"), *call.args[1:2 if "SetParams" in call.name else None])
+                for call in record.calls("sonetrix_engine_*", "readMeters") if call.args[0] == "engine"]
 
 
 class CallTest(EngineTestCase):
     def test_calls(self):
         record.numbers("sonetrix_engine_DriverGetCpuUsage", 1.5, -2, 0.25, 0, 7, 1)
-        for name in "sample_timestamp", "gettime":
-            record.numbers("sonetrix_clock_" + name, 1700000000, 250000000)
         record.text("sonetrix_engine_DriverGetName", b"dummy")
         for text, expected, *made in CALLS:
             with self.subTest(text):
-                if made:
-                    name = whole_name(made[0])
-                    record.result(name, STATUS.get(made[0], 7))
-                    record.gives(name, ["x", 5] if expected is NAMES else {"k": 1.5})
+                name = "sonetrix_engine_" + (made or ["IsRunning"])[0]
+                record.result(name, expected if type(expected) is int else expected != "dummy")
+                record.gives(name, ["x", 5] if expected is NAMES else {"k": 1.5})
                 record.clear()
                 result = self.evaluate(text)
                 self.assertEqual((type(result), result, self.made()),
                                  (type(expected), expected, [tuple(made)] if made else []))
                 if made and made[0] in NULL_IS_EMPTY:
-                    record.null(name)
+                    record.null(name, 1)
                     self.assertEqual(self.evaluate(text), type(expected)())
-                    record.null(name, 0)
         for name, text in ("IsRunning", "isRunning()"), ("DriverIsLoaded", "hasDriver()"):
-            record.result(whole_name(name), 0)
+            record.result("sonetrix_engine_" + name, 0)
             self.assertIs(self.evaluate(text), False)
 
     def test_refusals_reach_no_engine_function(self):
@@ -119,14 +104,14 @@ class CallTest(EngineTestCase):
             self.assertIn(text, (None, str(caught.exception)))
         self.assertEqual(self.made(), [])
 
-    def test_driver_name(self):
-        name = "sonetrix_engine_DriverGetName"
-        record.text(name, b"\xc3")
+    def test_status(self):
+        for name, call in ("sample_timestamp", self.engine.getLastAudioTimeStamp), ("gettime", self.engine.now):
+            record.numbers("sonetrix_clock_" + name, 1700000000, 250000000)
+            self.assertEqual(call(), 1700000000.25)
+        record.text("sonetrix_engine_DriverGetName", b"\xc3")
         self.assertRaises(UnicodeDecodeError, self.engine.getDriverName)
-        record.result(name, -1)
+        record.result("sonetrix_engine_DriverGetName", -1)
         self.assertRefused(Exception, "could not get driver name", self.engine.getDriverName)
-
-    def test_handle_and_start_parameters(self):
         record.null("sonetrix_engineGet")
         self.assertIsNone(self.engine.initEngine())  # keeps the handle
         record.gives("sonetrix_engine_getStartParameter", {"a": 1})
@@ -139,11 +124,10 @@ class CallTest(EngineTestCase):
         running = mock.patch.object(self.engine, "isRunning", side_effect=[1, 1, 0])
         with mock.patch.object(self.sonetrix, "time") as time, running:
             self.assertIsNone(self.engine.waitUntilEnd())
-            self.assertEqual(time.mock_calls, [mock.call.sleep(0.1)] * 2)
+        self.assertEqual(time.mock_calls, [mock.call.sleep(0.1)] * 2)
         self.addCleanup(signal.signal, signal.SIGINT, signal.signal(signal.SIGINT, signal.default_int_handler))
-        strike = ctypes.PyDLL(None)["PyErr_SetInterrupt"]  # does not wake the sleep, as a signal just before it
+        strike = ctypes.PyDLL(None)["PyErr_SetInterrupt"]  # does not cut the sleep short, as a signal just before it
         strike.restype, strike.argtypes = None, [ctypes.c_double]
-        record.clear()
         with (mock.patch.object(self.sonetrix, "time", types.SimpleNamespace(sleep=strike)),
               self.assertRaises(KeyboardInterrupt)):
             self.engine.waitUntilEnd()
@@ -153,8 +137,7 @@ class CallTest(EngineTestCase):
         given = {"m.a": 1, "m.ab": (2.5, "double"), "m.b": "x", "n.a": ((1.0,), "afloat")}
         record.gives("sonetrix_engine_GetLastMeters", given)
         for key, typed in (("m.a", {b"m.a": (1, "int32"), b"m.ab": (2.5, "double")}),
-                           (b"m.b", {b"m.b": (b"x", "string")}),
-                           ("n.", {b"n.a": ((1.0,), "afloat")}), (".", {})):
+                           (b"m.b", {b"m.b": (b"x", "string")}), ("n.", {b"n.a": ((1.0,), "afloat")}), (".", {})):
             self.assertEqual(self.engine.getLastMeter(key).toDictType(), typed)
         record.null("sonetrix_engine_GetLastMeters")
         self.assertEqual(self.engine.getLastMeter("m.a").toDict(), {})
@@ -173,13 +156,12 @@ class CallTest(EngineTestCase):
         self.assertRaises(OverflowError, get, "m", 2**31)
         record.gives("readMeters", {"a": 1})
         self.assertEqual([get("m", 1).toDict(), get(meters_type=0).toDict()], [{b"a": 1}] * 2)
-        record.null("readMeters", 1)
-        self.assertEqual(get(b"\xff", True).toDict(), {})
         self.assertIsNone(self.engine.unregisterMetersManager())
-        get("m", 1)
-        registered, read = ("registerMeterManager",), ("readMeters", b"m", 1)
-        self.assertEqual(self.made(), [*[registered] * 3, read, ("readMeters", b"", 0), ("readMeters", b"\xff", 1),
-                                       ("unregisterMeterManager",), registered, read])
+        record.null("readMeters")
+        self.assertEqual(get(b"\xff", True).toDict(), {})
+        registered = ("registerMeterManager",)
+        self.assertEqual(self.made(), [*[registered] * 3, ("readMeters", b"m", 1), ("readMeters", b"", 0),
+                                       ("unregisterMeterManager",), registered, ("readMeters", b"\xff", 1)])
 
     def test_threads_register_one_meter_manager(self):
         self.addCleanup(self.engine.unregisterMetersManager)
@@ -195,8 +177,8 @@ class ModulesTest(EngineTestCase):
     def setUp(self):
         super().setUp()
         self.engine.newModule("tone", "sine_fcac", self.sonetrix.listKeyValue().append("frequency", 220.0))
-        self.engine.newModule("amp", "amp_mono", None)
-        self.engine.link("tone:output", "amp:input")
+        self.engine.newModule("amp", "amp_mono", self.sonetrix.listKeyValue().append("gain", 1.5))
+        self.engine.link("tone:output", "amp:input"), self.engine.link("amp:output", "system:playback_2")
         for name in "tone", "amp":
             self.addCleanup(self.engine.delModule, name)
 
@@ -206,12 +188,12 @@ class ModulesTest(EngineTestCase):
         driver, tone, amp = self.engine.getModuleInfos()
         self.assertEqual(list(driver.items()), [
             ("name", b"system"), ("type", 0), ("src", [port(b"system:capture_1"), port(b"system:capture_2")]),
-            ("sink", [port(b"system:playback_1"), port(b"system:playback_2")]), ("param", {})])
+            ("sink", [port(b"system:playback_1"), port(b"system:playback_2", link=b"amp:output")]), ("param", {})])
         self.assertEqual(list(tone), ["name", "type", "src", "sink", "library", "configuration", "param"])
         self.assertEqual((tone["library"][-7:], tone["configuration"]), (b"/cmt.so", {b"frequency": 220.0}))
         self.assertEqual((amp["src"], amp["sink"], amp["param"]), (
             [port(b"amp:output")], [port(b"amp:input", link=b"tone:output")],
-            {b"amp.gain": 1.0, b"amp.plugin": b"amp_mono"}))
+            {b"amp.gain": 1.5, b"amp.plugin": b"amp_mono"}))
 
     def test_what_the_engine_does_not_tell(self):
         start = "sonetrix_engine_ModuleGetStartParameter"
@@ -240,9 +222,8 @@ class ModulesTest(EngineTestCase):
             with record.unraisables() as reports:
                 self.assertEqual((self.engine.getModuleNames(), self.engine.getModuleInfos()), ([], []))
             self.assertEqual([(name, str(error)) for name, error in reports], [(reported, text)] * 3)
-            lines = record.log_lines()
-            self.assertEqual([level for level, _ in lines], [3] * 3)
-            for _, line in lines:
+            self.assertEqual([level for level, _ in record.log_lines()], [3] * 3)
+            for _, line in record.log_lines():
                 self.assertRegex(line, rf"(?s)^exception in callback module {logged}: Traceback .*: {text}\n$")
         record.iteration(each, user=(result := []))
         record.null("sonetrix_valueListNew", 1)  # in the first module's record
@@ -251,50 +232,32 @@ class ModulesTest(EngineTestCase):
         self.assertEqual([module["name"] for module in result], [b"tone", b"amp"])
         self.assertEqual([(name, type(error)) for name, error in reports], [(place, MemoryError)])
 
-
-class GraphTest(EngineTestCase):
-    def dot(self, infos, driver=True):
-        with (tempfile.TemporaryDirectory() as folder, mock.patch.object(self.engine, "getModuleInfos", lambda: infos),
-              mock.patch.object(self.engine, "hasDriver", lambda: driver)):
-            path = pathlib.Path(folder, "graph.dot")
-            path.write_text("old" * 9999)
-            try:
-                self.assertIsNone(self.engine.dot(str(path)))
-            finally:
-                self.written = path.read_text()
-
-    def test_file(self):
-        port = lambda name, **link: {"name": name, **link}
-        self.dot([
-            {"type": 0, "name": b"drv", "src": [port(b"d:1")], "sink": [port(b"d:2", link=b"m:1")]},
-            {"type": 1, "name": "mä".encode(), "library": b"/lib/x.so", "configuration": "0123456789abcdefg",
-             "src": [port(b"m:1")], "sink": [port(b"m:2", link=b"d:1"), port(b"m:3", link=b"m:1")]},
-            {"type": 2, "name": b"e", "configuration": "0123456789abcdef", "src": [], "sink": [port(b"e:1")]}])
-        graphviz = subprocess.run(["dot", "-Tplain"], input=self.written, capture_output=True, text=True)
+    def test_graph(self):
+        file = self.enterContext(tempfile.NamedTemporaryFile("w+"))
+        print("old" * 9999, file=file, flush=True)
+        with mock.patch.object(self.engine, "hasDriver", bool):
+            self.assertRefused(Exception, "dot is supported only if a driver is loaded", self.engine.dot, file.name)
+        self.assertEqual(file.seek(0) or file.read(3), "old")
+        self.assertIsNone(self.engine.dot(file.name))
+        written = file.seek(0) or file.read()
+        graphviz = subprocess.run(["dot", "-Tplain"], input=written, capture_output=True, text=True)
         self.assertEqual((graphviz.returncode, graphviz.stderr), (0, ""))
-        found = lambda pattern: re.findall(pattern, self.written)
-        self.assertEqual(found(r' {4}label="([^"]*)";\n    fillcolor="(.*)";\n  \n    m_(\w+) \['), [
-            ("drv", "#aaffff", "0_src"), ("drv", "#aaffff", "0_sink"),
-            ("mä\n  (x.so)\n  0123456789 ... g", "#aaffaa", "1_src_sink"),
-            ("e\n  0123456789abcdef", "#aaffaa", "2_src_sink")])
+        self.assertEqual(re.findall(r' {4}label="([^"]*)";\n    fillcolor="(.*)";\n  \n    m_(\w+) \[', written), [
+            ("system", "#aaffff", "0_src"), ("system", "#aaffff", "0_sink"),
+            ("tone\n  (cmt.so)\n  {b'frequen ... }", "#aaffaa", "1_src_sink"),
+            ("amp\n  (amp.so)\n  {b'gain': 1.5}", "#aaffaa", "2_src_sink")])
         sink, source = "#aaaaff", "#ffaaaa"
-        self.assertEqual(found(r'<TD BGCOLOR="(.*)" CELLPADDING="5" PORT="(.*)">(.*)</TD>\n {6}(</TR>)?'), [
-            (source, "src_0", "d:1", "</TR>"), (sink, "sink_1", "d:2", "</TR>"), (sink, "sink_2", "m:2", ""),
-            (source, "src_3", "m:1", "</TR>"), (sink, "sink_4", "m:3", "</TR>"), (sink, "sink_5", "e:1", "</TR>")])
-        invisible, link = 'style="invis", splines=none', 'style="filled", arrowtail="normal"'
-        self.assertEqual(found(r"\n  m_(\S+) -> m_(\S+) \[(.*)\];"), [
-            ("0_src:src_0", "0_sink:sink_1", invisible), ("1_src_sink:src_3", "1_src_sink:sink_2", invisible),
-            ("1_src_sink:src_3", "0_sink:sink_1", link), ("0_src:src_0", "1_src_sink:sink_2", link),
-            ("1_src_sink:src_3", "1_src_sink:sink_4", link)])
-
-    def test_failures(self):
-        self.assertRefused(Exception, "dot is supported only if a driver is loaded", self.dot, [], driver=False)
-        self.assertEqual(self.written[:3], "old")
-        unlinked = {"type": 1, "name": b"a", "src": [], "sink": [{"name": b"p", "link": b"q"}]}
-        for kind, info in ((KeyError, unlinked), (KeyError, {"type": 1, "name": b"a", "sink": []}),
-                           (UnicodeDecodeError, {**unlinked, "name": b"\xff"})):
-            self.assertRaises(kind, self.dot, [info])
-            self.assertTrue(self.written.startswith("digraph"))
+        self.assertEqual(re.findall(r'<TD BGCOLOR="(.*)" CELL.*" PORT="(.*)">(.*)</TD>\n {6}(</TR>)?', written), [
+            (source, "src_0", "system:capture_1", "</TR>"), (source, "src_1", "system:capture_2", "</TR>"),
+            (sink, "sink_2", "system:playback_1", "</TR>"), (sink, "sink_3", "system:playback_2", "</TR>"),
+            (source, "src_4", "tone:output", "</TR>"), (sink, "sink_5", "amp:input", ""),
+            (source, "src_6", "amp:output", "</TR>")])
+        self.assertEqual(re.findall(r'\n  m_(\S+) -> m_(\S+) \[style="(.*?)", .*\];', written), [
+            ("0_src:src_0", "0_sink:sink_2", "invis"), ("2_src_sink:src_6", "2_src_sink:sink_5", "invis"),
+            ("2_src_sink:src_6", "0_sink:sink_3", "filled"), ("1_src_sink:src_4", "2_src_sink:sink_5", "filled")])
+        with mock.patch.object(self.engine, "getModuleInfos", lambda: [{}]):
+            self.assertRaises(KeyError, self.engine.dot, file.name)
+        self.assertRegex(file.seek(0) or file.read(), r"(?s)^digraph .*;\n\n$")
         self.assertRaises(FileNotFoundError, self.engine.dot, "/nonexistent/folder/graph")
 
     def test_lines(self):
