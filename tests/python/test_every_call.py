@@ -8,15 +8,13 @@ import _testcapi
 import functools
 import gc
 import inspect
-import re
 import sys
 import unittest
 from unittest import mock
 
-from support import SANITIZER, SOURCE, calls, record
+from support import SANITIZER, calls, record
 
-HEADER = (SOURCE / "include/sonetrix/engine_api.h").read_text()
-GIVE_POINTERS = re.findall(r"\*\s*(sonetrix_\w+)\(", HEADER)
+GIVE_POINTERS = {name for name, (result, _) in record.FUNCTIONS.items() if result.endswith("*")}
 HARMLESS = 60  # allocations in a row, after which there are none any more
 ROUNDS = 100 if SANITIZER else 500  # with a sanitizer, which replaces the allocator, it is the one that finds leaks
 KEPT_FREE = 8192  # bytes that malloc has on its threads' lists, which count as allocated
@@ -38,10 +36,7 @@ ODD = type("Odd", (), {"__eq__": lambda self, other: 1 / 0, "__hash__": None})()
 UNWILLING = type("Unwilling", (), {"__int__": lambda self: [][1]})()
 NO_INTEGER = TypeError, "an integer is required"
 NOT_ASCII = UnicodeEncodeError, None
-
-
-def wrong_type(name, expected, given):
-    return TypeError, f"Argument '{name}' has incorrect type (expected {expected}, got {given})"
+WRONG_TYPE = "Argument '{}' has incorrect type (expected {}, got {})"
 
 
 def enumeration(name):
@@ -53,54 +48,43 @@ def integer(name):
     return dict.fromkeys((2**31, -2**31 - 1), (OverflowError, "value too large to convert to " + name))
 
 
-# What a parameter of this name does not take, and how that is refused. Where functions differ, theirs comes first; all
-# other arguments are good, unless they are given with it.
-NO_TEXT = {None: (AttributeError, "'NoneType' object has no attribute 'encode'"), "\ud800": NOT_ASCII,
-           b"": wrong_type("message", "str", "bytes")}
-GRAPH_NAME = {"é": NOT_ASCII, 1.5: (TypeError, "cannot convert 'float' object to bytes"),
-              -1: (ValueError, "negative count")}
-METERS = enumeration("sonetrix_module_meters_type")
-POLLED = {**dict.fromkeys((-1, 2), (Exception, "Meters type not valid")), **integer("int32_t"), "1": NO_INTEGER}
+# What a parameter of this name does not take, and how that is refused; a type's name is what was expected. Where
+# functions differ, theirs comes first; all other arguments are good.
+NAME = {"é": NOT_ASCII, 1.5: (TypeError, "cannot convert 'float' object to bytes"), -1: (ValueError, "negative count")}
 ONE_PARAMETER = dict.fromkeys((lambda: None, lambda a, b: None),
                               (ValueError, "The callback must have only one parameter"))
-KEY = {5: (Exception, "key type not supported"), None: (Exception, "key type not supported"), "é": NOT_ASCII}
-VALUE = {None: (Exception, "value type not supported"), 2**31: (OverflowError, "value too large to convert to int32_t"),
-         "\udc80": NOT_ASCII}
-DICTIONARY = {5: wrong_type("d", "dict", "int"), None: wrong_type("d", "dict", "NoneType")}
 REFUSED = {
     "level": {**enumeration("sonetrix_log_level"), UNWILLING: (IndexError, "list index out of range")},
-    "message": NO_TEXT,
-    "log.logb.message": {None: (TypeError, "expected bytes, NoneType found"),
-                         "": wrong_type("message", "bytes", "str")},
-    "timeOn": {**integer("int"), 1.5: NO_INTEGER, None: NO_INTEGER},
-    "filename": {5: wrong_type("filename", "str", "int"), b"a": wrong_type("filename", "str", "bytes")},
+    "message": {None: (AttributeError, "'NoneType' object has no attribute 'encode'"), "\ud800": NOT_ASCII, b"": "str"},
+    "log.logb.message": {None: (TypeError, "expected bytes, NoneType found"), "": "bytes"},
+    "timeOn": {**integer("int"), 1.5: NO_INTEGER, None: NO_INTEGER}, "filename": {5: "str", b"a": "str"},
     "log.logOnFile.filename": {5: (Exception, "filename type not supported"), "ä": NOT_ASCII},
+    "lines": {None: "str"}, "lineHeaderCount": {True: "int"},
     "exitcode": {2**40: (OverflowError, "value too large to convert to int32_t")},
-    "callback": {5: (ValueError, "")},
+    "callback": {5: (ValueError, "")}, "notifyMeters.callback": ONE_PARAMETER,
     "notifyChanges.callback": {5: (TypeError, "5 is not a callable object"), **ONE_PARAMETER},
-    "notifyMeters.callback": ONE_PARAMETER,
-    "timeout_ms": {**integer("int32_t"), "1": NO_INTEGER}, "meters_type": METERS,
-    "engine.getMeterInfo.meters_type": POLLED, "engine.getMeters.meters_type": {},
-    "name": GRAPH_NAME, "identifier": GRAPH_NAME, "p": GRAPH_NAME,
-    "info": {5: wrong_type("info", "sonetrix.listKeyValue", "int")},
+    "timeout_ms": {**integer("int32_t"), "1": NO_INTEGER},
+    "meters_type": enumeration("sonetrix_module_meters_type"), "engine.getMeters.meters_type": {},
+    "engine.getMeterInfo.meters_type": {
+        **dict.fromkeys((-1, 2), (Exception, "Meters type not valid")), **integer("int32_t"), "1": NO_INTEGER},
+    "name": NAME, "identifier": NAME, "p": NAME, "info": {5: "sonetrix.listKeyValue"},
     "p1": {1: (ValueError, "p1 has to be string or bytes (<class 'int'>)"), "é": NOT_ASCII},
     "p2": {2.5: (ValueError, "p2 has to be string or bytes or None (<class 'float'>)"), "é": NOT_ASCII},
-    "k": KEY, "v": VALUE,
+    "k": {**dict.fromkeys((5, None), (Exception, "key type not supported")), "é": NOT_ASCII},
+    "v": {None: (Exception, "value type not supported"), "\udc80": NOT_ASCII,
+          2**31: (OverflowError, "value too large to convert to int32_t")},
     "engine.getParam.k": {**dict.fromkeys((5, None), (Exception, "only string/byte/list/tuple is accepted as input")),
                           ("a", 5): (Exception, "only string is accepted"), "é": NOT_ASCII, ("é",): NOT_ASCII,
                           (None,): (Exception, "value type not supported")},
-    "engine.getParams.k": {5: wrong_type("k", "sonetrix.listValue", "int"),
+    "engine.getParams.k": {5: "sonetrix.listValue",
                            None: (AttributeError, "'NoneType' object has no attribute 'toListType'")},
-    **dict.fromkeys(("engine.setParams.k", "engine.setParamsCli.k"),
-                    {5: wrong_type("k", "sonetrix.listKeyValue", "int")}),
+    "engine.setParams.k": {5: "sonetrix.listKeyValue"}, "engine.setParamsCli.k": {5: "sonetrix.listKeyValue"},
     "engine.getLastMeter.k": {None: (Exception, "only string/bytes is accepted as input"), "é": NOT_ASCII},
     "engine.addDebugMeter.type": dict.fromkeys(("string", None, "double", 5), (Exception, "type not supported")),
-    "listValue.merge.other": {5: wrong_type("other", "sonetrix.listValue", "int")},
-    "listKeyValue.merge.other": {None: wrong_type("other", "sonetrix.listKeyValue", "NoneType")},
-    "listKeyValue.appendFromDict.d": DICTIONARY, "listKeyValue.appendFromDictType.d": DICTIONARY,
-    "lines": {None: wrong_type("lines", "str", "NoneType")},
-    "lineHeaderCount": {True: wrong_type("lineHeaderCount", "int", "bool")},
+    "listValue.merge.other": {5: "sonetrix.listValue"}, "listKeyValue.merge.other": {None: "sonetrix.listKeyValue"},
+    "d": {5: "dict", None: "dict"},
 }
+
 
 class EveryCall(record.TestCase):
     def setUp(self):
@@ -124,6 +108,8 @@ class EveryCall(record.TestCase):
                 for wrong, refusal in REFUSED.get(f"{name}.{parameter}", REFUSED.get(parameter, {})).items():
                     record.clear()
                     with self.subTest(name, **{parameter: wrong}):
+                        if isinstance(refusal, str):
+                            refusal = TypeError, WRONG_TYPE.format(parameter, refusal, type(wrong).__name__)
                         with self.assertRaises(refusal[0]) as caught:
                             call(**{parameter: wrong})
                         said = str(caught.exception) if refusal[1] is not None else None
