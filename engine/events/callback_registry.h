@@ -2,14 +2,15 @@
 
 #include "thread.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <vector>
 
 namespace sonetrix::dev {
 
-/// C callbacks with their user pointers, which one thread calls and any thread adds and removes. No lock is held during
-/// a call, so a callback may do both, to its own registration as well.
+/// Callbacks with their user pointers, which any thread adds, removes and calls. No lock is held during a call, so a
+/// callback may do all of that, to its own registration as well.
 template <class Callback> class CallbackRegistry {
 public:
     /// The handle of a new registration, never null and no other's of its kind.
@@ -24,13 +25,15 @@ public:
     void remove(const void *handle) {
         std::unique_lock lock(mutex_);
         registrations_.erase(handle);
-        if (caller_ != std::this_thread::get_id())
-            finished_.wait(lock, [this, handle] { return called_ != handle; });
+        finished_.wait(lock, [this, handle, self = std::this_thread::get_id()] {
+            return std::ranges::none_of(
+                calls_, [&](const Call &call) { return call.first == handle && call.second != self; });
+        });
     }
 
-    [[nodiscard]] bool empty() const {
+    [[nodiscard]] size_t size() const {
         const std::lock_guard lock(mutex_);
-        return registrations_.empty();
+        return registrations_.size();
     }
 
     /// Calls back unless the registration has been removed. Whether it is still there afterwards.
@@ -40,11 +43,10 @@ public:
         if (found == registrations_.end())
             return false;
         const auto [callback, user] = found->second;
-        called_ = handle;
-        caller_ = std::this_thread::get_id();
+        calls_.emplace_back(handle, std::this_thread::get_id());
         lock.unlock();
         {
-            const Finish finish{*this};
+            const Finish finish{*this, handle};
             callback(arguments..., user);
             endForkedChild(); // a callback that has forked has come back in two processes
         }
@@ -64,13 +66,16 @@ public:
     }
 
 private:
+    using Call = std::pair<const void *, std::thread::id>;
+
     /// Also when a callback ends its thread.
     struct Finish {
         CallbackRegistry &registry;
+        const void *handle;
 
         ~Finish() {
             const std::lock_guard lock(registry.mutex_);
-            registry.called_ = nullptr;
+            registry.calls_.erase(std::ranges::find(registry.calls_, Call(handle, std::this_thread::get_id())));
             registry.finished_.notify_all();
         }
     };
@@ -80,8 +85,7 @@ private:
     mutable std::mutex mutex_;
     std::condition_variable finished_;
     std::map<const void *, std::pair<Callback, void *>> registrations_; // by handle: in the order of registration
-    const void *called_ = nullptr;
-    std::thread::id caller_; // who called last
+    std::vector<Call> calls_;                                           // in progress
 };
 
 } // namespace sonetrix::dev

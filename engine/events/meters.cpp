@@ -74,7 +74,7 @@ void Meters::emit(sonetrix_module_meters_type type) {
         kind.blocks = 0;
     }
     lock.unlock();
-    if (kind.callbacks.empty())
+    if (kind.callbacks.size() == 0)
         return;
     ListKeyValue meters = read(type, "");
     kind.callbacks.callAll(&meters);

@@ -20,7 +20,7 @@ public:
 
     CallbackRegistry<sonetrix_listCallback_t> &callbacks() noexcept { return callbacks_; }
     void parameterWritten(const char *key) {
-        if (callbacks_.empty())
+        if (callbacks_.size() == 0)
             return;
         const std::lock_guard lock(mutex_);
         keys_.emplace(key);

@@ -16,10 +16,10 @@ BY_HAND = "sonetrix_log"  # takes any number of arguments
 READ_METERS = """
 sonetrix_cListKeyValue_t *readMeters(sonetrix_engine_t *engine, const char *module, sonetrix_module_meters_type type);
 """
-# The interpreter lock is held in these, and may be so in those: what the module initialises for itself, and what the
-# console's host does on its own account. In all others it is released.
+# The interpreter lock is held in these, and may be so in those: what the module initialises for itself, what the
+# console's host does on its own account, and the log of a thread that has come in with it. In all others it is released.
 HELD = re.compile("sonetrix_(valueList|keyValueList|clock_)")
-EITHER = re.compile("sonetrix_(valueInit|valueDeinit|malloc|free)")
+EITHER = re.compile("sonetrix_(valueInit|valueDeinit|malloc|free|log_LogString)")
 # What is done where it is not the engine's own function: nothing happens by itself, the engine says that it runs and
 # every driver that it is loaded, and what would go to the console or to the system's log goes nowhere.
 DONE = {
@@ -39,7 +39,7 @@ DONE = {
     **dict.fromkeys(("sonetrix_engine_" + name for name in ("notify_changes_rmCallback", "rmCallbackMeterManager",
                                                             "delTimer")), "removeRegistration(handle)"),
     **dict.fromkeys(("sonetrix_valueListDestroy", "sonetrix_keyValueListDestroy"),
-                    "ended(list, [list] { next(list); })"),
+                    "(void(lists -= list != nullptr), next(list))"),
 }
 
 
@@ -65,22 +65,21 @@ def literals(parameters):
 def wrapper(result, function, parameters):
     declared = ", ".join(kind + name for kind, name in parameters)
     passed = ", ".join(name for _, name in parameters)
-    lists = [name for kind, name in parameters if re.fullmatch(r"(const )?sonetrix_cList\w+ \*", kind)]
     lock = "Held" if HELD.match(function) else "Either" if EITHER.match(function) else "Released"
     note = " + ".join(text + ' + ","' for text in literals(parameters)) or "std::string()"
-    read = f"literal({lists[0]})" if function.endswith("ListForEach") else note
+    read = "literal(list)" if function.endswith("ListForEach") else note
     done = DONE.get(function, f"next({passed})")
     answer = f"{done}; return int64_t()" if result == "void" else f"return word<{result}>({done})"
-    taken = [f"*{name}" for kind, name in parameters if kind.endswith("**") and "List" in kind]
-    if "List" in result:
-        taken.append(f"as<const void *>(given), {str(function.endswith('getStartParameter')).lower()}")
+    handed_over = [f"*{name} != nullptr" for kind, name in parameters if kind.endswith("**") and "List" in kind]
+    if "List" in result and not function.endswith("getStartParameter"):  # the engine keeps that
+        handed_over.append("given != 0")
     return f"""
 {result} {function}({declared}) {{
     [[maybe_unused]] static auto *const next = found<decltype({function})>("{function}", RTLD_NEXT);
     const int64_t words[] = {{{"".join(f"word({name}), " for _, name in parameters)}0}};
-    const int64_t given = recorded("{function}", Lock::{lock}, {{{", ".join(lists)}}}, words,
-        [&] {{ return {note}; }}, [&] {{ return {read}; }}, [&] {{ {answer}; }});
-    {" ".join(f"began({list});" for list in taken)}
+    const int64_t given = recorded({{"{function}", Lock::{lock}, words,
+        [&] {{ return {note}; }}, [&] {{ return {read}; }}, [&] {{ {answer}; }}}});
+    {" ".join(f"lists += {one};" for one in handed_over)}
     return as<{result}>(given);
 }}"""
 

@@ -3,18 +3,16 @@
 #include "engine.h"
 #include "lists/lists.h"
 
-#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <map>
 #include <mutex>
 #include <unistd.h>
 #include <utility>
-#include <vector>
 
 namespace sonetrix::record {
 
-thread_local bool comesInHolding = false;
+std::atomic<int64_t> lists = 0;
 
 std::string literal(const char *text) {
     if (!text)
@@ -82,21 +80,13 @@ std::string literal(const sonetrix_keyValue_t *entry) {
 std::string literal(const sonetrix_cListValue_t *list) { return listLiteral(list); }
 std::string literal(const sonetrix_cListKeyValue_t *list) { return listLiteral(list); }
 
-int lockHeld() {
-    auto *const initialized = found<int()>("Py_IsInitialized");
-    auto *const check = found<int()>("PyGILState_Check");
-    return initialized && check && initialized() ? check() : -1;
-}
-
 namespace {
 
 struct State {
-    std::recursive_mutex mutex;
+    std::mutex mutex;
     std::atomic<bool> noting = true;
     std::map<std::string, Hook> hooks;
     std::string calls, violations;
-    std::map<const void *, bool> lists; // and whether the engine keeps it
-    std::vector<std::function<void()>> ended;
 };
 State &state = *new State; // calls come until the very end of the process
 
@@ -114,16 +104,20 @@ void violate(const std::string &what) {
     state.violations += "'" + what + "',";
 }
 
-void noteCall(const char *name, Lock rule, const std::string &arguments) {
+// By the calling thread: 1 or 0, and -1 where no interpreter is running.
+int lockHeld() {
+    auto *const initialized = found<int()>("Py_IsInitialized");
+    return initialized && initialized() ? found<int()>("PyGILState_Check")() : -1;
+}
+
+void noteCall(const std::string &name, Lock rule, const std::string &arguments) {
     const int held = lockHeld();
-    const bool free = rule == Lock::Either || held < 0 || (comesInHolding && rule == Lock::Released);
-    if (!free && held != static_cast<int>(rule))
-        violate(std::string(name) + " is called with the interpreter lock " + (held ? "held" : "released"));
+    if (rule != Lock::Either && held >= 0 && held != static_cast<int>(rule))
+        violate(name + " is called with the interpreter lock " + (held ? "held" : "released"));
     if (!state.noting)
         return;
     const std::lock_guard lock(state.mutex);
-    state.calls += "('" + std::string(name) + "',(" + arguments + ")," + std::to_string(held) + "," +
-                   std::to_string(gettid()) + "),\n";
+    state.calls += "('" + name + "',(" + arguments + ")," + literal(held) + "," + literal(gettid()) + "),\n";
 }
 
 // A hook may be Python code, and the call be made while a Python error is on its way.
@@ -138,52 +132,21 @@ bool ask(Hook hook, const int64_t *arguments, int64_t *result) {
     return done;
 }
 
-void check(const char *name, const void *list) {
-    const std::lock_guard lock(state.mutex);
-    if (list && !state.lists.contains(list))
-        violate(std::string(name) + " is given a list that is none");
-}
-
 } // namespace
 
-int64_t recorded(const char *name,
-    Lock rule,
-    std::initializer_list<const void *> lists,
-    const int64_t *arguments,
-    const std::function<std::string()> &note,
-    const std::function<std::string()> &read,
-    const std::function<int64_t()> &answer) {
-    for (const void *list : lists)
-        check(name, list);
-    noteCall(name, rule, state.noting ? note() : std::string());
+int64_t recorded(const Call &call) {
+    noteCall(call.name, call.rule, state.noting ? call.note() : std::string());
     std::unique_lock lock(state.mutex);
-    const Hook hook = state.hooks[name];
+    const Hook hook = state.hooks[call.name];
     lock.unlock();
     if (!hook)
-        return answer();
+        return call.answer();
     int64_t result = 0;
-    const std::string before = read();
-    const bool done = ask(hook, arguments, &result);
-    if (read() != before)
-        violate(std::string(name) + " reads a list that is changed meanwhile");
-    return done ? result : answer();
-}
-
-void began(const void *list, bool engineKeeps) {
-    const std::lock_guard lock(state.mutex);
-    if (list)
-        state.lists[list] = engineKeeps;
-}
-
-// While calls are noted, the list's memory is let go at the reset only, so that no other list gets its address.
-void ended(const void *list, std::function<void()> destroy) {
-    const std::lock_guard lock(state.mutex);
-    if (state.lists.erase(list) == 0)
-        return; // null, or a violation already
-    if (state.noting)
-        state.ended.push_back(std::move(destroy));
-    else
-        destroy();
+    const std::string before = call.read();
+    const bool done = ask(hook, call.arguments, &result);
+    if (call.read() != before)
+        violate(std::string(call.name) + " reads a list that is changed meanwhile");
+    return done ? result : call.answer();
 }
 
 } // namespace sonetrix::record
@@ -193,27 +156,18 @@ using namespace sonetrix::record;
 void record_noting(int32_t on) { state.noting = on != 0; }
 const char *record_calls(int32_t clear) { return listed(state.calls, clear != 0); }
 const char *record_violations() { return listed(state.violations, true); }
+int64_t record_lists() { return lists; }
 
 void record_hook(const char *name, Hook hook) {
     const std::lock_guard lock(state.mutex);
     state.hooks[name] = hook;
 }
 
-// Forgets calls and hooks, and lets go of what has been destroyed.
 void record_reset() {
     const std::lock_guard lock(state.mutex);
     state.hooks.clear();
-    for (const auto &destroy : state.ended)
-        destroy();
-    state.ended.clear();
     state.calls.clear();
     state.noting = true;
-}
-
-// How many lists there are that the engine has given and not taken back.
-int64_t record_lists() {
-    const std::lock_guard lock(state.mutex);
-    return std::ranges::count(state.lists, false, &decltype(state.lists)::value_type::second);
 }
 
 // Takes any number of arguments; the message is noted as the log would show it.

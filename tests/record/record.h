@@ -2,17 +2,17 @@
 // answered by the test's hook, if there is one, else as by a quiet engine in which nothing happens by itself. Loaded
 // before the engine's library, it is what the module finds.
 //
-// Each call is held against the rules: the interpreter lock held or released as they ask, no list used after its end,
-// no list changed while the engine reads it. What was wrong stands in the violations.
+// Each call is held against the rules: the interpreter lock held or released as they ask, no list changed while the
+// engine reads it. What was wrong stands in the violations.
 #pragma once
 
 #include "control.h"
 
+#include <atomic>
 #include <concepts>
 #include <cstring>
 #include <dlfcn.h>
 #include <functional>
-#include <initializer_list>
 #include <string>
 #include <type_traits>
 
@@ -54,32 +54,29 @@ template <typename Value> Value as(int64_t word) {
 
 enum class Lock { Released, Held, Either }; // the interpreter's, as the rules ask it of a call
 
-// One call: noted and checked. Its result is the hook's, or else what `answer` gives. Meanwhile what `read` shows of
-// the arguments must stay as it is.
-int64_t recorded(const char *name,
-    Lock rule,
-    std::initializer_list<const void *> lists,
-    const int64_t *arguments,
-    const std::function<std::string()> &note,
-    const std::function<std::string()> &read,
-    const std::function<int64_t()> &answer);
+struct Call {
+    const char *name;
+    Lock rule;
+    const int64_t *arguments;
+    std::function<std::string()> note;
+    std::function<std::string()> read; // what must stay as it is during the call
+    std::function<int64_t()> answer;   // unless a hook gives one
+};
+// Notes and checks the call, and gives its result.
+int64_t recorded(const Call &call);
 
-// Lists are known from the call that gives them until the one that destroys them.
-void began(const void *list, bool engineKeeps = false);
-void ended(const void *list, std::function<void()> destroy);
+extern std::atomic<int64_t> lists; // that the engine has given and not taken back
 
 // A function of the process, or of what comes behind the layer (RTLD_NEXT): the engine's own. The layer knows no Python
 // headers, as an engine does not.
 template <typename Function> Function *found(const char *name, void *where = RTLD_DEFAULT) {
     return reinterpret_cast<Function *>(dlsym(where, name));
 }
-int lockHeld();                          // by this thread: 1 or 0, and -1 where no interpreter is running
-extern thread_local bool comesInHolding; // this thread calls back with the lock held: so it may log
 
 // Callbacks that are registered fire when the test says so.
-enum class Kind : int32_t { Changes, SlowMeters, FastMeters, Timer };
+enum Kind : int32_t { Changes, SlowMeters, FastMeters, Timer };
 using Callback = std::function<void(sonetrix_cListKeyValue_t *list, void *user)>;
 void *addRegistration(Kind kind, Callback callback, void *user);
-void removeRegistration(void *handle);
+void removeRegistration(const void *handle);
 
 } // namespace sonetrix::record

@@ -16,8 +16,8 @@ Arguments arrive as Python values: the handle as "engine", null as None, strings
 arrays as tuples, values as (type name, value), lists given to the engine as lists of those, with keys in front where
 they have some. In calls of the list functions themselves a list is its address.
 
-At the end of each test of TestCase, every call has had the interpreter lock in the state that the rules ask, no list
-was used after its end, and none is left.
+At the end of each test of TestCase, every call has had the interpreter lock in the state that the rules ask, and no
+list is left.
 """
 
 import ast
