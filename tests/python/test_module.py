@@ -1,6 +1,5 @@
 """What the module says of itself, against its typed stub; how it binds arguments and is imported."""
 
-import ast
 import inspect
 import os
 import pydoc
@@ -8,45 +7,31 @@ import shutil
 import sys
 import tempfile
 import traceback
+import types
+import typing
 import unittest
 
 from support import SANITIZER, SOURCE, calls, programs, record
 
 STUB = SOURCE / "interface" / "sonetrix" / "sonetrix.pyi"
-CONSTANTS = {"engine": ["METER_SLOW", "METER_FAST"], "log": ["TRACE", "DEBUG", "INFO", "WARN", "ERROR", "FATAL"]}
-
-
-def stubbed(body, prefix=""):
-    """(qualified name, [(parameter, its default or empty)]) of all in the stub; a class stands for its constructor."""
-    for node in body:
-        if isinstance(node, ast.ClassDef) and node.name[0] != "_":
-            yield node.name, []
-            yield from stubbed(node.body, node.name + ".")
-        elif isinstance(node, ast.FunctionDef):
-            defaults = [inspect.Parameter.empty] * (len(node.args.args) - len(node.args.defaults))
-            defaults += map(ast.literal_eval, node.args.defaults)
-            parameters = zip((argument.arg for argument in node.args.args), defaults)
-            name = prefix[:-1] if node.name in ("__new__", "__init__") else prefix + node.name
-            yield name, [one for one in parameters if one[0] not in ("self", "cls")]
 
 
 class SurfaceTest(record.TestCase):
+    def signatures(self, module):
+        """Parameters and defaults of all that is public."""
+        return {name: [(one.name, one.default) for one in inspect.signature(function).parameters.values()]
+                for name, _, function in calls.functions(module) if name.split(".")[0] in vars(self.sonetrix)}
+
     def test_the_stub_names_what_is_there_and_its_parameters(self):
-        stub = dict(stubbed(ast.parse(STUB.read_text()).body))
-        running = {name: function for name, _, function in calls.functions(self.sonetrix) if name != "signature"}
-        running |= {name: kind for name, kind in vars(self.sonetrix).items() if isinstance(kind, type)}
-        self.assertEqual(sorted(running), sorted(stub))
-        for name, function in running.items():
-            if stub[name] or not isinstance(function, type):
-                parameters = inspect.signature(function).parameters.values()
-                self.assertEqual([(one.name, one.default) for one in parameters if one.name != "self"], stub[name],
-                                 name)
-        imported = {"ctypes", "math", "os", "time", "traceback", "typing", "signature"}
-        public = {name for name in vars(self.sonetrix) if name[0] != "_"}
-        self.assertEqual(public, {name.split(".")[0] for name in stub} | imported)
-        for name, constants in CONSTANTS.items():
-            present = {key: value for key, value in vars(running[name]).items() if type(value) is int}
-            self.assertEqual(present, dict(zip(constants, range(9))))
+        stub = types.ModuleType("sonetrix")
+        exec("from __future__ import annotations\n" + STUB.read_text(), vars(stub))
+        self.assertEqual(self.signatures(self.sonetrix), self.signatures(stub))
+        named, public = ({name for name in vars(module) if name[0] != "_"} for module in (stub, self.sonetrix))
+        self.assertEqual(public, named - {*typing.__all__, "annotations"})
+        for name in "engine", "log":
+            present = [item for item in vars(getattr(self.sonetrix, name)).items() if type(item[1]) is int]
+            annotated = inspect.get_annotations(getattr(stub, name))
+            self.assertEqual(present, [(constant, value) for value, constant in enumerate(annotated)])
 
     @unittest.skipUnless(shutil.which("mypy"), "mypy is not installed")
     def test_mypy_accepts_stub_and_examples(self):
