@@ -38,7 +38,8 @@
 
 namespace {
 
-constexpr int timers = 3; // the layer's number of this kind of callbacks
+constexpr auto engineSignals = {SIGINT, SIGTERM, SIGHUP}; // not for the engine's threads
+constexpr int timers = 3;                                 // the layer's number of this kind of callbacks
 
 std::ostringstream report; // by the thread that carries the operations out
 
@@ -57,32 +58,29 @@ std::string signalState() {
     return text.str();
 }
 
-void blockSignals(std::initializer_list<int> numbers) {
+void changeMask(int how, std::initializer_list<int> numbers) {
     sigset_t signals;
     sigemptyset(&signals);
     for (const int number : numbers)
         sigaddset(&signals, number);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    pthread_sigmask(how, &signals, nullptr);
 }
 
-void blockConsoleSignals() { blockSignals({SIGINT, SIGURG}); }
+void blockConsoleSignals() { changeMask(SIG_BLOCK, {SIGINT, SIGURG}); }
 
 std::mutex threadsMutex;
 std::vector<std::jthread> threads;
 
-// What starts threads: they never see the signals, from their first instruction on.
-void withSignalsBlocked(auto work) {
-    sigset_t before;
-    pthread_sigmask(SIG_SETMASK, nullptr, &before);
-    blockSignals({SIGINT, SIGTERM, SIGHUP});
-    work();
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-}
-
 void startThread(auto work) {
     const std::lock_guard lock(threadsMutex);
-    withSignalsBlocked([&] { threads.emplace_back(std::move(work)); });
+    threads.emplace_back([work = std::move(work)]() mutable {
+        changeMask(SIG_BLOCK, engineSignals);
+        work();
+    });
 }
+
+// On a terminal, the engine has a handler, too.
+void onSigint(int /*number*/) {}
 
 void joinThreads() {
     std::vector<std::jthread> ending;
@@ -106,7 +104,7 @@ void construct() {
     note("constructed", made != nullptr);
     struct sigaction action {};
     sigaction(SIGINT, nullptr, &action);
-    note("handlesSigint", action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN);
+    note("handlesSigint", action.sa_handler != SIG_DFL && action.sa_handler != onSigint);
     if (made) {
         note("interactive", made->interactive);
         note("sigintMode", made->sigintMode);
@@ -201,7 +199,8 @@ void perform(const std::string &line) {
 } // namespace
 
 int main(int argc, char **argv) {
-    withSignalsBlocked(record_begin);
+    changeMask(SIG_BLOCK, engineSignals); // also in the threads that start now
+    record_begin();
     record_hook("sonetrix_engine_RequestStop", [](auto *, auto *) {
         startThread(stop);
         return false;
@@ -216,11 +215,14 @@ int main(int argc, char **argv) {
         for (std::string line; std::getline(commands, line);)
             perform(line);
     });
+    if (isatty(STDIN_FILENO) != 0)
+        std::signal(SIGINT, onSigint);
+    changeMask(SIG_UNBLOCK, engineSignals);
     const bool elsewhere = std::string_view(argv[4]) == "other-thread";
     const auto work = [&] { std::for_each(argv + (elsewhere ? 5 : 4), argv + argc, perform); };
     if (elsewhere) {
         std::jthread other(work);
-        blockSignals({SIGINT, SIGURG, SIGALRM, SIGTERM, SIGHUP});
+        changeMask(SIG_BLOCK, {SIGINT, SIGURG, SIGALRM, SIGTERM, SIGHUP});
     } else {
         work();
     }

@@ -79,7 +79,7 @@ class Terminal(Console):
 
     def _begin(self, terminal):
         super()._begin(terminal)
-        ignore_sigint()  # not the default: it shows whether that is put back
+        ignore_sigint()  # until the host has its handler
 
     def __exit__(self, *arguments):
         self.commands.close()
