@@ -65,7 +65,3 @@ class BinaryContract(unittest.TestCase):
         system = r"(libpython3\.\d+d?|libstdc\+\+|libm|libc|libgcc_s|ld-linux-[\w-]+|lib[at]san|libubsan)\.so"
         self.assertEqual([name for name in needed if not re.match(system, name)], [])
         self.assertTrue(any(name.startswith("libpython3.") for name in needed), needed)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -326,7 +326,3 @@ for callback in (first, failing, failing, partial(print, "second"), partial(int,
         self.assertEqual([line for line in report.log if line[0] > DEBUG], [NOT_INTERACTIVE, error, error])
         self.assertRegex(report.result.stderr, "^Exception ignored in: 'sonetrix.clear_python_sonetrix'\n(.*\n)*"
                          "AttributeError: 'functools.partial' object has no attribute '__name__'.*\n$")
-
-
-if __name__ == "__main__":
-    unittest.main()

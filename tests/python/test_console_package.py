@@ -202,7 +202,3 @@ put("engine.offline.run", 0.25); print(round(get("gain.gain"), 1)); put("engine.
         checked = run("mypy", "--strict", "--cache-dir", os.devnull, SOURCE / "python/sonetrix_console",
                       environment={"MYPYPATH": f"{SOURCE}/interface/sonetrix"})
         self.assertEqual(checked.returncode, 0, checked.stdout)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -200,7 +200,3 @@ class Clients(unittest.TestCase):
         self.console.type("'still ' + 'echoed'\r", shows="^engine> 'still ' \\+ 'echoed'\n'still echoed'$")
         for screen in client, self.console:
             self.assertNotRegex(screen.transcript, "KeyboardInterrupt\n|Traceback")
-
-
-if __name__ == "__main__":
-    unittest.main()

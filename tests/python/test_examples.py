@@ -92,7 +92,3 @@ class Examples(unittest.TestCase):
                     self.assertEqual(answer, shown)
             terminal.prompt()
             self.assertEqual((last, terminal.end("exit(3)")), ("exit(3)\n", 3))
-
-
-if __name__ == "__main__":
-    unittest.main()

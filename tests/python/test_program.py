@@ -167,7 +167,3 @@ class Signals(unittest.TestCase):
         command = ["sh", "-c", 'ulimit -f 100; exec "$0" --log-level trace --record cut.wav -c "time.sleep(1)"', ENGINE]
         with tempfile.TemporaryDirectory() as folder, open(closed[1], "wb") as errors:
             self.assertEqual(subprocess.run(command, stderr=errors, cwd=folder, timeout=TIME_LIMIT).returncode, 74)
-
-
-if __name__ == "__main__":
-    unittest.main()

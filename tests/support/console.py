@@ -53,9 +53,6 @@ class Console(pexpect.fdpexpect.fdspawn):
         self.transcript += text
         return text
 
-    def settings(self):
-        return termios.tcgetattr(self.child_fd)
-
     def prompt(self):
         self._prompted or self.expect_exact(PROMPT)
         self._prompted = False
@@ -85,11 +82,13 @@ class Console(pexpect.fdpexpect.fdspawn):
         raise AssertionError(f"Ctrl-C is not noticed:\n{self}")
 
     def end(self, line=None):
-        """Types a last line, if any, and returns the exit status once the output has ended."""
+        """Types a last line, if any, and returns the exit status; the terminal is as it was."""
         if line is not None:
             self.sendline(line)
         self.expect(pexpect.EOF)
-        return self.process.wait(TIME_LIMIT)
+        status = self.process.wait(TIME_LIMIT)
+        assert status < 0 or termios.tcgetattr(self.child_fd) == self.first_settings, self.transcript
+        return status
 
 
 class Screen(Console):
