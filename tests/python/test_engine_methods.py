@@ -176,8 +176,8 @@ class ModulesTest(EngineTestCase):
 
     def setUp(self):
         super().setUp()
-        self.engine.newModule("tone", "sine_fcac", self.sonetrix.listKeyValue().append("frequency", 220.0))
-        self.engine.newModule("amp", "amp_mono", self.sonetrix.listKeyValue().append("gain", 1.5))
+        self.engine.newModule("tone", "sine_fcac", self.sonetrix.listKeyValue().append("frequency", 9))
+        self.engine.newModule("amp", "amp_mono", self.sonetrix.listKeyValue().append("gain", 1.125))
         self.engine.link("tone:output", "amp:input"), self.engine.link("amp:output", "system:playback_2")
         for name in "tone", "amp":
             self.addCleanup(self.engine.delModule, name)
@@ -190,10 +190,10 @@ class ModulesTest(EngineTestCase):
             ("name", b"system"), ("type", 0), ("src", [port(b"system:capture_1"), port(b"system:capture_2")]),
             ("sink", [port(b"system:playback_1"), port(b"system:playback_2", link=b"amp:output")]), ("param", {})])
         self.assertEqual(list(tone), ["name", "type", "src", "sink", "library", "configuration", "param"])
-        self.assertEqual((tone["library"][-7:], tone["configuration"]), (b"/cmt.so", {b"frequency": 220.0}))
+        self.assertEqual((tone["library"][-7:], tone["configuration"]), (b"/cmt.so", {b"frequency": 9}))
         self.assertEqual((amp["src"], amp["sink"], amp["param"]), (
             [port(b"amp:output")], [port(b"amp:input", link=b"tone:output")],
-            {b"amp.gain": 1.5, b"amp.plugin": b"amp_mono"}))
+            {b"amp.gain": 1.125, b"amp.plugin": b"amp_mono"}))
 
     def test_what_the_engine_does_not_tell(self):
         start = "sonetrix_engine_ModuleGetStartParameter"
@@ -245,7 +245,7 @@ class ModulesTest(EngineTestCase):
         self.assertEqual(re.findall(r' {4}label="([^"]*)";\n    fillcolor="(.*)";\n  \n    m_(\w+) \[', written), [
             ("system", "#aaffff", "0_src"), ("system", "#aaffff", "0_sink"),
             ("tone\n  (cmt.so)\n  {b'frequen ... }", "#aaffaa", "1_src_sink"),
-            ("amp\n  (amp.so)\n  {b'gain': 1.5}", "#aaffaa", "2_src_sink")])
+            ("amp\n  (amp.so)\n  {b'gain': 1.125}", "#aaffaa", "2_src_sink")])
         sink, source = "#aaaaff", "#ffaaaa"
         self.assertEqual(re.findall(r'<TD BGCOLOR="(.*)" CELL.*" PORT="(.*)">(.*)</TD>\n {6}(</TR>)?', written), [
             (source, "src_0", "system:capture_1", "</TR>"), (source, "src_1", "system:capture_2", "</TR>"),
