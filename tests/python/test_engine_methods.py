@@ -3,7 +3,6 @@ answer, and what is refused first where more than one argument is wrong."""
 
 import concurrent.futures
 import ctypes
-import io
 import re
 import signal
 import subprocess
@@ -259,12 +258,6 @@ class ModulesTest(EngineTestCase):
             self.assertRaises(KeyError, self.engine.dot, file.name)
         self.assertRegex(file.seek(0) or file.read(), r"(?s)^digraph .*;\n\n$")
         self.assertRaises(FileNotFoundError, self.engine.dot, "/nonexistent/folder/graph")
-
-    def test_lines(self):
-        write = self.engine._writeLinesWithHeader
-        for lines, count, written in ("a\nb\n", 2, "    a\n    b\n    \n"), ("", 1, "  \n"), ("ä\r", -1, "ä\r\n"):
-            self.assertIsNone(write(file := io.StringIO(newline=""), lines, count))
-            self.assertEqual(file.getvalue(), written)
 
 
 if __name__ == "__main__":

@@ -68,9 +68,9 @@ def every(sonetrix):
         "lineHeaderCount": 2, "lines": "a\nb", "message": "\u00fc", "meters_type": 1, "module": b"m",
         "name": bytearray(b"c"), "on": True, "p": "a:output", "p1": "a:output", "p2": bytearray(b"b:input"),
         "timeOn": 1, "timeout_ms": 5, "type": None, "v": "x", "timeout.callback": print,
-        "engine.addTimer.callback": print,
-        "engine.getParams.k": names, "engine.getParam.k": ["a.", b"b"], "engine.setParams.k": table,
-        "engine.setParamsCli.k": table, "engine.addDebugMeter.type": "", "log.logb.message": b"x",
+        "engine.addTimer.callback": print, "engine.getParams.k": names, "engine.getParam.k": ["a.", b"b"],
+        "engine.setParams.k": table, "engine.setParamsCli.k": table, "engine.addDebugMeter.type": "",
+        "log.logb.message": b"x",
         "listKeyValue.appendFromDictType.d": {"a": (1, "int32"), "b": [2.0, None], "c": ((1.0,), "afloat")},
         "listValue.merge.other": Fresh(names.dup), "listKeyValue.merge.other": Fresh(table.dup),
     }

@@ -34,10 +34,10 @@ tuples = _or_subclass(strategies.one_of(*(strategies.lists(items, max_size=8).ma
 values = scalars | tuples
 
 
-def settings(examples, **more):
+def settings(examples):
     everything, slow = list(hypothesis.HealthCheck), RUN or hasattr(sys, "gettotalrefcount")
     return hypothesis.settings(max_examples=examples // 10 if slow else examples, derandomize=not SECONDS,
-                               deadline=None, database=None, print_blob=False, suppress_health_check=everything, **more)
+                               deadline=None, database=None, print_blob=False, suppress_health_check=everything)
 
 
 def run(test):

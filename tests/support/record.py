@@ -34,7 +34,6 @@ import itertools
 import threading
 import unittest
 from unittest import mock
-from typing import NamedTuple
 
 from record import generate
 
@@ -50,13 +49,7 @@ FILLED_IN = {"float *": ctypes.c_float * 1, "uint32_t *": ctypes.c_uint32 * 1, "
 HEADER = (SOURCE / "include/sonetrix/engine_api.h").read_text()
 FUNCTIONS = {name: (result, [kind.strip() for kind, _ in parameters])
              for result, name, parameters in generate.functions(HEADER + generate.READ_METERS)}
-
-
-class Call(NamedTuple):
-    name: str
-    args: tuple
-    lock_held: bool | None  # None where no interpreter was running
-    thread: int
+Call = collections.namedtuple("Call", "name args lock_held thread")
 
 
 class Value(ctypes.Structure):
@@ -208,8 +201,7 @@ def load():
 
 def calls(*names, clear=False):
     """The calls on record, oldest first; with names, or shell patterns of names, only those."""
-    every = (Call(name, args, None if held < 0 else bool(held), thread)
-             for name, args, held, thread in ast.literal_eval(_library.record_calls(clear).decode()))
+    every = (Call(*call) for call in ast.literal_eval(_library.record_calls(clear).decode()))
     return [call for call in every if not names or any(fnmatch.fnmatchcase(call.name, name) for name in names)]
 
 
