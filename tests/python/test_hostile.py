@@ -53,7 +53,7 @@ class Session:
     def act(self):
         """What a hostile object does when it is asked for something."""
         self.acts += 1
-        if self.depth > 4 or self.acts > 500:
+        if self.depth > 4 or self.acts > 200:
             raise RuntimeError("no more")
         self.depth += 1
         try:
@@ -70,7 +70,7 @@ class Session:
         made = self.pick.choice(KINDS)()
         made.act = self.act
         return self.pick.choice([
-            made, made, lambda: self.act(), lambda one: self.act(), self.pool.clear, self.pick.choice(self.values),
+            *[made] * 6, lambda: self.act(), lambda one: self.act(), self.pool.clear, self.pick.choice(self.values),
             self.pick.choice(self.pool or self.values), {"k": made, "l": (made, "int32"), made: 5}, [made, "a"],
             (made, self.pick.choice(self.values))])
 
@@ -119,7 +119,7 @@ class Anything(unittest.TestCase):
         gc.freeze(), self.addCleanup(gc.unfreeze)
         generated.run(self.perform)
 
-    @generated.settings(120)
+    @generated.settings(150)
     @hypothesis.given(strategies.integers(0, 2**32), strategies.lists(VALUES, min_size=9, max_size=9),
                       strategies.integers(1, 100))
     def perform(self, seed, values, steps):

@@ -73,7 +73,6 @@ class SurfaceTest(record.TestCase):
                 ("isRunning.* 0 arguments", engine.isRunning, (1,), {}),
                 ("isRunning.*(0 keyword|'a')", engine.isRunning, (), {"a": 1}),
                 ("link.*'p1'", engine.link, (), {}),
-                ("link.*'p1'", engine.link, (), {"p2": "a"}),
                 ("link.*'p1'", engine.link, ("a",), {"p1": "b"}),
                 ("timeout.*'callback'", self.sonetrix.timeout, (1,), {}),
                 ("listValue.* no arguments", plain, (3,), {})):
