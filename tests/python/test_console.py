@@ -42,7 +42,8 @@ class ConsoleTest(unittest.TestCase):
 
     def test_a_script_that_spoils_the_console(self):
         for spoil in ("sys.stdin.close()", "del sys.excepthook", "sys.modules.clear()", "globals().clear()",
-                      "sys.last_value = 3", "import signal; signal.signal(signal.SIGURG, signal.SIG_IGN)",
+                      "sys.last_value = 3", "import tty; _ = tty.setcbreak(0)",
+                      "import signal; signal.signal(signal.SIGURG, signal.SIG_IGN)",
                       "import threading; threading._shutdown = None", "sys.displayhook = 3",
                       "import atexit; atexit.register(lambda: 1 / 0)"):
             with self.subTest(spoil), self.console() as console:

@@ -303,12 +303,12 @@ threading.Thread(target=threading.Event().wait, name="st\u00e4y", daemon=False).
 """)
             engine = pool.submit(host.run, stuck, "construct", "start", "on 1 1", "run", "destroy",
                                  environment=programs.OUTLIVED, preexec_fn=host.ignore_sigint,
-                                 text_input="time.sleep(0.2); print('in the buffer', end='')")
+                                 text_input="time.sleep(0.2); add_clear_callback(lambda: print('buffered', end=''))")
         self.assertEqual([line for line in python.result().log if "python thread" in line[1]], [
             (WARN, "waiting for python thread 'st\u00e4y'"),
             (ERROR, "python thread 'st\u00e4y' is still running and is left behind")])
         self.assertEqual((engine.result().log[-1], engine.result().result.stdout), (
-            (ERROR, "a thread does not return from Python: the interpreter is left as it is"), "in the buffer"))
+            (ERROR, "a thread does not return from Python: the interpreter is left as it is"), "buffered"))
 
     def test_clear_callbacks(self):
         report = host.run(text_input="""

@@ -79,7 +79,6 @@ void startThread(auto work) {
     });
 }
 
-// On a terminal, the engine has a handler, too.
 void onSigint(int /*number*/) {}
 
 void joinThreads() {
@@ -215,6 +214,7 @@ int main(int argc, char **argv) {
         for (std::string line; std::getline(commands, line);)
             perform(line);
     });
+    std::signal(SIGPIPE, SIG_IGN); // not the default dispositions: it shows whether they are put back
     if (isatty(STDIN_FILENO) != 0)
         std::signal(SIGINT, onSigint);
     changeMask(SIG_UNBLOCK, engineSignals);
