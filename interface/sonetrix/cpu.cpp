@@ -47,7 +47,7 @@ Ref cpu(Arguments arguments) {
             formatted((holding ? meanHeld : mean).get(), "5.1f").get(), milliseconds(timeUsage).get(),
             formatted((holding ? peakHeld : peakMean).get(), "5.1f").get(), milliseconds(timeUsagePeak).get(),
             formatted(error, "4.1f").get(), milliseconds(maxCpuTime).get()));
-        text = cut(text, terminalSize().columns);
+        text = cut(text, terminalColumns());
         print(checked(PyUnicode_FromFormat("\r%U", text.get())).get(), "");
     });
     cursor.show();

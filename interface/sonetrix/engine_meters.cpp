@@ -4,7 +4,6 @@
 #include "list_key_value.h"
 #include "python/gil.h"
 
-#include <atomic>
 #include <mutex>
 #include <string>
 
@@ -13,8 +12,8 @@ namespace sonetrix {
 namespace {
 
 // The engine's read function, while this library is the engine's meter manager.
-std::atomic<sonetrix_readMeters_t> readMeters = nullptr;
-std::mutex managerMutex; // for becoming the manager and ceasing to be it; taken with the interpreter lock released
+sonetrix_readMeters_t readMeters = nullptr;
+std::mutex managerMutex; // guards it; taken with the interpreter lock released
 
 EngineText toKey(PyObject *object, const char *refusal) {
     EngineText key = EngineText::fromName(object);
@@ -133,13 +132,10 @@ sonetrix_module_meters_type requireMetersType(std::int32_t number) {
 std::int32_t toMetersNumber(PyObject *argument) { return argument == nullptr ? 2 : toInt32(argument); }
 
 sonetrix_readMeters_t becomeMeterManager(sonetrix_engine_t *engine) {
-    if (const sonetrix_readMeters_t known = readMeters) {
-        return known;
-    }
     sonetrix_readMeters_t read = nullptr;
     const std::int32_t status = unlocked([&] {
         const std::lock_guard guard(managerMutex);
-        read = readMeters; // another thread may have been quicker
+        read = readMeters;
         const std::int32_t result = read == nullptr ? sonetrix_engine_registerMeterManager(engine, &read) : 0;
         if (result == 0) {
             readMeters = read;

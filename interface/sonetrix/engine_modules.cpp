@@ -187,23 +187,22 @@ Ref getUsageInfo() {
     sonetrix_engine_t *engine = requireEngine();
     Ref names = collectModules(engine, addName);
     Ref usages = checked(PyDict_New());
-    for (Py_ssize_t index = 0; index < PyList_GET_SIZE(names.get()); ++index) {
-        const Ref name = Ref::borrow(PyList_GET_ITEM(names.get(), index));
-        const EngineText text = EngineText::fromNameOrBuffer(name.get());
+    forEach(names.get(), [&](PyObject *name) {
+        const EngineText text = EngineText::fromNameOrBuffer(name);
         float absolute = 0;
         float relative = 0;
         std::uint32_t processId = 0;
         const std::int32_t failed =
             unlocked(sonetrix_engine_ModuleUsage, engine, text.get(), &absolute, &relative, &processId);
         if (failed != 0) {
-            continue;
+            return;
         }
         Ref usage = checked(PyDict_New());
         set(usage, "absolute"_id, checked(PyFloat_FromDouble(static_cast<double>(absolute))));
         set(usage, "relative"_id, checked(PyFloat_FromDouble(static_cast<double>(relative))));
         set(usage, "processId"_id, checked(PyLong_FromUnsignedLong(processId)));
-        checked(PyDict_SetItem(usages.get(), name.get(), usage.get()));
-    }
+        checked(PyDict_SetItem(usages.get(), name, usage.get()));
+    });
     return usages;
 }
 

@@ -2,7 +2,6 @@
 
 #include "list_key_value.h"
 
-#include <cstring>
 #include <functional>
 #include <string_view>
 
@@ -12,6 +11,7 @@ namespace {
 
 constexpr Py_ssize_t usualNotification = 10; // entries
 constexpr Py_ssize_t cachedKeysOfDict = 64;
+constexpr std::size_t longestCachedKey = 64;
 
 // Raw and owned: the interpreter is gone when static objects are destroyed. dropKeyCache() lets them go in time.
 std::array<PyObject *, 512> keyCache{};
@@ -124,11 +124,12 @@ Ref appendFromDictType(ListKeyValue &list, Arguments arguments) {
 // and again, while a long list would only wash the cache out.
 Ref keyBytes(const char *key, PyObject *dict) {
     const auto newBytes = [key] { return checked(PyBytes_FromString(key)); };
-    if (!PyDict_Check(dict) || PyDict_GET_SIZE(dict) >= cachedKeysOfDict) {
+    const std::string_view text = key;
+    if (!PyDict_Check(dict) || PyDict_GET_SIZE(dict) >= cachedKeysOfDict || text.size() > longestCachedKey) {
         return newBytes();
     }
-    PyObject *&cached = keyCache[std::hash<std::string_view>()(key) % keyCache.size()];
-    if (cached == nullptr || std::strcmp(key, PyBytes_AS_STRING(cached)) != 0) {
+    PyObject *&cached = keyCache[std::hash<std::string_view>()(text) % keyCache.size()];
+    if (cached == nullptr || text != PyBytes_AS_STRING(cached)) {
         Ref::steal(std::exchange(cached, newBytes().release()));
     }
     return Ref::borrow(cached);

@@ -103,7 +103,7 @@ void installHooks() {
     Ref mark = checked(PyCapsule_New(&imported, nullptr, [](PyObject *) { setCollecting(false); }));
     Ref hook = checked(PyCFunction_New, &collectionHook, mark.get());
     checked(PyObject_CallMethod, callbacks.get(), "append", "O", hook.get());
-    watchForks();
+    watchThreads(wakeRemovalWorker);
     watchForksOfRegistrations();
 }
 

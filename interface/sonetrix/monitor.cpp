@@ -21,6 +21,8 @@ void printSequence(const char *sequence, const char *end) {
     }
 }
 
+Ref rawTerminalSize() { return callMethod(moduleGlobal("os"_id).get(), "get_terminal_size"_id); }
+
 Py_ssize_t dimension(const Ref &size, const InternedString &name) {
     return checked(PyNumber_AsSsize_t, attribute(size.get(), name).get(), PyExc_OverflowError);
 }
@@ -66,9 +68,11 @@ void print(PyObject *text, const char *end) {
 }
 
 TerminalSize terminalSize() {
-    const Ref size = callMethod(moduleGlobal("os"_id).get(), "get_terminal_size"_id);
+    const Ref size = rawTerminalSize();
     return {dimension(size, "columns"_id), dimension(size, "lines"_id)};
 }
+
+Py_ssize_t terminalColumns() { return dimension(rawTerminalSize(), "columns"_id); }
 
 Ref cut(const Ref &text, Py_ssize_t columns) {
     return columns > 0 ? checked(PyUnicode_Substring(text.get(), 0, columns)) : text;

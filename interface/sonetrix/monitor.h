@@ -32,6 +32,7 @@ struct TerminalSize {
     Py_ssize_t lines;
 };
 TerminalSize terminalSize();
+Py_ssize_t terminalColumns();
 // The first `columns` characters; all of them when there are no columns.
 Ref cut(const Ref &text, Py_ssize_t columns);
 // format(number, formatSpec)

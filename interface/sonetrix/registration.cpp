@@ -10,7 +10,6 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>
-#include <iterator>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -18,6 +17,7 @@
 #include <pthread.h>
 #include <system_error>
 #include <thread>
+#include <unistd.h>
 #include <unordered_map>
 #include <utility>
 
@@ -73,15 +73,19 @@ struct Registry {
     bool workerRuns = false;
     bool workerEnds = false;
     std::shared_ptr<Registration> atWork; // what the worker removes at present
-    bool workerIsOverdue = false;         // somebody has waited for that to the limit
+    bool workerIsOverdue = false;         // somebody has waited for what it does at present to the limit
 };
 
 // Never destroyed: when the process ends without the interpreter's end, the worker is still at it.
 Registry &registry = *std::make_unique<Registry>().release();
 
-// Names the callable without running code of a script's.
-void warnOfCallable(PyObject *callable) noexcept {
+// Names the callable, if there is one, without running code of a script's.
+void warnOf(const std::shared_ptr<Registration> &registration) noexcept {
     const RaisedException raised;
+    PyObject *callable = registration ? registration->callable.get() : nullptr;
+    if (callable == nullptr) {
+        return logString(SONETRIX_LOG_WARN, "registrations cannot be removed at present: a finalizer does not return");
+    }
     PyObject *function = PyMethod_Check(callable) ? PyMethod_GET_FUNCTION(callable) : callable;
     const char *name = PyFunction_Check(function)
                            ? PyUnicode_AsUTF8(reinterpret_cast<PyFunctionObject *>(function)->func_qualname)
@@ -94,28 +98,15 @@ void warnOfCallable(PyObject *callable) noexcept {
 
 // ------------------------------------------------------------------------------------- changes, with the mutex held
 
-std::shared_ptr<Registration> takeOver(Registration &registration) noexcept {
-    registration.state = Registration::State::removing;
-    --registration.use->live;
-    ++registration.use->removing;
-    registry.removing.splice(registry.removing.end(), registry.live, registration.place);
-    return *registration.place;
-}
-
 void forgetIfIdle(const CallableUse &use) noexcept {
     if (use.live == 0 && use.removing == 0 && use.calls == 0) {
         registry.uses.erase(use.callable);
     }
 }
 
-void settleLocked(Registration &registration) noexcept {
-    CallableUse &use = *registration.use;
-    registration.state = Registration::State::gone;
-    --use.removing;
-    use.isBeingRemoved = false;
-    registry.removing.erase(registration.place);
-    forgetIfIdle(use);
-    registry.changed.notify_all();
+// Whether the worker can remove it.
+bool isReady(const std::shared_ptr<Registration> &registration) noexcept {
+    return !registration->isBeingRemoved && (registration->use->calls == 0 || registration->use->live > 0);
 }
 
 std::shared_ptr<Registration> oldestLive() noexcept {
@@ -127,18 +118,19 @@ std::shared_ptr<Registration> oldestLive() noexcept {
 // ------------------------------------------------------------------------------------------ with the interpreter lock
 
 void waitUntilGone(const std::shared_ptr<Registration> &registration) noexcept {
+    bool inTime = true;
     std::shared_ptr<Registration> culprit;
     unlocked([&] {
         std::unique_lock lock(registry.mutex);
-        const bool inTime = registry.changed.wait_for(lock, waitLimit,
+        inTime = registry.changed.wait_for(lock, waitLimit,
             [&] { return registration->state == Registration::State::gone || registry.workerIsOverdue; });
         if (!inTime) {
-            culprit = registry.atWork ? registry.atWork : registration;
-            registry.workerIsOverdue = registry.atWork != nullptr;
+            registry.workerIsOverdue = registration->isBeingRemoved || isReady(registration);
+            culprit = registry.workerIsOverdue ? registry.atWork : registration;
         }
     });
-    if (culprit && culprit->callable) {
-        warnOfCallable(Ref(culprit->callable).get());
+    if (!inTime) {
+        warnOf(culprit);
     }
 }
 
@@ -146,23 +138,23 @@ void settle(Registration &registration) noexcept {
     // Released lastly: a finalizer may come back here, fork, or take long.
     const Ref released = std::move(registration.callable);
     const std::lock_guard guard(registry.mutex);
-    settleLocked(registration);
+    CallableUse &use = *registration.use;
+    registration.state = Registration::State::gone;
+    --use.removing;
+    use.isBeingRemoved = false;
+    registry.removing.erase(registration.place);
+    forgetIfIdle(use);
+    registry.changed.notify_all();
 }
 
 // ----------------------------------------------------------------------------------------------- the removal worker
-
-bool isReady(const std::shared_ptr<Registration> &registration) noexcept {
-    return !registration->isBeingRemoved && (registration->use->calls == 0 || registration->use->live > 0);
-}
 
 void removeByWorker(Registration &registration) noexcept {
     registration.remove(registration.engine, registration.handle);
     if (const EngineThreadEntry entry(EngineThreadEntry::LockOrder::ignore); entry) {
         settle(registration);
     } else {
-        static_cast<void>(registration.callable.release()); // the interpreter's by now
-        const std::lock_guard guard(registry.mutex);
-        settleLocked(registration);
+        static_cast<void>(registration.callable.release()); // the interpreter's by now, which is past its end
     }
 }
 
@@ -171,28 +163,33 @@ void work() noexcept {
     isWorker = true;
     keepNoThreadState();
     std::unique_lock lock(registry.mutex);
-    while (registry.workerRuns && !registry.workerEnds) { // in a child that a finalizer has forked, there is none
+    const int generation = registry.generation;
+    while (!registry.workerEnds) {
         const auto ready = std::find_if(registry.removing.begin(), registry.removing.end(), isReady);
-        if (ready == registry.removing.end() && !threadsHaveEnded()) {
+        registry.workerIsOverdue = false;
+        registry.atWork = ready == registry.removing.end() ? nullptr : *ready;
+        const std::shared_ptr<Registration> registration = registry.atWork;
+        if (registration == nullptr && !threadsHaveEnded()) {
             registry.changed.wait(lock);
             continue;
         }
-        if (ready != registry.removing.end()) {
-            registry.atWork = *ready;
-            registry.atWork->isBeingRemoved = true;
+        if (registration != nullptr) {
+            registration->isBeingRemoved = true;
         }
         lock.unlock();
-        registry.atWork ? removeByWorker(*registry.atWork) : disposeOfEndedThreads();
+        registration != nullptr ? removeByWorker(*registration) : disposeOfEndedThreads();
         lock.lock();
-        registry.atWork = nullptr;
-        registry.workerIsOverdue = false;
+        if (registry.generation != generation) {
+            _exit(0); // a finalizer has forked, and comes back in the child, where there is nothing to come back to
+        }
     }
+    registry.atWork = nullptr;
     registry.workerRuns = false;
     registry.changed.notify_all();
 }
 
-void wakeWorker() noexcept {
-    registry.changed.notify_all();
+// Not on an engine thread, whose priority it would inherit.
+void startWorker() noexcept {
     if (registry.workerRuns || registry.workerEnds) {
         return;
     }
@@ -205,66 +202,9 @@ void wakeWorker() noexcept {
         registry.worker = std::thread([] { work(); });
         registry.workerRuns = true;
     } catch (const std::system_error &) {
-        // Without a thread now, the next drop tries again; this one is told to the log.
+        // Without a thread now, the next registration tries again.
     }
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-}
-
-// It makes no engine call after this, but may still be in one that does not return, or in a finalizer: then false.
-bool endWorker(std::unique_lock<std::mutex> &lock, std::chrono::milliseconds limit) noexcept {
-    registry.workerEnds = true;
-    registry.changed.notify_all();
-    const bool ended = registry.changed.wait_for(lock, limit, [] { return !registry.workerRuns; });
-    if (registry.worker.joinable()) {
-        lock.unlock();
-        ended ? registry.worker.join() : registry.worker.detach();
-        lock.lock();
-    }
-    return ended;
-}
-
-void warnOfRemaining() noexcept {
-    RegistrationList remaining;
-    try {
-        const std::lock_guard guard(registry.mutex);
-        std::copy_if(registry.removing.begin(), registry.removing.end(), std::back_inserter(remaining),
-            [](const auto &registration) { return !isReady(registration); }); // a ready one waits for another
-    } catch (const std::bad_alloc &) {
-        return;
-    }
-    for (const std::shared_ptr<Registration> &registration : remaining) {
-        if (const Ref callable = registration->callable) {
-            warnOfCallable(callable.get());
-        }
-    }
-}
-
-bool add(const std::shared_ptr<Registration> &registration) {
-    RegistrationList node{registration};
-    const void *callable = registration->callable.get();
-    const auto isBeingRemoved = [callable] {
-        const auto found = registry.uses.find(callable);
-        return found != registry.uses.end() && found->second.isBeingRemoved;
-    };
-    std::unique_lock lock(registry.mutex);
-    while (isBeingRemoved() && !registry.ending) { // again by another thread, perhaps, once this one has the lock
-        lock.unlock();
-        unlocked([&] {
-            std::unique_lock waiting(registry.mutex);
-            registry.changed.wait(waiting, [&] { return !isBeingRemoved() || registry.ending; });
-        });
-        lock.lock();
-    }
-    if (registry.ending) {
-        return false;
-    }
-    CallableUse &use = registry.uses.try_emplace(callable, CallableUse{.callable = callable}).first->second;
-    ++use.live;
-    registration->use = &use;
-    registration->generation = registry.generation;
-    registration->place = node.begin();
-    registry.live.splice(registry.live.end(), node);
-    return true;
 }
 
 } // namespace
@@ -288,9 +228,6 @@ CallScope::CallScope(void *user) noexcept {
         }
         use_ = &found->second;
         ++use_->calls;
-        if (threadsHaveEnded()) [[unlikely]] {
-            wakeWorker();
-        }
     }
     callable_ = Ref::borrow(static_cast<PyObject *>(user));
     outer_ = std::exchange(innermostCall, this);
@@ -317,10 +254,34 @@ void setCollecting(bool collecting) noexcept {
 // --------------------------------------------------------------------------------------------------- registrations
 
 std::shared_ptr<Registration> beginRegistration(RemoveFunction remove, PyObject *callable) {
-    auto registration = std::make_shared<Registration>();
+    const auto registration = std::make_shared<Registration>();
     registration->remove = remove;
     registration->callable = Ref::borrow(callable);
-    return add(registration) ? registration : nullptr;
+    RegistrationList node{registration};
+    const auto isBeingRemoved = [callable] {
+        const auto found = registry.uses.find(callable);
+        return found != registry.uses.end() && found->second.isBeingRemoved;
+    };
+    std::unique_lock lock(registry.mutex);
+    while (isBeingRemoved() && !registry.ending) { // again by another thread, perhaps, once this one has the lock
+        lock.unlock();
+        unlocked([&] {
+            std::unique_lock waiting(registry.mutex);
+            registry.changed.wait(waiting, [&] { return !isBeingRemoved() || registry.ending; });
+        });
+        lock.lock();
+    }
+    if (registry.ending) {
+        return nullptr;
+    }
+    CallableUse &use = registry.uses.try_emplace(callable, CallableUse{.callable = callable}).first->second;
+    ++use.live;
+    registration->use = &use;
+    registration->generation = registry.generation;
+    registration->place = node.begin();
+    registry.live.splice(registry.live.end(), node);
+    startWorker();
+    return registration;
 }
 
 void completeRegistration(Registration &registration, void *handle) noexcept {
@@ -348,8 +309,12 @@ void dropRegistration(Registration &registration) noexcept {
         if (registration.state != Registration::State::live) {
             return;
         }
-        taken = takeOver(registration);
-        CallableUse &use = *taken->use;
+        CallableUse &use = *registration.use;
+        registration.state = Registration::State::removing;
+        --use.live;
+        ++use.removing;
+        registry.removing.splice(registry.removing.end(), registry.live, registration.place);
+        taken = *registration.place;
         taken->engine = engineHandle();
         callsEngine = taken->handle != nullptr && taken->engine != nullptr && taken->generation == registry.generation;
         const bool nobodyInside = use.live == 0 && use.removing == 1 && use.calls == callsOfThisThread(use);
@@ -357,7 +322,7 @@ void dropRegistration(Registration &registration) noexcept {
         taken->isBeingRemoved = removesHere;
         use.isBeingRemoved = callsEngine && removesHere;
         if (!removesHere) {
-            wakeWorker();
+            registry.changed.notify_all();
         }
     }
     if (!removesHere) {
@@ -393,16 +358,33 @@ bool removeAllRegistrations() noexcept {
     }
     lock.unlock();
     isWorker = wasWorker;
-    const bool complete = unlocked([] {
+    std::shared_ptr<Registration> culprit;
+    const bool complete = unlocked([&culprit] {
         std::unique_lock waiting(registry.mutex);
         const bool all = registry.changed.wait_for(
             waiting, waitLimit, [] { return registry.live.empty() && registry.removing.empty(); });
-        return endWorker(waiting, all ? waitLimit : workerEndLimit) && all;
+        const auto stuck = std::find_if_not(registry.removing.begin(), registry.removing.end(), isReady);
+        culprit = stuck == registry.removing.end() ? nullptr : *stuck;
+        // After this it makes no engine call, but may still be in one that does not return, or in a finalizer.
+        registry.workerEnds = true;
+        registry.changed.notify_all();
+        const bool ended =
+            registry.changed.wait_for(waiting, all ? waitLimit : workerEndLimit, [] { return !registry.workerRuns; });
+        waiting.unlock();
+        if (registry.worker.joinable()) {
+            ended ? registry.worker.join() : registry.worker.detach();
+        }
+        return all && ended;
     });
     if (!complete) {
-        warnOfRemaining();
+        warnOf(culprit);
     }
     return complete;
+}
+
+void wakeRemovalWorker() noexcept {
+    const std::lock_guard guard(registry.mutex);
+    registry.changed.notify_all();
 }
 
 void watchForksOfRegistrations() noexcept {
@@ -410,6 +392,8 @@ void watchForksOfRegistrations() noexcept {
         new (&registry.changed) std::condition_variable; // those who waited are the parent's
         new (&registry.worker) std::thread;
         registry.workerRuns = false;
+        registry.workerIsOverdue = false;
+        registry.atWork = nullptr;
         collector = collector == std::this_thread::get_id() ? collector : std::thread::id();
         ++registry.generation;
         registry.abandoned.splice(registry.abandoned.end(), registry.removing);

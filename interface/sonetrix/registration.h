@@ -15,26 +15,27 @@
 //
 //   a call      is delivered if L > 0, else it ends at once, having touched nothing. So when the last registration is
 //               being removed no call begins, and one that is on its way cannot hold the removal up.
-//   removal     is the engine's function, which waits for a call in progress on another thread. Where L = 0, R is this
-//               one alone and nobody else is in the callable, there is nothing to wait for but calls that end at once:
-//               the dropping thread makes it itself. (A new registration of the callable waits until that is done.)
-//               Else a thread of ours, the removal worker, makes it as soon as C = 0 or L > 0.
+//   removal     is the engine's function, which waits for a call of that registration on another thread. Where L = 0, R
+//               is this one alone and nobody else is in the callable, there is nothing to wait for but calls that end
+//               at once: the dropping thread makes it itself. (A new registration of the callable waits until that is
+//               done.) Else a thread of ours, the removal worker, makes it as soon as C = 0 or L > 0.
 //   a drop      that goes to the worker waits for it, with the lock released, five seconds at most, and then names in
-//               the log the callable that the worker is at; until that is through, later drops do not wait. Nor does a
-//               drop wait inside a callable, in a collection by the garbage collector, where nobody knows what the
-//               thread holds that the callable may want, or on the worker.
+//               the log the callable that holds the removal up; until the worker is through, later drops do not wait.
+//               Nor does a drop wait inside a callable, in a collection by the garbage collector, where nobody knows
+//               what the thread holds that the callable may want, or on the worker.
 //
-// The worker also disposes of the states of engine threads that have ended (interpreter_guard.h): no call is held up by
-// the finalizers that this runs.
+// The worker also disposes of the states of engine threads that have ended (interpreter_guard.h): the finalizers that
+// this runs hold up removals at most, like those of callables.
 //
-// Hence nobody waits without limit, whatever locks are held: an engine thread waits for the interpreter lock only, and
-// nobody keeps that while waiting for an engine thread; the worker waits for callables, and nobody waits for the worker
-// without limit.
+// Hence nobody waits without limit, whatever locks are held: a call waits for the interpreter lock only, and nobody
+// keeps that while waiting for an engine thread; the worker waits for callables and finalizers, and nobody waits for
+// the worker without limit. What a callable does, registering and dropping included, it does like any other code.
 //
 //   the end         removeAllRegistrations() removes what is live, oldest first, and waits five seconds for what the
 //                   worker has; after it there are no new registrations and the worker makes no engine call.
-//   a forked child  has no engine threads and no worker. Registrations of its parent are forgotten without a call of
-//                   the engine, which would wait for threads that only the parent has.
+//   a forked child  has no engine threads and no worker, but for one of its own. Its parent's registrations go without
+//                   a call of the engine, which would wait for threads that only the parent has. One that a finalizer
+//                   forks on the worker ends where the finalizer comes back.
 #pragma once
 
 #include "python/ref.h"
@@ -87,8 +88,11 @@ private:
 // Says that the garbage collector begins a collection on this thread, or that there is none.
 void setCollecting(bool collecting) noexcept;
 
-// The end of all registrations; see above. False when some are not gone after five seconds.
+// The end of all registrations; see above. False when some are not gone in time, or a finalizer is still running.
 bool removeAllRegistrations() noexcept;
+
+// Has the removal worker look for what there is to do. Needs no lock.
+void wakeRemovalWorker() noexcept;
 
 // To be called once: how forked children start.
 void watchForksOfRegistrations() noexcept;

@@ -20,11 +20,11 @@ struct ConsoleEnd {
 //   exit handlers         (console) atexit's. In another interpreter these steps are an exit handler themselves
 //   the interpreter guard closed, with the lock given up, and waited for: no engine thread is in Python, none will be
 //
-// The waits of ours have their limits: Python threads (15 s), registrations (5 s), the guard (5 s). What scripts have
-// registered, clear callbacks and exit handlers, takes the time that it takes. True when the interpreter can be
-// finalised; false when an engine thread is in Python still: finalisation would unwind it, and the engine with it. The
-// console's interpreter is left as it is then. One that is not ours goes on to its end, and takes the thread as it does
-// any other.
+// The waits of ours have their limits: Python threads (15 s), registrations (twice 5 s), the guard (5 s). What scripts
+// have registered, clear callbacks and exit handlers, takes the time that it takes. True when the interpreter can be
+// finalised; false when an engine thread or a thread of ours is in Python still: finalisation would unwind it, and the
+// engine with it. The console's interpreter is left as it is then. One that is not ours goes on to its end, and takes
+// the thread as it does any other.
 //
 // In an interpreter that is not ours, older exit handlers follow, which may join threads that use the library: on any
 // thread but the ending one its functions raise RuntimeError from here on. Python threads that are left are the

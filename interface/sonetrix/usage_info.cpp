@@ -20,14 +20,12 @@ struct Row {
 std::vector<Row> usageRows() {
     Ref usages = callEngine("getUsageInfo"_id);
     std::vector<Row> rows;
-    Ref names = checked(PyMapping_Keys, usages.get());
-    for (Py_ssize_t index = 0; index < PyList_GET_SIZE(names.get()); ++index) {
-        PyObject *name = PyList_GET_ITEM(names.get(), index);
+    forEach(checked(PyMapping_Keys, usages.get()).get(), [&](PyObject *name) {
         const Ref usage = checked(PyObject_GetItem, usages.get(), name);
         const long processId = checked(PyLong_AsLong, item(usage.get(), "processId"_id).get());
         rows.push_back({callMethod(name, "decode"_id, "utf-8"_id.get(), "replace"_id.get()), processId,
             toDouble(item(usage.get(), "relative"_id).get()), toDouble(item(usage.get(), "absolute"_id).get())});
-    }
+    });
     std::stable_sort(rows.begin(), rows.end(), [](const Row &a, const Row &b) { return a.absolute > b.absolute; });
     return rows;
 }

@@ -132,6 +132,17 @@ for act in record.fire_on, lambda thread, _: record.join(thread):
 record.fire(record.TIMER)
 while len(left) < 3: time.sleep(0.001)
 """,),
+            # It does not return: that is told once.
+            ("""
+class Left:
+    def __del__(self): entered.set(), leave.wait(60)
+made = sonetrix.timeout(1, lambda: setattr(local, "left", Left()))
+several = [sonetrix.timeout(1, call) for call in [Callable()] * 3]
+record.fire(record.TIMER), record.fire(record.TIMER), entered.wait()
+several.pop()
+timed(several.pop)
+print(*record.log_lines()), leave.set()
+""", "at once", "(3, 'registrations cannot be removed at present: a finalizer does not return')"),
             # It holds the removals up that come after; nobody waits for those, or is named in its place.
             ("""
 class Stuck:

@@ -15,6 +15,8 @@ std::deque<FunctionRecord> &records() {
     return all;
 }
 
+thread_local bool closedFunctions = false;
+
 Ref text(std::string_view view) {
     return checked(PyUnicode_FromStringAndSize(view.data(), static_cast<Py_ssize_t>(view.size())));
 }
@@ -45,30 +47,10 @@ std::string_view shortName(PyTypeObject *type) noexcept {
 
 // Of the parameter with this name; past the end where there is none.
 std::size_t indexOf(const Signature &signature, PyObject *name) noexcept {
-    const std::string_view text = PyUnicode_IS_ASCII(name) ? static_cast<const char *>(PyUnicode_DATA(name)) : "";
+    const auto length = static_cast<std::size_t>(PyUnicode_IS_ASCII(name) ? PyUnicode_GET_LENGTH(name) : 0);
+    const std::string_view text(static_cast<const char *>(PyUnicode_DATA(name)), length);
     const auto found = std::ranges::find(signature.parameters(), text, &Parameter::name);
     return static_cast<std::size_t>(found - signature.parameters().begin());
-}
-
-// False where something is wrong with the call, or may be.
-bool bindQuickly(const Signature &signature,
-    PyObject *const *positional,
-    std::size_t positionalCount,
-    PyObject *keywordNames,
-    std::span<PyObject *> slots) noexcept {
-    if (positionalCount > slots.size()) {
-        return false;
-    }
-    std::copy_n(positional, positionalCount, slots.begin());
-    const Py_ssize_t keywordCount = keywordNames == nullptr ? 0 : PyTuple_GET_SIZE(keywordNames);
-    for (Py_ssize_t index = 0; index < keywordCount; ++index) {
-        const std::size_t place = indexOf(signature, PyTuple_GET_ITEM(keywordNames, index));
-        if (place == slots.size() || slots[place] != nullptr) {
-            return false;
-        }
-        slots[place] = positional[positionalCount + static_cast<std::size_t>(index)];
-    }
-    return std::ranges::count(slots.first(signature.required()), nullptr) == 0;
 }
 
 // A Python function of the same signature, with its annotations, that calls the builtin one.
@@ -128,15 +110,26 @@ void bindArguments(const Method &method,
     std::size_t positionalCount,
     PyObject *keywordNames,
     std::span<PyObject *> slots) {
-    if (bindQuickly(method.signature, positional, positionalCount, keywordNames, slots)) {
+    const Py_ssize_t keywordCount = keywordNames == nullptr ? 0 : PyTuple_GET_SIZE(keywordNames);
+    bool fits = positionalCount <= slots.size();
+    std::copy_n(positional, fits ? positionalCount : 0, slots.begin());
+    for (Py_ssize_t index = 0; fits && index < keywordCount; ++index) {
+        const std::size_t place = indexOf(method.signature, PyTuple_GET_ITEM(keywordNames, index));
+        fits = place != slots.size() && slots[place] == nullptr;
+        if (fits) {
+            slots[place] = positional[positionalCount + static_cast<std::size_t>(index)];
+        }
+    }
+    if (fits && std::ranges::count(slots.first(method.signature.required()), nullptr) == 0) {
         return;
     }
+    // Something is wrong with the call: the interpreter finds it.
     Ref tuple = checked(PyTuple_New(static_cast<Py_ssize_t>(positionalCount)));
     for (std::size_t index = 0; index < positionalCount; ++index) {
         PyTuple_SET_ITEM(tuple.get(), static_cast<Py_ssize_t>(index), Py_NewRef(positional[index]));
     }
     Ref dict = checked(PyDict_New());
-    for (Py_ssize_t index = 0; keywordNames != nullptr && index < PyTuple_GET_SIZE(keywordNames); ++index) {
+    for (Py_ssize_t index = 0; index < keywordCount; ++index) {
         PyObject *value = positional[positionalCount + static_cast<std::size_t>(index)];
         checked(PyDict_SetItem(dict.get(), PyTuple_GET_ITEM(keywordNames, index), value));
     }
@@ -160,10 +153,6 @@ void bindArguments(const Method &method, PyObject *positional, PyObject *keyword
         throw PythonError();
     }
     std::copy_n(values.begin(), slots.size(), slots.begin());
-}
-
-namespace {
-thread_local bool closedFunctions = false;
 }
 
 void closeFunctions() noexcept { detail::functionsAreClosed = closedFunctions = true; }

@@ -15,6 +15,7 @@ namespace {
 thread_local std::uint32_t entriesOfThread = 0;
 
 thread_local bool forked = false; // in the child, since this thread began to dispose of ended threads' states
+void (*wakeDisposer)() noexcept = nullptr;
 
 // The state that an engine thread keeps.
 struct KeptState {
@@ -40,6 +41,9 @@ public:
     void enter() noexcept {
         if (std::exchange(entered_, true) || PyGILState_GetThisThreadState() != nullptr) {
             return; // once is enough; and a thread of Python's own looks after its state itself
+        }
+        if (threadsHaveEnded()) {
+            wakeDisposer();
         }
         kept_ = new (std::nothrow) KeptState{nullptr};
         if (kept_ == nullptr) {
@@ -129,12 +133,17 @@ void disposeOfEndedThreads() noexcept {
     hangingAtFinalisation(PyGILState_Ensure);
     KeptState *ended = endedThreads.exchange(nullptr, std::memory_order_acquire);
     forked = false;
-    const auto clear = [](PyThreadState *state) { hangingAtFinalisation([state] { PyThreadState_Clear(state); }); };
-    for (const KeptState *cleared = ended; cleared != nullptr && !forked; cleared = cleared->next) {
+    const auto clear = [](PyThreadState *state) {
+        hangingAtFinalisation([state] { PyThreadState_Clear(state); });
+        if (forked) {
+            _exit(0); // a finalizer has, and comes back in the child, where the interpreter has deleted the states
+        }
+    };
+    for (const KeptState *cleared = ended; cleared != nullptr; cleared = cleared->next) {
         clear(cleared->state);
     }
     clear(PyThreadState_Get());
-    while (ended != nullptr && !forked) {
+    while (ended != nullptr) {
         const std::unique_ptr<KeptState> disposed(std::exchange(ended, ended->next));
         PyThreadState_Delete(disposed->state);
     }
@@ -143,7 +152,8 @@ void disposeOfEndedThreads() noexcept {
     interpreterGuard.leave();
 }
 
-void watchForks() noexcept {
+void watchThreads(void (*wake)() noexcept) noexcept {
+    wakeDisposer = wake;
     pthread_atfork(nullptr, nullptr, [] { interpreterGuard.resetAfterFork(entriesOfThread); });
 }
 

@@ -7,9 +7,10 @@
 //                      is refused without having touched Python. One atomic holds both, so no entry slips between.
 //   thread states      Making one costs ten times a callable's call, so an engine thread keeps its own from its first
 //                      entry on. The end of the thread takes no lock, whatever the host is waiting for: the state goes
-//                      to a list, and a thread of ours disposes of those on it (registration.h has one). Disposing may
-//                      run finalizers, of what is local to a thread, so it is no engine thread's business. A thread
-//                      with a state of its own could not: deleting a state takes the caller's binding to its own along.
+//                      to a list, and the next thread that enters for the first time wakes one of ours (registration.h
+//                      has it), which disposes of those on it. Disposing may run finalizers, of what is local to a
+//                      thread, so it is no engine thread's business. A thread with a state of its own could not:
+//                      deleting a state takes the caller's binding to its own along.
 //   a forked child     has the forking thread only: the count there is of its own entries.
 #pragma once
 
@@ -69,14 +70,15 @@ private:
     PyGILState_STATE state_ = PyGILState_UNLOCKED;
 };
 
-// Whether engine threads have ended whose states are still there.
+// Whether there are states to be disposed of.
 bool threadsHaveEnded() noexcept;
 // Disposes of them, on a thread that keeps no state. Runs finalizers.
 void disposeOfEndedThreads() noexcept;
 // From now on, the calling thread keeps no state between its entries.
 void keepNoThreadState() noexcept;
 
-// To be called once, before there are entries: forked children start with the guard as said above.
-void watchForks() noexcept;
+// To be called once, before there are entries: forked children start with the guard as said above, and `wake`, which
+// needs no lock, has a thread dispose of what ended ones have left.
+void watchThreads(void (*wake)() noexcept) noexcept;
 
 } // namespace sonetrix

@@ -3,12 +3,10 @@
 #include "line_reader.h"
 #include "python/gil.h"
 #include "statement.h"
-#include "stop_request.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <memory>
 #include <poll.h>
@@ -48,12 +46,13 @@ struct CloseFile {
 };
 using File = std::unique_ptr<std::FILE, CloseFile>;
 
-// With the interpreter lock released: a pipe may stay silent for long. Signals strike as `mask` says. False with errno
-// EINTR for one.
-bool waitForInput(const sigset_t &mask) noexcept {
+// With the interpreter lock released: a pipe may stay silent for long. Not for long at a time: the C handler of a
+// signal may have run on another thread. False with errno when there is nothing.
+bool waitForInput() noexcept {
     const GilReleased released;
     pollfd input = {.fd = fileno(stdin), .events = POLLIN, .revents = 0};
-    return ppoll(&input, 1, nullptr, &mask) >= 0;
+    errno = EAGAIN;
+    return poll(&input, 1, 100) > 0;
 }
 
 // What the engine itself has read into the stream's buffer, but not used.
@@ -76,18 +75,17 @@ File readStandardInput() noexcept {
     }
     std::array<char, 65536> part{};
     takeBuffered(script.get(), part);
-    const SignalMask blocked(SIG_BLOCK, {SIGINT}); // but in the wait: none is lost between a look and that
     ssize_t count = 1;
     while (count != 0) {
-        if (PyErr_CheckSignals() != 0) {
-            PyErr_Print();
-            return nullptr;
-        }
-        count = waitForInput(blocked.previous()) ? read(fileno(stdin), part.data(), part.size()) : -1;
+        count = waitForInput() ? read(fileno(stdin), part.data(), part.size()) : -1;
         if (count > 0) {
             std::fwrite(part.data(), 1, static_cast<std::size_t>(count), script.get());
         } else if (count < 0 && errno != EINTR && errno != EAGAIN) {
             break;
+        }
+        if (PyErr_CheckSignals() != 0) {
+            PyErr_Print();
+            return nullptr;
         }
     }
     const bool complete = std::fflush(script.get()) == 0 && std::ferror(script.get()) == 0;

@@ -1,6 +1,7 @@
 #include "python_threads.h"
 
-#include "module.h"
+#include "host_log.h"
+#include "python/ref.h"
 
 namespace sonetrix::cli {
 
@@ -21,16 +22,13 @@ def wait(threading):
         threading._shutdown_locks.discard(main._tstate_lock)
     waiter = threading.Thread(target=shutdown, daemon=True)
     waiter.start()
-    for seconds, write, words in (
-            (3, log.warn, "waiting for python thread '%s'"),
-            (12, log.error, "python thread '%s' is still running and is left behind")):
+    for seconds, left_behind in (3, False), (12, True):
         waiter.join(seconds)
         if not waiter.is_alive():
             return
         for thread in threading.enumerate():
             if thread is not main and not thread.daemon:
-                name = str(thread.name).encode("utf-8", "backslashreplace").decode()
-                write(words % name)
+                report(str(thread.name).encode("utf-8", "backslashreplace"), left_behind)
     left = True
 
 try:
@@ -40,10 +38,27 @@ except KeyboardInterrupt:
     pass
 )";
 
+PyObject *report(PyObject *, PyObject *arguments) noexcept {
+    PyObject *name = nullptr;
+    int leftBehind = 0;
+    if (PyArg_ParseTuple(arguments, "Sp", &name, &leftBehind) == 0) {
+        return nullptr;
+    }
+    if (leftBehind == 0) {
+        log(SONETRIX_LOG_WARN, "waiting for python thread '%s'", PyBytes_AS_STRING(name));
+    } else {
+        log(SONETRIX_LOG_ERROR, "python thread '%s' is still running and is left behind", PyBytes_AS_STRING(name));
+    }
+    return Py_NewRef(Py_None);
+}
+
+PyMethodDef reportMethod = {"report", report, METH_VARARGS, nullptr};
+
 } // namespace
 
 bool waitForPythonThreads() noexcept {
-    const Ref names = Ref::steal(Py_BuildValue("{sO}", "log", heldOrNull(Held::logClass)));
+    const Ref function = Ref::steal(PyCFunction_New(&reportMethod, nullptr));
+    const Ref names = Ref::steal(function ? Py_BuildValue("{sO}", "report", function.get()) : nullptr);
     if (!names || !Ref::steal(PyRun_String(waitScript, Py_file_input, names.get(), names.get()))) {
         PyErr_Print();
     }

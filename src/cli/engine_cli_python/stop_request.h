@@ -24,8 +24,6 @@ public:
     SignalMask(int how, std::initializer_list<int> signals) noexcept;
     ~SignalMask();
 
-    const sigset_t &previous() const noexcept { return previous_; }
-
 private:
     sigset_t previous_{};
 };
