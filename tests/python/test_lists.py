@@ -37,6 +37,8 @@ KEYED = BOTH | strategies.one_of(
     step("appendFromDict", strategies.dictionaries(KEYS, generated.values, max_size=3)),
     *(step("appendFromDictType", strategies.dictionaries(KEYS, strategies.tuples(*pair), max_size=3))
       for pair in [*WRITES[1:], ARRAYS]))
+STEPS = strategies.one_of(*(strategies.tuples(strategies.just(keyed), strategies.lists(steps, min_size=10, max_size=30))
+                            for keyed, steps in enumerate([PLAIN, KEYED])))
 
 
 def stored_array(value, keyed, selector):
@@ -176,12 +178,11 @@ class ValueTest(ListTestCase):
         generated.run(self.compare)
 
     @generated.settings(250)
-    @hypothesis.given(strategies.tuples(strategies.just(Model), strategies.lists(PLAIN, min_size=10, max_size=30))
-                      | strategies.tuples(strategies.just(KeyedModel), strategies.lists(KEYED, min_size=10, max_size=30)))
+    @hypothesis.given(STEPS)
     def compare(self, given):
         """Two lists and what they have to hold. Values are compared by their text: NaN and -0.0 count, too."""
-        model, steps = given
-        kind = self.kinds[model is KeyedModel]
+        keyed, steps = given
+        kind, model = self.kinds[keyed], [Model, KeyedModel][keyed]
         record.recording(False)
         pairs = [(kind(), model()), (kind(), model())]
         for method, index, *arguments in steps:
