@@ -27,20 +27,23 @@ def write(engine=engine, listKeyValue=listKeyValue):
     engine.setParams(listKeyValue().append("engine.log.level", 3))
 
 def make(kind, callback, engine=engine, notifyChanges=notifyChanges, notifyMeters=notifyMeters):
-    return [lambda: notifyChanges(lambda d: callback()), lambda: notifyMeters(lambda d: callback(), 0),
-            lambda: notifyMeters(lambda d: callback(), 1), lambda: engine.addTimer(1, callback)][kind]()
+    return [lambda: notifyChanges(callback), lambda: notifyMeters(callback, 0), lambda: notifyMeters(callback, 1),
+            lambda: engine.addTimer(1, callback)][kind]()
 
-def churn(goes_on, make=make, write=write, pick=pick, counts=counts):
+def counting(kind, counts=counts):
+    return lambda *_: counts.update([kind])
+
+def churn(goes_on, make=make, write=write, pick=pick, told=[*map(counting, range(4))]):
     "Dropped by this thread, by callables, themselves too, which register more, and by the collector."
     pool = []
-    def replace():
+    def replace(*_):
         if goes_on():
-            pool[-1:] = [make(pick.randrange(4), int)]
+            pool[-1:] = [make(pick.randrange(4), told[0])]
     while goes_on():
         kind = pick.randrange(4)
-        pool.append(make(kind, pick.choice([lambda kind=kind: counts.update([kind]), replace])))
+        pool.append(make(kind, pick.choice([told[kind], replace])))
         if pick.random() < 0.1:
-            cycle = [make(kind, int)]
+            cycle = [make(kind, replace)]
             cycle.append(cycle)
         del pool[:max(0, len(pool) - pick.randrange(20))]
         write()
@@ -69,7 +72,7 @@ def come_to_rest():
     assert len(counts) == 4, counts
     counts.clear(), write(), time.sleep(0.1)
     assert not counts, counts
-    alive = [make(kind, lambda kind=kind: counts.update([kind])) for kind in range(4)]
+    alive = [make(kind, counting(kind)) for kind in range(4)]
     while len(counts) < 4:  # each is told anew
         write()
     if SECONDS > 60:  # by then all is at rest
@@ -78,8 +81,8 @@ def come_to_rest():
 if way == "rest":
     come_to_rest()
     exit(7)
-in_globals = [make(pick.randrange(4), int) for _ in range(20)] + [engine.addTimer(1, write)]
-in_cycle = [make(pick.randrange(4), int)]
+in_globals = [make(pick.randrange(4), counting(4)) for _ in range(20)] + [engine.addTimer(1, write)]
+in_cycle = [make(pick.randrange(4), counting(4))]
 in_cycle.append(in_cycle)
 if pick.random() < 0.5:
     del in_cycle
