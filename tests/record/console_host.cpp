@@ -45,7 +45,7 @@ std::ostringstream report; // by the thread that carries the operations out
 
 void note(const char *key, const auto &value) { report << "'" << key << "': " << value << ",\n"; }
 
-// The dispositions, and the calling thread's mask.
+// The dispositions, the calling thread's mask, and the timers.
 std::string signalState() {
     std::ostringstream text;
     sigset_t mask;
@@ -55,6 +55,7 @@ std::string signalState() {
         sigaction(number, nullptr, &action);
         text << reinterpret_cast<void *>(action.sa_handler) << ' ' << sigismember(&mask, number) << '\n';
     }
+    text << std::ifstream("/proc/self/timers").rdbuf();
     return text.str();
 }
 
