@@ -2,7 +2,6 @@
 
 import re
 import signal
-import tempfile
 import time
 import unittest
 
@@ -11,18 +10,13 @@ from support.programs import OUTLIVED
 
 
 class ConsoleTest(unittest.TestCase):
-    def console(self, *arguments, environment={}, **options):
-        home = self.enterContext(tempfile.TemporaryDirectory())
-        environment = {"HOME": home, "XDG_STATE_HOME": home, "PYTHON_COLORS": "0", **environment}
-        return Console(*arguments, environment=environment, **options)
-
     def assertEnds(self, console, line="\4", status=0):
         """By Ctrl-D, or by what is typed."""
         console.prompt()
         self.assertEqual(console.end(line), status, console.transcript)
 
     def test_questions_and_answers(self):
-        with self.console(environment={"PAGER": "tail -n 1"}) as console:
+        with Console(environment={"PAGER": "tail -n 1"}) as console:
             for line, answer in (
                 ("'\u00e4\u20ac'; None; _", "'\u00e4\u20ac'\n'\u00e4\u20ac'"),
                 ("import sys; sys.ps2, __name__, '__file__' in globals()", "('... ', '__main__', False)"),
@@ -46,13 +40,13 @@ class ConsoleTest(unittest.TestCase):
                       "import signal; signal.signal(signal.SIGURG, signal.SIG_IGN)",
                       "import threading; threading._shutdown = None", "sys.displayhook = 3",
                       "import atexit; atexit.register(lambda: 1 / 0)"):
-            with self.subTest(spoil), self.console() as console:
+            with self.subTest(spoil), Console() as console:
                 console.ask("import sys; " + spoil)
                 console.ask("2 + 2")
                 self.assertEnds(console)
 
     def test_control_c(self):
-        with self.console() as console:
+        with Console() as console:
             for typed, under_way, traceback in (("1 + ", r"1 \+ ", False),
                                                 ("print('go' + 'ing'); engine.waitUntilEnd()\n", "going", True)):
                 console.prompt()
@@ -65,7 +59,7 @@ class ConsoleTest(unittest.TestCase):
     def test_control_c_held_down_at_the_end(self):
         # Twice, once the console has given SIGINT back: the engine's own hurried end.
         for _ in range(5):
-            with self.console(environment=OUTLIVED) as console:
+            with Console(environment=OUTLIVED) as console:
                 console.enter("add_clear_callback(lambda: print('clea' + 'ring', flush=True)); exit(5)",
                               "clearing\r?\n")  # before that, Ctrl-C may strike the line
                 while console.process.poll() is None:
@@ -78,7 +72,7 @@ class ConsoleTest(unittest.TestCase):
             ("quit(3)", 3), ("exit('x')", 1), ("engine.exit()", 0), ("import sys; sys.exit(256 + 5)", 5),
             ("raise SystemExit('last words')", 1), ("import os, signal; os.kill(os.getpid(), signal.SIGTERM)", 0),
         ):
-            with self.subTest(line), self.console() as console:
+            with self.subTest(line), Console() as console:
                 self.assertEnds(console, line, status)
                 self.assertNotRegex(console.transcript.split("\n", 2)[2], "SystemExit|Error|ignored")
                 self.assertEqual(len(re.findall("(?m)^last words$", console.transcript)), "last words" in line)
