@@ -102,6 +102,10 @@ class List:
     def __del__(self, getattr=getattr, engine=_engine):
         getattr(engine, self.functions + "Destroy")(self)
 
+    @classmethod
+    def of(cls, entries):
+        return entries if entries is None or isinstance(entries, List) else cls(entries)
+
     def copy(self):
         return getattr(_engine, self.functions + "DeepCopy")(self)
 
@@ -194,11 +198,6 @@ def _script(name):
     return _scripts.get(name) or _scripts.setdefault(name, _Script(name))
 
 
-def load():
-    """The module, imported with the layer in front of the engine."""
-    return importlib.import_module("sonetrix")
-
-
 def calls(*names, clear=False):
     """The calls on record, oldest first; with names, or shell patterns of names, only those."""
     every = (Call(*call) for call in ast.literal_eval(_library.record_calls(clear).decode()))
@@ -208,10 +207,6 @@ def calls(*names, clear=False):
 def log_lines():
     """What went to the engine's log: (level, text), from either log function."""
     return [(call.args[0], call.args[-1].decode()) for call in calls("sonetrix_log", "sonetrix_log_LogString")]
-
-
-def clear():
-    _library.record_calls(True)
 
 
 def violations():
@@ -268,24 +263,15 @@ def iteration(name, **how):
     _script(name).iteration = {**(_script(name).iteration or {}), **how}
 
 
-def calls_inside(times=1):
-    """Makes the next registration call back before it returns: on an engine thread, or (negative) on this one."""
-    _library.record_callInside(times)
-
-
-def _shown(entries):
-    return entries if entries is None or isinstance(entries, List) else List(entries)
-
-
 def fire(kind, entries=None, threads=1, times=1, lock_held=False):
     """Calls the registered callbacks of a kind: on native threads, or (threads=0) on the calling thread with the
     interpreter lock held or not. Returns when they are through."""
-    (_holding_lock if lock_held else _library).record_fire(kind, _shown(entries), threads, times)
+    (_holding_lock if lock_held else _library).record_fire(kind, List.of(entries), threads, times)
 
 
 def fire_on(thread, kind, entries=None, times=1):
     """The same on an engine thread of this number, which stays until it is joined."""
-    _library.record_fireOn(thread, kind, _shown(entries), times, 60_000)
+    _library.record_fireOn(thread, kind, List.of(entries), times, 60_000)
 
 
 def join(thread, lock_held=False):
@@ -293,7 +279,11 @@ def join(thread, lock_held=False):
     (_holding_lock if lock_held else _library).record_join(thread)
 
 
+load = functools.partial(importlib.import_module, "sonetrix")  # with the layer in front of the engine
+clear = functools.partial(_library.record_calls, True)  # forgets the calls
 recording = _library.record_noting  # whether calls are noted; what is scripted and checked stays so
+# Makes the next registration call back so many times before it returns: on an engine thread, or (negative) on this one.
+calls_inside = _library.record_callInside
 registrations = _library.record_registrations  # how many there are of a kind
 lists = _library.record_lists  # how many there are that the engine has given and not taken back
 native_bytes = _library.record_nativeBytes  # what is allocated with malloc
