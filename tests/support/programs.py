@@ -15,7 +15,7 @@ PACKAGES = BUILD / "lib/python3/dist-packages"
 
 # For runs that leave a thread behind. The leak checker itself crashes at one that outlives the interpreter.
 OUTLIVED = {"ASAN_OPTIONS": "detect_leaks=0",
-            "TSAN_OPTIONS": os.environ.get("TSAN_OPTIONS", "") + " report_thread_leaks=0"}
+            "TSAN_OPTIONS": os.environ.get("TSAN_OPTIONS", "") + " report_thread_leaks=0 die_after_fork=0"}
 
 
 def run(*command, text_input="", time_limit=TIME_LIMIT, environment=None, **options):
