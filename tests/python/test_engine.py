@@ -115,6 +115,8 @@ before = counters()
 time.sleep(.3)
 late, pauses, looks = (now - then for now, then in zip(counters(), before))
 assert late > 100 and pauses > late / 20 and looks == 0, (late, pauses, looks)
+assert write("engine.record.file", "woken.wav")
+wait_for(lambda: os.path.getsize("woken.wav") > 10_000)
 """, "--rate", 768000, "--block", 16), end="", flush=True)
 
 
