@@ -16,8 +16,7 @@ namespace sonetrix::dev {
 namespace {
 
 constexpr int longestOfflineRun = 10'000'000; // seconds; keeps all frame counts exact
-
-constexpr double longestSmoothing = 10; // seconds
+constexpr double longestSmoothing = 10;       // seconds
 
 std::atomic<Engine *> currentEngine{nullptr};
 

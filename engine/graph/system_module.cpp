@@ -50,11 +50,6 @@ void SystemModule::checkDistinct(const std::filesystem::path &played, const std:
         throw std::runtime_error(recorded.string() + " cannot be played and recorded at once");
 }
 
-void SystemModule::wakeFileThread() {
-    const std::lock_guard lock(fileMutex_);
-    fileOpened_.notify_all();
-}
-
 void SystemModule::fileRound(const std::stop_token &stop) {
     std::unique_lock lock(fileMutex_);
     fileOpened_.wait(lock, stop, [this] { return player_.isBusy() || recorder_.isBusy(); });

@@ -51,7 +51,10 @@ public:
 
 private:
     void checkDistinct(const std::filesystem::path &played, const std::filesystem::path &recorded) const;
-    void wakeFileThread();
+    void wakeFileThread() {
+        const std::lock_guard lock(fileMutex_);
+        fileOpened_.notify_all();
+    }
     void fileRound(const std::stop_token &stop);
 
     const bool offline_;

@@ -81,7 +81,6 @@ public:
 
     [[nodiscard]] auto begin() const noexcept { return elements_.begin(); }
     [[nodiscard]] auto end() const noexcept { return elements_.end(); }
-    [[nodiscard]] size_t size() const noexcept { return elements_.size(); }
     [[nodiscard]] bool empty() const noexcept { return elements_.empty(); }
 
     /// Adds a deep copy.
@@ -99,8 +98,8 @@ public:
     /// list. The first result that is not 0, else 0.
     template <class Callback> int32_t forEach(Callback callback, void *user) const {
         int32_t result = 0;
-        const size_t count = size();
-        for (size_t i = 0; i < count && i < size(); ++i) {
+        const size_t count = elements_.size();
+        for (size_t i = 0; i < count && i < elements_.size(); ++i) {
             const Record record = elements_[i];
             const int32_t one = callback(&record, user);
             result = result != 0 ? result : one;
