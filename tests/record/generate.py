@@ -17,7 +17,7 @@ READ_METERS = """
 sonetrix_cListKeyValue_t *readMeters(sonetrix_engine_t *engine, const char *module, sonetrix_module_meters_type type);
 """
 # The interpreter lock is held in these, and may be so in those: what the module initialises for itself, what the
-# console's host does on its own account, and the log of a thread that has come in with it. In all others it is released.
+# console's host does on its own account, and the log of a thread that has come in with it. In all others it is not.
 HELD = re.compile("sonetrix_(valueList|keyValueList|clock_)")
 EITHER = re.compile("sonetrix_(valueInit|valueDeinit|malloc|free|log_LogString)")
 # What is done where it is not the engine's own function: nothing happens by itself, the engine says that it runs and
