@@ -161,6 +161,15 @@ print(orphan.dup().toList(), sonetrix.engine.isRunning(), refusal(sonetrix.listV
             "[1] True TypeError: Argument 'other' has incorrect type (expected sonetrix.listValue, got "
             "sonetrix.listValue)")
 
+    def test_what_the_module_holds_goes_at_the_end(self):
+        self.run_python("""
+class Last:
+    module = record.load()
+    def __call__(self): pass
+    def __del__(self, print=print): print("gone")
+Last.module.add_clear_callback(Last())
+""", "gone")
+
     @unittest.skipIf(SANITIZER, "the other interpreter has no sanitizer")
     def test_a_module_built_for_another_version_is_refused(self):
         other = "/usr/bin/python3"
