@@ -180,15 +180,16 @@ record.fire(record.CHANGES, {"a": 1}, threads=0, lock_held=True)
 began = time.monotonic()
 """ + LATE_END, "['addTimer', 'rmCallback', 'delTimer', 'rmCallbackMeterManager'] 0 0 0 0", "True"),
             ("""
-def use():
+def use(call):
     try:
-        while True:
-            sonetrix.timeout(1, print), sonetrix.listKeyValue().append("a", 1).toDict(lambda entry: entered.set())
+        while True: call(), entered.set()
     except RuntimeError as error:
-        print(error)
-user, _ = background(use), entered.wait()
-older.append(lambda: timed(user.join))
-""", "the interpreter is ending", "at once")])
+        print(f"{error}\\n", end="")
+table = sonetrix.listKeyValue()
+users = [background(use, call) for call in (table.toDict, lambda: sonetrix.timeout(1, print))]
+entered.wait()
+older.append(lambda: timed(lambda: [user.join() for user in users]))
+""", *["the interpreter is ending"] * 2, "at once")])
 
     def test_forked_children(self):
         self.run_all([("""
