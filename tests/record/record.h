@@ -1,6 +1,6 @@
 // A layer in front of the engine: it defines every function of the interface and notes each call, which is then
-// answered by the test's hook, if there is one, else as by a quiet engine in which nothing happens by itself. Loaded
-// before the engine's library, it is what the module finds.
+// answered by the test's hook, if there is one, else by the development engine, which is never started; what is done
+// otherwise says generate.py. Loaded before the engine's library, it is what the module finds.
 //
 // Each call is held against the rules: the interpreter lock held or released as they ask, no list changed while the
 // engine reads it. What was wrong stands in the violations.
