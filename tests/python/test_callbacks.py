@@ -152,7 +152,3 @@ class CallbackTest(record.TestCase):
         record.join(1, lock_held=True)
         self.assertEqual(called, [{b"a": 1}] * 2)
         del watch
-
-
-if __name__ == "__main__":
-    unittest.main()

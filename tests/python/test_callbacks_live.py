@@ -150,7 +150,3 @@ done.wait()
 ctypes.CDLL(None).exit(3)
 """, environment=programs.OUTLIVED)
         self.assertEqual((result.returncode, result.stdout + result.stderr), (3, ""))
-
-
-if __name__ == "__main__":
-    unittest.main()

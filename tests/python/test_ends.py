@@ -203,7 +203,3 @@ def drop_and_make():
 in_child(drop_and_make)
 leave.set(), inside.join(), dropping.join()
 """, "at once", "at once", "1", "child 0")])
-
-
-if __name__ == "__main__":
-    unittest.main()

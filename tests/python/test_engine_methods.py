@@ -258,7 +258,3 @@ class ModulesTest(EngineTestCase):
             self.assertRaises(KeyError, self.engine.dot, file.name)
         self.assertRegex(file.seek(0) or file.read(), r"(?s)^digraph .*;\n\n$")
         self.assertRaises(FileNotFoundError, self.engine.dot, "/nonexistent/folder/graph")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -205,7 +205,3 @@ class EveryCall(record.TestCase):
                 function(*arguments)
             except Exception:
                 pass
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -150,7 +150,3 @@ class Anything(unittest.TestCase):
         while (left := remains()) != before and time.monotonic() < until:
             time.sleep(0.0001)
         assert left == before, (left, before)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -378,7 +378,3 @@ class OwnershipTest(ListTestCase):
                 self.assertEqual(self.values(one), list(range(9)))
                 record.reset()
                 self.assertEqual(self.values(one), [])
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -54,7 +54,3 @@ class LogTest(record.TestCase):
         with mock.patch.object(self.sonetrix, "log") as other:
             log.error("a"), log.log(1, "b")
             self.assertEqual(other.mock_calls, [mock.call.log(other.ERROR, "a"), mock.call.logb(1, b"b")])
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -177,7 +177,3 @@ Last.module.add_clear_callback(Last())
             self.skipTest("there is no other Python")
         result = programs.run_python("from support import record; record.load()", program=other)
         self.assertRegex(result.stderr, r"ImportError: Module 'sonetrix' was built for Python 3\.\d+, not for 3\.\d+")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -103,7 +103,3 @@ class OnATerminal(unittest.TestCase):
                 terminal.sendline(f"stop = engine.addTimer(500, exit); {monitor}()")
                 terminal.expect_exact(SHOW[:-1])
                 self.assertEqual(terminal.end(), 0)
-
-
-if __name__ == "__main__":
-    unittest.main()
