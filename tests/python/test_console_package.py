@@ -78,7 +78,7 @@ class OnATerminal(unittest.TestCase):
             with self.subTest(typed):
                 screen.type(f"\x05\x15{typed}\t", shows=f"^engine> {re.escape(shown)}$")
         screen.type("\x05\x15get('gain\t")  # several: they are shown
-        screen.wait_for(r"^gain\.gain +gain\.plugin +gain2\.gain +gain2\.plugin\nengine> get\('gain$")
+        screen.wait_for(r"^gain\.gain +gain\.plugin +gain2\.gain +gain2\.plugin\n+engine> get\('gain$")
 
     def test_pasted_blocks(self):
         for program in ENGINE, minimal_engine():

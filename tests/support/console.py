@@ -124,7 +124,10 @@ class Screen(Console):
     def wait_for(self, pattern, shown=False):
         """Until the pattern is found in the last lines, or in those on the screen."""
         while not re.search(pattern, "\n".join(self.lines(0 if shown else 200)), re.M):
-            self.read_nonblocking(65536)
+            try:
+                self.read_nonblocking(65536)
+            except pexpect.TIMEOUT:
+                raise AssertionError("\n".join([f"no {pattern!r} in", *self.lines(50)])) from None
 
     def type(self, text, shows=None, key_every=0):
         """Types, key by key if so said, and waits for what that shows, or reads what there is."""
