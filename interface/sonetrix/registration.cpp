@@ -11,7 +11,6 @@
 #include <csignal>
 #include <cstdio>
 #include <list>
-#include <memory>
 #include <mutex>
 #include <new>
 #include <pthread.h>
@@ -63,7 +62,8 @@ std::thread::id collector; // the thread that a collection is on
 struct Registry {
     std::mutex mutex;
     std::condition_variable changed;
-    RegistrationList live; // and registering; oldest first
+    std::condition_variable workComes; // for the worker
+    RegistrationList live;             // and registering; oldest first
     RegistrationList removing;
     RegistrationList abandoned; // a forked child's, of what its parent was making or removing
     std::unordered_map<const void *, CallableUse> uses;
@@ -170,7 +170,7 @@ void work() noexcept {
         registry.atWork = ready == registry.removing.end() ? nullptr : *ready;
         const std::shared_ptr<Registration> registration = registry.atWork;
         if (registration == nullptr && !threadsHaveEnded()) {
-            registry.changed.wait(lock);
+            registry.workComes.wait(lock);
             continue;
         }
         if (registration != nullptr) {
@@ -183,7 +183,6 @@ void work() noexcept {
             _exit(0); // a finalizer has forked, and comes back in the child, where there is nothing to come back to
         }
     }
-    registry.atWork = nullptr;
     registry.workerRuns = false;
     registry.changed.notify_all();
 }
@@ -242,7 +241,7 @@ CallScope::~CallScope() {
     const std::lock_guard guard(registry.mutex);
     --use_->calls;
     if (use_->removing != 0) {
-        registry.changed.notify_all();
+        registry.workComes.notify_one();
     }
     forgetIfIdle(*use_);
 }
@@ -322,7 +321,7 @@ void dropRegistration(Registration &registration) noexcept {
         taken->isBeingRemoved = removesHere;
         use.isBeingRemoved = callsEngine && removesHere;
         if (!removesHere) {
-            registry.changed.notify_all();
+            registry.workComes.notify_one();
         }
     }
     if (!removesHere) {
@@ -367,7 +366,7 @@ bool removeAllRegistrations() noexcept {
         culprit = stuck == registry.removing.end() ? nullptr : *stuck;
         // After this it makes no engine call, but may still be in one that does not return, or in a finalizer.
         registry.workerEnds = true;
-        registry.changed.notify_all();
+        registry.workComes.notify_one();
         const bool ended =
             registry.changed.wait_for(waiting, all ? waitLimit : workerEndLimit, [] { return !registry.workerRuns; });
         waiting.unlock();
@@ -384,12 +383,13 @@ bool removeAllRegistrations() noexcept {
 
 void wakeRemovalWorker() noexcept {
     const std::lock_guard guard(registry.mutex);
-    registry.changed.notify_all();
+    registry.workComes.notify_one();
 }
 
 void watchForksOfRegistrations() noexcept {
     const auto resetInChild = [] {
         new (&registry.changed) std::condition_variable; // those who waited are the parent's
+        new (&registry.workComes) std::condition_variable;
         new (&registry.worker) std::thread;
         registry.workerRuns = false;
         registry.workerIsOverdue = false;
