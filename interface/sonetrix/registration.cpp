@@ -253,7 +253,7 @@ void setCollecting(bool collecting) noexcept {
 // --------------------------------------------------------------------------------------------------- registrations
 
 std::shared_ptr<Registration> beginRegistration(RemoveFunction remove, PyObject *callable) {
-    const auto registration = std::make_shared<Registration>();
+    auto registration = std::make_shared<Registration>();
     registration->remove = remove;
     registration->callable = Ref::borrow(callable);
     RegistrationList node{registration};
