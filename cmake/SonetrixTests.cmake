@@ -9,8 +9,10 @@ set(_testEnvironment
     XDG_STATE_HOME=${CMAKE_BINARY_DIR}/tests/state) # for the console's history
 set(_pythonEnvironment PYTHONPATH=${CMAKE_SOURCE_DIR}/tests:${CMAKE_BINARY_DIR}/lib)
 if(SONETRIX_SANITIZE MATCHES address)
+    # Not intercepted, because with a block of thread-local variables 16 bytes past the start of a page the leak checker
+    # takes what is ahead of it for glibc 2.19's header, and crashes. It finds the blocks without.
     list(APPEND _testEnvironment
-        ASAN_OPTIONS=detect_leaks=1
+        ASAN_OPTIONS=detect_leaks=1:intercept_tls_get_addr=0
         LSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/lsan.supp:print_suppressions=0
         UBSAN_OPTIONS=print_stacktrace=1)
     set(_preloadedLibrary libasan.so)
