@@ -161,8 +161,7 @@ class Clients(unittest.TestCase):
         other.touch()
         with socket.socket(socket.AF_UNIX) as left_behind:
             left_behind.bind(str(stale))
-        for place, printed in ((self.path, "an engine listens there already"), (stale, ""),
-                               (other, "else than a socket")):
+        for place, printed in (self.path, "listens there already"), (stale, ""), (other, "or it is no socket"):
             self.assertIn(printed, ctl(self.path, "eval", f"_ = serve('{place}')")[0])
         self.assertEqual([place.stat().st_mode & 0o777 for place in (self.path, stale)], [0o600, 0o600])
         if os.getuid() == 0:  # who can be somebody else for a moment
