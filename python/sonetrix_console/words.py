@@ -70,8 +70,7 @@ def _parameters(key: str) -> dict[str, Any]:
 
 def parameter_names() -> list[str]:
     """The names of all parameters, those of plugins left out."""
-    keys = [key for module in engine.getModuleInfos() for key in module["param"]]
-    return names([*keys, *engine.getParam("engine.").toDict()])
+    return names(engine.getParam(("engine.", *(name + b"." for name in engine.getModuleNames()))).toDict())
 
 
 def _check_known(what: str, name: str, known: Iterable[str]) -> None:
@@ -152,7 +151,7 @@ def modules() -> dict[str, ModuleState]:
     found: dict[str, ModuleState] = {}
     for module in text(engine.getModuleInfos()):
         name = module["name"]
-        parameters = {key.removeprefix(f"{name}."): value for key, value in module["param"].items()}
+        parameters = {key.removeprefix(f"{name}."): value for key, value in _parameters(f"{name}.").items()}
         found[name] = {
             "type": module["type"],
             "plugin": parameters.pop("plugin", _made_of.get(name)),
