@@ -13,6 +13,7 @@ from . import words
 
 SLOW = 0.050  # seconds; the engine's other callbacks of the kind wait that long
 _RAMP_STEP = 10  # milliseconds
+_DONE = object()  # returned by a callable that has no more to do
 
 _Registration: TypeAlias = notifyChanges | notifyMeters | timeout
 _running: dict[str, "Callback"] = {}
@@ -49,14 +50,15 @@ class Callback:
         self._registration = None
 
     def _called(self, *arguments: Any) -> None:
-        if self.name not in _running:
+        if self._once and self.calls:
             return
+        self.calls += 1
         if self._once:
             self.stop()
-        self.calls += 1
         begin = time.perf_counter()
         try:
-            self._function(*map(words.text, arguments))
+            if self._function(*map(_text, arguments)) is _DONE:
+                self.stop()
         except BaseException as error:
             self._show(error)
         taken = time.perf_counter() - begin
@@ -82,6 +84,10 @@ class Callback:
         return f"{self.name}  {self.calls} calls  mean {mean:.2f} ms  worst {self.worst * 1000:.2f} ms{error}{stopped}"
 
 
+def _text(values: dict[bytes, Any]) -> dict[str, Any]:
+    return {words.text(key): words.text(value, "float") for key, value in values.items()}
+
+
 def on_change(function: Callable[[dict[str, Any]], object]) -> Callback:
     """Calls the function with the parameters that have changed, until stop() of what is returned.
 
@@ -105,7 +111,7 @@ def every(milliseconds: int, function: Callable[[], object]) -> Callback:
 
     >>> clock = every(1000, lambda: print('tick'))
     """
-    return _timer("every", milliseconds, function)
+    return Callback("every", function, _timer(milliseconds))
 
 
 def after(milliseconds: int, function: Callable[[], object]) -> Callback:
@@ -113,13 +119,13 @@ def after(milliseconds: int, function: Callable[[], object]) -> Callback:
 
     >>> after(2000, lambda: put('gain.gain', 0.0))
     """
-    return _timer("after", milliseconds, function, once=True)
+    return Callback("after", function, _timer(milliseconds), once=True)
 
 
-def _timer(what: str, milliseconds: int, function: Callable[[], object], once: bool = False) -> Callback:
+def _timer(milliseconds: int) -> Callable[[Callable[..., None]], timeout]:
     if milliseconds <= 0:
         raise ValueError(f"{milliseconds} milliseconds are no time to wait")
-    return Callback(what, function, lambda called: engine.addTimer(milliseconds, called), once)
+    return lambda called: engine.addTimer(milliseconds, called)
 
 
 def ramp(key: str, to: float, seconds: float) -> Callback:
@@ -132,17 +138,17 @@ def ramp(key: str, to: float, seconds: float) -> Callback:
     words.put(key, begin)  # says now, and not in the callback, why it cannot be set
     values = (begin + (to - begin) * number / steps for number in range(1, steps + 1))
 
-    def step() -> None:
+    def step() -> object:
         if (value := next(values, None)) is None:
-            moving.stop()
-        else:
-            words.put(key, value)
+            return _DONE
+        words.put(key, value)
+        return None
 
     step.__qualname__ = key
     if key in _ramps:
         _ramps[key].stop()
-    moving = _ramps[key] = _timer("ramp", _RAMP_STEP, step)
-    return moving
+    _ramps[key] = Callback("ramp", step, _timer(_RAMP_STEP))
+    return _ramps[key]
 
 
 def callbacks() -> None:

@@ -5,8 +5,8 @@ A plain client in this one file, which needs neither the package nor an engine o
 the messages.
 """
 
+import ast
 import contextlib
-import errno
 import fcntl
 import json
 import os
@@ -42,12 +42,6 @@ def user_folder(variable: str, standard: str) -> str:
     return os.path.join(os.environ.get(variable) or home + standard, "sonetrix")
 
 
-def is_trusted(connection: socket.socket) -> bool:
-    """Whether this user or root is at the other end."""
-    credentials = connection.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("3i"))
-    return struct.unpack("3i", credentials)[1] in (0, os.getuid())
-
-
 def edit_lines(candidates: Callable[[str, str], list[str]], name: str) -> Callable[[], None]:
     """Line editing, where Python has it: completion, and a history that outlives the session, in a file of the user's
     alone. What it returns adds to that file what has been typed since; several consoles may do so at the same time."""
@@ -74,7 +68,11 @@ def edit_lines(candidates: Callable[[str, str], list[str]], name: str) -> Callab
         os.close(os.open(file, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o600))
         readline.read_history_file(file)
     kept = readline.get_current_history_length()
-    readline.set_history_length(HISTORY_LENGTH)  # of the file
+    if kept > 2 * HISTORY_LENGTH:
+        readline.set_history_length(HISTORY_LENGTH)
+        with contextlib.suppress(OSError):
+            readline.write_history_file(file)
+        readline.set_history_length(-1)
 
     def keep() -> None:
         nonlocal kept
@@ -87,6 +85,10 @@ def edit_lines(candidates: Callable[[str, str], list[str]], name: str) -> Callab
 
 
 Screen = tuple[int, int, str]  # columns, lines and kind ($TERM) of a terminal
+
+
+class EngineGone(Exception):
+    """The connection has ended."""
 
 
 class Terminal:
@@ -121,8 +123,9 @@ class Connection:
     def __init__(self, path: str) -> None:
         self._socket = socket.socket(socket.AF_UNIX)
         self._socket.connect(path)
-        if os.getuid() and not is_trusted(self._socket):
-            raise PermissionError(errno.EPERM, "it is another user's")
+        credentials = self._socket.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("3i"))
+        if os.getuid() and struct.unpack("3i", credentials)[1] not in (0, os.getuid()):
+            raise PermissionError("it is another user's")
         self.terminal = Terminal()
         self._keys = contextlib.ExitStack()
         self._typed: Callable[[], str | None] | None = None  # while keys or a line are wanted
@@ -130,7 +133,10 @@ class Connection:
         self._interrupts = 0
 
     def send(self, **message: Any) -> None:
-        self._socket.sendall(json.dumps(message).encode() + b"\n", socket.MSG_NOSIGNAL)
+        try:
+            self._socket.sendall(json.dumps(message).encode() + b"\n", socket.MSG_NOSIGNAL)
+        except OSError:
+            raise EngineGone from None
 
     def receive(self) -> dict[str, Any]:
         while b"\n" not in self._received:
@@ -172,12 +178,16 @@ class Connection:
         fcntl.fcntl(self._socket, fcntl.F_SETFL, fcntl.fcntl(self._socket, fcntl.F_GETFL) | os.O_ASYNC)
 
     def _look(self) -> None:
-        with contextlib.suppress(BlockingIOError):  # nothing has come
+        with contextlib.suppress(OSError):  # nothing has come, or it is closed already
             self._socket.recv(1, socket.MSG_PEEK | socket.MSG_DONTWAIT) or self._end()
 
     def _end(self) -> NoReturn:
-        signal.signal(signal.SIGIO, signal.SIG_IGN)
-        raise ConnectionError
+        self.close()
+        raise EngineGone
+
+    def close(self) -> None:
+        """No signal of watch() comes any more; one that has come already does nothing."""
+        self._socket.close()
 
     def _obey(self, message: dict[str, Any]) -> None:
         for stream, key in ((sys.stdout, "out"), (sys.stderr, "err")):
@@ -212,22 +222,32 @@ class Connection:
 
 
 def show(value: Any, path: str) -> None:
-    """Data as lines of text, in a file if one is named."""
+    """Data as text, in a file if one is named."""
     if isinstance(value, dict):
         value = [f"{key} {item}" for key, item in value.items()]
-    with open(path or 1, "w", encoding="utf-8", errors="replace", closefd=bool(path)) as file:
-        print(*(value if isinstance(value, list) else [value]), sep="\n", file=file)
+    if isinstance(value, list):
+        value = "\n".join(map(str, value))
+    if path:
+        with open(path, "w", encoding="utf-8", errors="replace") as file:
+            print(value, file=file)
+    elif value != "":
+        print(value)
 
 
 def read_file(path: str) -> str:
-    with open(0 if path == "-" else path, encoding="utf-8", errors="surrogateescape", closefd=path != "-") as file:
+    with open(0 if path == "-" else path, encoding="utf-8", closefd=path != "-") as file:
         return file.read()
 
 
-def pair(text: str) -> list[str]:
-    """Of KEY=VALUE."""
-    key, value = text.split("=", 1)
-    return [key, value]
+def pair(text: str) -> tuple[str, Any]:
+    """The key of KEY=VALUE, and the number that the value is, or its text."""
+    key, equals, value = text.partition("=")
+    if not equals:
+        raise ValueError
+    with contextlib.suppress(SyntaxError, ValueError):
+        if isinstance(number := ast.literal_eval(value), (int, float)):
+            return key, number
+    return key, value
 
 
 def repl(connection: Connection) -> int:
@@ -249,9 +269,9 @@ def repl(connection: Connection) -> int:
             block = pasted and len(lines) == 1
             if not connection.run(textwrap.dedent(line) if block else "\n".join(lines), line=not block).get("more"):
                 lines.clear()
-        except (EOFError, ConnectionError) as end:
+        except (EOFError, EngineGone) as end:
             print("\n" * typing, end="")
-            if isinstance(end, ConnectionError):
+            if isinstance(end, EngineGone):
                 raise
             return 0
         except KeyboardInterrupt:
@@ -282,8 +302,9 @@ def parse() -> dict[str, Any]:
     import argparse  # only here: the engine's console, which uses this file, too, would wait for it
 
     class Parser(argparse.ArgumentParser):
-        def exit(self, status: int = 0, message: str | None = None) -> NoReturn:
-            super().exit(status and USAGE, message)
+        def error(self, message: str) -> NoReturn:
+            self.print_usage(sys.stderr)
+            self.exit(USAGE, f"sonetrix-ctl: {message}\n")
 
     common = Parser(add_help=False, argument_default=argparse.SUPPRESS)
     common.add_argument("--socket", metavar="PATH",
@@ -331,13 +352,17 @@ def main() -> int:
         getattr(stream, "reconfigure")(errors="replace")
     given = parse()
     try:
-        return perform(Connection(given["socket"]), given)
-    except ConnectionError:
+        with contextlib.closing(Connection(given["socket"])) as connection:
+            return perform(connection, given)
+    except EngineGone:
         print("sonetrix-ctl: the engine has ended", file=sys.stderr)
         return UNAVAILABLE
     except OSError as error:
-        print(f"sonetrix-ctl: {error.filename or given['socket']}: {error.strerror}", file=sys.stderr)
+        print(f"sonetrix-ctl: {error.filename or given['socket']}: {error.strerror or error}", file=sys.stderr)
         return NO_FILE if error.filename else UNAVAILABLE
+    except UnicodeError as error:
+        print(f"sonetrix-ctl: {given['FILE']}: {error}", file=sys.stderr)
+        return NO_FILE
     except KeyboardInterrupt:
         return INTERRUPTED
 

@@ -90,7 +90,7 @@ class Session:
         if name != "sonetrix_engine_IsRunning":  # else the monitors would not end
             self.pick.choice([
                 lambda: record.result(name, self.pick.choice([0, -1, 1, 2**31 - 1])), lambda: record.null(name, 3),
-                lambda: record.text(name, b"\xe4"), lambda: record.gives(name, ENTRIES)])()
+                lambda: record.gives(name, ENTRIES)])()
 
     def fire(self):
         record.fire(self.pick.randrange(4), ENTRIES, threads=0, lock_held=self.pick.random() < 0.2)

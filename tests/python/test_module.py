@@ -143,7 +143,7 @@ del watch
 spec = importlib.util.find_spec("sonetrix")
 module = importlib.util.module_from_spec(spec)
 record.null("sonetrix_engineGet")
-record.numbers("sonetrix_clock_gettime", 0)
+record.fills("sonetrix_clock_gettime", (0, 0))
 print(refusal(spec.loader.exec_module, module))
 outcomes = {}
 for name, call in calls.every(module).items():

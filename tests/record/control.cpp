@@ -3,7 +3,6 @@
 #include "engine.h"
 
 #include <chrono>
-#include <malloc.h>
 #include <map>
 #include <semaphore>
 
@@ -74,12 +73,6 @@ void record_add(void *list, const char *key, const sonetrix_value_t *value) {
         static_cast<sonetrix_cListKeyValue_t *>(list)->add(key, *value);
     else
         static_cast<sonetrix_cListValue_t *>(list)->addRecord(*value);
-}
-
-// What is allocated with malloc.
-int64_t record_nativeBytes() {
-    const auto now = mallinfo2();
-    return static_cast<int64_t>(now.uordblks + now.hblkhd);
 }
 
 int64_t record_registrations(int32_t kind) { return static_cast<int64_t>(registries.at(kind).size()); }

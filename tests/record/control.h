@@ -17,7 +17,6 @@ const char *record_violations();
 int64_t record_lists();
 void record_hook(const char *name, Hook hook);
 void record_add(void *list, const char *key, const sonetrix_value_t *value);
-int64_t record_nativeBytes();
 
 int64_t record_registrations(int32_t kind);
 void record_callInside(int32_t times);

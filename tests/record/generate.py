@@ -2,8 +2,8 @@
 
     generate.py HEADER OUTPUT
 
-It notes the arguments that go in: what a function fills in, callbacks and their user data are left out, and in the
-lists' own functions a list is its address.
+It notes the arguments that go in: what a function fills in, callbacks and their user data are left out; of lists and
+values, which the engine behind the layer can tell more of, there is the address.
 """
 
 import pathlib
@@ -28,7 +28,6 @@ DONE = {
     "sonetrix_memory_rt_inspect": "void()",
     "sonetrix_engine_IsRunning": "1",
     "sonetrix_engine_DriverIsLoaded": "reference != nullptr",
-    **dict.fromkeys(("sonetrix_engine_SetParamsFull", "sonetrix_engine_SetParamsFullCli"), "0"),
     "sonetrix_engine_registerMeterManager": "(*read = readMeters, 0)",
     "readMeters": "nullptr",
     "sonetrix_engine_notify_changes_addCallback": "addRegistration(Kind::Changes, callback, user)",
@@ -52,22 +51,14 @@ def functions(header):
             yield result.strip(), name, [re.fullmatch(r"(.*?)(\w+)", word).groups() for word in words]
 
 
-def literals(parameters):
-    for kind, name in parameters:
-        if name == "elements":
-            yield "literal(elements, count)"
-        elif name in ("list", "other"):
-            yield f"literal(static_cast<const void *>({name}))"
-        elif not (name in ("user", "written", "count") or "Callback_t" in kind or FILLED_IN.search(kind)):
-            yield f"literal({name})"
-
-
 def wrapper(result, function, parameters):
     declared = ", ".join(kind + name for kind, name in parameters)
     passed = ", ".join(name for _, name in parameters)
     lock = "Held" if HELD.match(function) else "Either" if EITHER.match(function) else "Released"
-    note = " + ".join(text + ' + ","' for text in literals(parameters)) or "std::string()"
-    read = "literal(list)" if function.endswith("ListForEach") else note
+    note = "".join(f' + literal({name}) + ","' for kind, name in parameters
+                   if name not in ("user", "written") and "Callback_t" not in kind and not FILLED_IN.search(kind))
+    read = [f"size({name})" for kind, name in parameters
+            if "_cList" in kind and ("const" in kind or function.endswith("ListForEach"))]
     done = DONE.get(function, f"next({passed})")
     answer = f"{done}; return int64_t()" if result == "void" else f"return word<{result}>({done})"
     handed_over = [f"*{name} != nullptr" for kind, name in parameters if kind.endswith("**") and "List" in kind]
@@ -78,7 +69,8 @@ def wrapper(result, function, parameters):
     [[maybe_unused]] static auto *const next = found<decltype({function})>("{function}", RTLD_NEXT);
     const int64_t words[] = {{{"".join(f"word({name}), " for _, name in parameters)}0}};
     const int64_t given = recorded({{"{function}", Lock::{lock}, words,
-        [&] {{ return {note}; }}, [&] {{ return {read}; }}, [&] {{ {answer}; }}}});
+        [&] {{ return std::string(){note}; }}, [&] {{ return {read[0] if read else 0}; }},
+        [&] {{ {answer}; }}}});
     {" ".join(f"lists += {one};" for one in handed_over)}
     return as<{result}>(given);
 }}"""

@@ -7,8 +7,6 @@
 #include <cstdio>
 #include <map>
 #include <mutex>
-#include <unistd.h>
-#include <utility>
 
 namespace sonetrix::record {
 
@@ -26,59 +24,14 @@ std::string literal(const char *text) {
     return quoted + "'";
 }
 
-std::string literal(double number) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.17g", number);
-    return text;
-}
-
 std::string literal(const void *pointer) {
     if (!pointer)
         return "None";
     return pointer == dev::Engine::current() ? "'engine'" : std::to_string(reinterpret_cast<uintptr_t>(pointer));
 }
 
-namespace {
-
-template <typename Element> std::string array(const sonetrix_value_t &value) {
-    return literal(static_cast<const Element *>(value.as.array), value.count);
-}
-
-const std::pair<const char *, std::string (*)(const sonetrix_value_t &)> types[] = {
-    // in the order of their codes
-    {"uint32", [](auto &value) { return literal(value.as.uint32); }},
-    {"int32", [](auto &value) { return literal(value.as.int32); }},
-    {"float", [](auto &value) { return literal(value.as.float32); }},
-    {"string", [](auto &value) { return literal(value.as.string); }},
-    {"auint32", array<uint32_t>},
-    {"aint32", array<int32_t>},
-    {"afloat", array<float>},
-    {"double", [](auto &value) { return literal(value.as.float64); }},
-};
-
-template <typename List> std::string listLiteral(const List *list) {
-    if (!list)
-        return "None";
-    std::string text = "[";
-    for (const auto &element : *list)
-        text += literal(&element.record()) + ",";
-    return text + "]";
-}
-
-} // namespace
-
-std::string literal(const sonetrix_value_t *value) {
-    if (value->type >= std::size(types))
-        return "('unknown'," + literal(value->type) + ")";
-    const auto &[name, content] = types[value->type];
-    return "('" + std::string(name) + "'," + content(*value) + ")";
-}
-
-std::string literal(const sonetrix_keyValue_t *entry) {
-    return "(" + literal(entry->key) + "," + literal(&entry->value) + ")";
-}
-std::string literal(const sonetrix_cListValue_t *list) { return listLiteral(list); }
-std::string literal(const sonetrix_cListKeyValue_t *list) { return listLiteral(list); }
+int64_t size(const sonetrix_cListValue_t *list) { return list ? std::distance(list->begin(), list->end()) : 0; }
+int64_t size(const sonetrix_cListKeyValue_t *list) { return list ? std::distance(list->begin(), list->end()) : 0; }
 
 namespace {
 
@@ -117,7 +70,7 @@ void noteCall(const std::string &name, Lock rule, const std::string &arguments) 
     if (!state.noting)
         return;
     const std::lock_guard lock(state.mutex);
-    state.calls += "('" + name + "',(" + arguments + ")," + literal(held) + "," + literal(gettid()) + "),\n";
+    state.calls += "('" + name + "',(" + arguments + ")," + literal(held) + "),\n";
 }
 
 // A hook may be Python code, and the call be made while a Python error is on its way.
@@ -142,9 +95,9 @@ int64_t recorded(const Call &call) {
     if (!hook)
         return call.answer();
     int64_t result = 0;
-    const std::string before = call.read();
+    const int64_t before = call.size();
     const bool done = ask(hook, call.arguments, &result);
-    if (call.read() != before)
+    if (call.size() != before)
         violate(std::string(call.name) + " reads a list that is changed meanwhile");
     return done ? result : call.answer();
 }

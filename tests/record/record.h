@@ -9,7 +9,6 @@
 #include "control.h"
 
 #include <atomic>
-#include <concepts>
 #include <cstring>
 #include <dlfcn.h>
 #include <functional>
@@ -23,20 +22,12 @@ namespace sonetrix::record {
 
 // Arguments become Python literals, so that a test reads them back with ast.literal_eval.
 std::string literal(const char *text);
-std::string literal(double number);
 std::string literal(const void *pointer); // None, 'engine' or a number
-std::string literal(const sonetrix_value_t *value);
-std::string literal(const sonetrix_keyValue_t *entry);
-std::string literal(const sonetrix_cListValue_t *list);
-std::string literal(const sonetrix_cListKeyValue_t *list);
-template <std::integral Number> std::string literal(Number number) { return std::to_string(number); }
-inline std::string literal(const sonetrix_module_t *module) { return literal(module->name); }
-template <typename Element> std::string literal(const Element *elements, size_t count) {
-    std::string text = "(";
-    for (size_t i = 0; elements && i < count; ++i)
-        text += literal(elements[i]) + ",";
-    return text + ")";
-}
+template <typename Number>
+requires(!std::is_pointer_v<Number>) std::string literal(Number number) { return std::to_string(number); }
+// How many elements there are.
+int64_t size(const sonetrix_cListValue_t *list);
+int64_t size(const sonetrix_cListKeyValue_t *list);
 
 // Arguments and results as words.
 template <typename Value> int64_t word(Value value) {
@@ -59,8 +50,8 @@ struct Call {
     Lock rule;
     const int64_t *arguments;
     std::function<std::string()> note;
-    std::function<std::string()> read; // what must stay as it is during the call
-    std::function<int64_t()> answer;   // unless a hook gives one
+    std::function<int64_t()> size;   // of the list that is read during the call
+    std::function<int64_t()> answer; // unless a hook gives one
 };
 // Notes and checks the call, and gives its result.
 int64_t recorded(const Call &call);

@@ -6,15 +6,14 @@
     record.result("sonetrix_engine_LinkPort", 3)
     sonetrix.engine.link("a:out", "b:in")    # 3
     record.calls("sonetrix_engine_LinkPort")
-    # [Call(name=..., args=("engine", b"a:out", b"b:in"), lock_held=False, thread=...)]
+    # [Call(name=..., args=("engine", b"a:out", b"b:in"), lock_held=False)]
 
 Behind the layer is the development engine, not started. It answers what is not scripted, but for this: callbacks are
 registered in the layer, and fire when the test says so; the engine says that it runs and every driver that it is
 loaded; what a script logs goes nowhere.
 
-Arguments arrive as Python values: the handle as "engine", null as None, strings as bytes, other pointers as numbers,
-arrays as tuples, values as (type name, value), lists given to the engine as lists of those, with keys in front where
-they have some. In calls of the list functions themselves a list is its address.
+Arguments arrive as Python values: the handle as "engine", null as None, strings as bytes, other pointers as numbers.
+What lists and values have arrived as can be asked of the engine.
 
 At the end of each test of TestCase, every call has had the interpreter lock in the state that the rules ask, and no
 list is left.
@@ -31,7 +30,7 @@ import gc
 import importlib
 import io
 import itertools
-import threading
+import sys
 import unittest
 from unittest import mock
 
@@ -45,11 +44,12 @@ CHANGES, SLOW_METERS, FAST_METERS, TIMER = range(4)
 TYPES = {"uint32": ctypes.c_uint32, "int32": ctypes.c_int32, "float": ctypes.c_float, "string": ctypes.c_char_p,
          "auint32": ctypes.c_void_p, "aint32": ctypes.c_void_p, "afloat": ctypes.c_void_p, "double": ctypes.c_double}
 C_TYPES = {"void": None, "const char *": ctypes.c_char_p, "int32_t": ctypes.c_int32, "int64_t": ctypes.c_int64}
-FILLED_IN = {"float *": ctypes.c_float * 1, "uint32_t *": ctypes.c_uint32 * 1, "struct timespec *": ctypes.c_int64 * 2}
+FILLED_IN = {"float *": ctypes.c_float, "uint32_t *": ctypes.c_uint32, "struct timespec *": ctypes.c_int64 * 2,
+             "char **": ctypes.c_void_p}
 HEADER = (SOURCE / "include/sonetrix/engine_api.h").read_text()
 FUNCTIONS = {name: (result, [kind.strip() for kind, _ in parameters])
              for result, name, parameters in generate.functions(HEADER + generate.READ_METERS)}
-Call = collections.namedtuple("Call", "name args lock_held thread")
+Call = collections.namedtuple("Call", "name args lock_held")
 
 
 class Value(ctypes.Structure):
@@ -73,19 +73,18 @@ class Value(ctypes.Structure):
 # ctypes gives the interpreter lock up during calls of the first, and keeps it during calls of the others.
 _library = ctypes.CDLL(str(RECORD), mode=ctypes.RTLD_GLOBAL)
 _holding_lock = ctypes.PyDLL(str(RECORD))
-_engine = ctypes.PyDLL(str(BUILD / "lib" / "libsonetrix_engine.so"))  # what is behind the layer
-for _header, *_libraries in (HEADER, _engine), (
+behind = ctypes.PyDLL(str(BUILD / "lib" / "libsonetrix_engine.so"))  # what is behind the layer
+for _header, *_libraries in (HEADER, behind), (
         (SOURCE / "tests/record/control.h").read_text(), _library, _holding_lock):
     for _result, _name, _parameters in generate.functions(_header):
         for _function in [getattr(library, _name) for library in _libraries]:
             _function.restype = C_TYPES.get(_result, ctypes.c_void_p)
             _function.argtypes = [C_TYPES.get(kind.strip(), ctypes.c_void_p) for kind, _ in _parameters]
 _Hook = ctypes.CFUNCTYPE(ctypes.c_bool, *[ctypes.POINTER(ctypes.c_int64)] * 2)
-_Callback, _HeldCallback = (kind(ctypes.c_int32, ctypes.c_void_p, ctypes.c_void_p)
-                            for kind in (ctypes.CFUNCTYPE, ctypes.PYFUNCTYPE))
 _strdup = ctypes.CDLL(None).strdup
 _strdup.restype, _strdup.argtypes = ctypes.c_void_p, [ctypes.c_char_p]
 _library.record_begin()
+_actions = {}
 
 
 class List:
@@ -94,12 +93,13 @@ class List:
 
     def __init__(self, entries, keyed=True):
         self.functions = f"sonetrix_{'keyValue' if keyed else 'value'}List"
-        self._as_parameter_ = ctypes.c_void_p(getattr(_engine, self.functions + "New")())
-        if isinstance(entries, dict) and not keyed:
-            entries = entries.values()
-        extend_list(self, entries, b"" if keyed else None)
+        self._as_parameter_ = ctypes.c_void_p(getattr(behind, self.functions + "New")())
+        for key, entry in entries.items() if isinstance(entries, dict) else (("", entry) for entry in entries):
+            if not isinstance(entry, Value):
+                entry = Value.of(*entry) if isinstance(entry, tuple) else Value.of(entry)
+            _library.record_add(self, key.encode() if keyed else None, ctypes.byref(entry))
 
-    def __del__(self, getattr=getattr, engine=_engine):
+    def __del__(self, getattr=getattr, engine=behind):
         getattr(engine, self.functions + "Destroy")(self)
 
     @classmethod
@@ -107,95 +107,7 @@ class List:
         return entries if entries is None or isinstance(entries, List) else cls(entries)
 
     def copy(self):
-        return getattr(_engine, self.functions + "DeepCopy")(self)
-
-    def append_to(self, handle):
-        copy = self.copy()
-        _engine.sonetrix_keyValueListMerge(handle, copy), _engine.sonetrix_keyValueListDestroy(copy)
-
-
-def extend_list(handle, entries, no_key=None):
-    """More entries for a list, which may be the module's."""
-    for key, entry in entries.items() if isinstance(entries, dict) else ((no_key, entry) for entry in entries):
-        if not isinstance(entry, Value):
-            entry = Value.of(*entry) if isinstance(entry, tuple) else Value.of(entry)
-        _library.record_add(handle, key.encode() if isinstance(key, str) else key, ctypes.byref(entry))
-
-
-class _Script:
-    """What the test has said of a function; it is asked at each call."""
-
-    def __init__(self, name):
-        self.name, (self.result_type, self.parameters) = name, FUNCTIONS[name]
-        self.result, self.results, self.nulls, self.given = 0, collections.deque(), 0, False
-        self.entries, self.text, self.numbers = self.list(()), b"", ()
-        self.iteration, self.longest, self.gate = None, 0, threading.Event()
-        _library.record_hook(name.encode(), _hook(name))
-
-    def list(self, entries):
-        return List(entries, "cListValue" not in self.result_type)
-
-    def answer(self, words, answer):
-        """False where the engine is to answer."""
-        if self.longest:
-            self.gate.wait(self.longest)
-        if self.iteration is not None:
-            answer[0] = self.iterate(*words[:3], **self.iteration)
-            return True
-        null = self.nulls != 0
-        self.nulls -= self.nulls > 0
-        if self.result_type == "void" or not (null or self.given or self.results):
-            return False
-        status = self.results.popleft() if self.results else self.result
-        numbers = iter(self.numbers)
-        for kind, word in zip(self.parameters, words):
-            self.fill_in(kind, word, status, numbers, null)
-        if not self.result_type.endswith("*"):
-            answer[0] = status
-        elif null or "List" not in self.result_type:
-            answer[0] = 0
-        else:
-            stays = self.name == "sonetrix_engine_getStartParameter"  # the engine's
-            answer[0] = self.entries._as_parameter_.value if stays else self.entries.copy()
-        return True
-
-    def fill_in(self, kind, word, status, numbers, null):
-        if kind in FILLED_IN:
-            array = FILLED_IN[kind].from_address(word)
-            array[:] = [next(numbers, 0) for _ in array]
-        elif kind == "char **":  # what a failure leaves behind is not the caller's to free
-            ctypes.c_void_p.from_address(word).value = id(self) if status else _strdup(self.text)
-        elif kind.endswith("**") or kind == "sonetrix_readMeters_t *":
-            given = kind.endswith("**") and not null and not status
-            ctypes.c_void_p.from_address(word).value = self.entries.copy() if given else None
-        elif "SetParams" in self.name and kind == "sonetrix_cListKeyValue_t *":
-            self.entries.append_to(word)
-
-    def iterate(self, target, callback, data, user=..., meanwhile=None, gives_lock_up=0, stops_on_error=False):
-        count, failed = itertools.count(1), []
-
-        def step(element, _):
-            if failed and stops_on_error:
-                return 0
-            meanwhile and meanwhile()
-            kind = _Callback if gives_lock_up and next(count) % gives_lock_up == 0 else _HeldCallback
-            status = kind(callback)(element, data if user is ... else id(user))
-            failed.extend([status] if status else [])
-            return status
-
-        return getattr(_engine, self.name)(target, _HeldCallback(step), None)
-
-
-_scripts = {}
-
-
-@functools.cache  # ctypes leaves a reference behind for each that it makes
-def _hook(name):
-    return _Hook(lambda words, answer: name in _scripts and _scripts[name].answer(words, answer))
-
-
-def _script(name):
-    return _scripts.get(name) or _scripts.setdefault(name, _Script(name))
+        return getattr(behind, self.functions + "DeepCopy")(self)
 
 
 def calls(*names, clear=False):
@@ -216,51 +128,58 @@ def violations():
 
 @atexit.register
 def reset():
-    """Forgets calls and scripts. Registrations and live objects stay."""
+    """Forgets calls and answers. Registrations and live objects stay."""
     _library.record_reset()
-    _scripts.clear()
+    _actions.clear()
 
 
-def result(name, value, lasting=True):
-    """The integer result of a function: from now on, or, not lasting, once (queued)."""
-    _give(name, result=value) if lasting else _script(name).results.append(value)
+@functools.cache  # ctypes leaves a reference behind for each that it makes
+def _hook(name):
+    def answer(words, answer):
+        result = _actions[name](*words[:len(FUNCTIONS[name][1])]) if name in _actions else None
+        answer[0] = result or 0
+        return result is not None
+    return _Hook(answer)
 
 
-def _give(name, **what):
-    vars(_script(name)).update(what, given=True)
+def act(name, action):
+    """Calls `action` with a function's arguments, as numbers, in its place; where it gives None, the engine answers."""
+    _actions[name] = action
+    _library.record_hook(name.encode(), _hook(name))
 
 
-def text(name, value):
-    """The string that a function hands out."""
-    _give(name, text=value)
+def result(name, *values):
+    """The integer results of a function, one call after the other; the last one stays."""
+    if FUNCTIONS[name][0].endswith("_t"):
+        results = itertools.chain(values, itertools.repeat(values[-1]))
+        act(name, lambda *_: next(results))
 
 
-def numbers(name, *values):
-    """The figures that a function fills in, in the order of its arguments."""
-    _give(name, numbers=values)
+def null(name, times=sys.maxsize):
+    """Makes a function that gives a pointer give null."""
+    if FUNCTIONS[name][0].endswith("*"):
+        calls = itertools.count()
+        act(name, lambda *_: 0 if next(calls) < times else None)
 
 
 def gives(name, entries):
     """The list that a function gives."""
-    _give(name, entries=_script(name).list(entries))
+    if "List" in FUNCTIONS[name][0]:
+        made = List(entries, "cListValue" not in FUNCTIONS[name][0])
+        keeps = name == "sonetrix_engine_getStartParameter"  # the engine
+        act(name, lambda *_: made._as_parameter_.value if keeps else made.copy())
 
 
-def null(name, times=-1):
-    """Makes a function that gives a pointer give null."""
-    _script(name).nulls = times
+def fills(name, *values, status=0):
+    """What a function fills in, in the order of its arguments."""
+    _, kinds = FUNCTIONS[name]
 
-
-def delay(name, seconds):
-    """Holds every call of a function up, at most that long; 0 lets the waiting calls go on."""
-    script = _script(name)
-    script.longest = seconds
-    seconds or script.gate.set()
-
-
-def iteration(name, **how):
-    """How a for-each goes: with another `user` as user data; `meanwhile` called before each element; calling back
-    without the interpreter lock for every so-manyth element (`gives_lock_up`); and whether it `stops_on_error`."""
-    _script(name).iteration = {**(_script(name).iteration or {}), **how}
+    def action(*words):
+        places = [FILLED_IN[kind].from_address(word) for kind, word in zip(kinds, words) if kind in FILLED_IN]
+        for place, value in zip(places, values):
+            ctypes.pointer(place)[0] = _strdup(value) if isinstance(value, bytes) else value
+        return status
+    act(name, action)
 
 
 def fire(kind, entries=None, threads=1, times=1, lock_held=False):
@@ -286,7 +205,6 @@ recording = _library.record_noting  # whether calls are noted; what is scripted 
 calls_inside = _library.record_callInside
 registrations = _library.record_registrations  # how many there are of a kind
 lists = _library.record_lists  # how many there are that the engine has given and not taken back
-native_bytes = _library.record_nativeBytes  # what is allocated with malloc
 
 
 @contextlib.contextmanager
@@ -304,12 +222,12 @@ class TestCase(unittest.TestCase):
     def setUp(self):
         self.sonetrix = load()
         reset()
-        self.addCleanup(reset)
         gc.collect()
         violations()
         self._lists = lists()
 
     def tearDown(self):
+        reset()
         gc.collect()
         self.assertEqual(violations(), [])
         self.assertEqual(lists(), self._lists, "engine lists left behind")
