@@ -6,8 +6,8 @@ set(_testEnvironment
     SONETRIX_SOURCE=${CMAKE_SOURCE_DIR}
     SONETRIX_SANITIZE=${SONETRIX_SANITIZE}
     PYTHONDONTWRITEBYTECODE=1
-    XDG_STATE_HOME=${CMAKE_BINARY_DIR}/tests/state) # for the console's history
-set(_pythonEnvironment PYTHONPATH=${CMAKE_SOURCE_DIR}/tests:${CMAKE_BINARY_DIR}/lib)
+    XDG_STATE_HOME=${CMAKE_BINARY_DIR}/tests/state # for the console's history
+    PYTHONPATH=${CMAKE_SOURCE_DIR}/tests:${CMAKE_BINARY_DIR}/lib)
 if(SONETRIX_SANITIZE MATCHES address)
     # Not intercepted, because with a block of thread-local variables 16 bytes past the start of a page the leak checker
     # takes what is ahead of it for glibc 2.19's header, and crashes. It finds the blocks without.
@@ -32,13 +32,12 @@ if(_preloadedLibrary)
         list(APPEND _preloaded ${path})
     endforeach()
     list(JOIN _preloaded " " _preloaded)
-    list(APPEND _pythonEnvironment "LD_PRELOAD=${_preloaded}")
+    list(APPEND _testEnvironment "LD_PRELOAD=${_preloaded}")
     if(SONETRIX_SANITIZE MATCHES address)
-        list(APPEND _pythonEnvironment PYTHONMALLOC=malloc)
+        list(APPEND _testEnvironment PYTHONMALLOC=malloc)
     endif()
 endif()
 
-set(_pythonCommand ${SONETRIX_PYTHON_EXECUTABLE} -X faulthandler -m unittest)
 if(CMAKE_CROSSCOMPILING)
     # Programs that the tests start go through scripts, so that no test has to know about the emulator.
     list(JOIN CMAKE_CROSSCOMPILING_EMULATOR "' '" emulator)
@@ -57,8 +56,6 @@ if(CMAKE_CROSSCOMPILING)
             PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
     endforeach()
     list(APPEND _testEnvironment SONETRIX_LAUNCHERS=${CMAKE_BINARY_DIR}/launchers)
-    set(_pythonCommand ${CMAKE_CROSSCOMPILING_EMULATOR} ${SONETRIX_PYTHON_EXECUTABLE}
-        -X faulthandler -m unittest)
     math(EXPR SONETRIX_TEST_TIMEOUT "${SONETRIX_TEST_TIMEOUT} * 10")
 endif()
 if(SONETRIX_PYTHON_LIBRARY MATCHES "d\\.so")
@@ -66,6 +63,14 @@ if(SONETRIX_PYTHON_LIBRARY MATCHES "d\\.so")
     set(_countReferences -m test -R 3:3 --testdir)
     math(EXPR SONETRIX_TEST_TIMEOUT "${SONETRIX_TEST_TIMEOUT} * 10")
 endif()
+
+# The interpreter in the environment of the tests, for ctest and for tests/run.
+set(_python ${CMAKE_BINARY_DIR}/tests/python)
+set(words ${_testEnvironment} ${CMAKE_CROSSCOMPILING_EMULATOR} ${SONETRIX_PYTHON_EXECUTABLE} -X faulthandler)
+list(JOIN words "' '" words)
+file(CONFIGURE OUTPUT ${_python} CONTENT "#!/bin/sh\nexec env '@words@' \"$@\"\n" @ONLY)
+file(CHMOD ${_python}
+    PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 
 # sonetrix_python_test(FILE): runs it with unittest. Lines "# ctest: ..." in the file's head set properties:
 # timeout=SECONDS (of a build without sanitizers), processors=NUMBER, serial, labels=A,B.
@@ -94,16 +99,15 @@ function(sonetrix_python_test file)
             message(FATAL_ERROR "${file}: unknown directive '${directive}'")
         endif()
     endforeach()
-    set(command ${_pythonCommand} ${file})
+    set(command -m unittest ${file})
     if(_countReferences)
-        set(command ${SONETRIX_PYTHON_EXECUTABLE} -X faulthandler ${_countReferences} ${directory} ${name})
+        set(command ${_countReferences} ${directory} ${name})
     endif()
     string(REGEX REPLACE "^test_" "" name ${name})
     add_test(NAME ${folder}.${name}
-        COMMAND ${command}
+        COMMAND ${_python} ${command}
         WORKING_DIRECTORY ${CMAKE_SOURCE_DIR})
     set_tests_properties(${folder}.${name} PROPERTIES
-        TIMEOUT ${timeout} RUN_SERIAL ${runSerial} PROCESSORS ${processors} LABELS "${labels}"
-        ENVIRONMENT "${_testEnvironment};${_pythonEnvironment}")
+        TIMEOUT ${timeout} RUN_SERIAL ${runSerial} PROCESSORS ${processors} LABELS "${labels}")
     set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${file})
 endfunction()

@@ -176,7 +176,7 @@ void Engine::carryOutStop() {
 }
 
 // The plugins' code runs here for the last time.
-void Engine::finishAudio() noexcept {
+void Engine::finishAudio() {
     timers_.thread().requestEnd(); // rendering waits for them
     const std::lock_guard lock(finishMutex_);
     graph_.flush();

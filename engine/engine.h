@@ -79,7 +79,7 @@ private:
     int64_t processBlock(uint32_t wanted, int64_t time) noexcept;
     std::array<Thread *, 3> eventThreads() { return {&meters_.thread(), &notifier_.thread(), &timers_.thread()}; }
     void carryOutStop();
-    void finishAudio() noexcept;
+    void finishAudio();
 
     const Options options_;
     ListKeyValue startParameters_;

@@ -180,15 +180,14 @@ void Recorder::complete() noexcept {
     if (!cutShort_ && writtenPath_ != path_)
         std::filesystem::rename(writtenPath_, path_, error);
     if (error)
-        fail(error.message());
+        fail(error.message().c_str());
     path_.clear();
 }
 
-void Recorder::fail(const std::string &reason) noexcept {
+void Recorder::fail(const char *reason) noexcept {
     cutShort_ = true;
     hasFailed_ = true;
-    sonetrix_log(
-        SONETRIX_LOG_ERROR, "engine", 0, 1, "the recording %s is cut short: %s", writtenPath_.c_str(), reason.c_str());
+    sonetrix_log(SONETRIX_LOG_ERROR, "engine", 0, 1, "the recording %s is cut short: %s", writtenPath_.c_str(), reason);
 }
 
 void Recorder::write(const float *const *inputs, uint32_t frames) noexcept {

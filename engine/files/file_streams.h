@@ -99,7 +99,7 @@ public:
 private:
     void writeOut() noexcept;
     void complete() noexcept;
-    void fail(const std::string &reason) noexcept;
+    void fail(const char *reason) noexcept;
 
     std::filesystem::path writtenPath_;
     bool cutShort_ = false;

@@ -7,7 +7,6 @@ Scripts import what they use: `from sonetrix_console import get, put`.
 
 import __main__
 
-import functools
 import os
 import sys
 from typing import Any
@@ -31,8 +30,6 @@ __all__ = [
     "meters", "serve", "top",
 ]
 
-_install_prompt = functools.cache(prompt.install)  # once
-
 
 def _words() -> dict[str, Any]:
     return {name: globals()[name] for name in __all__ if name != "install"}
@@ -49,7 +46,7 @@ def install() -> None:
     if "" not in sys.path:
         sys.path.insert(0, "")
     if os.isatty(0):
-        _install_prompt()
+        prompt.install()
 
 
 def serve(path: str | None = None) -> str:

@@ -13,7 +13,6 @@ from . import words
 
 SLOW = 0.050  # seconds; the engine's other callbacks of the kind wait that long
 _RAMP_STEP = 10  # milliseconds
-_DONE = object()  # returned by a callable that has no more to do
 
 _Registration: TypeAlias = notifyChanges | notifyMeters | timeout
 _running: dict[str, "Callback"] = {}
@@ -50,15 +49,14 @@ class Callback:
         self._registration = None
 
     def _called(self, *arguments: Any) -> None:
-        if self._once and self.calls:
+        if self.name not in _running:
             return
-        self.calls += 1
         if self._once:
             self.stop()
+        self.calls += 1
         begin = time.perf_counter()
         try:
-            if self._function(*map(_text, arguments)) is _DONE:
-                self.stop()
+            self._function(*map(words.text, arguments))
         except BaseException as error:
             self._show(error)
         taken = time.perf_counter() - begin
@@ -84,10 +82,6 @@ class Callback:
         return f"{self.name}  {self.calls} calls  mean {mean:.2f} ms  worst {self.worst * 1000:.2f} ms{error}{stopped}"
 
 
-def _text(values: dict[bytes, Any]) -> dict[str, Any]:
-    return {words.text(key): words.text(value, "float") for key, value in values.items()}
-
-
 def on_change(function: Callable[[dict[str, Any]], object]) -> Callback:
     """Calls the function with the parameters that have changed, until stop() of what is returned.
 
@@ -111,7 +105,7 @@ def every(milliseconds: int, function: Callable[[], object]) -> Callback:
 
     >>> clock = every(1000, lambda: print('tick'))
     """
-    return Callback("every", function, _timer(milliseconds))
+    return _timer("every", milliseconds, function)
 
 
 def after(milliseconds: int, function: Callable[[], object]) -> Callback:
@@ -119,13 +113,13 @@ def after(milliseconds: int, function: Callable[[], object]) -> Callback:
 
     >>> after(2000, lambda: put('gain.gain', 0.0))
     """
-    return Callback("after", function, _timer(milliseconds), once=True)
+    return _timer("after", milliseconds, function, once=True)
 
 
-def _timer(milliseconds: int) -> Callable[[Callable[..., None]], timeout]:
+def _timer(what: str, milliseconds: int, function: Callable[[], object], once: bool = False) -> Callback:
     if milliseconds <= 0:
         raise ValueError(f"{milliseconds} milliseconds are no time to wait")
-    return lambda called: engine.addTimer(milliseconds, called)
+    return Callback(what, function, lambda called: engine.addTimer(milliseconds, called), once)
 
 
 def ramp(key: str, to: float, seconds: float) -> Callback:
@@ -138,17 +132,17 @@ def ramp(key: str, to: float, seconds: float) -> Callback:
     words.put(key, begin)  # says now, and not in the callback, why it cannot be set
     values = (begin + (to - begin) * number / steps for number in range(1, steps + 1))
 
-    def step() -> object:
+    def step() -> None:
         if (value := next(values, None)) is None:
-            return _DONE
-        words.put(key, value)
-        return None
+            moving.stop()
+        else:
+            words.put(key, value)
 
     step.__qualname__ = key
     if key in _ramps:
         _ramps[key].stop()
-    _ramps[key] = Callback("ramp", step, _timer(_RAMP_STEP))
-    return _ramps[key]
+    moving = _ramps[key] = _timer("ramp", _RAMP_STEP, step)
+    return moving
 
 
 def callbacks() -> None:

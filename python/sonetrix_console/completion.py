@@ -19,7 +19,7 @@ _SOURCES: dict[str, Callable[[], Iterable[str]]] = {
     "port": lambda: words.names(engine.getPortNames()),
     "module": lambda: words.names(engine.getModuleNames()),
     "plugin": lambda: words.names(engine.listAvailableModules()),
-    "parameter": lambda: words.parameter_names(),
+    "parameter": words.parameter_names,
     "meter": lambda: words.names(engine.getLastMeter().toDict()),
 }
 # What the arguments of a call name, in order; the last one goes for all that follow.

@@ -5,8 +5,8 @@ A plain client in this one file, which needs neither the package nor an engine o
 the messages.
 """
 
-import ast
 import contextlib
+import errno
 import fcntl
 import json
 import os
@@ -42,6 +42,12 @@ def user_folder(variable: str, standard: str) -> str:
     return os.path.join(os.environ.get(variable) or home + standard, "sonetrix")
 
 
+def is_trusted(connection: socket.socket) -> bool:
+    """Whether this user or root is at the other end."""
+    credentials = connection.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("3i"))
+    return struct.unpack("3i", credentials)[1] in (0, os.getuid())
+
+
 def edit_lines(candidates: Callable[[str, str], list[str]], name: str) -> Callable[[], None]:
     """Line editing, where Python has it: completion, and a history that outlives the session, in a file of the user's
     alone. What it returns adds to that file what has been typed since; several consoles may do so at the same time."""
@@ -68,11 +74,7 @@ def edit_lines(candidates: Callable[[str, str], list[str]], name: str) -> Callab
         os.close(os.open(file, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o600))
         readline.read_history_file(file)
     kept = readline.get_current_history_length()
-    if kept > 2 * HISTORY_LENGTH:
-        readline.set_history_length(HISTORY_LENGTH)
-        with contextlib.suppress(OSError):
-            readline.write_history_file(file)
-        readline.set_history_length(-1)
+    readline.set_history_length(HISTORY_LENGTH)  # of the file
 
     def keep() -> None:
         nonlocal kept
@@ -85,10 +87,6 @@ def edit_lines(candidates: Callable[[str, str], list[str]], name: str) -> Callab
 
 
 Screen = tuple[int, int, str]  # columns, lines and kind ($TERM) of a terminal
-
-
-class EngineGone(Exception):
-    """The connection has ended."""
 
 
 class Terminal:
@@ -123,9 +121,8 @@ class Connection:
     def __init__(self, path: str) -> None:
         self._socket = socket.socket(socket.AF_UNIX)
         self._socket.connect(path)
-        credentials = self._socket.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("3i"))
-        if os.getuid() and struct.unpack("3i", credentials)[1] not in (0, os.getuid()):
-            raise PermissionError("it is another user's")
+        if os.getuid() and not is_trusted(self._socket):
+            raise PermissionError(errno.EPERM, "it is another user's")
         self.terminal = Terminal()
         self._keys = contextlib.ExitStack()
         self._typed: Callable[[], str | None] | None = None  # while keys or a line are wanted
@@ -133,10 +130,7 @@ class Connection:
         self._interrupts = 0
 
     def send(self, **message: Any) -> None:
-        try:
-            self._socket.sendall(json.dumps(message).encode() + b"\n", socket.MSG_NOSIGNAL)
-        except OSError:
-            raise EngineGone from None
+        self._socket.sendall(json.dumps(message).encode() + b"\n", socket.MSG_NOSIGNAL)
 
     def receive(self) -> dict[str, Any]:
         while b"\n" not in self._received:
@@ -178,16 +172,12 @@ class Connection:
         fcntl.fcntl(self._socket, fcntl.F_SETFL, fcntl.fcntl(self._socket, fcntl.F_GETFL) | os.O_ASYNC)
 
     def _look(self) -> None:
-        with contextlib.suppress(OSError):  # nothing has come, or it is closed already
+        with contextlib.suppress(BlockingIOError):  # nothing has come
             self._socket.recv(1, socket.MSG_PEEK | socket.MSG_DONTWAIT) or self._end()
 
     def _end(self) -> NoReturn:
-        self.close()
-        raise EngineGone
-
-    def close(self) -> None:
-        """No signal of watch() comes any more; one that has come already does nothing."""
-        self._socket.close()
+        signal.signal(signal.SIGIO, signal.SIG_IGN)
+        raise ConnectionError
 
     def _obey(self, message: dict[str, Any]) -> None:
         for stream, key in ((sys.stdout, "out"), (sys.stderr, "err")):
@@ -222,32 +212,22 @@ class Connection:
 
 
 def show(value: Any, path: str) -> None:
-    """Data as text, in a file if one is named."""
+    """Data as lines of text, in a file if one is named."""
     if isinstance(value, dict):
         value = [f"{key} {item}" for key, item in value.items()]
-    if isinstance(value, list):
-        value = "\n".join(map(str, value))
-    if path:
-        with open(path, "w", encoding="utf-8", errors="replace") as file:
-            print(value, file=file)
-    elif value != "":
-        print(value)
+    with open(path or 1, "w", encoding="utf-8", errors="replace", closefd=bool(path)) as file:
+        print(*(value if isinstance(value, list) else [value]), sep="\n", file=file)
 
 
 def read_file(path: str) -> str:
-    with open(0 if path == "-" else path, encoding="utf-8", closefd=path != "-") as file:
+    with open(0 if path == "-" else path, encoding="utf-8", errors="surrogateescape", closefd=path != "-") as file:
         return file.read()
 
 
-def pair(text: str) -> tuple[str, Any]:
-    """The key of KEY=VALUE, and the number that the value is, or its text."""
-    key, equals, value = text.partition("=")
-    if not equals:
-        raise ValueError
-    with contextlib.suppress(SyntaxError, ValueError):
-        if isinstance(number := ast.literal_eval(value), (int, float)):
-            return key, number
-    return key, value
+def pair(text: str) -> list[str]:
+    """Of KEY=VALUE."""
+    key, value = text.split("=", 1)
+    return [key, value]
 
 
 def repl(connection: Connection) -> int:
@@ -269,9 +249,9 @@ def repl(connection: Connection) -> int:
             block = pasted and len(lines) == 1
             if not connection.run(textwrap.dedent(line) if block else "\n".join(lines), line=not block).get("more"):
                 lines.clear()
-        except (EOFError, EngineGone) as end:
+        except (EOFError, ConnectionError) as end:
             print("\n" * typing, end="")
-            if isinstance(end, EngineGone):
+            if isinstance(end, ConnectionError):
                 raise
             return 0
         except KeyboardInterrupt:
@@ -302,9 +282,8 @@ def parse() -> dict[str, Any]:
     import argparse  # only here: the engine's console, which uses this file, too, would wait for it
 
     class Parser(argparse.ArgumentParser):
-        def error(self, message: str) -> NoReturn:
-            self.print_usage(sys.stderr)
-            self.exit(USAGE, f"sonetrix-ctl: {message}\n")
+        def exit(self, status: int = 0, message: str | None = None) -> NoReturn:
+            super().exit(status and USAGE, message)
 
     common = Parser(add_help=False, argument_default=argparse.SUPPRESS)
     common.add_argument("--socket", metavar="PATH",
@@ -352,17 +331,13 @@ def main() -> int:
         getattr(stream, "reconfigure")(errors="replace")
     given = parse()
     try:
-        with contextlib.closing(Connection(given["socket"])) as connection:
-            return perform(connection, given)
-    except EngineGone:
+        return perform(Connection(given["socket"]), given)
+    except ConnectionError:
         print("sonetrix-ctl: the engine has ended", file=sys.stderr)
         return UNAVAILABLE
     except OSError as error:
-        print(f"sonetrix-ctl: {error.filename or given['socket']}: {error.strerror or error}", file=sys.stderr)
+        print(f"sonetrix-ctl: {error.filename or given['socket']}: {error.strerror}", file=sys.stderr)
         return NO_FILE if error.filename else UNAVAILABLE
-    except UnicodeError as error:
-        print(f"sonetrix-ctl: {given['FILE']}: {error}", file=sys.stderr)
-        return NO_FILE
     except KeyboardInterrupt:
         return INTERRUPTED
 

@@ -1,10 +1,9 @@
 """What callbacks, threads and the engine print while a line is being typed comes above that line, which stays whole.
 
 Such output waits in a pipe: what threads write to `sys.stdout` and `sys.stderr`, and, when standard error is the
-console's terminal, whatever the process writes there, the engine's log above all. Only while a line is being typed:
-statements, and the programs that they start, write to the terminal itself. Nobody ever waits for the pipe; what it has
-no room for is left out. The console's own thread takes the text from it, woken by a signal, and draws the line anew
-below.
+console's terminal, whatever the process writes there, the engine's log above all. Nobody ever waits for the pipe; what
+it has no room for is left out. The console's own thread takes the text from it, woken by a signal, and draws the line
+anew below.
 """
 
 import contextlib
@@ -31,29 +30,33 @@ _REDRAWS_PER_SECOND = 50
 _PIPE_SIZE = 1 << 20
 
 
-class _LineEditor:
-    """The line editor's own functions for output in between: none of them is in the module readline."""
+def _line_editor() -> Callable[[bytes], None] | None:
+    """What prints text above the line, by the line editor's own functions: none of them is in the module readline."""
+    try:
+        editor = ctypes.CDLL(getattr(readline, "__file__", None))
+        clear, begin, draw = editor.rl_clear_visible_line, editor.rl_on_new_line, editor.rl_redisplay
+        stream = ctypes.c_void_p.in_dll(editor, "rl_outstream")
+        capability = editor.rl_get_termcap
+    except (AttributeError, OSError, ValueError):
+        return None
+    capability.restype = ctypes.c_char_p
+    can_clear = bool(capability(b"ce"))
+    write = ctypes.CDLL(None).fputs
 
-    def __init__(self) -> None:
-        library = ctypes.CDLL(getattr(readline, "__file__", None))
-        self._clear, self._on_new_line = library.rl_clear_visible_line, library.rl_on_new_line
-        self._redisplay = library.rl_redisplay
-        self._stream = ctypes.c_void_p.in_dll(library, "rl_outstream")
-        self._fputs = ctypes.CDLL(None).fputs
-        self._fputs.argtypes = ctypes.c_char_p, ctypes.c_void_p
-        capability = library.rl_get_termcap
-        capability.argtypes, capability.restype = [ctypes.c_char_p], ctypes.c_char_p
-        self._can_clear = bool(capability(b"ce"))
+    def print_above(text: bytes) -> None:
+        if can_clear:
+            clear()
+        write(text if can_clear else b"\n" + text, stream)  # else the line stays where it is and comes again below
+        begin()
+        draw()
 
-    def print_above(self, text: bytes) -> None:
-        """Where the terminal cannot clear, the line stays where it is and comes again below."""
-        if self._can_clear:
-            self._clear()
-        else:
-            text = b"\n" + text
-        self._fputs(text, self._stream)
-        self._on_new_line()
-        self._redisplay()
+    return print_above
+
+
+def _move_errors(place: int, new_place: int) -> None:
+    with contextlib.suppress(OSError):  # standard error may be closed
+        if os.path.sameopenfile(2, place):
+            os.dup2(new_place, 2)
 
 
 class _Console:
@@ -69,20 +72,14 @@ class _Console:
         self._pipe, self._entry = os.pipe2(os.O_NONBLOCK | os.O_CLOEXEC)
         with contextlib.suppress(OSError):
             fcntl.fcntl(self._entry, fcntl.F_SETPIPE_SZ, _PIPE_SIZE)
-        # Without line editing the prompt itself is written there.
-        self._shares_errors = readline is not None and os.isatty(2) and os.path.sameopenfile(1, 2)
-        self._error_output = os.dup(2) if self._shares_errors else -1  # the terminal, while standard error is the pipe
-        self._editor: _LineEditor | None = None
-        if readline is not None:
-            with contextlib.suppress(AttributeError, OSError, ValueError):
-                self._editor = _LineEditor()
+        self._print_above = _line_editor() if readline is not None else None
         # One that nobody uses. It must not cut short what the line editor writes to a slow terminal; that waits for
         # keys in a call that is interrupted all the same. (The highest ones cannot be sent in emulation.)
         signals = range(signal.SIGRTMAX - 2, signal.SIGRTMIN, -1)
         unused = (number for number in signals if signal.getsignal(number) == signal.SIG_DFL)
         self._signal = next(unused, int(signal.SIGRTMIN))
         signal.signal(self._signal, self._on_wake)
-        signal.siginterrupt(self._signal, self._editor is None)
+        signal.siginterrupt(self._signal, self._print_above is None)
         signal.pthread_sigmask(signal.SIG_UNBLOCK, [self._signal])
         self._signals, entry = os.pipe2(os.O_NONBLOCK | os.O_CLOEXEC)  # the numbers of those that come
         signal.set_wakeup_fd(entry, warn_on_full_buffer=False)
@@ -93,16 +90,15 @@ class _Console:
     def begin_line(self, prompt: str, reader: FrameType | None) -> None:
         with self.lock:
             self._write(self.take())
-            if self._shares_errors and not os.path.sameopenfile(2, self._entry):
-                os.dup2(2, self._error_output, inheritable=False)
-                os.dup2(self._entry, 2)
+            # Without line editing the prompt itself is written there.
+            if readline is not None:
+                _move_errors(self._terminal, self._entry)
             self._reader, self.prompt = reader, prompt
 
     def end_line(self, whole: bool) -> None:
         with self.lock:
             self.prompt = self._reader = None
-            if self._shares_errors and os.path.sameopenfile(2, self._entry):
-                os.dup2(self._error_output, 2)
+            _move_errors(self._entry, self._terminal)
             if whole:
                 self._write(self.take())
 
@@ -154,8 +150,8 @@ class _Console:
         before = signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGINT])  # which would leave it half done
         try:
             text = self.take()
-            if text and self._editor is not None:
-                self._editor.print_above(text)
+            if text and self._print_above is not None:
+                self._print_above(text)
             elif text:
                 typed = readline.get_line_buffer() if readline is not None else ""
                 self._write(b"\n" + text + (self.prompt + typed).encode(errors="replace"))

@@ -7,10 +7,16 @@ import itertools
 import linecache
 import sys
 import textwrap
-from types import TracebackType
+from types import CodeType, TracebackType
 
-_count = 0
+_numbers = itertools.count(1)
 _pending = ""
+
+
+def compile_block(text: str, name: str) -> CodeType:
+    """Code that runs the statements as if they had been typed, and shows the values of expressions."""
+    code: CodeType = compile(ast.Interactive(ast.parse(text, name).body), name, "single", dont_inherit=True)
+    return code
 
 
 def run_block(text: str) -> None:
@@ -18,14 +24,11 @@ def run_block(text: str) -> None:
 
         run_block("def f():\\n    x = 1\\n\\n    return x\\nf()")
     """
-    global _count
-    _count += 1
-    name = f"<pasted {_count}>"
+    name = f"<pasted {next(_numbers)}>"
     text = textwrap.dedent(text)
     linecache.cache[name] = len(text), None, text.splitlines(True), name
     try:
-        statements = ast.Interactive(ast.parse(text, name).body)
-        exec(compile(statements, name, "single", dont_inherit=True), __main__.__dict__)
+        exec(compile_block(text, name), __main__.__dict__)
     except Exception as error:
         ours = isinstance(error, SyntaxError) and error.filename == name
         show(error, None if ours or not error.__traceback__ else error.__traceback__.tb_next)

@@ -4,6 +4,7 @@ file. Each of it does without what it does not find."""
 import __main__
 
 import builtins
+import functools
 import os
 import sys
 from types import TracebackType
@@ -70,6 +71,7 @@ def run_startup_file() -> None:
         show(error, error.__traceback__ and error.__traceback__.tb_next)
 
 
+@functools.cache  # once
 def install() -> None:
     """Turns all of it on."""
     keep = edit_lines(candidates, "history")

@@ -1,12 +1,10 @@
 """The way into a running engine: a socket of the file system at which sonetrix-ctl and other clients run Python text.
 
 docs/remote.md describes the messages. A client has a thread that reads them and, for each text, one that runs it: so a
-text that takes its time holds up nobody, and its client can interrupt it, or leave, which interrupts it, too. One
-executor for all would make every client wait for the slowest. All are daemon threads, for which the interpreter's end
-does not wait.
+text that takes its time holds up nobody, and its client can interrupt it, or leave, which interrupts it, too. All are
+daemon threads, for which the interpreter's end does not wait.
 """
 
-import ast
 import codeop
 import contextlib
 import ctypes
@@ -21,20 +19,19 @@ import signal
 import socket
 import socketserver
 import stat
-import struct
 import sys
 import threading
 import time
 import traceback
-from collections.abc import Callable, Iterator, Mapping
+from collections.abc import Callable, Iterator
 from typing import Any
 
 from sonetrix import add_clear_callback
 
 from . import prompt, words
 from .completion import candidates
-from .ctl import Screen, Terminal, default_socket
-from .words import Refused
+from .ctl import Screen, Terminal, default_socket, is_trusted
+from .paste import compile_block
 
 __all__ = ["Terminal", "here", "listen"]
 _LONGEST = 1 << 20  # bytes of a message
@@ -156,7 +153,7 @@ class Client(socketserver.StreamRequestHandler):
 
     # Messages
 
-    def do_run(self, message: Mapping[str, Any]) -> None:
+    def do_run(self, message: dict[str, Any]) -> None:
         with self._sending:
             if self.busy:
                 raise RuntimeError("another text is running")
@@ -165,17 +162,16 @@ class Client(socketserver.StreamRequestHandler):
         self.busy, self._interrupted = True, False
         threading.Thread(target=self._work, args=(message,), daemon=True).start()
 
-    def do_input(self, message: Mapping[str, Any]) -> None:
+    def do_input(self, message: dict[str, Any]) -> None:
         self._input.put(str(message["text"]))
 
-    def do_resize(self, message: Mapping[str, Any]) -> None:
-        columns, rows, kind = message.get("screen") or (0, 0, "")
-        self._screen = (int(columns), int(rows), str(kind)) if columns else None
+    def do_resize(self, message: dict[str, Any]) -> None:
+        self._screen = message.get("screen")
 
-    def do_interrupt(self, _message: Mapping[str, Any]) -> None:
+    def do_interrupt(self, _message: dict[str, Any]) -> None:
         self.interrupt()
 
-    def do_complete(self, message: Mapping[str, Any]) -> None:
+    def do_complete(self, message: dict[str, Any]) -> None:
         self.send(matches=list(candidates(message["text"], message["word"])))
 
     # A terminal, like that of ctl.py
@@ -199,17 +195,17 @@ class Client(socketserver.StreamRequestHandler):
 
     # On the thread of a text
 
-    def _work(self, message: Mapping[str, Any]) -> None:
-        here.client, me = self, threading.get_ident()
+    def _work(self, message: dict[str, Any]) -> None:
+        here.client = self
         reply: dict[str, Any] | None = None
         while True:  # an interrupt may strike until there is no runner and none is under way
             try:
                 if reply is None:
                     reply = {"done": 130}
-                    reply = self._run(message, me)
+                    reply = self._run(**message)
                 with self._interrupting:
                     self._runner = 0
-                _raise_in(me, None)
+                _raise_in(threading.get_ident(), None)
                 break
             except KeyboardInterrupt:
                 pass
@@ -217,62 +213,50 @@ class Client(socketserver.StreamRequestHandler):
             self.send(**reply)
             self.busy = False
 
-    def _run(self, message: Mapping[str, Any], me: int) -> dict[str, Any]:
+    def _run(self, /, name: str = "<ctl>", space: str = "console", **message: Any) -> dict[str, Any]:
         try:
             with self._interrupting:
-                self._runner = me
+                self._runner = threading.get_ident()
                 if self._interrupted:
                     raise KeyboardInterrupt
-            return {"done": 0, **_execute(**message)}
+            return {"done": 0, **_execute(name, space, **message)}
         except SystemExit as error:
             if error.code is None or isinstance(error.code, int):
                 return {"done": (error.code or 0) & 0xFF}
             self.streams["stderr"].write(f"{error.code}\n")
             return {"done": 1}
         except BaseException as error:
-            self.streams["stderr"].write(_told(error, briefly=message.get("space") == "words"))
+            briefly = space == "words" and isinstance(error, words.Refused)
+            self.streams["stderr"].write(f"{error}\n" if briefly else _with_traceback(error, name))
             return {"done": 130 if isinstance(error, KeyboardInterrupt) else 1}
         finally:
             for stream in self.streams.values():
                 stream.flush()
 
 
-def _told(error: BaseException, briefly: bool) -> str:
-    if briefly and isinstance(error, Refused):
-        return f"{error}\n"
+def _with_traceback(error: BaseException, name: str) -> str:
     frames = error.__traceback__
-    while frames and frames.tb_frame.f_code.co_filename in (__file__, ast.__file__, codeop.__file__):
+    while frames and frames.tb_frame.f_code.co_filename != name:
         frames = frames.tb_next
     prompt.trim(error, frames)
     return "".join(traceback.format_exception(type(error), error, frames))
 
 
-def _execute(text: str, name: str = "<ctl>", space: str = "console", arguments: tuple[str, ...] = (),
-             line: bool = False, data: bool = False, **_: Any) -> dict[str, Any]:
+def _execute(name: str, space: str, text: str, arguments: tuple[str, ...] = (), line: bool = False, data: bool = False,
+             **_: Any) -> dict[str, Any]:
     names = {"console": vars(sys.modules["__main__"]), "words": vars(sys.modules[__package__]),
              "own": {"__name__": "__main__", "__file__": name}}[space]
     if data:
-        return {"value": plain(eval(compile(text, name, "eval", dont_inherit=True), names))}
+        value = words.text(eval(compile(text, name, "eval", dont_inherit=True), names))
+        return {"value": json.loads(json.dumps(value, default=repr))}
     if line and codeop.compile_command(text, name) is None:
         return {"more": True}
-    tree = ast.parse(text, name)
     if space == "own":
         with words.script_arguments(name, *arguments):
-            exec(compile(tree, name, "exec", dont_inherit=True), names)
+            exec(compile(text, name, "exec", dont_inherit=True), names)
     else:
-        exec(compile(ast.Interactive(tree.body), name, "single", dont_inherit=True), names)
+        exec(compile_block(text, name), names)
     return {}
-
-
-def plain(value: Any) -> Any:
-    """What JSON can say of a value: bytes become text, and what is no data its repr."""
-    if isinstance(value, bytes):
-        return value.decode(errors="replace")
-    if isinstance(value, Mapping):
-        return {str(plain(key)): plain(item) for key, item in value.items()}
-    if isinstance(value, (list, tuple, set, frozenset)):
-        return [plain(item) for item in value]
-    return value if value is None or isinstance(value, (str, int, float)) else repr(value)
 
 
 def _raise_in(thread: int, exception: type[BaseException] | None) -> None:
@@ -297,8 +281,7 @@ class _Server(socketserver.ThreadingMixIn, socketserver.UnixStreamServer):
         super().server_bind()
 
     def verify_request(self, request: Any, _address: Any) -> bool:
-        credentials = request.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("3i"))
-        return struct.unpack("3i", credentials)[1] in (0, os.getuid()) and len(self.clients) < _MOST
+        return is_trusted(request) and len(self.clients) < _MOST
 
     def handle_error(self, *_: Any) -> None:
         pass  # of a connection that is gone
@@ -322,18 +305,12 @@ class _Server(socketserver.ThreadingMixIn, socketserver.UnixStreamServer):
 
 
 def _remove_stale(path: pathlib.Path) -> None:
-    with socket.socket(socket.AF_UNIX) as probe:
-        probe.settimeout(1)
-        try:
-            probe.connect(str(path))
-        except FileNotFoundError:
-            return
-        except ConnectionRefusedError:
-            if not path.is_socket():
-                raise FileExistsError(errno.EEXIST, "there is something else than a socket", str(path)) from None
-            path.unlink()
-            return
-    raise OSError(errno.EADDRINUSE, "an engine listens there already", str(path))
+    if path.exists():
+        with socket.socket(socket.AF_UNIX) as probe:
+            probe.settimeout(1)
+            if probe.connect_ex(str(path)) != errno.ECONNREFUSED or not path.is_socket():
+                raise OSError(errno.EADDRINUSE, "an engine listens there already, or it is no socket", str(path))
+        path.unlink()
 
 
 def _private_folder(path: str) -> None:
@@ -351,9 +328,7 @@ def listen(path: str | None) -> str:
     server = _Server(os.path.abspath(path))
     _route()
     before = signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT})  # Ctrl-C is the console's, not of these threads
-    try:
-        threading.Thread(target=server.serve_forever, args=(86400,), name="sonetrix server", daemon=True).start()
-    finally:
-        signal.pthread_sigmask(signal.SIG_SETMASK, before)
+    threading.Thread(target=server.serve_forever, args=(86400,), name="sonetrix server", daemon=True).start()
+    signal.pthread_sigmask(signal.SIG_SETMASK, before)
     add_clear_callback(server.close)
     return path

@@ -1,17 +1,20 @@
 """Sessions: the graph as a script that builds it, or that changes a running graph into it."""
 
+import contextlib
 import os
 import pathlib
 import textwrap
 import time
-from collections.abc import Callable, Mapping
-from types import TracebackType
+from collections.abc import Callable, Iterator, Mapping
+from functools import partial
 
 from . import words
 from .words import Refused, Value
 
+_Values = Mapping[str, Value]
 
-class Session:
+
+class Session(contextlib.AbstractContextManager["Session"]):
     """A graph to be. At the end of its `with` block the running graph is changed into it: only what differs, and what
     stays plays on.
 
@@ -21,73 +24,65 @@ class Session:
     """
 
     def __init__(self) -> None:
-        self._plugins: dict[str, str] = {}
-        self._configurations: dict[str, Mapping[str, Value]] = {}
-        self._parameters: dict[str, Mapping[str, Value]] = {}
+        self._modules: dict[str, tuple[str, _Values]] = {}  # plugin and configuration
+        self._parameters: dict[str, _Values] = {}
         self._sources: dict[str, str] = {}  # of each linked sink
-        self._changes = 0
-        self._problems: list[str] = []
 
-    def module(self, name: str, plugin: str, parameters: Mapping[str, Value] = {},
-               configuration: Mapping[str, Value] = {}) -> None:
+    def module(self, name: str, plugin: str, parameters: _Values = {}, configuration: _Values = {}) -> None:
         """A module with the values of its parameters; the configuration is for the moment when it is made."""
-        self._plugins[name], self._configurations[name], self._parameters[name] = plugin, configuration, parameters
+        self._modules[name], self._parameters[name] = (plugin, configuration), parameters
 
-    def parameters(self, module: str, parameters: Mapping[str, Value]) -> None:
+    def parameters(self, module: str, parameters: _Values) -> None:
         """Values for a module that is there in any case, such as the driver's."""
         self._parameters[module] = parameters
 
     def link(self, source: str, sink: str) -> None:
         self._sources[sink] = source
 
-    def __enter__(self) -> "Session":
-        return self
-
-    def __exit__(self, error: type[BaseException] | None, *_: BaseException | TracebackType | None) -> None:
+    def __exit__(self, error: type[BaseException] | None, *_: object) -> None:
         if error is None:
             self.apply()
 
     def apply(self) -> None:
         """Changes the running graph. Does all that can be done, then raises with all that could not."""
+        changes, problems = 0, []
+        for change in self._changes():
+            try:
+                change()
+                changes += 1
+            except Refused as problem:
+                problems.append(f"  {problem}")
+        print(f"{changes} changes" if changes != 1 else "1 change")
+        if problems:
+            raise Refused("\n".join(["not everything could be done:", *problems]))
+
+    def _changes(self) -> Iterator[Callable[[], object]]:
+        """What is to be done, found out step by step: each is done before the next one is asked for."""
         made = {name: each["plugin"] for name, each in words.modules().items() if each["type"] == words.MADE}
-        for name, plugin in self._plugins.items():
+        for name, (plugin, configuration) in self._modules.items():
             if name in made and made[name] != plugin:
-                self._try(words.delete, name)
+                yield partial(words.delete, name)
             if made.get(name) != plugin:
-                self._try(words.create, name, plugin, **self._configurations[name])
+                yield partial(words.create, name, plugin, **configuration)
         there = words.modules()
         for name, parameters in self._parameters.items():
             for key, value in parameters.items():
                 if name in there and there[name]["parameters"].get(key) != value:
-                    self._try(words.put, f"{name}.{key}", value)
-        fed = {sink: source for source, sink in words.links(there)}
-        for sink in [each for each in fed if each not in self._sources]:
-            self._try(words.disconnect, sink)
+                    yield partial(words.put, f"{name}.{key}", value)
+        fed = words.links(there)
+        yield from (partial(words.disconnect, sink) for sink in fed if sink not in self._sources)
         for sink, source in self._sources.items():
             if fed.get(sink) != source:
-                self._try(words.connect, source, sink, replace=True)
-        for name in [each for each in made if each not in self._plugins]:
-            self._try(words.delete, name)
-        print(f"{self._changes} changes" if self._changes != 1 else "1 change")
-        if self._problems:
-            raise Refused("\n".join(["not everything could be done:", *self._problems]))
-
-    def _try(self, change: Callable[..., object], *arguments: Value, **more: Value) -> None:
-        try:
-            change(*arguments, **more)
-            self._changes += 1
-        except Refused as problem:
-            self._problems.append(f"  {problem}")
+                yield partial(words.connect, source, sink, replace=True)
+        yield from (partial(words.delete, name) for name in made if name not in self._modules)
 
 
-def _call(method: str, *arguments: object) -> str:
-    """A dict with a line for each of its items; those at the end that are empty are left out."""
-    shown = [repr(argument) for argument in arguments]
-    for index, argument in enumerate(arguments):
-        if isinstance(argument, dict) and argument:
-            shown[index] = "".join(["{\n", *(f"    {key!r}: {value!r},\n" for key, value in argument.items()), "}"])
-    while shown[-1] == "{}":
-        shown.pop()
+def _call(method: str, *names: str, **values: _Values) -> str:
+    """Values stand on lines of their own; where there are none, their name is left out."""
+    shown = [repr(name) for name in names]
+    for name, by_key in values.items():
+        lines = "".join(f"    {key!r}: {value!r},\n" for key, value in by_key.items())
+        shown += [f"{name}={{\n{lines}}}"] if lines else []
     return f"session.{method}({', '.join(shown)})"
 
 
@@ -99,10 +94,11 @@ def script() -> str:
         if module["type"] == words.MADE:
             if module["plugin"] is None:
                 raise Refused(f"the engine does not tell what {name!r} was made of")
-            calls.append(_call("module", name, module["plugin"], module["parameters"], module["configuration"]))
+            values = {kind: module[kind] for kind in ("parameters", "configuration")}
+            calls.append(_call("module", name, module["plugin"], **values))
         elif module["parameters"]:
-            calls.append(_call("parameters", name, module["parameters"]))
-    calls += [_call("link", source, sink) for source, sink in words.links(there)]
+            calls.append(_call("parameters", name, parameters=module["parameters"]))
+    calls += [_call("link", source, sink) for sink, source in words.links(there).items()]
     return (f'"""A graph, saved {time.strftime("%Y-%m-%d %H:%M:%S")}: load() changes a running one into it."""\n\n'
             "from sonetrix_console import Session\n\nwith Session() as session:\n"
             + textwrap.indent("\n".join(calls) or "pass", "    ") + "\n")
@@ -113,14 +109,10 @@ def save(path: str | os.PathLike[str]) -> None:
 
     >>> save('evening.py')
     """
-    text = script()
     file = pathlib.Path(path)
-    partial = file.with_name(f".{file.name}.{os.getpid()}")
-    try:
-        partial.write_text(text, encoding="utf-8")
-        partial.replace(file)
-    finally:
-        partial.unlink(missing_ok=True)
+    partial_file = file.with_name(f".{file.name}.{os.getpid()}")
+    partial_file.write_text(script(), encoding="utf-8")
+    partial_file.replace(file)
 
 
 def load(path: str | os.PathLike[str]) -> None:

@@ -20,34 +20,25 @@ def _live(frame: Callable[[int], list[str]], seconds: float) -> None:
     from .server import Terminal, here  # only now: it takes some milliseconds
 
     terminal = here.client or Terminal()
-    before = terminal.screen()
-    if before is None:
+    if (before := terminal.screen()) is None:
         print(*(line.rstrip() for line in frame(80)), sep="\n")
         return
-    height, dumb = 0, before[2] == "dumb"
+    back, dumb = "", before[2] == "dumb"
     stream = sys.stdout if here.client else sys.__stdout__  # ours alone: that of the console holds others' output back
-
-    def write(text: str) -> None:
-        assert stream is not None
-        stream.write(text)
-        stream.flush()
-
-    with (contextlib.suppress(KeyboardInterrupt), terminal.keys() as typed, held() as come_meanwhile,
-          contextlib.ExitStack() as at_end):
-        if not dumb:
-            at_end.callback(write, "\x1b[?25h")
+    assert stream is not None
+    with contextlib.suppress(KeyboardInterrupt), terminal.keys() as typed, held() as come_meanwhile:
         while engine.isRunning() and (screen := terminal.screen()):
             lines = [line[: screen[0] - 1] for line in frame(screen[0] - 1)][: screen[1] - 1]
-            back = f"\x1b[{height}A" if height else ""
-            if screen != before:
-                back = "\x1b[H\x1b[2J"  # nobody knows how the terminal has wrapped the lines from before
             above = come_meanwhile().decode(errors="replace")
             if dumb:
-                write(above + "\n".join([*lines, "", ""]))
+                stream.write(above + "\n".join([*lines, "", ""]))
             else:
+                if screen != before:  # nobody knows how the terminal has wrapped the lines from before
+                    back = "\x1b[H\x1b[2J"
                 above = above and f"\x1b[J{above}"
-                write(f"\x1b[?25l\r{back}{above}" + "".join(f"{line}\x1b[K\n" for line in lines) + "\x1b[J")
-            before, height = screen, len(lines)
+                stream.write(f"\r{back}{above}" + "".join(f"{line}\x1b[K\n" for line in lines) + "\x1b[J")
+            stream.flush()
+            before, back = screen, f"\x1b[{len(lines)}A"
             keys = typed(max(seconds, 2.0 * dumb))
             if keys is not None and (not keys or set(keys) & set("qQ\x03\x04")):
                 break
@@ -98,13 +89,12 @@ def levels(pattern: str = "") -> dict[str, Any]:
     {'system.playback_1': {'peak': 0.5, 'mean': 0.125}}
     """
     found: dict[str, Any] = {}
-    for key, value in engine.getLastMeter("", engine.METER_SLOW).toDict().items():
-        name = text(key)
+    for name, value in text(engine.getLastMeter("", engine.METER_SLOW).toDict()).items():
         port, _, kind = name.rpartition(".")
         if pattern in name and kind in ("peak", "mean"):
             found.setdefault(port, {})[kind] = value
         elif pattern in name:
-            found[name] = text(value)
+            found[name] = value
     return found
 
 

@@ -1,6 +1,5 @@
 """Short words for the prompt and for scripts. They take and give `str`, and say why when something cannot be done."""
 
-import collections
 import contextlib
 import contextvars
 import ctypes
@@ -8,25 +7,17 @@ import difflib
 import os
 import pathlib
 import sys
-from collections.abc import Iterable, Iterator, Sequence
-from typing import Any, Literal, TypeAlias, TypedDict
+import types
+from collections.abc import Iterable, Iterator, Mapping, Sequence
+from typing import Any, TypeAlias
 
 import sonetrix
 from sonetrix import engine, listKeyValue
 
 Value: TypeAlias = int | float | str | tuple[int, ...] | tuple[float, ...]
-
-
-class ModuleState(TypedDict):
-    """A module as state() shows it; its parameters and controls without the module's name, its ports with it."""
-
-    type: int
-    plugin: str | None
-    library: str | None
-    configuration: dict[str, Value]
-    parameters: dict[str, Value]
-    sources: dict[str, list[str]]  # the sinks that each feeds
-    sinks: dict[str, str | None]  # the source that feeds it
+# A module as state() shows it: parameters and controls without the module's name, ports with it; of each source the
+# sinks that it feeds, of each sink the source that feeds it.
+ModuleState: TypeAlias = dict[str, Any]
 
 
 class Refused(Exception):
@@ -53,15 +44,18 @@ _made_of: dict[str, str] = {}  # the plugins of modules, for engines that do not
 _spaces: dict[str, dict[str, Any]] = {}  # of files that were run: what they have made lives in there
 
 
-def text(value: Any, kind: str = "") -> Any:
-    """A value of the engine with `str` for `bytes`, and a float of 32 bits as short as it can be written."""
+def text(value: Any) -> Any:
+    """A value of the engine, and all within it, with `str` for `bytes` and floats of 32 bits as short as can be."""
     if isinstance(value, bytes):
         return value.decode(errors="replace")
-    if isinstance(value, tuple):
-        return tuple(text(element, kind.removeprefix("a")) for element in value)
-    if kind == "float" and isinstance(value, float):
+    if isinstance(value, float):
         shorter = (float(f"{value:.{digits}g}") for digits in range(1, 9))
         return next((short for short in shorter if ctypes.c_float(short).value == value), value)
+    if isinstance(value, Mapping):
+        return {text(key): text(element) for key, element in value.items()}
+    if isinstance(value, (list, tuple)):
+        elements = [text(element) for element in value]
+        return elements if isinstance(value, list) else tuple(elements)
     return value
 
 
@@ -70,20 +64,25 @@ def names(of: Iterable[bytes]) -> list[str]:
     return [name.decode(errors="replace") for name in of]
 
 
-def _parameters(key: str) -> dict[str, Value]:
-    return {text(name): text(*typed) for name, typed in engine.getParam(key).toDictType().items()}
+def _parameters(key: str) -> dict[str, Any]:
+    return dict(text(engine.getParam(key).toDict()))
 
 
 def parameter_names() -> list[str]:
     """The names of all parameters, those of plugins left out."""
-    keys = [key for module in engine.getModuleInfos() for key in module["param"]]
-    return names([*keys, *engine.getParam("engine.").toDict()])
+    return names(engine.getParam(("engine.", *(name + b"." for name in engine.getModuleNames()))).toDict())
 
 
-def unknown(what: str, name: str, known: Iterable[str]) -> Unknown:
-    """The error for a name that does not exist, with the one that may have been meant."""
-    near = "".join(f"; did you mean {other!r}?" for other in difflib.get_close_matches(name, list(known), 1))
-    return Unknown(f"there is no {what} {name!r}{near}")
+def _check_known(what: str, name: str, known: Iterable[str]) -> None:
+    """Raises, with the name that may have been meant."""
+    if name not in (known := list(known)):
+        near = "".join(f"; did you mean {other!r}?" for other in difflib.get_close_matches(name, known, 1))
+        raise Unknown(f"there is no {what} {name!r}{near}")
+
+
+def _check_done(status: int, what: str) -> None:
+    if status:
+        raise Refused(f"the engine refuses to {what} (status {status})")
 
 
 def get(key: str) -> Any:
@@ -96,11 +95,9 @@ def get(key: str) -> Any:
     """
     found = _parameters(key)
     if key.endswith("."):
-        if not found and key[:-1] not in names(engine.getModuleNames()):
-            raise unknown("module", key[:-1], names(engine.getModuleNames()))
+        _check_known("module", key[:-1], names(engine.getModuleNames()) if not found else [key[:-1]])
         return found
-    if key not in found:
-        raise unknown("parameter", key, parameter_names())
+    _check_known("parameter", key, found or parameter_names())
     return found[key]
 
 
@@ -109,10 +106,9 @@ def put(key: str, value: Value) -> None:
 
     >>> put('gain.gain', 1)
     """
-    current = engine.getParam(key).toDictType().get(key.encode())
-    if current is None:
-        raise unknown("parameter", key, parameter_names())
-    if not engine.setParams(_entry(key, value, current[1])).toDict():
+    typed = engine.getParam(key).toDictType()
+    _check_known("parameter", key, names(typed) or parameter_names())
+    if not engine.setParams(_entry(key, value, typed[key.encode()][1])).toDict():
         raise Refused(f"the engine refuses {key} = {value!r}{_reason(key)}")
 
 
@@ -121,7 +117,7 @@ def _entry(key: str, value: Any, kind: str) -> listKeyValue:
     try:
         if kind in _SELECTORS:
             value = tuple(map(number, value))
-        elif kind != "string" and number(value) == value:
+        elif kind != "string" and (isinstance(value, str) or number(value) == value):
             value = number(value)
         return listKeyValue().append(key, value, _SELECTORS.get(kind, kind))
     except Exception:  # append's own are not of a narrower kind
@@ -130,8 +126,7 @@ def _entry(key: str, value: Any, kind: str) -> listKeyValue:
 
 def _reason(key: str) -> str:
     module, _, control = key.partition(".")
-    plugin = _parameters(f"{module}.plugin").get(f"{module}.plugin")
-    limits = describe(str(plugin)).get(control, {})
+    limits = describe(_parameters(f"{module}.plugin").get(f"{module}.plugin", "")).get(control, {})
     return f": it takes {_range(limits)} {limits.get('unit', '')}".rstrip() if _range(limits) else ""
 
 
@@ -154,22 +149,21 @@ def describe(plugin: str) -> dict[str, dict[str, Any]]:
 def modules() -> dict[str, ModuleState]:
     """The modules of the graph, the driver's among them."""
     found: dict[str, ModuleState] = {}
-    for module in engine.getModuleInfos():
-        name = text(module["name"])
+    for module in text(engine.getModuleInfos()):
+        name = module["name"]
         parameters = {key.removeprefix(f"{name}."): value for key, value in _parameters(f"{name}.").items()}
-        configuration = module.get("configuration", {}).items()
         found[name] = {
             "type": module["type"],
-            "plugin": text(parameters.pop("plugin", _made_of.get(name))),
-            "library": text(module.get("library")),
-            "configuration": {text(key): text(value, "float") for key, value in configuration},
+            "plugin": parameters.pop("plugin", _made_of.get(name)),
+            "library": module.get("library"),
+            "configuration": module.get("configuration", {}),
             "parameters": parameters,
-            "sources": {text(port["name"]): [] for port in module.get("src", ())},
-            "sinks": {text(port["name"]): text(port.get("link")) for port in module.get("sink", ())},
+            "sources": {port["name"]: [] for port in module.get("src", ())},
+            "sinks": {port["name"]: port.get("link") for port in module.get("sink", ())},
         }
-    sources = {port: sinks for module in found.values() for port, sinks in module["sources"].items()}
-    for source, sink in links(found):
-        sources.setdefault(source, []).append(sink)
+    for sink, source in links(found).items():
+        for module in found.values():
+            module["sources"].get(source, []).append(sink)
     return found
 
 
@@ -183,19 +177,18 @@ def state() -> dict[str, Any]:
     return {"driver": driver, "rate": engine.getFrameRate() if driver else 0, "modules": modules()}
 
 
-def links(of: dict[str, ModuleState]) -> list[tuple[str, str]]:
-    """The links among modules: source and sink of each."""
-    return [(source, sink) for module in of.values() for sink, source in module["sinks"].items() if source]
+def links(of: dict[str, ModuleState]) -> dict[str, str]:
+    """The links among modules: of each linked sink its source."""
+    return {sink: source for module in of.values() for sink, source in module["sinks"].items() if source}
 
 
-def _ports(name: str, of: dict[str, ModuleState], *kinds: Literal["sources", "sinks"]) -> list[str]:
+def _ports(name: str, of: dict[str, ModuleState], *kinds: str) -> list[str]:
     """The module's ports of these kinds in order, or the port alone."""
     if name in of:
         return [port for kind in kinds for port in of[name][kind]]
-    ports = [port for module in of.values() for kind in kinds for port in module[kind]]
-    if name not in ports:
-        what = kinds[0].removesuffix("s") if len(kinds) == 1 else "port"
-        raise unknown(f"module or {what}", name, [*of, *ports])
+    what = kinds[0].removesuffix("s") if len(kinds) == 1 else "port"
+    ports = (port for module in of.values() for kind in kinds for port in module[kind])
+    _check_known(f"module or {what}", name, [*of, *ports])
     return [name]
 
 
@@ -210,7 +203,7 @@ def connect(source: str, sink: str, replace: bool = False) -> list[tuple[str, st
     sources, sinks = _ports(source, there, "sources"), _ports(sink, there, "sinks")
     if not sources or not sinks:
         raise Refused(f"{source!r} has no sources" if not sources else f"{sink!r} has no sinks")
-    fed = {old: by for by, old in links(there)}
+    fed = links(there)
     pairs = zip(sources * len(sinks) if len(sources) == 1 else sources, sinks)
     new = [(by, port) for by, port in pairs if fed.get(port) != by]
     taken = [f"{port} by {fed[port]}" for _, port in new if port in fed]
@@ -219,14 +212,12 @@ def connect(source: str, sink: str, replace: bool = False) -> list[tuple[str, st
     for by, port in new:
         if port in fed:
             _unlink(port)
-        if status := engine.link(by, port):
-            raise Refused(f"the engine refuses to link {by!r} to {port!r} (status {status})")
+        _check_done(engine.link(by, port), f"link {by!r} to {port!r}")
     return new
 
 
-def _unlink(port: str) -> None:
-    if status := engine.link(port):
-        raise Refused(f"the engine refuses to unlink {port!r} (status {status})")
+def _unlink(sink: str) -> None:
+    _check_done(engine.link(sink), f"unlink {sink!r}")
 
 
 def disconnect(first: str, second: str | None = None) -> list[tuple[str, str]]:
@@ -237,9 +228,9 @@ def disconnect(first: str, second: str | None = None) -> list[tuple[str, str]]:
     """
     there = modules()
     ends = [set(_ports(name, there, "sources", "sinks")) for name in (first, second) if name is not None]
-    removed = [link for link in links(there) if all(ports & set(link) for ports in ends)]
-    for _, sink in removed:
-        _unlink(sink)
+    removed = [(by, port) for port, by in links(there).items() if all(ports & {by, port} for ports in ends)]
+    for _, port in removed:
+        _unlink(port)
     return removed
 
 
@@ -248,15 +239,12 @@ def create(name: str, plugin: str, **configuration: Value) -> None:
 
     >>> create('tone', 'sine_fcac', frequency=440)
     """
-    entries = listKeyValue()
-    entries.appendFromDict(configuration)
-    if status := engine.newModule(name, plugin, entries if configuration else None):
-        available = names(engine.listAvailableModules())
-        if plugin not in available:
-            raise unknown("plugin", plugin, available)
+    entries = listKeyValue().appendFromDict(configuration) if configuration else None
+    if status := engine.newModule(name, plugin, entries):
+        _check_known("plugin", plugin, names(engine.listAvailableModules()))
         if name in names(engine.getModuleNames()):
             raise Refused(f"there is a module {name!r} already")
-        raise Refused(f"the engine refuses to make {name!r} from {plugin!r} (status {status})")
+        _check_done(status, f"make {name!r} from {plugin!r}")
     _made_of[name] = plugin
 
 
@@ -266,9 +254,8 @@ def delete(name: str) -> None:
     >>> delete('tone')
     """
     if status := engine.delModule(name):
-        if name not in names(engine.getModuleNames()):
-            raise unknown("module", name, names(engine.getModuleNames()))
-        raise Refused(f"the engine refuses to delete {name!r} (status {status})")
+        _check_known("module", name, names(engine.getModuleNames()))
+        _check_done(status, f"delete {name!r}")
     _made_of.pop(name, None)
 
 
@@ -294,15 +281,12 @@ def graph() -> None:
     └─ output     -> gain:input
     """
     for name, module in modules().items():
-        rows: list[tuple[str, object]] = list(module["parameters"].items())
+        rows = list(module["parameters"].items())
         rows += [(port.partition(":")[2], f"<- {by or 'nothing'}") for port, by in module["sinks"].items()]
         rows += [(port.partition(":")[2], f"-> {', '.join(to) or 'nothing'}") for port, to in module["sources"].items()]
         print(f"{name}  {module['plugin'] or (module['library'] or '').rpartition('/')[2]}".rstrip())
-        lines = columns(rows)
-        for line in lines[:-1]:
-            print(drawn("├─", "|-"), line)
-        for line in lines[-1:]:
-            print(drawn("└─", "`-"), line)
+        for number, line in enumerate(columns(rows), 1):
+            print(drawn("├─", "|-") if number < len(rows) else drawn("└─", "`-"), line)
 
 
 def plugins(word: str = "") -> None:
@@ -311,8 +295,8 @@ def plugins(word: str = "") -> None:
     >>> plugins('reverb')
     plate  Plate reverb
     """
-    titles = {key.split(".")[1]: str(title) for key, title in _parameters("plugins.").items() if key.endswith(".title")}
-    found = sorted((name, titles.get(name, "")) for name in names(engine.listAvailableModules()))
+    titles = _parameters("plugins.")
+    found = sorted((name, titles.get(f"plugins.{name}.title", "")) for name in names(engine.listAvailableModules()))
     for line in columns([entry for entry in found if word.lower() in " ".join(entry).lower()]):
         print(line)
 
@@ -328,18 +312,16 @@ def info(name: str) -> None:
       frequency  0 to 24000  Hz    440
       amplitude  at least 0        1
     """
-    there, available = modules(), names(engine.listAvailableModules())
+    there = modules()
     module = there.get(name)
+    _check_known("module or plugin", name, [*there, *names(engine.listAvailableModules())])
     plugin = module["plugin"] if module else name
-    if not module and name not in available:
-        raise unknown("module or plugin", name, [*there, *available])
     described = describe(plugin) if plugin else {}
     about = described.pop("", {})
     heading = f"{name}, of {plugin}" if module and plugin else name
     print(f"{heading}: {about['title']}" if about.get("title") else heading)
-    sides: tuple[Literal["sinks", "sources"], ...] = ("sinks", "sources")
-    for side in sides:
-        ports = list(module[side]) if module else str(about.get(side, "")).split()
+    for side in ("sinks", "sources"):
+        ports = list(module[side]) if module else about.get(side, "").split()
         print(f"  {side}: {', '.join(ports) or 'none'}")
     values = module["parameters"] if module else {}
     rows: list[Sequence[object]] = [("control", "value" if module else "", "range", "unit", "default")]
@@ -350,31 +332,29 @@ def info(name: str) -> None:
         print(" ", line)
 
 
-_arguments = contextvars.ContextVar[list[str]]("arguments")
+_arguments = contextvars.ContextVar[list[str] | None]("arguments", default=None)  # of the script that a thread runs
 
 
-class _Arguments(collections.UserList[str]):
-    """In the place of sys.argv: for each thread the arguments of the script that it runs, else the program's own."""
-
-    def __init__(self, own: list[str]) -> None:
-        self._own = own
+class _Sys(types.ModuleType):
+    """The module sys, for each thread with the `argv` of its own: scripts may run at the same time."""
 
     @property
-    def data(self) -> list[str]:  # type: ignore[override]
-        return _arguments.get(self._own)
+    def argv(self) -> list[str]:
+        script: list[str] | None = _arguments.get()
+        return vars(self).get("argv", []) if script is None else script
 
-    def __getitem__(self, index: Any) -> Any:
-        return self.data[index]
-
-    def __reduce__(self) -> Any:
-        return list, (self.data,)
+    @argv.setter
+    def argv(self, value: list[str]) -> None:
+        if _arguments.get() is None:
+            vars(self)["argv"] = value
+        else:
+            _arguments.set(value)
 
 
 @contextlib.contextmanager
 def script_arguments(*given: str) -> Iterator[None]:
-    """Scripts may run at the same time: these are sys.argv for what this thread does meanwhile."""
-    if not isinstance(sys.argv, _Arguments):
-        setattr(sys, "argv", _Arguments(sys.argv))
+    """These are sys.argv for what this thread does meanwhile."""
+    setattr(sys, "__class__", _Sys)
     token = _arguments.set(list(given))
     try:
         yield

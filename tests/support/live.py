@@ -7,13 +7,17 @@ import tempfile
 import unittest
 from unittest import mock
 
-from . import SANITIZER, SLOWNESS, programs, sound
+from . import BUILD, SANITIZER, SLOWNESS, programs, sound
 
 SANITIZED = bool(SANITIZER)
+PLUGINS = BUILD / "tests" / "plugins"
 
 PRELUDE = f"""\
 import concurrent.futures, ctypes, errno, gc, os, random, signal, struct, sys, threading
 SLOWNESS = {SLOWNESS}
+process = ctypes.CDLL(None)
+process.sonetrix_engineGet.restype = process.sonetrix_engine_addTimer.restype = ctypes.c_void_p
+handle = ctypes.c_void_p(process.sonetrix_engineGet())
 
 def wait_for(condition):
     end = time.monotonic() + 30 * SLOWNESS

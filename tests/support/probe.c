@@ -1,12 +1,32 @@
 /* LADSPA plugins that tell how a host treats them. "probe": what its control was when it was activated, whether the
  * host was ever in two of the library's functions at once, and, where the control is negative, a sound that is not a
- * number. With PROBE_UNLABELLED in the environment the library has a second plugin, which has no label. */
+ * number. With PROBE_UNLABELLED in the environment the library has a second plugin, which has no label.
+ *
+ * Preloaded, it starves the thread of a name that a test sets: two allocations fail, then all is as before. */
 
+#define _GNU_SOURCE
 #include <ladspa.h>
 #include <math.h>
+#include <pthread.h>
 #include <stdatomic.h>
 #include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
+
+extern void *__libc_malloc(size_t size);
+
+char starving[16];
+
+void *malloc(size_t size) {
+    static int failed;
+    char name[sizeof starving];
+    if (*starving == '\0' || pthread_getname_np(pthread_self(), name, sizeof name) != 0 || strcmp(name, starving) != 0)
+        return __libc_malloc(size);
+    failed = !failed;
+    if (!failed)
+        *starving = '\0';
+    return NULL;
+}
 
 enum { CONTROL, ACTIVATED, OVERLAPS, OUTPUT, PORTS };
 struct Probe {
