@@ -40,8 +40,7 @@ _IMPORT_FROM = re.compile(r"\s*from\s+([\w.]+)\s+import\s+(?:\w+\s*,\s*)*(\w*)$"
 
 
 def open_string(line: str) -> tuple[str, int, str, str] | None:
-    """Of the string that the line ends within: the call that it stands in, the number of the argument, the quote, the
-    text so far.
+    """Of the string that the line ends within: its call, the number of the argument, the quote, the text so far.
 
     >>> open_string("engine.link('tone:output', 'ga")
     ('link', 1, "'", 'ga')

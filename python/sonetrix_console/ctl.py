@@ -127,7 +127,6 @@ class Connection:
         self._keys = contextlib.ExitStack()
         self._typed: Callable[[], str | None] | None = None  # while keys or a line are wanted
         self._received = b""
-        self._interrupts = 0
 
     def send(self, **message: Any) -> None:
         self._socket.sendall(json.dumps(message).encode() + b"\n", socket.MSG_NOSIGNAL)
@@ -137,7 +136,7 @@ class Connection:
             watched: list[socket.socket | int] = [self._socket, *([0] if self._typed else [])]
             ready, _, _ = select.select(watched, [], [])
             if self._typed and 0 in ready:
-                self._type()
+                self.send(do="input", text=self._typed() or "")
             if self._socket in ready:
                 self._received += self._socket.recv(65536) or self._end()
         line, _, self._received = self._received.partition(b"\n")
@@ -146,24 +145,25 @@ class Connection:
 
     def run(self, text: str, **options: Any) -> dict[str, Any]:
         """The engine's last word on the text. Ctrl-C interrupts the text, a second one gives it up."""
-        self._interrupts = 0
-        signal.signal(signal.SIGINT, lambda *_: self._interrupt())
+        signal.signal(signal.SIGINT, self._interrupt)
         signal.signal(signal.SIGWINCH, lambda *_: self.send(do="resize", screen=self.terminal.screen()))
+        self._typed = None
         try:
             self.send(do="run", text=text, screen=self.terminal.screen(), **options)
-            while "done" not in (message := self.receive()):
-                self._obey(message)
+            with self._keys:
+                while "done" not in (message := self.receive()):
+                    self._obey(message)
             return message
         finally:
-            self._keys.close()
-            self._typed = None
-            signal.signal(signal.SIGWINCH, signal.SIG_DFL)
             signal.signal(signal.SIGINT, signal.default_int_handler)
+
+    def _interrupt(self, *_: object) -> None:
+        signal.signal(signal.SIGINT, signal.default_int_handler)
+        self.send(do="interrupt")
 
     def complete(self, line: str, word: str) -> list[str]:
         self.send(do="complete", text=line, word=word)
-        matches: list[str] = self.receive().get("matches", [])
-        return matches
+        return list(self.receive().get("matches", []))
 
     def watch(self) -> None:
         """From now on the engine's end is noticed at once, also while a line is being typed."""
@@ -189,26 +189,13 @@ class Connection:
         if "read" in message:
             self._typed = self._line
             if not sys.stdin.isatty():  # what is there already has perhaps been read
-                self._type()
+                self.send(do="input", text=self._line())
         if "error" in message:
             raise SystemExit(f"sonetrix-ctl: {message['error']}")
 
     def _line(self) -> str:
         self._typed = None
         return sys.stdin.readline()
-
-    def _type(self) -> None:
-        text = self._typed() if self._typed else None
-        self.send(do="input", text=text or "")
-        if text == "\x03":
-            self._interrupt(send=False)
-
-    def _interrupt(self, send: bool = True) -> None:
-        self._interrupts += 1
-        if self._interrupts > 1:
-            raise KeyboardInterrupt
-        if send:
-            self.send(do="interrupt")
 
 
 def show(value: Any, path: str) -> None:

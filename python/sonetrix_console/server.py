@@ -1,8 +1,8 @@
 """The way into a running engine: a socket of the file system at which sonetrix-ctl and other clients run Python text.
 
 docs/remote.md describes the messages. A client has a thread that reads them and, for each text, one that runs it: so a
-text that takes its time holds up nobody, and its client can interrupt it, or leave, which interrupts it, too. All are
-daemon threads, for which the interpreter's end does not wait.
+text that takes its time holds up nobody, and its client can interrupt it, or leave, which interrupts it, too. All
+are daemon threads, for which the interpreter's end does not wait.
 """
 
 import codeop

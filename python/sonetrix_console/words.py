@@ -277,7 +277,6 @@ def graph() -> None:
     >>> graph()
     tone  sine_fcac
     ├─ frequency  440
-    ├─ amplitude  0.5
     └─ output     -> gain:input
     """
     for name, module in modules().items():
@@ -306,11 +305,8 @@ def info(name: str) -> None:
 
     >>> info('sine_fcac')
     sine_fcac: Sine Oscillator (Freq:control, Amp:control)
-      sinks: none
-      sources: output
-      control    range       unit  default
+      ...
       frequency  0 to 24000  Hz    440
-      amplitude  at least 0        1
     """
     there = modules()
     module = there.get(name)
@@ -363,8 +359,7 @@ def script_arguments(*given: str) -> Iterator[None]:
 
 
 def run(path: str | os.PathLike[str], *arguments: str) -> None:
-    """Runs a file in a namespace of its own. What it makes there, timers and notifications, stays until the file is run
-    again.
+    """Runs a file in a namespace of its own. What it makes there stays until the file is run again.
 
     >>> run('examples/level_meter.py', '2')
     """
