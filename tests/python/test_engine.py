@@ -1,5 +1,5 @@
-"""The development engine, by scripts that run in it: what is heard after each edit, timers, meters, the log, rendering,
-and that it bears many threads, little memory, processes that fork and processes that leave.
+"""The development engine, by scripts that run in it: what is heard after edits, timers, meters, the log, rendering, and
+that it bears many threads, little memory, processes that fork and processes that leave.
 """
 # ctest: timeout=240
 
@@ -16,15 +16,12 @@ from support.live import CHAIN
 BLOCK_AT_100_HZ = cmath.exp(-2j * math.pi * 100 * 256 / 48000)
 # Python that edits the graph, then what is heard: (frequency, amplitude) on the left and on the right.
 EDITS = [
-    ("engine.link('gain:output', 'system:playback_2'); write('tone.frequency', 1000.0)", (1000, 0.25), (1000, 0.25)),
-    ("engine.link('gain:output', '')", None, None),
-    ("engine.link('tone:output', 'system:playback_2')", None, (1000, 0.5)),
-    ("engine.link('system:playback_2'); engine.link('gain:output', 'system:playback_2')", None, (1000, 0.25)),
-    ("engine.delModule('gain')", None, None),
-    ("new('gain', 'amp_mono', gain=2.0)", None, None),  # a new module has none of the old one's links
-    ("engine.link('gain:output', 'system:playback_1'); engine.link('tone:output', 'gain:input')", (1000, 1), None),
-    ("new('low', 'sine_fcac', frequency=100.0, amplitude=0.25); engine.link('gain:input')", None, None),
-    ("new('mixer', 'mixer'), new('half', 'amp_mono', gain=0.5), engine.link('low:output', 'mixer:input_1'), "
+    ("engine.link('system:playback_1'); engine.link('gain:output', 'system:playback_2')", None, (440, 0.25)),
+    ("engine.delModule('gain'), new('gain', 'amp_mono', gain=2.0)", None, None),  # none of the old one's links
+    ("engine.link('gain:output', 'system:playback_1'); engine.link('tone:output', 'gain:input')", (440, 1), None),
+    ("engine.link('tone:output'); engine.link('tone:output', 'system:playback_2')", None, (440, 0.5)),
+    ("new('low', 'sine_fcac', frequency=100.0, amplitude=0.25), new('mixer', 'mixer'), new('half', gain=0.5), "
+     "engine.link('system:playback_2'), engine.link('low:output', 'mixer:input_1'), "
      "engine.link('mixer:output', 'half:input'), engine.link('mixer:output', 'system:playback_2'), "
      "engine.link('half:output', 'mixer:input_2')", None, (100, 0.25 / abs(1 - 0.5 * BLOCK_AT_100_HZ))),
     ("[engine.delModule(name) for name in engine.getModuleNames()]", None, None),
@@ -35,32 +32,27 @@ class Audio(live.LiveTest):
     def test_each_edit(self):
         _, heard = self.record(CHAIN + "".join(f"{edit}\nrun(0.25)\n" for edit, *_ in EDITS),
                                "--offline", 0.25 * len(EDITS))
-        self.assertAlmostEqual(heard.seconds, 0.25 * len(EDITS))
+        self.assertEqual(len(heard.channels[0]), 12000 * len(EDITS))
         for index, (edit, *expected) in enumerate(EDITS):
-            part = heard.part(index / 4 + 0.02, (index + 1) / 4)
             for channel, tone in enumerate(expected):
                 with self.subTest(edit, channel=channel):
-                    self.assert_tone(part, *(tone or (0, 0)), channel)
+                    self.assert_tone(heard.part(index / 4 + 0.02, (index + 1) / 4), *(tone or (0, 0)), channel)
 
     def test_threads_edit_at_random_and_the_sound_has_no_gap(self):
         printed, heard = self.record(CHAIN + """
 import shutil
-engine.listAvailableModules()  # so that they have been looked for
-REFUSALS = {0, *(-number for number in (errno.EINVAL, errno.ENOENT, errno.EEXIST, errno.EBUSY))}
-edits, looks, end = [0, 0], [0], time.monotonic() + 2.5
+edits, end = [], time.monotonic() + 2.5
 
-def edit(thread):
-    pick = random.Random(thread)
+def edit(seed):
+    pick = random.Random(seed)
     name = lambda: f"m{pick.randrange(12)}"  # both threads use the same ones
     port = lambda other: pick.choice([name() + ":input", name() + ":output", other])
     while time.monotonic() < end:
-        status = pick.choice([
+        edits.append(pick.choice([
             lambda: new(name(), pick.choice(["amp_mono", "amp_stereo", "delay_5s", "no_such_plugin"])),
             lambda: engine.delModule(name()), lambda: engine.link(port("system:playback_2")),
-            lambda: engine.link(port("tone:output"), port("system:playback_2"))])()
-        assert status in REFUSALS, status
+            lambda: engine.link(port("tone:output"), port("system:playback_2"))])())
         write(name() + ".gain", pick.random())
-        edits[thread] += 1
 
 def look():
     while time.monotonic() < end:
@@ -68,26 +60,23 @@ def look():
         sources = {port["name"] for info in infos for port in info["src"]}
         assert all(port.get("link", b"system:capture_1") in sources for info in infos for port in info["sink"]), infos
         assert all(type(usage["absolute"]) is float for usage in engine.getUsageInfo().values())
-        looks[0] += 1
 
 in_threads(lambda: edit(0), lambda: edit(1), look)
 shutil.copy("recording.wav", "killed.wav")  # what would be there if the process were killed now
-assert min(edits) > 1000 / SLOWNESS ** 2 and looks[0] > 20, (edits, looks)
+assert {*edits} == {0, -errno.EINVAL, -errno.ENOENT, -errno.EEXIST, -errno.EBUSY}, {*edits}
 for name in engine.getModuleNames()[3:]:
     engine.delModule(name)
 time.sleep(0.3)
 memory.inspect()
 """)
-        self.assertGreater(sound.read("killed.wav").seconds, 1)
-        self.assert_tone(heard.part(-0.5), 440, 0.25)
-        left = heard.channels[0]
-        begins = next(index for index, sample in enumerate(left) if sample)
-        steepest = max(abs(b - a) for a, b in zip(left[begins:], left[begins + 1:]))
-        self.assertLess(steepest, 1.1 * 0.25 * 2 * math.pi * 440 / heard.rate)
-        self.assertLess(int(re.search(r"live +(\d+) bytes", printed)[1]), 10_000)  # a buffer has a thousand
+        self.assertGreater(len(sound.read("killed.wav").channels[0]), heard.rate)
+        self.assert_tone(heard.part(-2), 440, 0.25)
+        self.assertLess(heard.part(-2).sharpest_bend(), 0.001)
+        self.assertLess(int(re.search(r"live +(\d+) bytes", printed)[1]), 10_000)  # each buffer has a thousand
 
     def test_timers_go_by_rendered_time_also_slow_ones_and_waiting_renders_to_the_end(self):
         refused = r"WARN  engine: cannot set .*: rendering waits for this timer\n"
+        slow = r"WARN  timers.h:\d+: the callback of a timer of 0.4 s has taken [01].\d s; other timers .* for it: 2\n"
         printed, heard = self.record(CHAIN + """
 write("gain.gain", 0.0)
 calls = []
@@ -99,11 +88,9 @@ def pause():
     assert write("engine.offline.run", 0.1) == {}
 timers = [engine.addTimer(10, step), *(engine.addTimer(400, call) for call in (pause, int))]
 engine.waitUntilEnd()
-print(len(calls), read("engine.offline.left"))
-""", "--offline", 1, "--log-level", "warn", log=re.compile(
-            refused + r"WARN  timers.h:\d+: the callback of a timer of 0.4 s has taken [01].\d s; "
-            r"other timers that waited for it: 2\n" + refused))
-        self.assertEqual(printed, "99 {b'engine.offline.left': (0.0, 'double')}\n")
+print(len(calls), value("engine.offline.left"))
+""", "--offline", 1, "--log-level", "warn", log=refused + slow + refused)
+        self.assertEqual(printed, "99 0.0\n")
         for second in 0.25, 0.5, 0.9:
             self.assertAlmostEqual(heard.part(second, second + 0.01).amplitudes()[0], 0.5 * second, delta=0.01)
 
@@ -115,10 +102,9 @@ print(len(calls), read("engine.offline.left"))
 
 
 class Threads(live.LiveTest):
-    @unittest.skipIf(live.SANITIZED, "looks at pauses of microseconds, and at memory that a sanitizer does not lock")
+    @unittest.skipIf(support.SANITIZER, "looks at pauses of microseconds and at locked memory")
     def test_they_leave_the_processor_and_signals_to_others_and_memory_is_locked(self):
         print(self.run_live(r"""
-import re, resource
 def facts(thread):
     with open(f"/proc/self/task/{thread}/status") as file:
         return dict(re.findall(r"(\w+):\s+(\S+)", file.read()))
@@ -127,9 +113,8 @@ threads = {status["Name"]: status for status in map(facts, os.listdir("/proc/sel
 ending = sum(1 << number - 1 for number in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM))
 free = [name for name, status in threads.items() if int(status["SigBlk"], 16) & ending != ending]
 assert free == [program["Name"]] and len(threads) == 9, (free, threads)
-if int(program["CapEff"], 16) >> 14 & 1 or resource.getrlimit(resource.RLIMIT_MEMLOCK) == (-1, -1):
-    assert int(program["VmLck"]) > 10_000, program["VmLck"]
-else:
+if int(program["VmLck"]) < 10_000:
+    assert process.mlockall(1) != 0, "memory could have been locked"
     print("that memory is locked is NOT tested: it is not permitted here")
 assert all(new(f"m{index}") == 0 for index in range(2000))  # always too slow
 audio = threads["sonetrix-audio"]["Pid"]
@@ -141,14 +126,13 @@ late, pauses = (now - then for now, then in zip(counters(), before))
 assert late > 100 and pauses > late / 20, (late, pauses)
 """, "--rate", 768000, "--block", 16), end="", flush=True)
 
-    @unittest.skipIf(live.SANITIZED or support.RUN, "a sanitizer has its own allocator; an emulator is preloaded, too")
+    @unittest.skipIf(support.SANITIZER or support.RUN, "sanitizers have their own allocator; an emulator is preloaded")
     def test_they_bear_a_lack_of_memory(self):
-        self.set_environment(LD_PRELOAD=str(live.PLUGINS / "probe.so"))
+        self.set_environment(LD_PRELOAD=str(live.PROBE))
         sound.write_tone("in.wav", 440, 0.5, 5)
         failed = r"ERROR thread.h:\d+: sonetrix-{}: std::bad_alloc\n"
-        for thread, said, status in (
-                *((thread, failed, 0) for thread in ("notify", "meters", "graph", "stop")), ("timer", "", 0),
-                ("file", "ERROR .* is cut short: .*\n", 74)):
+        others = {"timer": "", "file": "ERROR .* is cut short: .*\n"}  # a timer needs none
+        for thread in "notify", "meters", "graph", "stop", *others:
             with self.subTest(thread):
                 self.run_live(CHAIN + f"thread = {thread!r}" + """
 seen, ticks = [], []
@@ -156,7 +140,7 @@ watch = notifyChanges(seen.append), notifyMeters(lambda levels: None, engine.MET
 starving = (ctypes.c_char * 16).in_dll(process, "starving")
 starving.value = b"sonetrix-" + thread.encode()
 process.sonetrix_engine_addTimer(handle, 1, process.abs, None)
-if thread == "timer":  # which asks for no memory
+if thread == "timer":
     time.sleep(0.1)
     starving.value = b""
 assert write("engine.record.file", "out.flac")
@@ -166,7 +150,7 @@ def stir():
 wait_for(stir)
 timer = engine.addTimer(1, lambda: ticks.append(1))
 wait_for(lambda: 0.98 < meter("system.playback_1.peak") <= 1 and seen and len(ticks) > 2)
-""", "--input", self.folder / "in.wav", status=status, log=re.compile(said.format(thread)))
+""", "--input", self.folder / "in.wav", status=74 * (thread == "file"), log=others.get(thread, failed.format(thread)))
 
     def test_two_removals_of_one_timer_both_wait_for_its_call(self):
         self.run_live("""
@@ -182,8 +166,6 @@ assert order == ["left", "removed", "removed"], order
     def test_a_forked_child_meets_no_lock_and_writes_nothing_of_the_parents(self):
         self.set_environment(**programs.OUTLIVED)
         _, heard = self.record(CHAIN + """
-import warnings
-warnings.simplefilter("ignore")  # of threads that the child does not have
 watch, timers = notifyChanges(lambda changes: None), [engine.addTimer(1, lambda: None) for _ in range(8)]
 ends = time.monotonic() + 2
 def busy():
@@ -194,17 +176,16 @@ def fork():
         if (child := os.fork()) == 0:
             signal.alarm(5 * SLOWNESS)
             log.debug("child"), write("gain.gain", 0.1), engine.delModule("gain"), timers.clear()
-            ctypes.CDLL(None).exit(6 if engine.isRunning() else 5)
+            process.exit(6 if engine.isRunning() else 5)
         assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 5
 in_threads(busy, busy, fork)
-""", "--log-level", "debug", log=re.compile(".*", re.S))
+""", "--log-level", "debug", log="(?s:.*)")
         self.assert_tone(heard.part(-1), 440, 0.25)
 
 
 class Events(live.LiveTest):
-    def test_notifications_meters_and_xruns(self):
+    def test_notifications_and_meters(self):
         self.run_live(CHAIN + """
-import subprocess
 changes, fast, slow = [], [], []
 watch = notifyChanges(lambda change: changes.append(change.copy()))
 emitted = notifyMeters(fast.append, engine.METER_FAST), notifyMeters(slow.append, engine.METER_SLOW)
@@ -220,30 +201,18 @@ for key, number in (b"mine.a", 7), (b"mine.a", 8), (b"mine", 1), (b"mined.b", 2)
     engine.addDebugMeter(key, number)
 engine.delDebugMeter(b"mine.c")
 assert engine.getLastMeter("mine", engine.METER_FAST).toDict() == {b"mine": 1, b"mine.a": 8}
-before = engine.getXrunCounter()
-subprocess.Popen(["sh", "-c", "sleep .3; kill -CONT $PPID"])
-os.kill(os.getpid(), signal.SIGSTOP)  # 60 blocks: a few xruns, not one for each
-time.sleep(.3)
-assert 1 <= engine.getXrunCounter() - before < 20 * SLOWNESS
-""", "--block", 240)
+""")
 
     def test_log(self):
         self.run_live("""
-log.logOnFile("no/log")
-log.logOnFile("log")
-for level in range(7):
-    log.log(level, f"level {level}")
-log.logTime(1), log.warn("stamped")
-log.logOnFile(""), log.logTime(0)
+log.logOnFile("no/log"), log.logOnFile("log")
+for level in 2, 3, 7:
+    log.log(level, "text")
+log.logTime(1), log.warn("stamped"), log.logTime(0), log.logOnFile("")
 log.logSysLog(), log.logJournal(), log.warn("to all"), log.logSysLog(0), log.logJournal(0)
 log.logOnFile("/dev/full"), log.warn("full"), log.warn("full")
-""", log=re.compile(r"WARN  log: log file: there is no folder no\n"
-                    r"WARN  python: level 3\nERROR python: level 4\nFATAL python: level 5\nFATAL python: level 6\n"
-                    r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} WARN  python: stamped\nWARN  python: to all\n"
-                    r"WARN  python: full\nWARN  log: log file: .*No space.*\nWARN  python: full\n"))
+""", log=(r"WARN  log: log file: there is no folder no\nWARN  python: text\nFATAL python: text\n"
+          r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} WARN  python: stamped\nWARN  python: to all\n"
+          r"WARN  python: full\nWARN  log: log file: .*No space.*\nWARN  python: full\n"))
         self.assertRegex((self.folder / "log").read_text(),
-                         r"^(\d{4}-\d\d-\d\d \S* (WARN |ERROR|FATAL) python: (level [3-6]|stamped)\n){5}$")
-
-
-if __name__ == "__main__":
-    unittest.main()
+                         r"^(\d{4}-\d\d-\d\d \S* (WARN |FATAL) python: (text|stamped)\n){3}$")
