@@ -53,17 +53,20 @@ class Console(pexpect.fdpexpect.fdspawn):
         self.transcript += text
         return text
 
-    def prompt(self):
-        self._prompted or self.expect_exact(PROMPT)
+    def send(self, text):
         self._prompted = False
+        return super().send(text)
+
+    def prompt(self):
+        """Waits for the prompt, unless it is there and nothing has been typed since."""
+        if not self._prompted:
+            self.expect_exact(PROMPT)
+        self._prompted = True
 
     def ask(self, line):
         """Waits for the prompt, types a line, and returns its output when the next prompt is there."""
+        self.enter(line, "\n")  # the echo
         self.prompt()
-        self.sendline(line)
-        self.expect_exact("\n")  # the echo
-        self.prompt()
-        self._prompted = True
         return self.before.strip()
 
     def enter(self, line, pattern):
@@ -82,8 +85,9 @@ class Console(pexpect.fdpexpect.fdspawn):
         raise AssertionError(f"Ctrl-C is not noticed:\n{self}")
 
     def end(self, line=None):
-        """Types a last line, if any, and returns the exit status; the terminal is as it was."""
+        """Types a last line at the prompt, if any, and returns the exit status; the terminal is as it was."""
         if line is not None:
+            self.prompt()
             self.sendline(line)
         self.expect(pexpect.EOF)
         status = self.process.wait(TIME_LIMIT)
