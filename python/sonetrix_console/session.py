@@ -28,13 +28,12 @@ class Session(contextlib.AbstractContextManager["Session"]):
         self._parameters: dict[str, _Values] = {}
         self._sources: dict[str, str] = {}  # of each linked sink
 
-    def module(self, name: str, plugin: str, parameters: _Values = {}, configuration: _Values = {}) -> None:
-        """A module with the values of its parameters; the configuration is for the moment when it is made."""
-        self._modules[name], self._parameters[name] = (plugin, configuration), parameters
-
-    def parameters(self, module: str, parameters: _Values) -> None:
-        """Values for a module that is there in any case, such as the driver's."""
-        self._parameters[module] = parameters
+    def module(self, name: str, plugin: str = "", parameters: _Values = {}, configuration: _Values = {}) -> None:
+        """A module with the values of its parameters; the configuration is for the moment when it is made. One without
+        a plugin is there in any case, as the driver's is."""
+        if plugin:
+            self._modules[name] = plugin, configuration
+        self._parameters[name] = parameters
 
     def link(self, source: str, sink: str) -> None:
         self._sources[sink] = source
@@ -91,13 +90,12 @@ def script() -> str:
     calls = []
     there = words.modules()
     for name, module in there.items():
-        if module["type"] == words.MADE:
-            if module["plugin"] is None:
-                raise Refused(f"the engine does not tell what {name!r} was made of")
-            values = {kind: module[kind] for kind in ("parameters", "configuration")}
-            calls.append(_call("module", name, module["plugin"], **values))
-        elif module["parameters"]:
-            calls.append(_call("parameters", name, parameters=module["parameters"]))
+        made = module["type"] == words.MADE
+        if made and module["plugin"] is None:
+            raise Refused(f"the engine does not tell what {name!r} was made of")
+        if made or module["parameters"]:
+            names = (name, module["plugin"]) if made else (name,)
+            calls.append(_call("module", *names, **{kind: module[kind] for kind in ("parameters", "configuration")}))
     calls += [_call("link", source, sink) for sink, source in words.links(there).items()]
     return (f'"""A graph, saved {time.strftime("%Y-%m-%d %H:%M:%S")}: load() changes a running one into it."""\n\n'
             "from sonetrix_console import Session\n\nwith Session() as session:\n"

@@ -1,5 +1,5 @@
 # ctest: timeout=400
-"""The console's package as a person sees it, on the development engine and on another one, and the way in for others."""
+"""The console's package as a person sees it, on the development engine and on another one, and the way in."""
 
 import contextlib
 import json
@@ -28,8 +28,9 @@ class TestWithScreens(unittest.TestCase):
         self.home = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
 
     def screen(self, *command, prompt="^engine>$", **options):
-        environment = {"HOME": self.home, "XDG_STATE_HOME": self.home / "state", "XDG_CONFIG_HOME": self.home / "config",
-                       "PYTHONPATH": f"{self.home}:{PACKAGES}", "PYTHON_COLORS": "0", **self.variables}
+        environment = {
+            "HOME": self.home, "XDG_STATE_HOME": self.home / "state", "XDG_CONFIG_HOME": self.home / "config",
+            "PYTHONPATH": f"{self.home}:{PACKAGES}", "PYTHON_COLORS": "0", **self.variables}
         screen = self.enterContext(Screen(*command[1:], program=command[0], cwd=self.home, environment=environment,
                                           **options))
         screen.wait_for(prompt)
@@ -91,7 +92,8 @@ class OnATerminal(TestWithScreens):
                 screen = self.screen(*command)
                 screen.type(f"\x1b[200~{BLOCK}1 / 0\n\x1b[201~", shows="^1 / 0$")
                 screen.type("\r")
-                screen.wait_for('^8\n42\nTraceback .*\n  File "<pasted 1>", line 8, in <module>\n(    .*\n)*Zero.*\nengine>$')
+                screen.wait_for('^8\n42\nTraceback .*\n  File "<pasted 1>", line 8, in <module>\n'
+                                '(    .*\n)*Zero.*\nengine>$')
                 screen.type("\x1b[A")  # one entry of the history
                 screen.wait_for(r"^engine> def twice\(x\):\n    y = 2 \* x\n\n    return y\n(.*\n)+1 / 0\Z")
                 screen.type("\x03", shows=r"^KeyboardInterrupt\nengine>\Z")
@@ -188,7 +190,8 @@ assert {"gain.gain": 0.5} in seen and any("system.playback_1.peak" in each for e
         result = run_script("""
 from sonetrix_console import *
 create("gain", "amp_mono"); ramp("gain.gain", 9.0, 60); ramp("gain.gain", 0.0, 0.5)
-put("engine.offline.run", 0.25); print(round(get("gain.gain"), 1)); put("engine.offline.run", 0.3); print(get("gain.gain"))
+put("engine.offline.run", 0.25); print(round(get("gain.gain"), 1))
+put("engine.offline.run", 0.3); print(get("gain.gain"))
 """, "--offline", "1")
         self.assertEqual((result.stdout, result.stderr), ("0.5\n0.0\n", ""))
 
