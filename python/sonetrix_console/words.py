@@ -1,5 +1,6 @@
 """Short words for the prompt and for scripts. They take and give `str`, and say why when something cannot be done."""
 
+import collections
 import contextlib
 import contextvars
 import ctypes
@@ -7,7 +8,6 @@ import difflib
 import os
 import pathlib
 import sys
-import types
 from collections.abc import Iterable, Iterator, Mapping, Sequence
 from typing import Any, TypeAlias
 
@@ -328,29 +328,31 @@ def info(name: str) -> None:
         print(" ", line)
 
 
-_arguments = contextvars.ContextVar[list[str] | None]("arguments", default=None)  # of the script that a thread runs
+_arguments = contextvars.ContextVar[list[str]]("arguments")  # of the script that a thread runs
 
 
-class _Sys(types.ModuleType):
-    """The module sys, for each thread with the `argv` of its own: scripts may run at the same time."""
+class _Arguments(collections.UserList[str]):
+    """In the place of sys.argv: each thread has that of its script, else the program's. Scripts run at the same time."""
+
+    def __init__(self, own: list[str]) -> None:
+        self._own = own
 
     @property
-    def argv(self) -> list[str]:
-        script: list[str] | None = _arguments.get()
-        return vars(self).get("argv", []) if script is None else script
+    def data(self) -> list[str]:  # type: ignore[override]
+        return _arguments.get(self._own)
 
-    @argv.setter
-    def argv(self, value: list[str]) -> None:
-        if _arguments.get() is None:
-            vars(self)["argv"] = value
-        else:
-            _arguments.set(value)
+    def __getitem__(self, index: Any) -> Any:
+        return self.data[index]
+
+    def __reduce__(self) -> Any:
+        return list, (self.data,)
 
 
 @contextlib.contextmanager
 def script_arguments(*given: str) -> Iterator[None]:
     """These are sys.argv for what this thread does meanwhile."""
-    setattr(sys, "__class__", _Sys)
+    if not isinstance(sys.argv, _Arguments):
+        setattr(sys, "argv", _Arguments(sys.argv))
     token = _arguments.set(list(given))
     try:
         yield

@@ -48,7 +48,7 @@ class OnATerminal(TestWithScreens):
                 screen = self.screen(*command)
                 screen.wait_for(r"^SoneTrix \d+\.\d+\.\d+, Python 3\.[\d.]+, (clock at 48000 Hz|no driver); help")
                 for typed, shown in (
-                        ("import mine; mine.value, started", r"^\('imported', 'start-up file'\)$"),
+                        ("import mine, os; mine.value, started, os.isatty(2)", r"^\('imported', 'start-up file', True\)$"),
                         ("listKeyValue().append('a', 1.5)", r"^listKeyValue\(\{b'a': 1\.5\}\)$"),
                         ("exit", r"^exit\(\) stops the engine"),
                         ("get('system.gin')", "^sonetrix_console.Unknown: there is no parameter 'system.gin'"),
