@@ -332,7 +332,7 @@ _arguments = contextvars.ContextVar[list[str]]("arguments")  # of the script tha
 
 
 class _Arguments(collections.UserList[str]):
-    """In the place of sys.argv: each thread has that of its script, else the program's. Scripts run at the same time."""
+    """In the place of sys.argv: for each thread that of the script which it runs, else the program's own."""
 
     def __init__(self, own: list[str]) -> None:
         self._own = own
