@@ -189,10 +189,11 @@ class ModulesTest(EngineTestCase):
         self.assertEqual(self.engine.getUsageInfo(), {})
 
     def test_an_error_leaves_one_module_out(self):
+        statuses = record.iteration("sonetrix_engine_ForEachModuleSafe", 1)
         record.null("sonetrix_valueListNew", 1)  # in the first module's record
         with record.unraisables() as reports:
             infos = self.engine.getModuleInfos()
-        self.assertEqual([module["name"] for module in infos], [b"tone", b"amp"])
+        self.assertEqual(([module["name"] for module in infos], statuses), ([b"tone", b"amp"], [0, 0, 0]))
         self.assertEqual([(name, type(error)) for name, error in reports],
                          [("sonetrix.engine.create_list_module_info", MemoryError)])
 

@@ -31,7 +31,6 @@ byte_strings = _or_subclass(strategies.binary(), bytes)
 scalars = integers | reals | texts | byte_strings | strategies.sampled_from(OTHERS)
 tuples = _or_subclass(strategies.one_of(*(strategies.lists(items, max_size=8).map(tuple) for items in (
     integers, reals, integers | reals, scalars, strategies.integers(0, 99), strategies.floats(width=32)))), tuple)
-values = scalars | tuples
 
 
 def settings(examples):

@@ -182,6 +182,23 @@ def fills(name, *values, status=0):
     act(name, action)
 
 
+def iteration(name, released, before=lambda: None):
+    """Lets a for-each call back without the interpreter lock for every so-manyth element; what the callbacks return."""
+    statuses = []
+    with_lock, without = (kind(ctypes.c_int32, ctypes.c_void_p, ctypes.c_void_p)
+                          for kind in (ctypes.PYFUNCTYPE, ctypes.CFUNCTYPE))
+
+    def iterate(target, callback, user):
+        def step(element, _):
+            before()
+            kind = without if released and len(statuses) % released == 0 else with_lock
+            statuses.append(kind(callback)(element, user))
+            return 0
+        return getattr(behind, name)(target, with_lock(step), None)
+    act(name, iterate)
+    return statuses
+
+
 def fire(kind, entries=None, threads=1, times=1, lock_held=False):
     """Calls the registered callbacks of a kind: on native threads, or (threads=0) on the calling thread with the
     interpreter lock held or not. Returns when they are through."""
