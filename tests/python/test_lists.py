@@ -114,6 +114,7 @@ class ListTest(record.TestCase):
                 (TypeError, wrong_type, keyed.__eq__, 5),
                 (TypeError, "unhashable type: 'sonetrix.listKeyValue'", hash, keyed),
                 (TypeError, "no default __reduce__ due to non-trivial __cinit__", pickle.dumps, keyed),
+                (TypeError, "cannot unpack non-iterable int object", keyed.appendFromDictType, {"a": 5}),
                 (ValueError, "not enough values to unpack (expected 2, got 1)", keyed.appendFromDictType, {"a": "b"})):
             self.assertRefused(kind, text, call, *arguments)
         self.assertEqual(keyed.toDict(), {})
