@@ -118,9 +118,8 @@ class Terminal:
 class Connection:
     """To an engine, which runs one text at a time for it."""
 
-    def __init__(self, path: str) -> None:
-        self._socket = socket.socket(socket.AF_UNIX)
-        self._socket.connect(path)
+    def __init__(self, connected: socket.socket) -> None:
+        self._socket = connected
         if os.getuid() and not is_trusted(self._socket):
             raise PermissionError(errno.EPERM, "it is another user's")
         self.terminal = Terminal()
@@ -318,7 +317,9 @@ def main() -> int:
         getattr(stream, "reconfigure")(errors="replace")
     given = parse()
     try:
-        return perform(Connection(given["socket"]), given)
+        with socket.socket(socket.AF_UNIX) as connected:
+            connected.connect(given["socket"])
+            return perform(Connection(connected), given)
     except ConnectionError:
         print("sonetrix-ctl: the engine has ended", file=sys.stderr)
         return UNAVAILABLE
