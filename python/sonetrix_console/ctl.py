@@ -245,10 +245,10 @@ def repl(connection: Connection) -> int:
             lines.clear()
 
 
-# Each command: what it does, its arguments, what it runs in the names of the package: shown there, or given as data.
+# Each command: what it does, its arguments, and what it runs, shown there or given as data, with the package's names.
 COMMANDS = {
     "repl": ("a console in the engine", "", "", ""),
-    "eval": ("runs Python text and shows the values of its expressions", "TEXT", "", "{TEXT}"),
+    "eval": ("runs Python text and shows the values of its expressions", "TEXT", "{TEXT}", "{TEXT}"),
     "run": ("runs a script, - from standard input; what comes behind it is its own", "FILE [ARGUMENT...]", "", ""),
     "get": ("the value of a parameter, or of all of a module: MODULE.", "KEY", "", "get({KEY!r})"),
     "set": ("writes parameters", "KEY=VALUE...", "", "[put(*pair) for pair in {KEY=VALUE!r}]"),
@@ -295,15 +295,14 @@ def perform(connection: Connection, given: dict[str, Any]) -> int:
     if command == "repl":
         return repl(connection)
     shown, data = (text.format(**given) for text in COMMANDS[command][2:])
+    space = "console" if command == "eval" else "words"
     if command in ("run", "load"):
         name = os.path.abspath(given["FILE"]) if given["FILE"] != "-" else "<stdin>"
         answer = connection.run(read_file(given["FILE"]), name=name, space="own", arguments=given.get("ARGUMENT", []))
-    elif command == "eval" and not given["json"]:
-        answer = connection.run(given["TEXT"])
     elif shown and not given["json"]:
-        answer = connection.run(shown, space="words")
+        answer = connection.run(shown, space=space)
     else:
-        answer = connection.run(data, data=True, space="console" if command == "eval" else "words")
+        answer = connection.run(data, space=space, data=True)
         if given["json"] and "value" in answer:
             print(json.dumps(answer["value"]))
         elif command in ("get", "ports", "save") and "value" in answer:

@@ -195,7 +195,7 @@ import sonetrix_console; sonetrix_console.serve("{folder}/socket")
 create("gain", "amp_mono"); ramp("gain.gain", 9.0, 60); ramp("gain.gain", 0.0, 0.5)
 put("engine.offline.run", 0.25); print(round(get("gain.gain"), 1))
 put("engine.offline.run", 0.3); print(get("gain.gain"))
-""", "--offline", "1")
+""", "--offline", "1", environment=OUTLIVED)
         self.assertEqual((result.stdout, result.stderr), ("0.5\n0.0\n", ""))
 
     def test_completion_among_ten_thousand_ports(self):
