@@ -3,8 +3,6 @@ that it bears many threads, little memory, processes that fork and processes tha
 """
 # ctest: timeout=240
 
-import cmath
-import math
 import re
 import unittest
 
@@ -12,18 +10,11 @@ import support
 from support import live, programs, sound
 from support.live import CHAIN
 
-# What is fed back around a circle comes a block of 256 frames later.
-BLOCK_AT_100_HZ = cmath.exp(-2j * math.pi * 100 * 256 / 48000)
 # Python that edits the graph, then what is heard: (frequency, amplitude) on the left and on the right.
 EDITS = [
     ("engine.link('system:playback_1'); engine.link('gain:output', 'system:playback_2')", None, (440, 0.25)),
     ("engine.delModule('gain'), new('gain', 'amp_mono', gain=2.0)", None, None),  # none of the old one's links
     ("engine.link('gain:output', 'system:playback_1'); engine.link('tone:output', 'gain:input')", (440, 1), None),
-    ("engine.link('tone:output'); engine.link('tone:output', 'system:playback_2')", None, (440, 0.5)),
-    ("new('low', 'sine_fcac', frequency=100.0, amplitude=0.25), new('mixer', 'mixer'), new('half', gain=0.5), "
-     "engine.link('system:playback_2'), engine.link('low:output', 'mixer:input_1'), "
-     "engine.link('mixer:output', 'half:input'), engine.link('mixer:output', 'system:playback_2'), "
-     "engine.link('half:output', 'mixer:input_2')", None, (100, 0.25 / abs(1 - 0.5 * BLOCK_AT_100_HZ))),
     ("[engine.delModule(name) for name in engine.getModuleNames()]", None, None),
 ]
 
@@ -187,14 +178,12 @@ class Events(live.LiveTest):
     def test_notifications_and_meters(self):
         self.run_live(CHAIN + """
 changes, fast, slow = [], [], []
-watch = notifyChanges(lambda change: changes.append(change.copy()))
+watch = notifyChanges(changes.append)
 emitted = notifyMeters(fast.append, engine.METER_FAST), notifyMeters(slow.append, engine.METER_SLOW)
 for index in range(2000):
-    write("gain.gain", 0.5 + index % 2)
-write("gain.gain", 0.5)
-wait_for(lambda: len(slow) >= 4 and changes[-1][b"gain.gain"] == 0.5)
-assert len(changes) < 1000 and {key for change in changes for key in change} == {b"gain.gain"}, changes
-assert len(fast) > len(slow)
+    write("gain.gain", 1 - index % 2 / 2)
+wait_for(lambda: len(slow) >= 4 and changes[-1] == {b"gain.gain": 0.5})
+assert len(changes) < 1000 and len(fast) > len(slow)
 for name, level in ("peak", 0.25), ("mean", 0.1768):
     wait_for(lambda: abs(meter("system.playback_1." + name) - level) < 0.01)
 for key, number in (b"mine.a", 7), (b"mine.a", 8), (b"mine", 1), (b"mined.b", 2), (b"mine.c", 3):

@@ -89,7 +89,7 @@ assert "/other_amp.so" in open("/proc/self/maps").read()
 class Files(live.LiveTest):
     def test_recording_and_playing_begin_and_end_at_will(self):
         sound.write_tone("mono.wav", 1000, 0.5, 0.1)
-        for name in "take.flac", "take.ogg", "take.wav":
+        for name, kind in ("take.flac", b"fLaC"), ("take.ogg", b"OggS"), ("take.wav", b"RIFF"):
             with self.subTest(name):
                 _, heard = self.record(TONE + f"name, partial = {name!r}, {name!r} + '.partial'" + """
 assert engine.link("tone:output", "system:playback_2") == 0
@@ -111,6 +111,7 @@ assert value("engine.play.file") == b"" and value("engine.play.missed") == value
 assert write("engine.play.file", "mono.wav")  # on the left; nothing of the file before is on the right
 run(0.1)
 """, "--offline", 3)
+                self.assertEqual((self.folder / name).read_bytes()[:4], kind)
                 self.assert_tone(heard.part(0.27, 0.75), 440, 0.5, channel=1)
                 self.assert_tone(heard.part(1.03, 1.12), 1000, 0.5)
                 for silence in heard.part(0.78, 1), heard.part(1.03, 1.12):

@@ -16,10 +16,6 @@ class Examples(live.LiveTest):
         printed = self.run_example(name, options=["--record", "out.wav", "--log-level", "error", *options])
         return printed, sound.read("out.wav")
 
-    def test_there_is_a_test_for_each(self):
-        tests = "".join(name for name in dir(self) if name.startswith("test_"))
-        self.assertEqual([path.name for path in EXAMPLES.glob("*.py") if path.stem not in tests], [])
-
     def test_chain(self):
         _, heard = self.record_example("chain.py", "--offline", 3)
         for second, levels in enumerate([(0.25, 0.25), (0.0625, 0.0625), (0, 0.5)]):

@@ -1,8 +1,5 @@
-/* LADSPA plugins that tell how a host treats them. "probe" ends a host that is ever in two of the library's functions
- * at once; it shows what its control was when it was activated, and plays its control's root. The other one has no
- * label.
- *
- * Preloaded, the library lets an allocation fail, of a thread whose name a test sets. */
+/* A LADSPA plugin that ends a host which is ever in two of these functions at once, shows what its control was when it
+ * was activated, and plays its control's root; and one without a label. Preloaded, an allocation that fails. */
 
 #define _GNU_SOURCE
 #include <ladspa.h>

@@ -11,10 +11,6 @@ class Sound(NamedTuple):
     rate: int
     channels: list  # of arrays of samples
 
-    @property
-    def seconds(self):
-        return len(self.channels[0]) / self.rate
-
     def part(self, start, end=None):
         """From second to second; the last seconds where `start` is negative."""
         frames = slice(round(start * self.rate), end and round(end * self.rate))
