@@ -162,8 +162,16 @@ class EngineTest(record.TestCase):
         record.result("sonetrix_engine_ModuleUsage", -1)
         self.assertEqual(self.engine.getUsageInfo(), {})
 
-    def test_an_error_leaves_one_module_out(self):
-        statuses = record.iteration("sonetrix_engine_ForEachModuleSafe", 1)
+    def test_errors_in_the_callbacks(self):
+        each = "sonetrix_engine_ForEachModuleSafe"
+        for container, text in ((), "Expected list, got tuple"), (None, "'NoneType' object has no attribute 'append'"):
+            record.iteration(each, container=container)
+            record.clear()
+            with record.unraisables() as reports:
+                self.assertEqual((self.engine.getModuleNames(), self.engine.getModuleInfos()), ([], []))
+            self.assertEqual([str(error) for _, error in reports], [text] * 3)
+            self.assertEqual([line.endswith(text + "\n") for _, line in record.log_lines()], [True] * 3)
+        statuses = record.iteration(each)
         record.null("sonetrix_valueListNew", 1)  # in the first module's record
         with record.unraisables() as reports:
             infos = self.engine.getModuleInfos()

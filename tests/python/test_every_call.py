@@ -98,7 +98,6 @@ class EveryCall(record.TestCase):
                         self.assertEqual(record.calls("sonetrix_engine_*", "sonetrix_log*"), [])
 
     def test_out_of_memory(self):
-        record.recording(False)
         faults = 0
         for name, call in self.every.items():
             # A module that cannot be described is left out, and with it the port that a link names.
@@ -147,7 +146,6 @@ class EveryCall(record.TestCase):
 
     def test_nothing_grows(self):
         """Memory of the interpreter's; the engine's lists are counted anyway."""
-        record.recording(False)
         del self.every["add_clear_callback"]
         for name, _, function in calls.functions(self.sonetrix):
             if not inspect.isfunction(function):  # as a stand-in is

@@ -129,7 +129,6 @@ class Anything(unittest.TestCase):
         gc.collect()
         before = remains()
         record.reset()
-        record.recording(False)
         sonetrix.log.setLevel(sonetrix.log.FATAL)  # the engine says what it thinks of such names
         record.result("sonetrix_engine_IsRunning", 0)
         for name in "ab":

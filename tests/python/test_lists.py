@@ -59,6 +59,8 @@ ODD = {"a": Value(99), "b": Value(8), "c": Value(3), "d": Value(5, count=3), "e"
 ODD_VALUES = [(), (), (1, 2), b"x"]
 ODD_TYPED = ([(), ((), "afloat"), ((1, "auint32"), (2, "auint32")), (b"x", "string")],
              [((), "auint32"), ((), "afloat"), ((1, 2), "auint32"), (b"x", "string")])
+NO_CONTAINER = [("sonetrix.listValue.create_list_value_type_nogil", "Expected list, got tuple"),
+                ("sonetrix.listKeyValue.create_list_keyvalue_type_nogil", "Expected dict, got tuple")]
 
 
 class ListTest(record.TestCase):
@@ -137,7 +139,7 @@ class ListTest(record.TestCase):
     @hypothesis.given(strategies.booleans(), STEPS)
     def compare(self, keyed, steps):
         """Two lists and the entries that they have to hold. They are compared as text: NaN and -0.0 count, too."""
-        record.recording(False)
+        record.clear()
         pairs = [(self.kinds[keyed](), []), (self.kinds[keyed](), [])]
         for method, index, other, key, value in steps:
             real, entries = pairs[index]
@@ -189,13 +191,17 @@ class ListTest(record.TestCase):
             self.assertIs(type(owner().dup()), base)
 
     def test_odd_records_are_left_out(self):
-        for kind, family, typed in zip(self.kinds, FAMILIES, ODD_TYPED):
+        for kind, family, typed, report in zip(self.kinds, FAMILIES, ODD_TYPED, NO_CONTAINER):
             record.gives(family + "DeepCopy", ODD)
             one = self.put(kind(), 0).dup()
             for released in 0, 1, 2:
                 statuses = record.iteration(family + "ForEach", released)
                 self.assertEqual((self.values(one), self.typed(one)), (ODD_VALUES, typed))
                 self.assertEqual(statuses, [*[-1] * 4, *[0] * 4] * 2)
+            record.iteration(family + "ForEach", container=())
+            with record.unraisables() as reports:
+                self.assertFalse(self.typed(one))
+            self.assertEqual([(name, str(error)) for name, error in reports], [report] * len(ODD))
 
     def test_a_list_is_emptied_while_it_is_read(self):
         for kind, family in zip(self.kinds, FAMILIES):

@@ -61,9 +61,7 @@ using namespace sonetrix::record;
 
 // An engine that is never started.
 void record_begin() {
-    using sonetrix::dev::Engine;
-    static const auto *const engine =
-        std::make_unique<Engine>(Engine::Options{.offlineSeconds = 1}, sonetrix_cListKeyValue()).release();
+    static auto &engine = *new sonetrix::dev::Engine({.offlineSeconds = 1}, {});
     static_cast<void>(engine);
 }
 

@@ -10,7 +10,6 @@ extern "C" {
 
 void record_begin();
 void record_reset();
-void record_noting(int32_t on);
 // The texts stay valid until the same thread asks again.
 const char *record_calls(int32_t clear);
 const char *record_violations();

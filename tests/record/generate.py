@@ -69,8 +69,7 @@ def wrapper(result, function, parameters):
     [[maybe_unused]] static auto *const next = found<decltype({function})>("{function}", RTLD_NEXT);
     const int64_t words[] = {{{"".join(f"word({name}), " for _, name in parameters)}0}};
     const int64_t given = recorded({{"{function}", Lock::{lock}, words,
-        [&] {{ return std::string(){note}; }}, [&] {{ return {read[0] if read else 0}; }},
-        [&] {{ {answer}; }}}});
+        std::string(){note}, [&] {{ return {read[0] if read else 0}; }}, [&] {{ {answer}; }}}});
     {" ".join(f"lists += {one};" for one in handed_over)}
     return as<{result}>(given);
 }}"""

@@ -37,7 +37,6 @@ namespace {
 
 struct State {
     std::mutex mutex;
-    std::atomic<bool> noting = true;
     std::map<std::string, Hook> hooks;
     std::string calls, violations;
 };
@@ -67,8 +66,6 @@ void noteCall(const std::string &name, Lock rule, const std::string &arguments) 
     const int held = lockHeld();
     if (rule != Lock::Either && held >= 0 && held != static_cast<int>(rule))
         violate(name + " is called with the interpreter lock " + (held ? "held" : "released"));
-    if (!state.noting)
-        return;
     const std::lock_guard lock(state.mutex);
     state.calls += "('" + name + "',(" + arguments + ")," + literal(held) + "),\n";
 }
@@ -88,7 +85,7 @@ bool ask(Hook hook, const int64_t *arguments, int64_t *result) {
 } // namespace
 
 int64_t recorded(const Call &call) {
-    noteCall(call.name, call.rule, state.noting ? call.note() : std::string());
+    noteCall(call.name, call.rule, call.note);
     std::unique_lock lock(state.mutex);
     const Hook hook = state.hooks[call.name];
     lock.unlock();
@@ -106,7 +103,6 @@ int64_t recorded(const Call &call) {
 
 using namespace sonetrix::record;
 
-void record_noting(int32_t on) { state.noting = on != 0; }
 const char *record_calls(int32_t clear) { return listed(state.calls, clear != 0); }
 const char *record_violations() { return listed(state.violations, true); }
 int64_t record_lists() { return lists; }
@@ -120,7 +116,6 @@ void record_reset() {
     const std::lock_guard lock(state.mutex);
     state.hooks.clear();
     state.calls.clear();
-    state.noting = true;
 }
 
 // Takes any number of arguments; the message is noted as the log would show it.

@@ -49,7 +49,7 @@ struct Call {
     const char *name;
     Lock rule;
     const int64_t *arguments;
-    std::function<std::string()> note;
+    std::string note;                // the arguments
     std::function<int64_t()> size;   // of the list that is read during the call
     std::function<int64_t()> answer; // unless a hook gives one
 };

@@ -182,8 +182,9 @@ def fills(name, *values, status=0):
     act(name, action)
 
 
-def iteration(name, released, before=lambda: None):
-    """Lets a for-each call back without the interpreter lock for every so-manyth element; what the callbacks return."""
+def iteration(name, released=0, before=lambda: None, container=...):
+    """Lets a for-each call back without the interpreter lock for every so-manyth element, with another container; what
+    the callbacks return."""
     statuses = []
     with_lock, without = (kind(ctypes.c_int32, ctypes.c_void_p, ctypes.c_void_p)
                           for kind in (ctypes.PYFUNCTYPE, ctypes.CFUNCTYPE))
@@ -192,7 +193,7 @@ def iteration(name, released, before=lambda: None):
         def step(element, _):
             before()
             kind = without if released and len(statuses) % released == 0 else with_lock
-            statuses.append(kind(callback)(element, user))
+            statuses.append(kind(callback)(element, user if container is ... else id(container)))
             return 0
         return getattr(behind, name)(target, with_lock(step), None)
     act(name, iterate)
@@ -217,7 +218,6 @@ def join(thread, lock_held=False):
 
 load = functools.partial(importlib.import_module, "sonetrix")  # with the layer in front of the engine
 clear = functools.partial(_library.record_calls, True)  # forgets the calls
-recording = _library.record_noting  # whether calls are noted; what is scripted and checked stays so
 # Makes the next registration call back so many times before it returns: on an engine thread, or (negative) on this one.
 calls_inside = _library.record_callInside
 registrations = _library.record_registrations  # how many there are of a kind
