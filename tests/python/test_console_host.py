@@ -59,6 +59,9 @@ class Record(unittest.TestCase):
                                   text_input="import ctypes; print(ctypes.CDLL(None).signal(2, None) != 0)")
                 told = f"python.start: {code}", f"python.start: {path}", f"python.sigint: {mode}"
                 self.assertEqual(report.log, [*((DEBUG, text) for text in told), NOT_INTERACTIVE, *warnings, CLEARING])
+                places = {args[1:4] for name, args, *_ in report.calls if name == "sonetrix_log"}
+                self.assertEqual(sorted((file, flag) for file, _, flag in places), [
+                    *[(b"cli_module.cpp", 1)] * 3, *[(b"interpreter_session.cpp", 1) for _ in warnings]])
                 self.assertEqual(report.stdout, f"{output}{mode != 0}\n")  # whether SIGINT has a handler
                 self.assertEqual((report.run, report.exitCode, report.sigintMode, report.parametersConsumed),
                                  (SUCCEEDED, -1, mode, True))
@@ -101,11 +104,12 @@ print(sys.executable)
         self.assertEqual(report.stdout, "4\n4\n")
         self.assertEqual(report.log[-2:], [NOT_INTERACTIVE, (WARN, "error importing sonetrix")])
 
-    def test_ctrl_c_while_it_is_constructed(self):
-        with host.Terminal(start("import time; time.sleep(1)")) as console:
-            for _ in range(500 * SLOWNESS):
-                console.process.send_signal(signal.SIGINT)
-                time.sleep(0.001)
+    def test_ctrl_c_held_down_all_the_time(self):
+        hold = 'for i in $(seq 9999); do kill -INT "$0" || break; sleep 0.001; done'
+        ignored = signal.signal(signal.SIGINT, signal.SIG_IGN)  # in the host, until it has its handler
+        self.addCleanup(signal.signal, signal.SIGINT, ignored)
+        with (host.Terminal() as console,
+              subprocess.Popen(["sh", "-c", hold, str(console.process.pid)], stderr=subprocess.DEVNULL)):
             time.sleep(0.5 * SLOWNESS)
             console.process.terminate()
             self.assertEqual(console.finish().run, ENDED)
@@ -119,6 +123,7 @@ class Script(unittest.TestCase):
             ("print(1)\n1/0\nprint(2)", ENDED, -1, "1\n", r'File "__engine__", line 2, in <module>\nZeroDivisionError'),
             ("input()", ENDED, -1, "", "EOFError"),
             ("import sys; sys.exit(3)\nprint(1)", ENDED, 3, "", "^$"),
+            ("raise SystemExit", SUCCEEDED, 0, "", "^$"),
             ("class Own(SystemExit): pass\nraise Own(-8)", ENDED, -8, "", "^$"),
             ("import sys; sys.excepthook = print; sys.exit(3)", ENDED, 3, "<class 'SystemExit'> 3", "^$"),
             ("exit(7)\nprint('on')", SUCCEEDED, 7, "on\n", "^$"),
@@ -158,61 +163,57 @@ python = signal.signal(signal.SIGINT, signal.SIG_DFL); exit(3); time.sleep(0.5);
         self.assertEqual(report.exitCode, 3)
 
 
+PLACES = [], ["other-thread"], ["block"], ["other-thread", "block"]
 # What is typed, and what is printed when it is under way.
-STATES = {
-    "prompt": ("1", "engine> "),
-    "continuation": ("if True:", r"\.\.\. "),
-    "sleep": ("import time; print('go' + 'ing'); time.sleep(1000)", "going"),
-    "lock": ("import threading; print('go' + 'ing'); threading.Event().wait()", "going"),
-    "compute": (f"exec(\"print('go' + 'ing')\\nwhile True: {BUSY}\")", "going"),
-    "input": ("input('go' + 'ing')", "going"),
-    "help": ("help()", "help> "),
-}
+STATES = (
+    ("1", "engine> "), ("if True:", r"\.\.\. "), ("input('go' + 'ing')", "going"),
+    ("import time; print('go' + 'ing'); time.sleep(1000)", "going"),
+    ("import threading; print('go' + 'ing'); threading.Event().wait()", "going"),
+    (f"exec(\"print('go' + 'ing')\\nwhile True: {BUSY}\")", "going"),
+)
 
 
 class Stop(unittest.TestCase):
     def stop(self, state, *operations, code=""):
         with (self.subTest(state, operations=operations, code=code),
               host.Terminal(*operations, start(CLEARED + code)) as console):
-            handles = NO_SIGINT not in operations
-            for interrupted in [True, False] if handles and state != "help" else [False]:
-                console.enter(*STATES[state])
-                if interrupted:  # which leaves the console as it was
-                    going = STATES[state][1] == "going"
-                    self.assertEqual("Traceback" in console.interrupt(), going, console.transcript)
+            console.enter(*state)
             console.process.terminate()
             report = console.finish()
-            interactive = "interactive console" + " (KeyboardInterrupt default python handler)" * handles
-            self.assertIn((INFO, interactive), report.log)
-            self.assertEqual((report.interactive, report.run, report.stopRequested), (1, ENDED, 1))
-            self.assertEqual(report.log[-3:], STOP_LINES)
-            self.assertNotIn("KeyboardInterrupt", console.before)  # it is the stop's own
+            self.assertEqual((report.run, report.stopRequested, report.log[-3:]), (ENDED, 1, STOP_LINES))
+            self.assertNotIn("KeyboardInterrupt", console.transcript)
             check_end(report, console.transcript)
 
     def test_in_every_state(self):
-        for state in STATES:
-            self.stop(state)
-        for state in "prompt", "continuation":
+        for place in PLACES:
+            for state in STATES:
+                self.stop(state, *place)
+            for state in STATES[:2]:
+                self.stop(state, *place, NO_SIGINT)
+        for state in STATES[:2]:
             self.stop(state, code="import readline")
+        self.stop(("help()", "help> "))
 
-    def test_elsewhere_than_on_a_main_thread_with_nothing_blocked(self):
-        for operations in ["other-thread"], ["block"], ["other-thread", "block"]:
-            for state in "prompt", "compute", "sleep":
-                self.stop(state, *operations)
-            self.stop("prompt", *operations, NO_SIGINT)
+    def test_ctrl_c_leaves_the_console_as_it_was(self):
+        for place in PLACES:
+            with self.subTest(place), host.Terminal(*place) as console:
+                for typed, shown in STATES:
+                    console.enter(typed, shown)
+                    self.assertEqual("Traceback" in console.interrupt(), shown == "going", console.transcript)
+                console.process.terminate()
+                self.assertEqual(console.finish().run, ENDED)
 
     def test_in_the_background(self):
-        with host.Terminal(*STOPPED_BEFORE, launch=["/bin/bash", "-mc", '"$@" & wait $!', "bash"]) as console:
+        with host.Terminal(*STOPPED_BEFORE, launch=["bash", "-mc", '"$@" & wait $!', "bash"]) as console:
             console.finish()
 
     def test_what_the_engine_keeps_from_being_interrupted(self):
-        self.stop("continuation", NO_SIGINT)
         with host.Terminal(NO_SIGINT) as console:
             console.enter("import time; print('go' + 'ing'); time.sleep(1); print('re' + 'sted'); input()", "going")
             console.process.terminate()
             console.expect("rested")
             console.sendline("")  # running code is not interrupted, nor what it reads
-            console.finish()
+            self.assertEqual(console.finish().log[1], (INFO, "interactive console"))
             self.assertNotIn("KeyboardInterrupt", console.transcript)
 
     def test_without_a_terminal(self):
@@ -236,7 +237,8 @@ class Stop(unittest.TestCase):
         with host.Terminal(*STOPPED_BEFORE) as console:
             console.sendline("print('in' + 'put')")
             report = console.finish()
-            self.assertEqual((report.log[-3:], report.run), (twice, ENDED))
+            interactive = INFO, "interactive console (KeyboardInterrupt default python handler)"
+            self.assertEqual((report.log, report.run, report.interactive), ([interactive, *twice], ENDED, 1))
             self.assertNotRegex(console.transcript, "(?m)^input")
 
     def test_at_random_moments(self):
@@ -248,12 +250,12 @@ class Stop(unittest.TestCase):
         def attempt(seed):
             pick = random.Random(seed)
             stop = stop_after(pick.expovariate(1 / 0.025) * SLOWNESS)
-            where = pick.choice([[], ["other-thread"], ["other-thread", "block"]])
+            place = pick.choice(PLACES)
             if seed % 4 == 0:
-                report = host.run(*where, start(CLEARED), text_input=stop + pick.choice(loops))
+                report = host.run(*place, start(CLEARED), text_input=stop + pick.choice(loops))
                 return report, report.stdout
             code = start(CLEARED + pick.choice(["", "import readline\n"]) + stop)
-            with host.Terminal(*where, code) as console:
+            with host.Terminal(*place, code) as console:
                 for _ in range(pick.randrange(8)):
                     console.sendline(pick.choice(lines))
                 return console.finish(), console.transcript
@@ -284,7 +286,7 @@ class End(unittest.TestCase):
 import threading
 threading.Thread(target=threading.Event().wait, name="st\u00e4y", daemon=False).start()
 """)
-            engine = pool.submit(host.run, stuck, environment=programs.OUTLIVED, preexec_fn=host.ignore_sigint,
+            engine = pool.submit(host.run, stuck, environment=programs.OUTLIVED, launch=["env", "--ignore-signal=INT"],
                                  text_input="add_clear_callback(lambda: print('buffered', end=''))")
         self.assertEqual([line for line in python.result().log if "python thread" in line[1]], [
             (WARN, "waiting for python thread 'st\u00e4y'"),

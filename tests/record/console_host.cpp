@@ -69,8 +69,6 @@ std::string signalsBefore;
 void addParameter(const std::string &setting) {
     const std::string key = setting.substr(0, setting.find(' '));
     const char *text = setting.c_str() + key.size() + 1;
-    if (!parameters)
-        parameters = sonetrix_keyValueListNew();
     if (key == "python.sigint")
         sonetrix_keyValueListAddSU32(parameters, key.c_str(), static_cast<uint32_t>(std::stoul(text)));
     else
@@ -80,8 +78,8 @@ void addParameter(const std::string &setting) {
 void construct() {
     signalsBefore = signalState();
     sonetrix_cliModule_t *made = constructor(parameters, nullptr);
-    if (parameters)
-        sonetrix_keyValueListDestroy(std::exchange(parameters, nullptr)); // what was read from it is the record's own
+    // What was read from it is the record's own.
+    sonetrix_keyValueListDestroy(std::exchange(parameters, sonetrix_keyValueListNew()));
     note("constructed", made != nullptr);
     const std::lock_guard lock(moduleMutex);
     module = made;
@@ -136,6 +134,7 @@ int main(int argc, char **argv) {
             stop();
     }).detach();
     record_begin();
+    parameters = sonetrix_keyValueListNew();
     record_hook("sonetrix_engine_RequestStop", [](auto *, auto *) { return kill(getpid(), SIGTERM) != 0; });
     void *library = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
     if (!library)

@@ -1,13 +1,11 @@
 """Programs on a pseudo-terminal, driven like a user at the keyboard."""
 
-import contextlib
 import os
 import pty
 import re
 import subprocess
 import sys
 import termios
-import time
 import types
 
 from . import ENGINE, SLOWNESS, TIME_LIMIT
@@ -35,13 +33,9 @@ class Console(pexpect.fdpexpect.fdspawn):
         # TERM=dumb keeps line editing from painting with control sequences.
         variables = {**os.environ, "TERM": "dumb", **(environment or {})}
         self.process = subprocess.Popen([str(program), *map(str, arguments)], env=variables,
-                                        preexec_fn=lambda: self._begin(its_end), **options)
+                                        preexec_fn=lambda: os.login_tty(its_end), **options)
         os.close(its_end)
         super().__init__(terminal, timeout=TIME_LIMIT, maxread=65536, encoding="utf-8", codec_errors="replace")
-
-    def _begin(self, terminal):
-        """In the process that becomes the program."""
-        os.login_tty(terminal)
 
     def __exit__(self, *_):
         self.process.kill()
@@ -137,8 +131,5 @@ class Screen(Console):
         """Types, key by key if so said, and waits for what that shows, or reads what there is."""
         for key in text if key_every else [text]:
             self.send(key)
-            until = time.monotonic() + key_every
-            with contextlib.suppress(pexpect.TIMEOUT):
-                while time.monotonic() <= until:
-                    self.read_nonblocking(65536, max(0, until - time.monotonic()))
+            self.expect_exact(pexpect.TIMEOUT, key_every)
         shows and self.wait_for(shows)
