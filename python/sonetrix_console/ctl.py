@@ -211,7 +211,7 @@ def read_file(path: str) -> str:
 
 
 def pair(text: str) -> list[str]:
-    """Of KEY=VALUE."""
+    """The two sides of KEY=VALUE; put() converts the second."""
     key, value = text.split("=", 1)
     return [key, value]
 

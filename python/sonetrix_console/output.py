@@ -54,7 +54,8 @@ def _line_editor() -> Callable[[bytes], None] | None:
 
 
 def _move_errors(place: int, new_place: int) -> None:
-    with contextlib.suppress(OSError):  # standard error may be closed
+    """Standard error, if it is the one file, is the other from now on."""
+    with contextlib.suppress(OSError):  # it may be closed
         if os.path.sameopenfile(2, place):
             os.dup2(new_place, 2)
 

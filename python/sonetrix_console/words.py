@@ -95,7 +95,8 @@ def get(key: str) -> Any:
     """
     found = _parameters(key)
     if key.endswith("."):
-        _check_known("module", key[:-1], names(engine.getModuleNames()) if not found else [key[:-1]])
+        if not found:
+            _check_known("module", key[:-1], names(engine.getModuleNames()))
         return found
     _check_known("parameter", key, found or parameter_names())
     return found[key]
