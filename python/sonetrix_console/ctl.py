@@ -30,10 +30,9 @@ usage; 66 a file cannot be read or written; 69 there is no engine, or it has end
 
 def default_socket() -> str:
     """Where an engine of this user listens that was not told where."""
-    for folder in (os.environ.get("XDG_RUNTIME_DIR", ""), f"/run/user/{os.getuid()}"):
-        if os.path.isdir(folder):
-            return os.path.join(folder, "sonetrix", "engine.sock")
-    return f"/tmp/sonetrix-{os.getuid()}/engine.sock"
+    runtime = os.environ.get("XDG_RUNTIME_DIR") or f"/run/user/{os.getuid()}"
+    folder = os.path.join(runtime, "sonetrix") if os.path.isdir(runtime) else f"/tmp/sonetrix-{os.getuid()}"
+    return os.path.join(folder, "engine.sock")
 
 
 def user_folder(variable: str, standard: str) -> str:
