@@ -23,7 +23,9 @@ def prepare(case):
     """Gives the engine something to tell of, for the test, and lets it seem to have ended."""
     engine = case.sonetrix.engine
     case.sonetrix.log.setLevel(5)  # the engine says what it thinks of such arguments
-    engine.newModule("a", "amp_mono", None), engine.newModule("b", "amp_mono", None), engine.link("a:output", "b:input")
+    for name in "ab":
+        engine.newModule(name, "amp_mono", None)
+    engine.link("a:output", "b:input")
     for owner, name, stand_in in (engine, "isRunning", bool), *((case.sonetrix, *item) for item in STAND_INS.items()):
         case.enterContext(mock.patch.object(owner, name, stand_in, create=True))
 
