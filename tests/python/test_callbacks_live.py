@@ -7,22 +7,20 @@ SONETRIX_CHURN_SECONDS and SONETRIX_END_RUNS set for how long, and how many prog
 
 import concurrent.futures
 import os
-import tempfile
 import unittest
 
-from support import console, programs
+from support import programs
 
 SECONDS = float(os.environ.get("SONETRIX_CHURN_SECONDS", 4))
 END_RUNS = int(os.environ.get("SONETRIX_END_RUNS", 36))
 
-# Ends as its first argument says, with registrations in globals, in cycles and in threads. What runs on when the
+# Ends in the way that it is told, with registrations in globals, in cycles and in threads. What runs on when the
 # globals are gone has what it needs as defaults.
 SCRIPT = """
-import functools, os, random, signal, sys, threading
+import functools, os, random, signal, threading
 from sonetrix import *
 
-way, seconds, pick = sys.argv[1], float(sys.argv[2]), random.Random(sys.argv[3])
-entries, called = listKeyValue().append("engine.log.level", 3), set()
+pick, entries, called = random.Random(seed), listKeyValue().append("engine.log.level", 3), set()
 kinds = [notifyChanges, notifyMeters, functools.partial(notifyMeters, meters_type=0),
          functools.partial(engine.addTimer, 1)]
 
@@ -61,15 +59,10 @@ WAYS = {"": 0, "exit(7)": 7, "raise SystemExit(7)": 7, "threading.Thread(target=
 
 
 class UnderFire(unittest.TestCase):
-    def setUp(self):
-        self.script = os.path.join(self.enterContext(tempfile.TemporaryDirectory()), "script.py")
-        with open(self.script, "w") as file:
-            file.write(SCRIPT)
-
     def assert_ends(self, seed, seconds=0):
         way, status = list(WAYS.items())[seed % len(WAYS)]
-        result = programs.run_engine(self.script, way, seconds, seed, environment=programs.OUTLIVED,
-                                     time_limit=programs.TIME_LIMIT + 2 * seconds)
+        result = programs.run_script(f"way, seconds, seed = {(way, seconds, seed)}\n{SCRIPT}",
+                                     environment=programs.OUTLIVED, time_limit=programs.TIME_LIMIT + 2 * seconds)
         self.assertEqual((result.returncode, result.stdout + result.stderr), (status, ""), (way, seed))
 
     def test_churn(self):
@@ -78,12 +71,3 @@ class UnderFire(unittest.TestCase):
     def test_programs_end(self):
         with concurrent.futures.ThreadPoolExecutor(2) as pool:
             list(pool.map(self.assert_ends, range(END_RUNS)))
-
-    def test_consoles_end(self):
-        for line, status in ("exit(7)", 7), ("\4", 0):
-            with self.subTest(line), console.Console("-i", self.script, "", 0, 3,
-                                                     environment=programs.OUTLIVED) as terminal:
-                terminal.prompt()
-                terminal.sendline(line)
-                self.assertEqual(terminal.end(), status)
-                self.assertNotRegex(terminal.transcript, "Error|Exception|WARN|Fatal")
