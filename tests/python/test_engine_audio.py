@@ -186,7 +186,8 @@ class Devices(live.LiveTest):
         server = self.enterContext(subprocess.Popen(
             ["jackd", "--no-realtime", "-S", "-n", os.environ["JACK_DEFAULT_SERVER"],
              *"-d dummy -r 48000 -p 256".split()], stdout=subprocess.DEVNULL, stderr=subprocess.STDOUT))
-        self.addCleanup(server.terminate)  # a server that is killed keeps one of JACK's eight places
+        # Also one that is stopped; a server that is killed keeps one of JACK's eight places.
+        self.addCleanup(lambda: (server.terminate(), server.send_signal(signal.SIGCONT)))
         subprocess.run(["jack_wait", "-w", "-t", "20"], capture_output=True, check=True)
         listed = programs.run_engine("--list-devices").stdout
         for device, last in ("JACK Audio Connection Kit: system", signal.SIGSTOP), ("ALSA: tofile", signal.SIGTERM):
