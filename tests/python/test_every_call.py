@@ -57,6 +57,19 @@ REFUSALS = [
     ("engine.addDebugMeter(5, [])", Exception, "key type not supported"),
     ("engine.addDebugMeter('k', 1, 'string')", Exception, "type not supported"),
     ("engine.addDebugMeter('k', '1', 'int')", Exception, "value type int incompatible with provided value 1"),
+    ("listValue().append(10**25, 'int32')", OverflowError, "value too large to convert to int32_t"),
+    ("listKeyValue().append('k', -1, 'uint32')", OverflowError, "can't convert negative value to uint32_t"),
+    ("listKeyValue().append('k', 2**32, 'uint32')", OverflowError, "value too large to convert to uint32_t"),
+    ("listValue().append(os.get_terminal_size())", TypeError, "Expected tuple, got os.terminal_size"),
+    ("listValue().append(1.5, 'int32')", Exception, "value type not supported"),
+    ("listKeyValue().append(5, None)", Exception, "key type not supported"),
+    ("listKeyValue().appendFromDictType({'a': (1, 'aint32')})", ValueError, "aint32 as to contain a tuple"),
+    ("listKeyValue().appendFromDictType({'a': 5})", TypeError, "cannot unpack non-iterable int object"),
+    ("listKeyValue().appendFromDictType({'a': 'b'})", ValueError, "not enough values to unpack (expected 2, got 1)"),
+    ("listKeyValue() == 5", TypeError,
+     "Argument 'other' has incorrect type (expected sonetrix.listKeyValue, got int)"),
+    ("hash(listValue())", TypeError, "unhashable type: 'sonetrix.listValue'"),
+    ("listValue().__reduce__()", TypeError, "no default __reduce__ due to non-trivial __cinit__"),
 ]
 # What parameters do not take: the value, the error, their names where it is not all of them.
 TAKE_ANYTHING = {"on", "hold", "exitcode"}
