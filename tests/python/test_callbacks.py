@@ -1,7 +1,6 @@
 """notifyChanges, notifyMeters and timeout with callbacks fired at will: registration, delivery, lock order, removal."""
 
 import contextlib
-import ctypes
 import gc
 import threading
 import time
@@ -62,8 +61,6 @@ class CallbackTest(record.TestCase):
 
     def test_removal_by_collection(self):
         """Before anything of the cycle is cleared; a subclass's finalizer takes the place of one of the class."""
-        ctypes.pythonapi.PyCapsule_New.restype = ctypes.py_object
-        clearing = ctypes.PYFUNCTYPE(None, ctypes.c_void_p)(lambda capsule: fire(TIMER))
         seen = []
 
         class Finalized(self.sonetrix.timeout):
@@ -73,10 +70,15 @@ class CallbackTest(record.TestCase):
             def __del__(self):
                 seen.append("finalized")
 
+        class Cleared:
+            __slots__ = ()  # else it would be of those that are finalized
+
+            def __del__(self):
+                fire(TIMER)
+
         def make():
             cycle = []  # it is cleared first, and from its end
-            cycle += (Finalized(1, lambda: seen.append("called") or cycle),
-                      ctypes.pythonapi.PyCapsule_New(1, None, clearing))
+            cycle += Finalized(1, lambda: seen.append("called") or cycle), Cleared()
         make()
         fire(TIMER)
         gc.collect()

@@ -2,7 +2,6 @@
 
 import contextlib
 import io
-import itertools
 import os
 import re
 import signal
@@ -20,13 +19,11 @@ class MonitorTest(record.TestCase):
     def shown(self, monitor, *arguments, columns=200, **results):
         """What the monitor prints while a function of the engine gives these results; it sleeps after each."""
         rounds = sum(map(len, results.values()))
-        size = os.terminal_size((columns, 50)) if columns is not None else OSError
-        with contextlib.ExitStack() as stack:
-            output = stack.enter_context(contextlib.redirect_stdout(io.StringIO()))
-            for name, values in {"isRunning": [1] * rounds + [0], **results}.items():
-                stack.enter_context(mock.patch.object(self.sonetrix.engine, name, side_effect=values))
-            stack.enter_context(mock.patch("os.get_terminal_size", side_effect=itertools.repeat(size)))
-            sleep = stack.enter_context(mock.patch("time.sleep"))
+        results["isRunning"] = [1] * rounds + [0]
+        stand_ins = {name: mock.Mock(side_effect=values) for name, values in results.items()}
+        with (mock.patch.multiple(self.sonetrix.engine, **stand_ins), mock.patch("time.sleep") as sleep,
+              mock.patch("os.get_terminal_size", return_value=os.terminal_size((columns, 50))),
+              contextlib.redirect_stdout(io.StringIO()) as output):
             self.assertIsNone(monitor(*arguments))
         self.assertEqual(sleep.mock_calls, [mock.call(0.1)] * rounds)
         return output.getvalue()
@@ -47,7 +44,6 @@ class MonitorTest(record.TestCase):
         for count, text in ((7, "too many values to unpack (expected 6)"), (5, "need more than 5 values to unpack"),
                             (1, "need more than 1 value to unpack")):
             self.assertRefused(ValueError, text, self.shown, cpu, cpuInfo=[range(count)])
-        self.assertRaises(OSError, self.shown, cpu, columns=None, cpuInfo=[FIGURES])
         self.assertRaises(KeyError, self.shown, usage, getUsageInfo=[{b"a": {}}])
         with mock.patch("builtins.print", side_effect=UnicodeEncodeError("ascii", "", 0, 0, "")):
             self.assertEqual(self.shown(cpu), "")
