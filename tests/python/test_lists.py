@@ -109,7 +109,9 @@ class ListTest(record.TestCase):
             with self.subTest(value=value, selector=selector), record.unraisables() as reports:
                 refused = "tuple value type not supported"
                 self.assertRefused(Exception, refused, self.put, self.kinds[kind](), value, selector)
-                self.assertEqual([(name, type(kind)) for name, kind in reports], [("sonetrix." + place, error)])
+                (name, raised), = reports
+                frame = raised.__traceback__.tb_frame.f_code.co_name
+                self.assertEqual((name, type(raised), frame), ("sonetrix." + place, error, "sonetrix." + place))
 
     def test_against_a_model(self):
         generated.run(self.compare)
