@@ -1,6 +1,4 @@
-"""The development engine, by scripts that run in it: what is heard after edits, timers, meters, the log, rendering, and
-that it bears many threads, little memory, processes that fork and processes that leave.
-"""
+"""Scripts in the development engine: edits that are heard, timers, meters, the log, rendering, threads and ends."""
 # ctest: timeout=240
 
 import re
