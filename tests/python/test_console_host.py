@@ -185,6 +185,8 @@ class Stop(unittest.TestCase):
         for state in STATES[:2]:
             self.stop(state, code="import readline")
         self.stop(("help()", "help> "))
+        # As if SIGINT had come a moment before the read.
+        self.stop(STATES[-1], code="import signal; signal.siginterrupt(signal.SIGINT, False)")
 
     def test_ctrl_c_leaves_the_console_as_it_was(self):
         for place in PLACES:
@@ -236,8 +238,7 @@ class Stop(unittest.TestCase):
     def test_at_random_moments(self):
         """Whatever the moment: the end comes, in time and whole, and every clear callback has run once."""
         loops = "import time\nwhile True: time.sleep(0.0003)", "while True: [str(i) for i in range(50)]"
-        # A request just before input() reads is noticed at the next key, as at any Python prompt: there is one.
-        lines = "1 + 1", "if True: pass\n", "", "input()\n", "def f(): pass\n", *(f"exec({loop!r})" for loop in loops)
+        lines = "1 + 1", "if True: pass\n", "", "input()", "def f(): pass\n", *(f"exec({loop!r})" for loop in loops)
 
         def attempt(seed):
             pick = random.Random(seed)

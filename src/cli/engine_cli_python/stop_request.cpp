@@ -23,7 +23,8 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr int wakeSignal = SIGURG;
-constexpr auto tick = 10ms;
+constexpr std::chrono::nanoseconds promptTick = 10ms;
+constexpr std::chrono::nanoseconds runTick = 500ms;
 
 std::mutex mutex;   // held for the time of a signal, never while anything waits for the console
 pthread_t thread{}; // the console thread
@@ -34,16 +35,25 @@ bool requested = false;
 bool sigintSent = false;
 std::optional<timer_t> timer;
 
-void startTimer(bool on) noexcept {
-    if (!timer) {
-        return;
+// Zero stops it.
+void startTimer(std::chrono::nanoseconds period) noexcept {
+    if (timer) {
+        const timespec ticks = {.tv_sec = 0, .tv_nsec = period.count()};
+        const itimerspec times = {.it_interval = ticks, .it_value = ticks};
+        timer_settime(*timer, 0, &times, nullptr);
     }
-    itimerspec period{};
-    if (on) {
-        period.it_interval.tv_nsec = std::chrono::nanoseconds(tick).count();
-        period.it_value = period.it_interval;
+}
+
+void interruptSystemCall(int) noexcept {}
+
+void replaceWakeAction(sighandler_t old, sighandler_t handler) noexcept {
+    struct sigaction action {};
+    sigaction(wakeSignal, nullptr, &action);
+    if (action.sa_handler == old) {
+        action = {}; // system calls are not begun again
+        action.sa_handler = handler;
+        sigaction(wakeSignal, &action, nullptr);
     }
-    timer_settime(*timer, 0, &period, nullptr);
 }
 
 PyObject *onWake(PyObject *, PyObject *) noexcept {
@@ -114,10 +124,11 @@ void sendStopRequest() noexcept {
     if (!sigintSent) {
         log(SONETRIX_LOG_DEBUG, "error in raise SIGINT");
     }
-    startTimer(reads);
+    startTimer(reads ? promptTick : runTick);
 }
 
 RunInProgress::RunInProgress(bool interactive) noexcept {
+    replaceWakeAction(SIG_DFL, interruptSystemCall);
     const std::lock_guard guard(mutex);
     runs = true;
     isInteractive = interactive;
@@ -130,8 +141,9 @@ RunInProgress::~RunInProgress() {
     {
         const std::lock_guard guard(mutex);
         runs = false;
-        startTimer(false); // a system call, after which every signal sent so far has been delivered
+        startTimer(0ns); // a system call, after which every signal sent so far has been delivered
     }
+    replaceWakeAction(interruptSystemCall, SIG_DFL);
     if (std::exchange(sigintSent, false)) {
         PyOS_InterruptOccurred(); // forgets it
     }
@@ -150,7 +162,7 @@ PromptRead::~PromptRead() {
     {
         const std::lock_guard guard(mutex);
         reads = false;
-        startTimer(false);
+        startTimer(0ns);
     }
     const RaisedException raised;
     if (previousHandler_ && previousHandler_.get() != Py_None) { // None: not Python's, so the action says it all

@@ -1,11 +1,13 @@
 // A stop request, and how it reaches the console thread.
 //
 // `stop` sets the record's flag and, while `run` is in progress, sends SIGINT to the console thread, once. What running
-// code makes of that is its own affair; nothing follows. Only the read at the console's own prompt needs more: a signal
-// that lands between the look at the flag and the blocking read is noticed when the read returns, which may be never.
-// So while that read is in progress a request also starts a timer, whose signal interrupts the thread's system calls
-// every ten milliseconds; its Python-level handler ends the read, whoever handles SIGINT. The signal is SIGURG, which
-// does nothing wherever nobody handles it, and is handled by us during that read only.
+// code makes of that is its own affair. But a signal that lands between a look at what has come and a blocking system
+// call is noticed when the call returns, which may be never. So until `run` ends a timer's signal interrupts the
+// thread's system calls twice a second, whereupon Python looks again; where nothing has come, it goes on waiting.
+//
+// The read at the console's own prompt ends whoever handles SIGINT: during it the timer's signal comes every ten
+// milliseconds, and has a Python-level handler that ends the read. The signal is SIGURG, which by its nature may come
+// without a cause. We handle it during `run` only, if nobody else does, and at the prompt in any case.
 //
 // A SIGINT that is still on its way when `run` ends is discarded there: it cannot strike the clean-up.
 #pragma once
