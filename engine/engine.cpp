@@ -167,8 +167,8 @@ void Engine::requestStop() noexcept {
 void Engine::carryOutStop() {
     stopRequested_.wait(false);
     running_ = false;
-    if (stopHook_)
-        stopHook_();
+    if (const auto hook = std::exchange(stopHook_, nullptr)) // once, also when this is begun again
+        hook();
     for (Thread *thread : eventThreads())
         thread->requestEnd();
     finishAudio();

@@ -87,7 +87,7 @@ int runEngine(ProgramOptions options) {
     // disposition only; unless the parameter says that SIGINT is the engine's.
     uint32_t sigintMode = 1;
     sonetrix_keyValueListGetIU(&engine.startParameters(), "python.sigint", &sigintMode);
-    const bool pythonInterrupts = options.scriptOnly() && sigintMode != 0;
+    const bool pythonInterrupts = (options.scriptOnly() || ::isatty(STDIN_FILENO) == 0) && sigintMode != 0;
     if (pythonInterrupts)
         std::signal(SIGINT, SIG_DFL);
     std::atomic<bool> starts{false};

@@ -108,19 +108,19 @@ for leave, number in (lambda: sys.exit(7), 0), (lambda: time.sleep(60), signal.S
                 self.assertEqual(console.end(), status, console.transcript)
                 self.assertEqual("Traceback" in console.transcript, traceback, console.transcript)
 
-    def test_a_signal_ends_the_engine_and_the_second_the_process(self):
-        source = ("print('begun', flush=True)\nwhile engine.isRunning(): time.sleep(.01)\n"
+    def test_a_signal_interrupts_a_script_and_the_second_ends_the_process(self):
+        source = ("print('begun', flush=True)\ntry:\n  while True: time.sleep(.01)\nexcept KeyboardInterrupt: pass\n"
                   "print('stopped', flush=True)\n")
         stubborn = "while True:\n  try: time.sleep(.01)\n  except KeyboardInterrupt: pass\n"
-        for number, status in (signal.SIGINT, 130), (signal.SIGTERM, 143), (signal.SIGHUP, 129):
-            for text, end in (source, 0), (source + stubborn, status):
-                self.script.write_text(text)
-                with (self.subTest(text, signal=number), Console("-c", 'exec "$0" <"$1"', ENGINE, self.script,
-                                                                 program="/bin/sh", environment=OUTLIVED) as console):
-                    for word in ["begun", "stopped"] if end else ["begun"]:
-                        console.expect(word)
-                        console.process.send_signal(number)
-                    self.assertEqual((console.end(), console.transcript), (end, "begun\nstopped\n"))
+        for text, number, end in ((source, signal.SIGINT, 0), (source, signal.SIGTERM, 0),
+                                  (source + stubborn, signal.SIGTERM, 143), (source + stubborn, signal.SIGHUP, 129)):
+            self.script.write_text(text)
+            with (self.subTest(text, signal=number), Console("-c", 'exec "$0" <"$1"', ENGINE, self.script,
+                                                             program="/bin/sh", environment=OUTLIVED) as console):
+                for word in ["begun", "stopped"] if end else ["begun"]:
+                    console.expect(word)
+                    console.process.send_signal(number)
+                self.assertEqual((console.end(), console.transcript), (end, "begun\nstopped\n"))
 
     def test_nobody_listening_and_no_room_do_not_kill(self):
         closed = os.pipe()
