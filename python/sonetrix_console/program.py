@@ -56,7 +56,9 @@ def run(steps: Sequence[tuple[str | bytes, bytes | None]], arguments: Sequence[b
     finally:
         while ends:
             try:
+                signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT})  # none comes amid the change
                 signal.signal(signal.SIGINT, signal.SIG_IGN)
+                signal.pthread_sigmask(signal.SIG_UNBLOCK, {signal.SIGINT})
                 break
             except KeyboardInterrupt:
                 pass
