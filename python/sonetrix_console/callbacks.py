@@ -56,7 +56,7 @@ class Callback:
         self.calls += 1
         begin = time.perf_counter()
         try:
-            self._function(*map(words.text, arguments))
+            self._function(*(words.text(values, "float") for values in arguments))
         except BaseException as error:
             self._show(error)
         taken = time.perf_counter() - begin

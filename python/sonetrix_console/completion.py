@@ -94,7 +94,7 @@ class _Names(rlcompleter.Completer):
     """Without a parenthesis behind a class: `engine` goes on with a full stop."""
 
     def _callable_postfix(self, value: object, word: str) -> str:
-        return word if isinstance(value, type) else f"{word}("
+        return f"{word}(" if callable(value) and not isinstance(value, type) else word
 
 
 _names = _Names(__main__.__dict__)

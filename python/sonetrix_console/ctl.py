@@ -8,6 +8,7 @@ the messages.
 import contextlib
 import errno
 import fcntl
+import io
 import json
 import os
 import re
@@ -73,7 +74,11 @@ def edit_lines(candidates: Callable[[str, str], list[str]], name: str) -> Callab
         os.close(os.open(file, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o600))
         readline.read_history_file(file)
     kept = readline.get_current_history_length()
-    readline.set_history_length(HISTORY_LENGTH)  # of the file
+    if kept > 2 * HISTORY_LENGTH:  # only now: appending with a limit would rewrite the file each time
+        readline.set_history_length(HISTORY_LENGTH)
+        with contextlib.suppress(OSError):
+            readline.write_history_file(file)
+        readline.set_history_length(-1)
 
     def keep() -> None:
         nonlocal kept
@@ -114,6 +119,10 @@ class Terminal:
             termios.tcsetattr(0, termios.TCSANOW, settings)
 
 
+class TextRefused(Exception):
+    """The engine has not taken a text."""
+
+
 class Connection:
     """To an engine, which runs one text at a time for it."""
 
@@ -125,6 +134,7 @@ class Connection:
         self._keys = contextlib.ExitStack()
         self._typed: Callable[[], str | None] | None = None  # while keys or a line are wanted
         self._received = b""
+        self._unfinished = 0  # texts whose end has not come, those that were left among them
 
     def send(self, **message: Any) -> None:
         self._socket.sendall(json.dumps(message).encode() + b"\n", socket.MSG_NOSIGNAL)
@@ -134,12 +144,20 @@ class Connection:
             watched: list[socket.socket | int] = [self._socket, *([0] if self._typed else [])]
             ready, _, _ = select.select(watched, [], [])
             if self._typed and 0 in ready:
-                self.send(do="input", text=self._typed() or "")
+                self._send_typed(self._typed() or "")
             if self._socket in ready:
                 self._received += self._socket.recv(65536) or self._end()
         line, _, self._received = self._received.partition(b"\n")
         message: dict[str, Any] = json.loads(line)
+        self._unfinished -= "done" in message
         return message
+
+    def _send_typed(self, typed: str) -> None:
+        self.send(do="input", text=typed)
+        handler = signal.default_int_handler
+        if typed == "\x03" and signal.signal(signal.SIGINT, handler) is handler:  # the second one, keys here
+            self.send(do="interrupt")
+            raise KeyboardInterrupt
 
     def run(self, text: str, **options: Any) -> dict[str, Any]:
         """The engine's last word on the text. Ctrl-C interrupts the text, a second one gives it up."""
@@ -148,11 +166,17 @@ class Connection:
         self._typed = None
         try:
             self.send(do="run", text=text, screen=self.terminal.screen(), **options)
+            self._unfinished += 1
             with self._keys:
-                while "done" not in (message := self.receive()):
+                while self._unfinished:
+                    message = self.receive()
                     self._obey(message)
             return message
+        except TextRefused:
+            self._unfinished -= 1
+            raise
         finally:
+            self._typed = None
             signal.signal(signal.SIGINT, signal.default_int_handler)
 
     def _interrupt(self, *_: object) -> None:
@@ -161,7 +185,9 @@ class Connection:
 
     def complete(self, line: str, word: str) -> list[str]:
         self.send(do="complete", text=line, word=word)
-        return list(self.receive().get("matches", []))
+        while not {"matches", "error"} & (message := self.receive()).keys():
+            self._show(message)  # of a text that was left
+        return list(message.get("matches", []))
 
     def watch(self) -> None:
         """From now on the engine's end is noticed at once, also while a line is being typed."""
@@ -170,6 +196,8 @@ class Connection:
         fcntl.fcntl(self._socket, fcntl.F_SETFL, fcntl.fcntl(self._socket, fcntl.F_GETFL) | os.O_ASYNC)
 
     def _look(self) -> None:
+        if self._socket.fileno() < 0:  # closed meanwhile
+            return
         with contextlib.suppress(BlockingIOError):  # nothing has come
             self._socket.recv(1, socket.MSG_PEEK | socket.MSG_DONTWAIT) or self._end()
 
@@ -177,10 +205,13 @@ class Connection:
         signal.signal(signal.SIGIO, signal.SIG_IGN)
         raise ConnectionError
 
-    def _obey(self, message: dict[str, Any]) -> None:
+    def _show(self, message: dict[str, Any]) -> None:
         for stream, key in ((sys.stdout, "out"), (sys.stderr, "err")):
             stream.write(message.get(key, ""))
             stream.flush()
+
+    def _obey(self, message: dict[str, Any]) -> None:
+        self._show(message)
         if "keys" in message:
             self._keys.close()
             self._typed = self._keys.enter_context(self.terminal.keys()) if message["keys"] else None
@@ -189,7 +220,7 @@ class Connection:
             if not sys.stdin.isatty():  # what is there already has perhaps been read
                 self.send(do="input", text=self._line())
         if "error" in message:
-            raise SystemExit(f"sonetrix-ctl: {message['error']}")
+            raise TextRefused(message["error"])
 
     def _line(self) -> str:
         self._typed = None
@@ -201,12 +232,19 @@ def show(value: Any, path: str) -> None:
     if isinstance(value, dict):
         value = [f"{key} {item}" for key, item in value.items()]
     with open(path or 1, "w", encoding="utf-8", errors="replace", closefd=bool(path)) as file:
-        print(*(value if isinstance(value, list) else [value]), sep="\n", file=file)
+        file.writelines(f"{line}\n" for line in (value if isinstance(value, list) else [value]))
 
 
-def read_file(path: str) -> str:
-    with open(0 if path == "-" else path, encoding="utf-8", errors="surrogateescape", closefd=path != "-") as file:
-        return file.read()
+def read_script(path: str) -> str:
+    """Its text, by the encoding that it names or by its byte order mark."""
+    from tokenize import detect_encoding  # only here: it takes its time
+
+    with open(0 if path == "-" else path, "rb", closefd=path != "-") as file:
+        script = file.read()
+    try:
+        return script.decode(detect_encoding(io.BytesIO(script).readline)[0])
+    except (SyntaxError, UnicodeError) as error:
+        raise OSError(errno.EILSEQ, str(error), path) from None
 
 
 def pair(text: str) -> list[str]:
@@ -239,8 +277,8 @@ def repl(connection: Connection) -> int:
             if isinstance(end, ConnectionError):
                 raise
             return 0
-        except KeyboardInterrupt:
-            print("\nKeyboardInterrupt")
+        except (KeyboardInterrupt, TextRefused) as error:
+            print("\nKeyboardInterrupt" if isinstance(error, KeyboardInterrupt) else error)
             lines.clear()
 
 
@@ -297,33 +335,52 @@ def perform(connection: Connection, given: dict[str, Any]) -> int:
     space = "console" if command == "eval" else "words"
     if command in ("run", "load"):
         name = os.path.abspath(given["FILE"]) if given["FILE"] != "-" else "<stdin>"
-        answer = connection.run(read_file(given["FILE"]), name=name, space="own", arguments=given.get("ARGUMENT", []))
+        answer = connection.run(read_script(given["FILE"]), name=name, space="own", arguments=given.get("ARGUMENT", []))
     elif shown and not given["json"]:
         answer = connection.run(shown, space=space)
     else:
         answer = connection.run(data, space=space, data=True)
         if given["json"] and "value" in answer:
-            print(json.dumps(answer["value"]))
+            show(json.dumps(answer["value"]), "")
         elif command in ("get", "ports", "save") and "value" in answer:
             show(answer["value"], given.get("FILE") or "")
     return int(answer["done"])
 
 
+def fail(what: str, error: OSError, status: int) -> int:
+    print(f"sonetrix-ctl: {what}: {error.strerror}", file=sys.stderr)
+    return status
+
+
+def work(connected: socket.socket, given: dict[str, Any]) -> int:
+    try:
+        connected.connect(given["socket"])
+        connection = Connection(connected)
+    except OSError as error:
+        return fail(given["socket"], error, UNAVAILABLE)
+    try:
+        return perform(connection, given)
+    except ConnectionError:
+        print("sonetrix-ctl: the engine has ended", file=sys.stderr)
+        return UNAVAILABLE
+    except TextRefused as refused:
+        print(f"sonetrix-ctl: {refused}", file=sys.stderr)
+        return 1
+    except OSError as error:
+        return fail(error.filename or "standard output", error, NO_FILE)
+
+
 def main() -> int:
     signal.signal(signal.SIGPIPE, signal.SIG_DFL)  # of `sonetrix-ctl ports | head`
+    for name, mode in (("stdin", "r"), ("stdout", "w"), ("stderr", "w")):
+        if getattr(sys, name) is None:  # closed: the socket must not come in its place
+            setattr(sys, name, open(os.devnull, mode))
     for stream in (sys.stdout, sys.stderr):
         getattr(stream, "reconfigure")(errors="replace")
     given = parse()
     try:
         with socket.socket(socket.AF_UNIX) as connected:
-            connected.connect(given["socket"])
-            return perform(Connection(connected), given)
-    except ConnectionError:
-        print("sonetrix-ctl: the engine has ended", file=sys.stderr)
-        return UNAVAILABLE
-    except OSError as error:
-        print(f"sonetrix-ctl: {error.filename or given['socket']}: {error.strerror}", file=sys.stderr)
-        return NO_FILE if error.filename else UNAVAILABLE
+            return work(connected, given)
     except KeyboardInterrupt:
         return INTERRUPTED
 

@@ -23,7 +23,7 @@ import sys
 import threading
 import time
 import traceback
-from collections.abc import Callable, Iterator
+from collections.abc import Callable, Iterator, Mapping
 from typing import Any
 
 from sonetrix import add_clear_callback
@@ -166,7 +166,10 @@ class Client(socketserver.StreamRequestHandler):
         self._input.put(str(message["text"]))
 
     def do_resize(self, message: dict[str, Any]) -> None:
-        self._screen = message.get("screen")
+        if (screen := message.get("screen")) is not None:
+            columns, lines, kind = screen
+            screen = max(1, int(columns)), max(1, int(lines)), str(kind)
+        self._screen = screen
 
     def do_interrupt(self, _message: dict[str, Any]) -> None:
         self.interrupt()
@@ -247,8 +250,7 @@ def _execute(name: str, space: str, text: str, arguments: tuple[str, ...] = (), 
     names = {"console": vars(sys.modules["__main__"]), "words": vars(sys.modules[__package__]),
              "own": {"__name__": "__main__", "__file__": name}}[space]
     if data:
-        value = words.text(eval(compile(text, name, "eval", dont_inherit=True), names))
-        return {"value": json.loads(json.dumps(value, default=repr))}
+        return {"value": _plain(eval(compile(text, name, "eval", dont_inherit=True), names))}
     if line and codeop.compile_command(text, name) is None:
         return {"more": True}
     if space == "own":
@@ -257,6 +259,16 @@ def _execute(name: str, space: str, text: str, arguments: tuple[str, ...] = (), 
     else:
         exec(compile_block(text, name), names)
     return {}
+
+
+def _plain(value: Any) -> Any:
+    """What JSON has for a value."""
+    if isinstance(value, Mapping):
+        return {str(words.text(key)): _plain(element) for key, element in value.items()}
+    if isinstance(value, (list, tuple, set, frozenset)):
+        return [_plain(element) for element in value]
+    value = words.text(value)
+    return value if value is None or isinstance(value, (str, int, float)) else repr(value)
 
 
 def _raise_in(thread: int, exception: type[BaseException] | None) -> None:
@@ -328,7 +340,9 @@ def listen(path: str | None) -> str:
     server = _Server(os.path.abspath(path))
     _route()
     before = signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT})  # Ctrl-C is the console's, not of these threads
-    threading.Thread(target=server.serve_forever, args=(86400,), name="sonetrix server", daemon=True).start()
-    signal.pthread_sigmask(signal.SIG_SETMASK, before)
+    try:
+        threading.Thread(target=server.serve_forever, args=(86400,), name="sonetrix server", daemon=True).start()
+    finally:
+        signal.pthread_sigmask(signal.SIG_SETMASK, before)
     add_clear_callback(server.close)
     return path

@@ -107,10 +107,17 @@ def save(path: str | os.PathLike[str]) -> None:
 
     >>> save('evening.py')
     """
-    file = pathlib.Path(path)
+    file, text = pathlib.Path(path), script()
+    if file.exists() and not file.is_file():  # a device or a pipe, in whose place no file shall come
+        file.write_text(text, encoding="utf-8")
+        return
+    file = file.resolve()
     partial_file = file.with_name(f".{file.name}.{os.getpid()}")
-    partial_file.write_text(script(), encoding="utf-8")
-    partial_file.replace(file)
+    try:
+        partial_file.write_text(text, encoding="utf-8")
+        partial_file.replace(file)
+    finally:
+        partial_file.unlink(missing_ok=True)
 
 
 def load(path: str | os.PathLike[str]) -> None:

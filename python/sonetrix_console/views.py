@@ -89,7 +89,8 @@ def levels(pattern: str = "") -> dict[str, Any]:
     {'system.playback_1': {'peak': 0.5, 'mean': 0.125}}
     """
     found: dict[str, Any] = {}
-    for name, value in text(engine.getLastMeter("", engine.METER_SLOW).toDict()).items():
+    for key, typed in engine.getLastMeter("", engine.METER_SLOW).toDictType().items():
+        name, value = text(key), text(*typed)
         port, _, kind = name.rpartition(".")
         if pattern in name and kind in ("peak", "mean"):
             found.setdefault(port, {})[kind] = value

@@ -44,17 +44,18 @@ _made_of: dict[str, str] = {}  # the plugins of modules, for engines that do not
 _spaces: dict[str, dict[str, Any]] = {}  # of files that were run: what they have made lives in there
 
 
-def text(value: Any) -> Any:
-    """A value of the engine, and all within it, with `str` for `bytes` and floats of 32 bits as short as can be."""
+def text(value: Any, kind: str = "") -> Any:
+    """A value of the engine, and all within it, with `str` for `bytes`, and floats of the kind "float", which has 32
+    bits, as short as can be."""
     if isinstance(value, bytes):
         return value.decode(errors="replace")
-    if isinstance(value, float):
+    if isinstance(value, float) and kind in ("float", "afloat"):
         shorter = (float(f"{value:.{digits}g}") for digits in range(1, 9))
         return next((short for short in shorter if ctypes.c_float(short).value == value), value)
     if isinstance(value, Mapping):
-        return {text(key): text(element) for key, element in value.items()}
+        return {text(key): text(element, kind) for key, element in value.items()}
     if isinstance(value, (list, tuple)):
-        elements = [text(element) for element in value]
+        elements = [text(element, kind) for element in value]
         return elements if isinstance(value, list) else tuple(elements)
     return value
 
@@ -65,7 +66,7 @@ def names(of: Iterable[bytes]) -> list[str]:
 
 
 def _parameters(key: str) -> dict[str, Any]:
-    return dict(text(engine.getParam(key).toDict()))
+    return {text(name): text(*typed) for name, typed in engine.getParam(key).toDictType().items()}
 
 
 def parameter_names() -> list[str]:
@@ -118,11 +119,18 @@ def _entry(key: str, value: Any, kind: str) -> listKeyValue:
     try:
         if kind in _SELECTORS:
             value = tuple(map(number, value))
-        elif kind != "string" and (isinstance(value, str) or number(value) == value):
-            value = number(value)
+        elif kind != "string":
+            value = _number(value) if isinstance(value, str) else value
+            value = number(value) if number(value) == value else value
         return listKeyValue().append(key, value, _SELECTORS.get(kind, kind))
     except Exception:  # append's own are not of a narrower kind
         raise Unfit(f"{key} takes a value of type {kind}, not {value!r}") from None
+
+
+def _number(written: str) -> int | float:
+    with contextlib.suppress(ValueError):
+        return int(written, 0)  # exact, and 0x10
+    return float(written)
 
 
 def _reason(key: str) -> str:
@@ -150,14 +158,14 @@ def describe(plugin: str) -> dict[str, dict[str, Any]]:
 def modules() -> dict[str, ModuleState]:
     """The modules of the graph, the driver's among them."""
     found: dict[str, ModuleState] = {}
-    for module in text(engine.getModuleInfos()):
+    for module in map(text, engine.getModuleInfos()):
         name = module["name"]
         parameters = {key.removeprefix(f"{name}."): value for key, value in _parameters(f"{name}.").items()}
         found[name] = {
             "type": module["type"],
             "plugin": parameters.pop("plugin", _made_of.get(name)),
             "library": module.get("library"),
-            "configuration": module.get("configuration", {}),
+            "configuration": text(module.get("configuration", {}), "float"),  # their types are not told
             "parameters": parameters,
             "sources": {port["name"]: [] for port in module.get("src", ())},
             "sinks": {port["name"]: port.get("link") for port in module.get("sink", ())},
@@ -335,15 +343,20 @@ _arguments = contextvars.ContextVar[list[str]]("arguments")  # of the script tha
 class _Arguments(collections.UserList[str]):
     """In the place of sys.argv: for each thread that of the script which it runs, else the program's own."""
 
+    __class__ = list  # type: ignore[assignment]  # is what a copy, a slice or a sum of it shall be
+
     def __init__(self, own: list[str]) -> None:
         self._own = own
 
-    @property
-    def data(self) -> list[str]:  # type: ignore[override]
+    @property  # type: ignore[override]
+    def data(self) -> list[str]:
         return _arguments.get(self._own)
 
-    def __getitem__(self, index: Any) -> Any:
-        return self.data[index]
+    @data.setter
+    def data(self, value: list[str]) -> None:  # by += and *=, which have changed it in place
+        self.data[:] = value
+
+    __copy__ = collections.UserList.copy
 
     def __reduce__(self) -> Any:
         return list, (self.data,)

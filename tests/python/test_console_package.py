@@ -79,7 +79,7 @@ class OnATerminal(TestWithScreens):
         screen.type("create('tone', 'sine_fcac'); create('gain', 'amp_mono'); create('gain2', 'amp_mono'); 'made'\r")
         screen.wait_for("^'made'\nengine>$")
         for typed, added in (
-                ("engine.isR", "unning("), ("import ctyp", "es"), ("from sonetrix_console import stat", "e"),
+                ("engine.isR", "unning("), ("engine.METER_F", "AST"), ("import ctyp", "es"), ("from sonetrix_console import stat", "e"),
                 ("link('x', 'gain:i", "nput'"), ("engine.newModule('tone', 'amp_m", "ono'"), ("'to", ""),
                 ("engine.getParam(['tone.f", "requency'"), ("listKeyValue().append('gain2.g", "ain'"),
                 ("open('fol", "der/file.txt'"), ("open('folder/f", "ile.txt'")):
@@ -162,6 +162,8 @@ connect("tone", "gain"); connect("gain", "system:playback_1"); saved = state()
 save("{folder}/s.py"); reset()
 assert list(state()["modules"]) == ["system"]
 load("{folder}/s.py"); assert state() == saved
+os.mkfifo("{folder}/fifo"); fifo = os.open("{folder}/fifo", os.O_RDWR); save("{folder}/fifo")
+assert b'A graph' in os.read(fifo, 99) and len(os.listdir("{folder}")) == 2
 calls = []
 for name in "newModule", "delModule", "link", "setParams":
     real = getattr(engine, name)
@@ -262,7 +264,8 @@ class Clients(TestWithScreens):
 
     def test_commands(self):
         script, saved = self.home / "script", self.home / "saved"
-        script.write_text("import sys; print(sys.argv[1:], input('? ')); sys.exit(7)")
+        script.write_text("# coding: latin-1\nimport copy, sys; sys.argv += ['ä']; sys.argv.copy().clear()\n"
+                          "print(sys.argv[1:], copy.copy([1] + sys.argv + [2])[3:], input('? ')); sys.exit(7)", "latin-1")
         for arguments, given, printed, status in (
                 (["eval", "create('a', 'amp_mono'); create('b', 'amp_mono')"], "", "", 0),
                 (["set", "a.gain=2", "b.gain=0.5"], "", "", 0), (["get", "a.gain"], "", "2.0\n", 0),
@@ -272,9 +275,11 @@ class Clients(TestWithScreens):
                 (["load", saved], "", "1 change\n", 0), (["ports"], "", "b:output\nb:input\n", 0),
                 (["meters"], "", "system.playback_1 ", 0), (["eval", "x = 6\n7 * x"], "", "42\n", 0),
                 (["repl"], "def f():\n    return x\n\nf()\nf(", "6\n", 0),
-                (["--json", "eval", "{b'a': (1, b'b', None)}"], "", '{"a": [1, "b", null]}\n', 0),
+                (["--json", "eval", "{b'a': (b'b', {2.0**31}), (1, 2): None}"], "",
+                 '{"a": ["b", [2147483648.0]], "(1, 2)": null}\n', 0),
+                (["set", "engine.log.level=0x3"], "", "", 0), (["get", "system."], "", "", 0),
                 (["eval", "1 / 0"], "", '  File "<ctl>", line 1, in <module>\nZeroDivisionError: division', 1),
-                (["run", script, "-a", "b"], "typed\n", "? ['-a', 'b'] typed\n", 7),
+                (["run", script, "-a", "b"], "typed\n", "['-a', 'b', 'ä'] ['b', 'ä', 2] typed\n", 7),
                 (["run", "-"], "print(__name__, 'x' in globals())", "__main__ False\n", 0),
                 (["run", "/nonexistent"], "", "/nonexistent", 66), (["link"], "", "required: FROM, TO", 64),
                 (["--socket", "/nonexistent", "ports"], "", "No such file", 69)):
@@ -328,7 +333,15 @@ class Clients(TestWithScreens):
         repl = self.ctl_screen("repl")
         repl.type("\x1b[200~def twice(x):\n\n    return 2 * x\n\ntwice(4)\n\x1b[201~\r", shows="^8$")
         repl.type("twice(5)\r", shows=r"^10\nengine>\Z")
+        repl.type("import sys; print('?'); sys.stdin.readline()\r", shows=r"^\?\Z")
+        repl.type("\x03", shows=r"^KeyboardInterrupt\nengine>\Z")
         repl.type("engine.isRun\t)\r", shows="^True$")
+        repl.type("import threading; held = threading.Lock()\rheld.acquire(); print('begun'); held.acquire()\r")
+        repl.wait_for("^begun$")
+        repl.type("\x03\x03", key_every=0.5, shows=r"\^C\^C\nKeyboardInterrupt\nengine>\Z")
+        repl.type("6 * 7\r", shows="^RuntimeError: another text")
+        self.ctl("eval", "held.release()")
+        repl.type("6 * 7\r", shows=r"^42\nengine>\Z")
         self.assertEqual(self.ctl("eval", "exit(5)"), ("", 0))
         repl.wait_for("^sonetrix-ctl: the engine has ended$")
         self.assertEqual(repl.end(), 69)
@@ -361,6 +374,12 @@ class Clients(TestWithScreens):
         client = self.ctl_screen("top", prompt="load")
         watch(client)
         self.assertEqual(client.end(), 0)
+        client = self.ctl_screen("top", prompt="load")
+        self.console.process.send_signal(signal.SIGSTOP)  # Ctrl-C is a key there that nobody reads
+        client.type("\x03\x03")
+        status = client.end()
+        self.console.process.send_signal(signal.SIGCONT)
+        self.assertEqual(status, 130)
         client = self.ctl_screen("top", prompt="^xruns(.|\n)*^xruns", terminal="dumb")
         client.type("\x03")
         self.assertEqual(client.end(), 0)
