@@ -131,5 +131,5 @@ class Screen(Console):
         """Types, key by key if so said, and waits for what that shows, or reads what there is."""
         for key in text if key_every else [text]:
             self.send(key)
-            self.expect_exact(pexpect.TIMEOUT, key_every)
+            self.expect_exact([pexpect.TIMEOUT, pexpect.EOF], key_every)
         shows and self.wait_for(shows)
