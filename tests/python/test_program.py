@@ -125,7 +125,8 @@ for leave, number in (lambda: sys.exit(7), 0), (lambda: time.sleep(60), signal.S
     def test_nobody_listening_and_no_room_do_not_kill(self):
         closed = os.pipe()
         os.close(closed[0])
-        command = ["sh", "-c", 'ulimit -f 100; exec "$0" --log-level trace --record cut.wav -c "time.sleep(1)"', ENGINE]
+        command = ["sh", "-c", 'ulimit -f 1000; exec "$0" --log-level trace --offline 9 --record cut.wav "$@"', ENGINE,
+                   "-c", "engine.waitUntilEnd()"]
         with open(closed[1], "wb") as errors:
             result = subprocess.run(command, stderr=errors, cwd=self.folder, timeout=TIME_LIMIT)
         self.assertEqual(result.returncode, 74)
