@@ -348,14 +348,13 @@ class _Arguments(collections.UserList[str]):
     def __init__(self, own: list[str]) -> None:
         self._own = own
 
-    @property  # type: ignore[override]
-    def data(self) -> list[str]:
+    def _read(self) -> list[str]:
         return _arguments.get(self._own)
 
-    @data.setter
-    def data(self, value: list[str]) -> None:  # by += and *=, which have changed it in place
-        self.data[:] = value
+    def _write(self, value: list[str]) -> None:  # by += and *=, which have changed it in place
+        self._read()[:] = value
 
+    data: Any = property(_read, _write)
     __copy__ = collections.UserList.copy
 
     def __reduce__(self) -> Any:
