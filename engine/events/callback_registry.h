@@ -16,7 +16,8 @@ public:
     /// The handle of a new registration, never null and no other's of its kind.
     void *add(Callback callback, void *user) {
         const std::lock_guard lock(mutex_);
-        calls_.reserve(1);                                             // call() asks for no memory
+        // call() asks for no memory then.
+        calls_.reserve(1);
         void *const handle = reinterpret_cast<void *>(++newestHandle); // NOLINT(performance-no-int-to-ptr)
         registrations_.emplace(handle, std::pair(callback, user));
         return handle;

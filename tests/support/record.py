@@ -206,9 +206,9 @@ def fire(kind, entries=None, threads=1, times=1, lock_held=False):
     (_holding_lock if lock_held else _library).record_fire(kind, List.of(entries), threads, times)
 
 
-def fire_on(thread, kind, entries=None, times=1):
-    """The same on an engine thread of this number, which stays until it is joined."""
-    _library.record_fireOn(thread, kind, List.of(entries), times, 60_000)
+def fire_on(thread, kind):
+    """Calls them once on an engine thread of this number, which stays until it is joined."""
+    _library.record_fireOn(thread, kind, None, 1, 60_000)
 
 
 def join(thread, lock_held=False):
